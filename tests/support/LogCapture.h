@@ -1,0 +1,91 @@
+#pragma once
+
+#include <VXUtils.h>
+#include <android/log.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <vector>
+
+// LogCapture: keeps what is logged instead of printing it, and sets the library's log mask, both
+// for as long as it lives. One at a time; make it before the threads that log, since the logger
+// hook of a device is not synchronised.  Queries: [any thread]
+class LogCapture {
+public:
+    struct Message {
+        int priority;
+        std::string tag;
+        std::string text;
+    };
+
+    explicit LogCapture(uint32_t mask = 0x1f) : mOldMask(vexa::gVXLogLevel.exchange(mask)) {
+        clear();
+        __android_log_set_logger(&LogCapture::keep);
+    }
+    ~LogCapture() {
+        __android_log_set_logger(__android_log_stderr_logger);
+        vexa::gVXLogLevel = mOldMask;
+    }
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<Message> messages() const {
+        std::lock_guard<std::mutex> lock(sKept.lock);
+        return sKept.messages;
+    }
+
+    // How many messages contain `part`.
+    int count(const std::string& part) const {
+        std::lock_guard<std::mutex> lock(sKept.lock);
+        return countLocked(part);
+    }
+
+    // How many messages have exactly this priority, tag and text.
+    int count(int priority, const std::string& tag, const std::string& text) const {
+        std::lock_guard<std::mutex> lock(sKept.lock);
+        const auto same = [&](const Message& m) {
+            return m.priority == priority && m.tag == tag && m.text == text;
+        };
+        return static_cast<int>(std::count_if(sKept.messages.begin(), sKept.messages.end(), same));
+    }
+
+    // True once at least `times` messages contain `part`; false after `limit`.
+    bool waitFor(const std::string& part, int times = 1,
+                 std::chrono::seconds limit = std::chrono::seconds(30)) const {
+        std::unique_lock<std::mutex> lock(sKept.lock);
+        return sKept.changed.wait_for(lock, limit, [&] { return countLocked(part) >= times; });
+    }
+
+    void clear() {
+        std::lock_guard<std::mutex> lock(sKept.lock);
+        sKept.messages.clear();
+    }
+
+private:
+    // Static: a thread may still be inside keep() when the capture ends.
+    struct Kept {
+        std::mutex lock;
+        std::condition_variable changed;
+        std::vector<Message> messages;
+    };
+    inline static Kept sKept;
+
+    static void keep(const __android_log_message* message) {
+        std::lock_guard<std::mutex> lock(sKept.lock);
+        sKept.messages.push_back({message->priority, message->tag, message->message});
+        sKept.changed.notify_all();
+    }
+
+    static int countLocked(const std::string& part) {
+        const auto contains = [&](const Message& m) {
+            return m.text.find(part) != std::string::npos;
+        };
+        return static_cast<int>(
+            std::count_if(sKept.messages.begin(), sKept.messages.end(), contains));
+    }
+
+    const uint32_t mOldMask;
+};
