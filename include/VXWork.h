@@ -1,0 +1,207 @@
+// VXWork: the unit of work that travels through a graph, and the information attached to it.
+//
+// A node makes a VXWork, which it owns alone and may write. The node's regulator turns it into a
+// VXSharedWork, which nobody writes any more, which every consumer shares, and whose release tells the
+// producer when the last consumer has let it go.
+#pragma once
+
+#include <VXUtils.h>
+
+#include <any>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <typeinfo>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace vexa {
+
+// Copies `count` bytes from `src` to `dst`, which has room for `dstSize`. Returns `count`, or 0 when
+// a pointer is null or the room too small (nothing is copied then, not even a part). A `count` of 0
+// returns 0 as well.  [any thread]
+VX_EXPORT size_t memcpy_s(void* dst, size_t dstSize, const void* src, size_t count);
+
+// VXAuxInfo: typed values by name, read-only. A name holds one value of one type, which is read back
+// with exactly the type that it was stored with.
+//
+// Life     copied whole when a work is shared, so values are cheap and self-contained.
+// Threads  any number of readers at once, or one writer.
+// Owns     its values.
+class VX_EXPORT VXAuxInfo {
+public:
+    VXAuxInfo() = default;
+    VXAuxInfo(const VXAuxInfo&) = default;
+    VXAuxInfo& operator=(const VXAuxInfo&) = default;
+    virtual ~VXAuxInfo();
+
+    // Copies the value of `key` to `*val`.
+    //   VX_OK         written
+    //   VX_BAD_VALUE  `val` is null
+    //   VX_NOT_FOUND  no such key; not logged, so optional keys can be probed for
+    //   VX_ERROR      the value has another type; `*val` is untouched
+    template <typename T>
+    VXError get(const std::string& key, T* val) const {
+        VX_FAIL_IF(val == nullptr, VX_BAD_VALUE);
+        const auto entry = mEntries.find(key);
+        if (entry == mEntries.end()) return VX_NOT_FOUND;
+        const T* stored = valueOf<T>(*entry);
+        if (stored == nullptr) return VX_ERROR;
+        *val = *stored;
+        return VX_OK;
+    }
+
+protected:
+    static constexpr char kLogTag[] = "Vexa:VXNode";
+
+    // The value of `entry`; null, with a message, when it has another type.
+    template <typename T>
+    static const T* valueOf(const std::pair<const std::string, std::any>& entry) {
+        const T* value = std::any_cast<T>(&entry.second);
+        if (value == nullptr) {
+            VX_LOGE("VXAuxInfo::get : %s stored with different type !", entry.first.c_str());
+        }
+        return value;
+    }
+
+    std::unordered_map<std::string, std::any> mEntries;
+};
+
+// VXEditableAuxInfo: aux info that its one owner may write.
+class VX_EXPORT VXEditableAuxInfo : public VXAuxInfo {
+public:
+    VXEditableAuxInfo() = default;
+    VXEditableAuxInfo(const VXEditableAuxInfo&) = default;
+    VXEditableAuxInfo& operator=(const VXEditableAuxInfo&) = default;
+    ~VXEditableAuxInfo() override;
+
+    // Stores `value` under `key`, replacing a value of the same type.
+    //   VX_OK     stored
+    //   VX_ERROR  the key holds a value of another type, which stays
+    template <typename T>
+    VXError put(const std::string& key, T value) {
+        const auto entry = mEntries.find(key);
+        if (entry == mEntries.end()) {
+            mEntries.emplace(key, std::move(value));
+            return VX_OK;
+        }
+        if (valueOf<T>(*entry) == nullptr) {
+            VX_LOGE("VXAuxInfo: cannot overwrite '%s' stored with a different type!", key.c_str());
+            return VX_ERROR;
+        }
+        entry->second = std::move(value);
+        return VX_OK;
+    }
+};
+
+// VXInfo: base of the information objects that applications attach to a frame. The library only
+// holds, shares and releases them.
+class VX_EXPORT VXInfo {
+public:
+    VXInfo() = default;
+    VXInfo(const VXInfo&) = default;
+    VXInfo& operator=(const VXInfo&) = default;
+    virtual ~VXInfo();
+};
+
+// VXFrameInfo: the frame that a work belongs to. A plain value, copied member by member.
+struct VX_EXPORT VXFrameInfo {
+    // The last frame of the stream. Input counting stops at it, and a short batch may be processed.
+    static constexpr uint32_t FLAG_END_OF_STREAM = 0x10;
+
+    uint64_t index = 0;      // position in the producer's output; written by its regulator
+    uint32_t flags = 0;      // FLAG_*; other bits are carried unchanged
+    uint64_t timestamp = 0;  // carried unchanged; its unit is the application's
+    std::vector<std::pair<std::string, std::string>> mConfigs;  // carried unchanged
+    std::vector<std::shared_ptr<VXInfo>> mInfos;                // shared, not copied
+};
+
+// VXSharedWork: a finished work as its consumers see it: read-only, shared by all of them.
+//
+// Life     from VXWork::share() to the last release, which runs the release hook; the hook, not the
+//          shared pointer, deletes the work.
+// Threads  any number of readers at once; nothing is written after share().
+// Owns     copies of aux and frame info, and a share of the payload.
+class VX_EXPORT VXSharedWork : public VXAuxInfo {
+public:
+    VXSharedWork(const VXAuxInfo& auxInfo, const VXFrameInfo& frameInfo)
+        : VXAuxInfo(auxInfo), mFrameInfo(frameInfo) {}
+    ~VXSharedWork() override;
+
+    const VXFrameInfo& frameInfo() const { return mFrameInfo; }
+
+    // The payload; empty when there is none or it was set with another type.
+    template <typename T>
+    std::shared_ptr<T> payload() const {
+        return mPayload.get<T>();
+    }
+
+private:
+    friend class VXWork;
+
+    // The payload with the type that it was set with. Both works hold one; sharing moves it.
+    class Payload {
+    public:
+        template <typename T>
+        void set(std::shared_ptr<T> object) {
+            mObject = std::move(object);
+            mType = &typeid(T);
+        }
+        template <typename T>
+        std::shared_ptr<T> get() const {
+            if (mObject == nullptr || *mType != typeid(T)) return nullptr;
+            return std::static_pointer_cast<T>(mObject);
+        }
+
+    private:
+        std::shared_ptr<void> mObject;
+        const std::type_info* mType = nullptr;
+    };
+
+    VXFrameInfo mFrameInfo;
+    Payload mPayload;
+};
+
+// VXWork: a work in the making, owned by one holder, who may write it.
+class VX_EXPORT VXWork : public VXEditableAuxInfo {
+public:
+    VXWork() = default;
+    ~VXWork() override;
+    VXWork(const VXWork&) = delete;
+    VXWork& operator=(const VXWork&) = delete;
+
+    VXFrameInfo& frameInfo() { return mFrameInfo; }
+    const VXFrameInfo& frameInfo() const { return mFrameInfo; }
+
+    // Takes a share of `payload`. It is moved on by share(), never copied.
+    template <typename T>
+    void setPayload(std::shared_ptr<T> payload) {
+        mPayload.set(std::move(payload));
+    }
+
+    // The payload; empty when there is none or it was set with another type.
+    template <typename T>
+    std::shared_ptr<T> payload() const {
+        return mPayload.get<T>();
+    }
+
+    // Makes the shared work: copies aux and frame info, moves the payload. `tracker` is kept until
+    // the last reference goes, on whatever thread that is; its onRelease(VXSharedWork*) is called
+    // once then and has to delete the work.
+    template <typename Tracker>
+    std::shared_ptr<VXSharedWork> share(Tracker tracker) {
+        std::shared_ptr<VXSharedWork> shared(
+            new VXSharedWork(*this, mFrameInfo),
+            [tracker](VXSharedWork* work) mutable { tracker.onRelease(work); });
+        shared->mPayload = std::exchange(mPayload, {});
+        return shared;
+    }
+
+private:
+    VXFrameInfo mFrameInfo;
+    VXSharedWork::Payload mPayload;
+};
+
+}  // namespace vexa

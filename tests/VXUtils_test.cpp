@@ -1,0 +1,140 @@
+#include <VXUtils.h>
+#include <cutils/properties.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include "support/LogCapture.h"
+
+using namespace vexa;
+
+static constexpr char kLogTag[] = "Test";
+static constexpr char kProperty[] = "vendor.vexa.log.msg";
+
+// Catches: a mask read in decimal, a wrong default, text that leaves the old mask in force.
+TEST(Log, MaskComesFromThePropertyInHexadecimal) {
+    const std::pair<const char*, uint32_t> rows[] = {{"", 0x3},  {"10", 0x10}, {"1f", 0x1f},
+                                                     {"8", 0x8}, {"none", 0},  {"0", 0}};
+    for (const auto& [text, mask] : rows) {
+        property_set(kProperty, text);
+        EXPECT_EQ(vxUpdateLogLevel(), mask) << text;
+        EXPECT_EQ(gVXLogLevel, mask) << text;
+    }
+    property_set(kProperty, "");
+    gVXLogLevel = 0;
+}
+
+// Catches: bits that are not independent, and arguments that are built before the gate.
+TEST(Log, EachBitGatesItsOwnMessages) {
+    for (const uint32_t bit : {1u, 2u, 4u, 8u, 16u, 0u}) {
+        LogCapture log(bit);
+        int built = 0;
+        const auto argument = [&built] { return ++built; };
+        VX_LOGE("e %d", argument());
+        VX_LOGW("w %d", argument());
+        VX_LOGD("d %d", argument());
+        VX_LOGT("t %d", argument());
+        EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kLogTag, "e 1"), bit == 1);
+        EXPECT_EQ(log.count(ANDROID_LOG_WARN, kLogTag, "w 1"), bit == 2);
+        EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kLogTag, "d 1"), bit == 8);
+        EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kLogTag, "t 1"), bit == 16);
+        EXPECT_EQ(built, bit == 0 || bit == 4 ? 0 : 1);
+    }
+}
+
+static VXError guarded(const std::string& text, int* line) {
+    *line = __LINE__ + 1;
+    VX_FAIL_IF(text.find("a,b") != std::string::npos, VX_INCOMPATIBLE);
+    return VX_OK;
+}
+
+// Catches: a guard that prints something else than its own condition and line, or that depends on the
+// log mask for its return.
+TEST(Log, GuardPrintsItsConditionAndReturns) {
+    int line = 0;
+    {
+        LogCapture log(VX_LOG_ERROR);
+        EXPECT_EQ(guarded("a,b", &line), VX_INCOMPATIBLE);
+        EXPECT_EQ(
+            log.count(ANDROID_LOG_ERROR, kLogTag,
+                      "text.find(\"a,b\") != std::string::npos : Line# " + std::to_string(line)),
+            1);
+        EXPECT_EQ(guarded("ab", &line), VX_OK);
+        EXPECT_EQ(log.messages().size(), 1u);
+    }
+    LogCapture silent(0);
+    EXPECT_EQ(guarded("a,b", &line), VX_INCOMPATIBLE);
+    EXPECT_TRUE(silent.messages().empty());
+}
+
+class Files : public testing::Test {
+protected:
+    void SetUp() override { ASSERT_NE(mkdtemp(mDir), nullptr); }
+    void TearDown() override { (void)!std::system(("rm -rf " + std::string(mDir)).c_str()); }
+    std::string path(const std::string& name) const { return mDir + ("/" + name); }
+    void writeFile(const std::string& name, const std::string& bytes) const {
+        std::ofstream(path(name), std::ios::binary) << bytes;
+    }
+    char mDir[32] = "/tmp/vxutils.XXXXXX";
+};
+
+// Catches: a chunk lost, doubled or cut at zero bytes, at every border of the 1024-byte chunks.
+TEST_F(Files, ReadWhole) {
+    for (const size_t size : {0, 1, 1023, 1024, 1025, 2048, 100000}) {
+        std::string bytes(size, '\0');
+        for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 7);
+        writeFile("file", bytes);
+        std::string content = "old";
+        EXPECT_TRUE(ReadFileToString(path("file"), &content));
+        EXPECT_EQ(content, bytes) << size;
+    }
+}
+
+// Catches: a failure that leaves old content, and a missing or wrong message.
+TEST_F(Files, RefusesWhatCannotBeOpened) {
+    LogCapture log(VX_LOG_ERROR);
+    std::string content = "old";
+    EXPECT_FALSE(ReadFileToString(path("missing"), &content));
+    EXPECT_EQ(content, "");
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, "Vexa::Utils",
+                        "Failed to open file (" + path("missing") + ") for reading"),
+              1);
+    EXPECT_FALSE(ReadFileToString(path("missing"), nullptr));
+    EXPECT_EQ(log.count("!content : Line# "), 1);
+}
+
+// Catches: memory reserved for a size that a directory only claims, a wait without end or a crash on
+// what is no plain file.
+TEST_F(Files, OddFilesDoNoHarm) {
+    // A pipe has no end to be positioned at, so it counts as not opened. The descriptor held here
+    // keeps its opening from blocking.
+    ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+    const int held = open(path("fifo").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(write(held, "bytes", 5), 5);
+    std::string content = "old";
+    EXPECT_FALSE(ReadFileToString(path("fifo"), &content));
+    EXPECT_EQ(content, "");
+    close(held);
+
+    content = "old";
+    ReadFileToString(mDir, &content);
+    EXPECT_EQ(content, "");
+    EXPECT_LT(content.capacity(), size_t{65} << 20);
+
+    // A file that grows while it is read yields a prefix of it.
+    writeFile("log", std::string(5000, 'x'));
+    std::thread writer([this] {
+        std::ofstream log(path("log"), std::ios::app);
+        for (int i = 0; i < 1000; ++i) log << std::string(100, 'x') << std::flush;
+    });
+    EXPECT_TRUE(ReadFileToString(path("log"), &content));
+    writer.join();
+    EXPECT_GE(content.size(), 5000u);
+    EXPECT_EQ(content.find_first_not_of('x'), std::string::npos);
+}
