@@ -1,0 +1,791 @@
+#include <VXNode.h>
+#include <gtest/gtest.h>
+
+#include "support/LogCapture.h"
+#include "support/TestNodes.h"
+
+using namespace vexa;
+using Works = ScriptedNode::Works;
+using Outputs = ScriptedNode::Outputs;
+
+static constexpr char kTag[] = "Vexa:VXNode";
+static constexpr uint32_t kEos = VXFrameInfo::FLAG_END_OF_STREAM;
+
+// A handler that keeps what is posted to it, without a queue.
+class RecordingHandler : public virtual xc2::EventHandler {
+public:
+    xc2::XC2Status postAsync(std::shared_ptr<xc2::Event> event) override {
+        events.push_back(std::move(event));
+        return xc2::XC2_OK;
+    }
+    xc2::XC2Status onEvent(std::shared_ptr<xc2::Event>) override { return xc2::XC2_OK; }
+    std::vector<std::shared_ptr<xc2::Event>> events;
+};
+
+static std::shared_ptr<VXSharedWork> makeInput(uint64_t index, uint32_t flags = 0) {
+    VXFrameInfo info;
+    info.index = index;
+    info.flags = flags;
+    auto work = std::make_shared<VXSharedWork>(VXAuxInfo(), info);
+    return work;
+}
+
+static std::shared_ptr<xc2::Event> doWork(Works works) {
+    auto info = std::make_shared<VXInputPort::WorkInfo>();
+    info->works = std::move(works);
+    auto event = std::make_shared<xc2::Event>(VXNode::EVENT_DO_WORK);
+    event->info().put("works", info);
+    return event;
+}
+
+// One node, driven without a graph; a recorder stands downstream of its output ports.
+class NodeTest : public testing::Test {
+protected:
+    std::unique_ptr<ScriptedNode> make(const std::vector<std::string>& inputs = {"n.in"},
+                                       const std::vector<std::string>& outputs = {"n.out"}) {
+        return std::make_unique<ScriptedNode>("g.n", describe("test/n", "n", inputs, outputs));
+    }
+    // Connects the first output port to a recording input port called `name`.
+    void recordOutput(VXNode& node, const std::string& name = "down.in") {
+        auto port = std::make_shared<VXInputPort>(name, VXPort::Format{"test/count"}, downstream);
+        ASSERT_EQ(node.outputPorts().front()->connectTo(port), VX_OK);
+        ports.push_back(port);
+    }
+    Works received() const {
+        Works all;
+        for (const auto& event : downstream->events) {
+            std::shared_ptr<VXInputPort::WorkInfo> info;
+            if (event->info().get("works", &info) == xc2::XC2_OK) {
+                all.insert(all.end(), info->works.begin(), info->works.end());
+            }
+        }
+        return all;
+    }
+
+    std::shared_ptr<NodeListener> listener = std::make_shared<NodeListener>();
+    std::shared_ptr<RecordingHandler> downstream = std::make_shared<RecordingHandler>();
+    std::vector<std::shared_ptr<VXInputPort>> ports;
+};
+
+// ---- Ports ------------------------------------------------------------------------------------
+
+// Catches: a second upstream, a match by anything but equal texts, a refused connection that leaves a
+// trace on either side.
+TEST(Ports, ConnectOnceAndOnlyEqualFormats) {
+    LogCapture log;
+    auto handler = std::make_shared<RecordingHandler>();
+    auto out = std::make_shared<VXOutputPort>("out", VXPort::Format{"video/raw"}, handler);
+    auto other = std::make_shared<VXOutputPort>("other", VXPort::Format{"video/raw"}, handler);
+    auto in = std::make_shared<VXInputPort>("in", VXPort::Format{"video/raw"}, handler);
+    auto blank = std::make_shared<VXInputPort>("blank", VXPort::Format{"video/raw "}, handler);
+    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kTag, "Create I port in"), 1);
+    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kTag, "Create O port out"), 1);
+    EXPECT_EQ(in->direction(), 0u);
+    EXPECT_EQ(out->direction(), 1u);
+    EXPECT_EQ(out->format().type, "video/raw");
+
+    EXPECT_EQ(out->connectTo(blank), VX_INCOMPATIBLE);
+    EXPECT_EQ(out->connectTo(nullptr), VX_BAD_VALUE);
+    EXPECT_EQ(log.messages().back().tag, "Vexa:VXGraph");
+    EXPECT_EQ(log.count("downstream == nullptr : Line# "), 1);
+    EXPECT_EQ(in->acceptConnection({"video/raw"}, {}), VX_BAD_VALUE);
+    EXPECT_FALSE(out->connected() || in->connected() || blank->connected());
+
+    EXPECT_EQ(out->connectTo(in), VX_OK);
+    EXPECT_EQ(out->connectTo(in), VX_INCOMPATIBLE);
+    EXPECT_EQ(other->connectTo(in), VX_INCOMPATIBLE);
+    EXPECT_TRUE(out->connected() && in->connected());
+    EXPECT_FALSE(other->connected());
+    EXPECT_EQ(out->downstreamPorts().size(), 1u);
+}
+
+// Catches: a combined delay that is not the maximum with floor 1, an event without a change, a report
+// for a port that was never connected.
+TEST(Ports, DelaysCombineByMaximum) {
+    LogCapture log;
+    auto handler = std::make_shared<RecordingHandler>();
+    auto out = std::make_shared<VXOutputPort>("out", VXPort::Format{"f"}, handler);
+    std::vector<std::shared_ptr<VXInputPort>> in;
+    const unsigned long delays[] = {1, 3, 2};
+    for (int i = 0; i < 3; ++i) {
+        in.push_back(
+            std::make_shared<VXInputPort>("in" + std::to_string(i), VXPort::Format{"f"}, handler));
+        in[i]->setTotalDelay(delays[i]);
+        ASSERT_EQ(out->connectTo(in[i]), VX_OK);
+    }
+    EXPECT_EQ(out->totalDelay(), 3u);
+    EXPECT_TRUE(handler->events.empty());
+
+    in[1]->setTotalDelay(2);
+    ASSERT_EQ(handler->events.size(), 1u);
+    std::string port;
+    uint64_t delay = 0;
+    EXPECT_EQ(handler->events[0]->id(), 257u);
+    EXPECT_EQ(handler->events[0]->info().get("portId", &port), xc2::XC2_OK);
+    EXPECT_EQ(handler->events[0]->info().get("delay", &delay), xc2::XC2_OK);
+    EXPECT_EQ(port, "out");
+    EXPECT_EQ(delay, 2u);
+    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kTag, "[out] Notifying total delay change 3 -> 2"), 1);
+
+    in[1]->setTotalDelay(1);  // the third port still holds 2
+    EXPECT_EQ(handler->events.size(), 1u);
+    in[0]->setInputDelay(0);  // counts as 1
+    EXPECT_EQ(handler->events.size(), 1u);
+    in[0]->setInputDelay(9);
+    ASSERT_EQ(handler->events.size(), 2u);
+    EXPECT_EQ(handler->events[1]->id(), 256u);
+    EXPECT_EQ(log.count("[out] Notifying input delay change 1 -> 9"), 1);
+
+    out->onTotalDelayChanged("nobody", 50);
+    EXPECT_EQ(handler->events.size(), 2u);
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "[out] Unrecognized input port : nobody"), 1);
+}
+
+// Catches: works copied instead of shared on a fan-out, an early release, a list lost without a
+// downstream port, a missing handler that crashes.
+TEST(Ports, SendSharesWorksWithEveryBranch) {
+    auto first = std::make_shared<RecordingHandler>();
+    auto second = std::make_shared<RecordingHandler>();
+    auto out = std::make_shared<VXOutputPort>("out", VXPort::Format{"f"}, first);
+    auto work = makeInput(7);
+    std::weak_ptr<VXSharedWork> watch = work;
+    EXPECT_EQ(out->sendWorks({work}), VX_OK);
+    EXPECT_EQ(watch.use_count(), 1);  // unconnected: let go at once
+
+    std::list<std::shared_ptr<VXInputPort>> in;
+    for (const auto& handler : {first, second, std::shared_ptr<RecordingHandler>(), first}) {
+        in.push_back(std::make_shared<VXInputPort>("in", VXPort::Format{"f"}, handler));
+        ASSERT_EQ(out->connectTo(in.back()), VX_OK);
+    }
+    EXPECT_EQ(out->sendWorks({std::move(work)}), VX_NO_INIT);  // the third has no handler
+    EXPECT_EQ(first->events.size(), 1u);                       // and nothing goes beyond it
+    EXPECT_EQ(second->events.size(), 1u);
+    EXPECT_EQ(first->events[0]->id(), 512u);
+    EXPECT_EQ(watch.use_count(), 2);
+    first->events.clear();
+    EXPECT_FALSE(watch.expired());
+    second->events.clear();
+    EXPECT_TRUE(watch.expired());
+    EXPECT_EQ(in.front()->queueWorks({}), VX_OK);  // an empty list is posted too
+    EXPECT_EQ(first->events.size(), 1u);
+
+    const auto deaf = std::make_shared<VXInputPort>("deaf", VXPort::Format{"f"}, nullptr);
+    EXPECT_EQ(deaf->queueWorks({}), VX_NO_INIT);
+    EXPECT_EQ(deaf->flush(), VX_NO_INIT);
+}
+
+// ---- Configuration ----------------------------------------------------------------------------
+
+// Catches: an entry in the wrong view, commands handed out twice, tunings consumed, the wrong winner
+// among equal keys, an invalid entry that stops the rest.
+TEST(Config, StoreSplitsTheDescription) {
+    LogCapture log;
+    auto descriptor = describe("t", "n", {}, {});
+    descriptor->configs = {{"file", "clip"}};
+    using Entry = VXNodeDescriptor::ConfigEntry;
+    descriptor->entries = {
+        {"flush", "1", Entry::COMMAND, 0, 0, 30}, {"bad", "x", 2, 0, 0, 30},
+        {"flush", "2", Entry::COMMAND, 0, 0, 30}, {"a", "1", Entry::COMMAND, 1, 0, 30},
+        {"qp", "20", Entry::TUNING, 0, 0, 5},     {"qp", "30", Entry::TUNING, 0, 0, 5},
+        {"alt", "1", Entry::TUNING, 1, 0, 5},     {"c", "3", Entry::COMMAND, 2, 0, 30}};
+    ScriptedNode node("n", std::move(descriptor));
+    EXPECT_EQ(node.type(), "t");
+    EXPECT_EQ(log.count(ANDROID_LOG_WARN, kTag, "Invalid e type for e : bad"), 1);
+
+    auto& store = node.configStore();
+    using Pairs = VXNode::ConfigStore::Pairs;
+    EXPECT_EQ(store.commandsAt(30), (Pairs{{"flush", "1"}, {"flush", "2"}, {"c", "3"}}));
+    EXPECT_EQ(store.commandsAt(30), Pairs());
+    EXPECT_EQ(store.commandsAt(31), Pairs());
+    EXPECT_EQ(store.alternateCommandsAt(30), (Pairs{{"a", "1"}}));
+    for (int again = 0; again < 2; ++again) {
+        EXPECT_EQ(store.tuningsAt(5), (VXNode::ConfigStore::Map{{"qp", "20"}}));
+        EXPECT_EQ(store.alternateTuningsAt(5), (VXNode::ConfigStore::Map{{"alt", "1"}}));
+    }
+    EXPECT_TRUE(store.tuningsAt(6).empty());
+
+    std::string value = "kept";
+    EXPECT_EQ(node.getInitConfig("missing", &value), VX_NOT_FOUND);
+    EXPECT_EQ(value, "kept");
+    EXPECT_EQ(node.getInitConfig("file", &value), VX_OK);
+    EXPECT_EQ(value, "clip");
+    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kTag, "n: Config file = clip"), 1);
+    EXPECT_EQ(node.getInitConfig("file", nullptr), VX_BAD_VALUE);
+    EXPECT_EQ(log.count("value == nullptr : Line# "), 1);
+}
+
+// ---- Life cycle -------------------------------------------------------------------------------
+
+// Catches: an operation let through in a state where it is not legal, a hook's failure lost, ports
+// added outside set-up.
+TEST_F(NodeTest, LifeCycleAllowsOnlyWhatIsLegal) {
+    LogCapture log;
+    int hooks = 0;
+    auto node = make();
+    auto counted = [&hooks](VXError result) {
+        return [&hooks, result](auto...) {
+            ++hooks;
+            return result;
+        };
+    };
+    node->setupHook = counted(VX_NO_MEMORY);
+    node->startHook = counted(VX_ERROR);
+    node->stopHook = counted(VX_NOT_FOUND);
+
+    EXPECT_EQ(node->start(listener), VX_INVALID_OPERATION);
+    EXPECT_EQ(node->stop(), VX_INVALID_OPERATION);
+    EXPECT_EQ(node->addInputPort("x", {"f"}), VX_INVALID_OPERATION);
+    EXPECT_EQ(hooks, 0);
+    EXPECT_EQ(node->setup(false), VX_NO_MEMORY);
+    EXPECT_EQ(log.count("[g.n] Setup Failed! .."), 1);
+    node->setupHook = {};
+    EXPECT_EQ(node->setup(true), VX_OK);  // after a failure it may be tried again
+    EXPECT_EQ(node->setup(true), VX_INVALID_OPERATION);
+    EXPECT_EQ(node->inputPorts().size(), 1u);  // the names of the failed attempt are taken
+    EXPECT_EQ(node->addInputPort("x", {"f"}), VX_INVALID_OPERATION);
+    EXPECT_EQ(node->addOutputPort("n.out", {"f"}), VX_ALREADY_EXISTS);
+    EXPECT_EQ(node->addOutputPort("late", {"f"}), VX_OK);
+
+    EXPECT_EQ(node->start(listener), VX_ERROR);
+    EXPECT_EQ(log.count("ret != VX_OK : Line# "), 1);
+    node->startHook = {};
+    EXPECT_EQ(node->start(listener), VX_OK);  // a failed start leaves it set up
+    EXPECT_EQ(node->start(listener), VX_INVALID_OPERATION);
+    EXPECT_EQ(node->stop(), VX_NOT_FOUND);  // the hook's own result
+    EXPECT_EQ(node->stop(), VX_INVALID_OPERATION);
+    EXPECT_EQ(node->setup(false), VX_INVALID_OPERATION);
+
+    log.clear();
+    EXPECT_EQ(node->signalError(VX_ERROR, "late"), VX_OK);
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "Handler is gone !!!!"), 1);
+    EXPECT_EQ(node->returnWorks({}), VX_NO_INIT);
+    EXPECT_EQ(log.count("mHandler == nullptr : Line# "), 1);
+    node.reset();
+    EXPECT_EQ(log.count("safely terminated") + log.count("without stopping"), 0);
+}
+
+// Catches: ports that are found in the wrong list, created twice under one name, or crash on null.
+TEST_F(NodeTest, PortsByName) {
+    LogCapture log;
+    auto node = make({"a", "b", "a"}, {"a"});
+    std::vector<VXError> added;
+    node->setupHook = [&](bool) {
+        added = {node->addInputPort("b", {"f"}), node->addInputPort("c", {"f"})};
+        return VX_OK;
+    };
+    ASSERT_EQ(node->setup(false), VX_OK);
+    EXPECT_EQ(added, (std::vector<VXError>{VX_ALREADY_EXISTS, VX_OK}));
+    EXPECT_EQ(node->inputPorts().size(), 3u);
+    std::shared_ptr<VXInputPort> in;
+    std::shared_ptr<VXOutputPort> out;
+    EXPECT_EQ(node->findInputPort("c", &in), VX_OK);
+    EXPECT_EQ(in, node->inputPorts()[2]);
+    EXPECT_EQ(node->findOutputPort("c", &out), VX_ERROR);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(node->findInputPort("a", nullptr), VX_BAD_VALUE);
+    EXPECT_EQ(node->findOutputPort("a", nullptr), VX_BAD_VALUE);
+    EXPECT_EQ(log.count("inputPort == nullptr : Line# ") + log.count("outPort == nullptr : Line# "),
+              2);
+}
+
+// Catches: a node that dies with its thread running, or says nothing about its author's mistake.
+TEST_F(NodeTest, TeardownAndDestructor) {
+    struct Careless : VXNode {
+        Careless() : VXNode("g.careless", nullptr) {}
+        VXError onSetup(bool) override { return VX_OK; }
+        VXError onStart() override { return VX_OK; }
+        VXError onStop() override { return VX_OK; }
+        VXError onProcess(Works, Outputs*) override { return VX_OK; }
+        void onDrain() override {}
+        void onFlush() override {}
+    };
+    LogCapture log;
+    {
+        Careless node;
+        ASSERT_EQ(node.setup(false), VX_OK);
+        ASSERT_EQ(node.start(listener), VX_OK);
+        EXPECT_EQ(node.allocatorType(), "any");
+        EXPECT_EQ(node.getPreferredAllocatorTypes(), std::vector<std::string>{"any"});
+    }
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "[g.careless] Node was not safely terminated !!"),
+              1);
+    log.clear();
+    {
+        Careless node;
+        node.teardown();  // never set up: nothing to stop
+        EXPECT_EQ(log.count(ANDROID_LOG_WARN, kTag, "attempting stop"), 0);
+    }
+    EXPECT_EQ(log.count("safely terminated"), 0);
+    int stops = 0;
+    auto node = make();
+    node->stopHook = [&] {
+        ++stops;
+        return VX_OK;
+    };
+    ASSERT_EQ(node->setup(false), VX_OK);
+    ASSERT_EQ(node->start(listener), VX_OK);
+    node->teardown();
+    EXPECT_EQ(stops, 1);
+    EXPECT_EQ(log.count(ANDROID_LOG_WARN, kTag,
+                        "[g.n] Node being destroyed without stopping.. attempting stop"),
+              1);
+}
+
+// ---- Events -----------------------------------------------------------------------------------
+
+// Catches: an event that crashes or answers wrongly before start and after shut-down, payloads that
+// are taken for present, unknown ids.
+TEST_F(NodeTest, EventsWithoutPayloadOrRegulator) {
+    LogCapture log;
+    auto node = make();
+    ASSERT_EQ(node->setup(false), VX_OK);
+    const auto handle = [&](uint32_t id, auto fill) {
+        auto event = std::make_shared<xc2::Event>(id);
+        fill(event->info());
+        return node->handleMessage(event);
+    };
+    const auto none = [](xc2::Bundle&) {};
+    EXPECT_EQ(node->handleMessage(nullptr), VX_BAD_VALUE);
+    EXPECT_EQ(log.count("event == nullptr : Line# "), 1);
+    for (const auto& [id, text] : std::vector<std::pair<uint32_t, std::string>>{
+             {3, "event->info().get(\"works\", &completedWorkInfo) != xc2::XC2_OK"},
+             {4, "event->info().get(\"res-id\", &resId) != xc2::XC2_OK"},
+             {257, "event->info().get(\"portId\", &portId) != xc2::XC2_OK"},
+             {512, "event->info().get(\"works\", &workInfo) != xc2::XC2_OK"}}) {
+        log.clear();
+        EXPECT_EQ(handle(id, none), VX_ERROR);
+        EXPECT_EQ(log.count(text + " : Line# "), 1) << text;
+    }
+    log.clear();
+    EXPECT_EQ(handle(257,
+                     [](auto& b) {
+                         b.put("portId", "n.out");
+                         b.put("delay", uint32_t{1});
+                     }),
+              VX_ERROR);  // a delay of another type counts as missing
+    EXPECT_EQ(log.count("event->info().get(\"delay\", &delay) != xc2::XC2_OK : Line# "), 1);
+    EXPECT_EQ(
+        handle(512, [](auto& b) { b.put("works", std::shared_ptr<VXInputPort::WorkInfo>()); }),
+        VX_ERROR);
+    EXPECT_EQ(log.count("workInfo == nullptr : Line# "), 1);
+    EXPECT_EQ(handle(3, [](auto& b) { b.put("works", std::make_shared<VXInputPort::WorkInfo>()); }),
+              VX_ERROR);  // another class than expected
+    EXPECT_EQ(
+        handle(3, [](auto& b) { b.put("works", std::shared_ptr<VXNode::CompletedWorkInfo>()); }),
+        VX_ERROR);
+    EXPECT_EQ(log.count("completedWorkInfo == nullptr : Line# "), 1);
+
+    // What needs the regulator, before start and after shut-down.
+    for (int round = 0; round < 2; ++round) {
+        log.clear();
+        EXPECT_EQ(handle(0, none), VX_NO_INIT);
+        EXPECT_EQ(handle(2, none), VX_NO_INIT);
+        EXPECT_EQ(
+            handle(3,
+                   [](auto& b) { b.put("works", std::make_shared<VXNode::CompletedWorkInfo>()); }),
+            VX_NO_INIT);
+        EXPECT_EQ(handle(4, [](auto& b) { b.put("res-id", uint64_t{1}); }), VX_NO_INIT);
+        EXPECT_EQ(handle(257,
+                         [](auto& b) {
+                             b.put("portId", "n.out");
+                             b.put("delay", uint64_t{1});
+                         }),
+                  VX_NO_INIT);
+        EXPECT_EQ(node->handleMessage(doWork({makeInput(0)})), VX_NO_INIT);
+        EXPECT_EQ(log.count("regulator == nullptr : Line# "), 6);
+        EXPECT_EQ(node->handleMessage(doWork({})), VX_OK);
+        EXPECT_EQ(handle(5, none), VX_OK);
+        EXPECT_EQ(handle(6, none), VX_OK);
+        EXPECT_EQ(handle(256, none), VX_OK);
+        EXPECT_EQ(handle(1, none), VX_INVALID_OPERATION);
+        EXPECT_EQ(handle(0xabcd, none), VX_INVALID_OPERATION);
+        EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "[g.n] Unhandled Event abcd"), 1);
+        node->shutDown();
+    }
+}
+
+// Catches: a report that is lost, reaches the listener off the node's thread, or a listener that is
+// used after it has gone.
+TEST_F(NodeTest, ReportsReachTheListener) {
+    auto node = make();
+    ASSERT_EQ(node->setup(false), VX_OK);
+    ASSERT_EQ(node->start(listener), VX_OK);
+    node->signalError(VX_INCOMPATIBLE, "no good");
+    node->signalComplete();
+    EXPECT_TRUE(listener->tally.waitFor("error 13 no good"));
+    EXPECT_TRUE(listener->tally.waitFor("complete"));
+    auto bare = std::make_shared<xc2::Event>(VXNode::EVENT_ERROR);
+    EXPECT_EQ(node->handleMessage(bare), VX_OK);
+    EXPECT_EQ(listener->tally.count("error 0 "), 1);
+    listener.reset();
+    EXPECT_EQ(node->handleMessage(bare), VX_OK);
+    EXPECT_EQ(node->handleMessage(std::make_shared<xc2::Event>(VXNode::EVENT_COMPLETE)), VX_OK);
+}
+
+// Catches: a drain or fence event that misses its hook, or a wrong fence value.
+TEST_F(NodeTest, DrainAndFenceReachTheirHooks) {
+    auto node = make();
+    int drains = 0;
+    std::vector<int> fds;
+    node->drainHook = [&] { ++drains; };
+    node->bufferHook = [&](int fd) {
+        fds.push_back(fd);
+        return VX_NO_MEMORY;
+    };
+    EXPECT_EQ(node->handleMessage(std::make_shared<xc2::Event>(VXNode::EVENT_DRAIN)), VX_OK);
+    auto fence = std::make_shared<xc2::Event>(VXNode::EVENT_FENCE);
+    EXPECT_EQ(node->handleMessage(fence), VX_NO_MEMORY);
+    fence->info().put("fd", uint32_t{9});
+    EXPECT_EQ(node->handleMessage(fence), VX_NO_MEMORY);
+    fence->info().put("fd", int32_t{9});
+    EXPECT_EQ(node->handleMessage(fence), VX_NO_MEMORY);
+    EXPECT_EQ(drains, 1);
+    EXPECT_EQ(fds, (std::vector<int>{-1, -1, 9}));
+    node->bufferHook = {};
+    EXPECT_EQ(node->handleMessage(fence), VX_OK);
+}
+
+// ---- Pending inputs ---------------------------------------------------------------------------
+
+// Catches: counting beyond end of stream or the maximum, a batch cut short when handed out, works
+// lost by a refused request.
+TEST_F(NodeTest, PendingInputs) {
+    LogCapture log;
+    auto node = make();
+    unsigned long count = 99;
+    bool eos = true;
+    EXPECT_EQ(node->countAvailablePendingInputWorks(1, nullptr, &eos), VX_BAD_VALUE);
+    EXPECT_EQ(node->countAvailablePendingInputWorks(1, &count, nullptr), VX_BAD_VALUE);
+    EXPECT_EQ(node->countAvailablePendingInputWorks(0, &count, &eos), VX_BAD_VALUE);
+    for (const char* text : {"actualCount == nullptr", "hasEOS == nullptr", "maxCount == 0"}) {
+        EXPECT_EQ(log.count(std::string(text) + " : Line# "), 1) << text;
+    }
+    node->handleMessage(doWork({makeInput(1), makeInput(2, kEos), makeInput(3)}));
+
+    EXPECT_EQ(node->countAvailablePendingInputWorks(5, &count, &eos), VX_OK);
+    EXPECT_EQ(count, 2u);
+    EXPECT_TRUE(eos);
+    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kTag, "[g.n] available-inputs: 2 (requested=5) has-EOS"),
+              1);
+    EXPECT_EQ(node->countAvailablePendingInputWorks(1, &count, &eos), VX_OK);
+    EXPECT_EQ(count, 1u);
+    EXPECT_FALSE(eos);
+    EXPECT_EQ(log.count("[g.n] available-inputs: 1 (requested=1) "), 1);
+
+    Works works = {makeInput(77)};
+    EXPECT_EQ(node->getPendingInputWorks(1, nullptr), VX_BAD_VALUE);
+    EXPECT_EQ(node->getPendingInputWorks(4, &works), VX_INVALID_OPERATION);
+    EXPECT_TRUE(works.empty());
+    EXPECT_EQ(log.count("requestedCount > mPendingInputWorks.size() : Line# "), 1);
+    EXPECT_EQ(node->getPendingInputWorks(2, &works), VX_OK);
+    ASSERT_EQ(works.size(), 3u);
+    EXPECT_EQ(works.back()->frameInfo().index, 3u);
+    EXPECT_EQ(node->getPendingInputWorks(1, &works), VX_INVALID_OPERATION);
+
+    node->handleMessage(doWork({makeInput(1), nullptr}));
+    EXPECT_EQ(node->countAvailablePendingInputWorks(5, &count, &eos), VX_BAD_ADDRESS);
+    EXPECT_EQ(count, 1u);
+    node->erasePendingInputWorks();
+    EXPECT_EQ(node->countAvailablePendingInputWorks(5, &count, &eos), VX_OK);
+    EXPECT_EQ(count, 0u);
+}
+
+// Catches: a flush that keeps inputs, skips a node, or goes on past a failing port.
+TEST_F(NodeTest, FlushGoesDownTheGraph) {
+    auto up = make({"up.in"}, {"up.a", "up.b"});
+    auto down = make({"down.in"}, {});
+    std::vector<std::string> order;
+    up->flushHook = [&] { order.push_back("up"); };
+    down->flushHook = [&] { order.push_back("down"); };
+    ASSERT_EQ(up->setup(false), VX_OK);
+    ASSERT_EQ(down->setup(false), VX_OK);
+    const auto deaf = std::make_shared<VXInputPort>("deaf", VXPort::Format{"test/count"}, nullptr);
+    ASSERT_EQ(up->outputPorts()[0]->connectTo(down->inputPorts()[0]), VX_OK);
+    ASSERT_EQ(up->outputPorts()[0]->connectTo(deaf), VX_OK);
+    recordOutput(*up);
+    ASSERT_EQ(down->start(listener), VX_OK);
+
+    auto pending = makeInput(0);
+    std::weak_ptr<VXSharedWork> watch = pending;
+    up->handleMessage(doWork({std::move(pending)}));
+    EXPECT_EQ(up->handleMessage(std::make_shared<xc2::Event>(VXNode::EVENT_FLUSH)), VX_NO_INIT);
+    EXPECT_TRUE(watch.expired());
+    EXPECT_EQ(order, (std::vector<std::string>{"up", "down"}));  // waited for, in order
+    EXPECT_TRUE(downstream->events.empty());
+}
+
+// ---- Regulator --------------------------------------------------------------------------------
+
+class RegulatorTest : public NodeTest {
+protected:
+    // A started-like node whose regulator is driven by hand.
+    void build(unsigned long batch, std::vector<std::pair<std::string, unsigned long>> delays,
+               const std::vector<std::string>& outputs = {"n.out"}) {
+        node = make({"n.in"}, outputs);
+        ASSERT_EQ(node->setup(false), VX_OK);
+        if (!outputs.empty()) recordOutput(*node);
+        regulator = std::make_shared<VXNode::Regulator>(*node, batch, std::move(delays));
+        ASSERT_EQ(regulator->init(), VX_OK);
+    }
+    void give(Works works) {
+        VXLocker lock(node->mPendingInputLock);
+        node->mPendingInputWorks.splice(node->mPendingInputWorks.end(), works);
+    }
+    std::unique_ptr<ScriptedNode> node;
+    std::shared_ptr<VXNode::Regulator> regulator;
+};
+
+// Catches: a wrong capacity, or one that cannot shrink below what is out.
+TEST_F(RegulatorTest, CapacityFollowsTheLargestDelay) {
+    LogCapture log;
+    build(1, {{"a", 4}, {"a", 9}, {"b", 4}});
+    EXPECT_EQ(regulator->name(), "g.n.Regulator");
+    EXPECT_EQ(regulator->maxDownstreamCapacity(), 7u);
+    EXPECT_EQ(log.count("[g.n.Regulator] Created with downstream-capacity = 7"), 1);
+    EXPECT_EQ(
+        log.count(
+            ANDROID_LOG_DEBUG, kTag,
+            "[g.n.Regulator] Downstream-capacity=7 [Port 'a' has max delay = 4. batchsize = 1") +
+            log.count(
+                ANDROID_LOG_DEBUG, kTag,
+                "[g.n.Regulator] Downstream-capacity=7 [Port 'b' has max delay = 4. batchsize = 1"),
+        2);
+    for (int i = 0; i < 7; ++i) {
+        std::list<std::unique_ptr<VXWork>> works;
+        works.push_back(std::make_unique<VXWork>());
+        EXPECT_EQ(regulator->notifyCompletedWorks(std::move(works)), VX_OK);
+    }
+    unsigned long ready = 9;
+    EXPECT_FALSE(regulator->canScheduleWorks(&ready));
+    EXPECT_EQ(ready, 0u);
+    EXPECT_EQ(log.count("[g.n.Regulator] Free-DownstreamCapacity(0) < batch-size(1)"), 1);
+    EXPECT_EQ(regulator->notifyDownstreamTotalDelay("a", 1), VX_OK);
+    EXPECT_EQ(regulator->notifyDownstreamTotalDelay("b", 1), VX_OK);
+    EXPECT_EQ(regulator->maxDownstreamCapacity(), 4u);
+    EXPECT_EQ(regulator->freeDownstreamCapacity(), 0u);
+    EXPECT_EQ(regulator->notifyDownstreamTotalDelay("c", 8), VX_NOT_FOUND);
+    EXPECT_EQ(log.count("mPortDelays.count(portId) == 0 : Line# "), 1);
+    for (unsigned long id = 1; id <= 4; ++id)
+        EXPECT_EQ(regulator->releaseDownstreamWork(id), VX_OK);
+    EXPECT_EQ(regulator->freeDownstreamCapacity(), 1u);
+    EXPECT_EQ(regulator->releaseDownstreamWork(4), VX_NOT_FOUND);
+    EXPECT_EQ(log.count(ANDROID_LOG_WARN, kTag,
+                        "[g.n.Regulator] Downstream released untracked work (id: 4)"),
+              1);
+}
+
+// Catches: a short batch before end of stream, none at it, outputs that do not match inputs let
+// through, an error of the hook that loses its outputs or is not reported.
+TEST_F(RegulatorTest, BatchesAndTheirOutputs) {
+    LogCapture log;
+    build(4, {{"n.out", 1}});
+    size_t given = 0;
+    VXError result = VX_OK;
+    size_t leave = 0;
+    node->processHook = [&](Works inputs, Outputs* outputs) {
+        given = inputs.size();
+        while (outputs->size() < leave) {
+            outputs->push_back(std::make_unique<VXWork>());
+            outputs->back()->setPayload(std::make_shared<Counted>(0));
+        }
+        return result;
+    };
+    give({makeInput(0)});
+    EXPECT_EQ(regulator->schedule(), VX_OK);
+    EXPECT_EQ(given, 0u);
+    EXPECT_EQ(log.count("[g.n.Regulator] Inputs(1) < BatchSize(4)"), 1);
+    give({makeInput(1), makeInput(2, kEos)});
+    EXPECT_EQ(regulator->schedule(), VX_OK);
+    EXPECT_EQ(given, 3u);
+
+    give({makeInput(0, kEos), makeInput(1),
+          makeInput(2)});  // all are handed out, beyond end of stream
+    leave = 2;
+    EXPECT_EQ(regulator->schedule(), VX_ERROR);
+    EXPECT_EQ(given, 3u);
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag,
+                        "[g.n.Regulator] onProcess returned only 2 works out of 3 !"),
+              1);
+    EXPECT_EQ(received().size(), 0u);
+    EXPECT_EQ(Counted::sAlive, 0);
+
+    give({makeInput(0, kEos)});
+    leave = 1;
+    result = VX_NOT_FOUND;
+    EXPECT_EQ(regulator->schedule(), VX_OK);
+    EXPECT_EQ(received().size(), 1u);
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag,
+                        "[g.n.Regulator] Error: Node [g.n] failed to process !: 2"),
+              1);
+    unsigned long ready = 0;
+    EXPECT_FALSE(regulator->canScheduleWorks(nullptr));
+    EXPECT_EQ(log.count("nWorksReady == nullptr : Line# "), 1);
+    give({nullptr});
+    EXPECT_FALSE(regulator->canScheduleWorks(&ready));
+    EXPECT_EQ(log.count("canScheduleWorks: countAvailablePendingInputWorks returned error"), 1);
+}
+
+// Catches: index and id that do not count up, a null work that is numbered or sent, works on a second
+// output port, a registration that takes null.
+TEST_F(RegulatorTest, FinishedWorksAreNumberedAndTracked) {
+    LogCapture log;
+    build(1, {{"n.out", 1}, {"n.second", 1}}, {"n.out", "n.second"});
+    const auto second = std::make_shared<RecordingHandler>();
+    ASSERT_EQ(node->outputPorts()[1]->connectTo(
+                  std::make_shared<VXInputPort>("second.in", VXPort::Format{"test/count"}, second)),
+              VX_OK);
+    std::list<std::unique_ptr<VXWork>> works;
+    for (int i = 0; i < 2; ++i) {
+        works.push_back(std::make_unique<VXWork>());
+        works.back()->frameInfo().index = 50;
+    }
+    EXPECT_EQ(regulator->notifyCompletedWorks(std::move(works)), VX_OK);
+    EXPECT_TRUE(second->events.empty());
+    uint64_t expected = 0;
+    for (const auto& work : received()) {
+        uint64_t id = 0;
+        EXPECT_EQ(work->frameInfo().index, expected++);
+        EXPECT_EQ(work->get("_res_id", &id), VX_OK);
+        EXPECT_EQ(id, expected);
+    }
+    EXPECT_EQ(expected, 2u);
+    EXPECT_EQ(regulator->freeDownstreamCapacity(), 2u);
+
+    works.clear();
+    works.push_back(std::make_unique<VXWork>());
+    works.push_back(nullptr);
+    EXPECT_EQ(regulator->notifyCompletedWorks(std::move(works)), VX_NO_MEMORY);
+    EXPECT_EQ(received().size(), 2u);
+    for (const char* text : {"processedWork == nullptr : Line# ", "sharedWork == nullptr : Line# ",
+                             "[g.n.Regulator] Failed to register completed work !"}) {
+        EXPECT_EQ(log.count(text), 1) << text;
+    }
+    std::shared_ptr<VXSharedWork> tracked;
+    EXPECT_EQ(regulator->registerDownstreamWork(std::make_unique<VXWork>(), nullptr), VX_BAD_VALUE);
+    EXPECT_EQ(regulator->registerInputWork(nullptr, &tracked), VX_BAD_VALUE);
+    auto input = makeInput(0);
+    EXPECT_EQ(regulator->registerInputWork(input, nullptr), VX_BAD_VALUE);
+    EXPECT_EQ(regulator->registerInputWork(input, &tracked), VX_OK);
+    EXPECT_EQ(tracked, input);
+    for (const char* text : {"workToDispatch == nullptr : Line# ", "inputWork == nullptr : Line# ",
+                             "trackedInputWork == nullptr : Line# "}) {
+        EXPECT_EQ(log.count(text), 1) << text;
+    }
+}
+
+// Catches: a release after the producer has gone that touches it or leaks the work, and an untracked
+// work that is deleted.
+TEST_F(RegulatorTest, ReleasesAfterTheProducerHasGone) {
+    LogCapture log;
+    build(1, {{"n.out", 1}});
+    std::list<std::unique_ptr<VXWork>> works;
+    works.push_back(std::make_unique<VXWork>());
+    works.back()->setPayload(std::make_shared<Counted>(0));
+    ASSERT_EQ(regulator->notifyCompletedWorks(std::move(works)), VX_OK);
+    regulator.reset();
+    node.reset();
+    EXPECT_EQ(Counted::sAlive, 1);
+    downstream->events.clear();
+    EXPECT_EQ(Counted::sAlive, 0);
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "Handler is gone !!!!"), 1);
+
+    VXNode::DownstreamWorkTracker tracker({});
+    tracker.onRelease(nullptr);
+    const auto untracked = std::make_unique<VXSharedWork>(VXAuxInfo(), VXFrameInfo());
+    tracker.onRelease(untracked.get());  // left alive on purpose: still ours to delete
+    EXPECT_EQ(log.count(ANDROID_LOG_WARN, kTag, "Invalid work released !"), 2);
+}
+
+// Catches: a running node that stalls although capacity comes back, a sink that holds capacity, works
+// finished outside the hook that get lost.
+TEST_F(NodeTest, RunningNodeIsPacedByReleases) {
+    auto node = make();
+    ASSERT_EQ(node->setup(false), VX_OK);
+    struct Consumer : public virtual xc2::EventHandler {
+        xc2::XC2Status postAsync(std::shared_ptr<xc2::Event> event) override {
+            std::shared_ptr<VXInputPort::WorkInfo> info;
+            event->info().get("works", &info);
+            std::lock_guard<std::mutex> guard(lock);
+            held.splice(held.end(), info->works);
+            tally.hit("work");
+            return xc2::XC2_OK;
+        }
+        xc2::XC2Status onEvent(std::shared_ptr<xc2::Event>) override { return xc2::XC2_OK; }
+        Tally tally;
+        std::mutex lock;
+        Works held;
+    };
+    auto consumer = std::make_shared<Consumer>();
+    auto port = std::make_shared<VXInputPort>("c.in", VXPort::Format{"test/count"}, consumer);
+    ASSERT_EQ(node->outputPorts()[0]->connectTo(port), VX_OK);
+    std::atomic<int> processed{0};
+    node->processHook = [&](Works inputs, Outputs*) {
+        for (const auto& input : inputs) {  // finishes each later, through returnWorks
+            ++processed;
+            Outputs later;
+            later.push_back(ScriptedNode::copyOf(*input));
+            EXPECT_EQ(node->returnWorks(std::move(later)), VX_OK);
+        }
+        return VX_OK;
+    };
+    ASSERT_EQ(node->start(listener), VX_OK);
+    constexpr int kWorks = 50;
+    for (int i = 0; i < kWorks; ++i)
+        ASSERT_EQ(node->inputPorts()[0]->queueWorks({makeInput(i)}), VX_OK);
+    for (int i = 0; i < kWorks; ++i) {
+        ASSERT_TRUE(consumer->tally.waitFor("work", i + 1));
+        std::lock_guard<std::mutex> guard(consumer->lock);
+        ASSERT_EQ(consumer->held.front()->frameInfo().index, static_cast<uint64_t>(i));
+        consumer->held.pop_front();
+    }
+    EXPECT_EQ(processed, kWorks);
+    EXPECT_EQ(node->stop(), VX_OK);
+}
+
+// ---- Registry ---------------------------------------------------------------------------------
+
+// Catches: an earlier factory that wins, an unknown type that is not listed afterwards, nulls that
+// change the map.
+TEST(Registry, FindsFactoriesByType) {
+    LogCapture log;
+    TestFactory<ScriptedNode> first("test/registry",
+                                    [](auto& node) { node.allocators = {"first"}; });
+    TestFactory<ScriptedNode> second("test/registry",
+                                     [](auto& node) { node.allocators = {"second"}; });
+    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "Register factory test/registry"), 2);
+    EXPECT_EQ(VXNodeRegistry::RegisterFactory("test/other", nullptr), VX_ERROR);
+    EXPECT_EQ(VXNodeRegistry::RegisterFactory("test/other", &first), VX_OK);
+
+    std::unique_ptr<VXNode> node;
+    EXPECT_EQ(VXNodeRegistry::Create("g.a", describe("test/registry", "a", {}, {}), &node), VX_OK);
+    ASSERT_NE(node, nullptr);
+    EXPECT_EQ(node->name(), "g.a");
+    EXPECT_EQ(node->getPreferredAllocatorTypes(), std::vector<std::string>{"second"});
+
+    std::vector<std::string> before;
+    EXPECT_EQ(VXNodeRegistry::ListRegisteredNodeTypes(&before), VX_OK);
+    EXPECT_EQ(VXNodeRegistry::ListRegisteredNodeTypes(nullptr), VX_ERROR);
+    EXPECT_EQ(VXNodeRegistry::Create("g.a", nullptr, &node), VX_BAD_VALUE);
+    EXPECT_EQ(VXNodeRegistry::Create("g.a", describe("test/x", "a", {}, {}), nullptr),
+              VX_BAD_VALUE);
+    log.clear();
+    node.reset();
+    EXPECT_EQ(VXNodeRegistry::Create("g.a", describe("test/unknown", "a", {}, {}), &node),
+              VX_ERROR);
+    EXPECT_EQ(
+        log.count(ANDROID_LOG_ERROR, kTag,
+                  "No factory available for test/unknown in " + std::to_string(before.size() + 1)),
+        1);
+    std::vector<std::string> after = {"kept"};
+    EXPECT_EQ(VXNodeRegistry::ListRegisteredNodeTypes(&after), VX_OK);
+    EXPECT_EQ(after.size(), before.size() + 2);
+    EXPECT_EQ(after.front(), "kept");
+    EXPECT_EQ(std::count(after.begin(), after.end(), "test/unknown"), 1);
+
+    struct Empty : VXNodeBaseFactory {
+        Empty() : VXNodeBaseFactory("test/empty") {}
+        void createNode(const std::string&, std::unique_ptr<VXNodeDescriptor>,
+                        std::unique_ptr<VXNode>*) override {}
+    } empty;
+    EXPECT_EQ(VXNodeRegistry::Create("g.a", describe("test/empty", "a", {}, {}), &node), VX_ERROR);
+}
