@@ -122,15 +122,13 @@ void yieldUntil(const std::atomic<bool>& ready) {
 
 // The queue proper. It outlives its EventQueue for as long as the thread or a post is inside it.
 //
-//             start                    stop, other thread
-//   STOPPED ---------> RUNNING ------------------------------> DRAINING --(thread joined)-->
-//   STOPPED
-//                       |   ^                                     ^
-//    stop, own thread   v   | start          stop, other thread   |
-//                      LEAVING -----------------------------------+
-//                         |
-//                         +------------------------------(thread has left by itself)------->
-//                         STOPPED
+//             start                stop, other thread           (thread joined)
+//   STOPPED ---------> RUNNING ------------------------> DRAINING ------> STOPPED
+//                       |   ^                               ^
+//     stop, own thread  v   |  start    stop, other thread  |
+//                      LEAVING -----------------------------+
+//                         |  (thread has left by itself)
+//                         +---------------------------------------------> STOPPED
 //
 // Only RUNNING takes posts; in LEAVING nothing is queued. Events, and with them foreign
 // destructors, are never released while mLock is held.
@@ -164,15 +162,17 @@ private:
 
     const std::string mName;
 
-    std::mutex mLock;                // guards everything down to the next blank line
-    std::condition_variable mWork;   // the thread sleeps here
-    std::condition_variable mEnded;  // DRAINING is over
-    State mState = STOPPED;
-    bool mSleeping = false;  // the thread waits for a notification
-    std::thread mThread;     // empty in DRAINING: who joins it has it
-    std::thread::id mThreadId;
+    // mLock guards everything down to the next blank line. What every post touches comes first, close
+    // together.
+    std::mutex mLock;
     std::vector<Delivery> mWaiting;
     std::atomic<bool> mAnyWaiting{false};  // mWaiting is not empty; read without mLock too
+    bool mSleeping = false;                // the thread waits for a notification
+    State mState = STOPPED;
+    std::condition_variable mWork;   // the thread sleeps here
+    std::condition_variable mEnded;  // DRAINING is over
+    std::thread mThread;             // empty in DRAINING: who joins it has it
+    std::thread::id mThreadId;
     std::multimap<Clock::time_point, Delivery> mDelayed;
 
     // Of the queue's thread alone.
@@ -208,6 +208,7 @@ void EventQueue::Core::stop() {
         rest.swap(mBatch);
         mNext = 0;
         waiting.swap(mWaiting);
+        mAnyWaiting.store(false, std::memory_order_relaxed);
     }
     lock.unlock();
     for (auto& delivery : rest) finish(delivery, XC2_CANCELED);

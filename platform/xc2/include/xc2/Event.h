@@ -2,7 +2,6 @@
 // poster and a bundle of named, typed items.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -29,10 +28,9 @@ enum XC2Status : int32_t {
 
 // Bundle: an unordered map from name to item.
 //
-// Threads  none of its own; it belongs to whoever holds the event, first the poster, then the
-// handler. Owns     its items. The first two need no allocation of their own while their names and
-// strings
-//          are short (15 characters with libstdc++, 22 with libc++).
+// Threads  none of its own; it belongs to who holds the event: the poster, then the handler.
+// Owns     its items. The first two need no allocation of their own while their names and
+//          strings are short (15 characters with libstdc++, 22 with libc++).
 class Bundle {
 public:
     // Base of the objects that a bundle carries by shared pointer.

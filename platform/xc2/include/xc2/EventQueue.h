@@ -2,11 +2,10 @@
 //
 //     auto queue = std::make_shared<xc2::EventQueue>("decoder");
 //     queue->start(0);
-//     auto handler = std::make_shared<MyHandler>();   // derives from xc2::EventHandler
+//     auto handler = std::make_shared<MyHandler>();  // derives from xc2::EventHandler
 //     handler->attach(queue);
-//     handler->postAsync(std::make_shared<xc2::Event>(7));   // MyHandler::onEvent on queue's
-//     thread queue->stop();                                         // after event 7 has been
-//     handled
+//     handler->postAsync(std::make_shared<xc2::Event>(7));
+//     queue->stop();  // by now MyHandler::onEvent has run for event 7, on the queue's thread
 #pragma once
 
 #include <xc2/Event.h>
@@ -34,8 +33,8 @@ class EventHandler;
 //          handler that has no event waiting.
 class EventQueue {
 public:
-    explicit EventQueue(
-        const std::string& name);  // the thread's name; the kernel shows 15 characters
+    // The thread gets the name; the kernel keeps 15 characters of it.
+    explicit EventQueue(const std::string& name);
     ~EventQueue();
     EventQueue(const EventQueue&) = delete;
     EventQueue& operator=(const EventQueue&) = delete;
@@ -64,7 +63,7 @@ private:
 //
 // Life     made as a shared object; attach() -> posts. An event in flight keeps it alive.
 // Threads  attach() and all posts: any. onEvent(): the queue's, never twice at once for one queue.
-// Owns     nothing of the queue that it is attached to: the queue ends without it.
+// Owns     a share of what its queue leaves behind, never the queue: that ends without it.
 //
 // The virtual operations stand in slot order.
 class EventHandler : public std::enable_shared_from_this<EventHandler> {
@@ -75,21 +74,23 @@ public:
     EventHandler& operator=(const EventHandler&) = delete;
 
     // Queues `event` for this handler and returns at once. A refused event is dropped at once.
+    // [any thread]
     //   XC2_OK         queued; delivered unless the queue is stopped on its own thread first
     //   XC2_BAD_STATE  no queue, queue not running, or the handler is not held by a shared pointer
     //   XC2_BAD_VALUE  `event` is null
-    virtual XC2Status postAsync(std::shared_ptr<Event> event);  // [any thread]
+    virtual XC2Status postAsync(std::shared_ptr<Event> event);
 
     // As postAsync(), but delivered no earlier than `delay` milliseconds (steady clock) from now;
-    // dropped when the queue is stopped before.
-    virtual XC2Status postAsyncDelayed(std::shared_ptr<Event> event,
-                                       unsigned int delay);  // [any thread]
+    // dropped when the queue is stopped before.  [any thread]
+    virtual XC2Status postAsyncDelayed(std::shared_ptr<Event> event, unsigned int delay);
 
     // As postAsync(), and waits until onEvent() has returned for the event, `timeout` milliseconds
     // (steady clock) at most; 0 waits without limit.  [any thread but the queue's own]
-    //   XC2_BAD_STATE, XC2_BAD_VALUE  as postAsync(); also XC2_BAD_STATE from the queue's own
-    //   thread XC2_TIMED_OUT  not handled in time; the event is still delivered XC2_CANCELED   the
-    //   queue ended before it came to the event any other      what onEvent() returned
+    //   XC2_BAD_STATE  as postAsync(), and from the queue's own thread
+    //   XC2_BAD_VALUE  `event` is null
+    //   XC2_TIMED_OUT  not handled in time; the event is still delivered
+    //   XC2_CANCELED   the queue ended before it came to the event
+    //   any other      what onEvent() returned
     virtual XC2Status postSyncAndWait(std::shared_ptr<Event> event, unsigned int timeout);
 
     // The work itself. May post to any handler, stop its queue or drop the last reference to it,

@@ -1,0 +1,73 @@
+#include <C2Buffer.h>
+#include <vexa_testing/Codec2.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+class C2Fence::Impl {
+public:
+    c2_status_t wait(c2_nsecs_t timeoutNs) {
+        std::unique_lock<std::mutex> lock(mLock);
+        mChanged.wait_for(lock, std::chrono::nanoseconds(timeoutNs),
+                          [&] { return mState != State::Unfired; });
+        if (mState == State::Unfired) return C2_TIMED_OUT;
+        return mState == State::Fired ? C2_OK : C2_BAD_STATE;
+    }
+    bool valid() const { return state() != State::Abandoned; }
+    bool ready() const { return state() == State::Fired; }
+
+    void fire() { leaveUnfired(State::Fired); }
+    void abandon() { leaveUnfired(State::Abandoned); }
+
+private:
+    enum class State { Unfired, Fired, Abandoned };
+
+    State state() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mState;
+    }
+    // The first of fire() and abandon() counts.
+    void leaveUnfired(State state) {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mState == State::Unfired) mState = state;
+        mChanged.notify_all();
+    }
+
+    mutable std::mutex mLock;
+    std::condition_variable mChanged;
+    State mState = State::Unfired;
+};
+
+C2Fence::C2Fence(std::shared_ptr<Impl> impl) : mImpl(std::move(impl)) {}
+
+c2_status_t C2Fence::wait(c2_nsecs_t timeoutNs) {
+    return mImpl ? mImpl->wait(timeoutNs) : C2_OK;
+}
+bool C2Fence::valid() const {
+    return !mImpl || mImpl->valid();
+}
+bool C2Fence::ready() const {
+    return !mImpl || mImpl->ready();
+}
+int C2Fence::fd() const {
+    return -1;
+}
+bool C2Fence::isHW() const {
+    return false;
+}
+
+namespace vexa_testing {
+
+FenceTrigger::FenceTrigger() : mImpl(std::make_shared<C2Fence::Impl>()) {}
+C2Fence FenceTrigger::fence() const {
+    return C2Fence(mImpl);
+}
+void FenceTrigger::fire() {
+    mImpl->fire();
+}
+void FenceTrigger::abandon() {
+    mImpl->abandon();
+}
+
+}  // namespace vexa_testing

@@ -1,0 +1,11 @@
+// <C2Component.h>: components are opaque here; block pools only take one along.
+#pragma once
+
+#pragma GCC visibility push(default)
+
+class C2Component {
+public:
+    virtual ~C2Component();
+};
+
+#pragma GCC visibility pop

@@ -1,0 +1,37 @@
+// Faults and counts of the host's buffer platform. For tests only.  All functions: [any thread]
+#pragma once
+
+#include <cstdint>
+
+#pragma GCC visibility push(default)
+namespace vexa_testing {
+
+enum class Call {
+    HeapAlloc,      // BufferAllocator::Alloc; fails with an errno number
+    BlockPool,      // android::GetCodec2BlockPool; fails with a c2_status_t
+    FetchBlock,     // either fetch of a Codec 2.0 block pool; fails with a c2_status_t
+    VendorSetting,  // a setter of an xc2 pool; fails with an xc2::XC2Status
+};
+constexpr int kCalls = 4;
+
+// The `nth` call of that kind from now on (1: the next one) fails with `error`, that one only.
+void failCall(Call call, int nth, int error);
+
+// Takes back what failCall announced.
+void clearFaults();
+
+// For the platform: the error that the call being made is to fail with, 0 to go ahead.
+int injectedError(Call call);
+
+// The next allocation decides anew where memory comes from (<BufferAllocator/BufferAllocator.h>).
+void forgetHeapSource();
+
+// The usage word of the last fetch of a Codec 2.0 block pool.
+uint64_t lastFetchUsage();
+
+// Blocks of the Codec 2.0 pools, and buffers of the xc2 pools, that are alive.
+int liveBlocks();
+int liveVendorBuffers();
+
+}  // namespace vexa_testing
+#pragma GCC visibility pop
