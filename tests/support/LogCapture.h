@@ -89,3 +89,8 @@ private:
 
     const uint32_t mOldMask;
 };
+
+// With a LogCapture `log` and a tag `kTag` in scope: one message of this priority and exactly this
+// text, and one guard failure of this condition.
+#define EXPECT_LOGGED(priority, text) EXPECT_EQ(log.count(ANDROID_LOG_##priority, kTag, text), 1)
+#define EXPECT_GUARD(condition) EXPECT_EQ(log.count(condition " : Line# "), 1)
