@@ -117,7 +117,7 @@ TEST_F(GraphTest, BuildsFromADescription) {
     EXPECT_EQ(graph->sort(), VX_OK);
     for (const char* text : {"Builder: Build graph 3", "Preferred allocator = any",
                              "connect a.out -> b.in", "connect a.out -> c.in"}) {
-        EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kTag, text), 1) << text;
+        EXPECT_LOGGED(DEBUG, text) << text;
     }
     EXPECT_EQ(log.count("Connect success"), 2);
 
@@ -181,7 +181,7 @@ TEST_F(GraphTest, FailedBuildsSayWhy) {
         add("a");
         row.describe();
         EXPECT_EQ(build(), nullptr) << row.what;
-        EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, row.logged), 1) << row.what;
+        EXPECT_LOGGED(ERROR, row.logged) << row.what;
         EXPECT_EQ(listener->order.size(), row.heard != nullptr ? 1u : 0u) << row.what;
         if (row.heard != nullptr) {
             EXPECT_EQ(listener->order.back(), row.heard) << row.what;

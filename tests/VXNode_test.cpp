@@ -78,8 +78,8 @@ TEST(Ports, ConnectOnceAndOnlyEqualFormats) {
     auto other = std::make_shared<VXOutputPort>("other", VXPort::Format{"video/raw"}, handler);
     auto in = std::make_shared<VXInputPort>("in", VXPort::Format{"video/raw"}, handler);
     auto blank = std::make_shared<VXInputPort>("blank", VXPort::Format{"video/raw "}, handler);
-    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kTag, "Create I port in"), 1);
-    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kTag, "Create O port out"), 1);
+    EXPECT_LOGGED(DEBUG, "Create I port in");
+    EXPECT_LOGGED(DEBUG, "Create O port out");
     EXPECT_EQ(in->direction(), 0u);
     EXPECT_EQ(out->direction(), 1u);
     EXPECT_EQ(out->format().type, "video/raw");
@@ -87,7 +87,7 @@ TEST(Ports, ConnectOnceAndOnlyEqualFormats) {
     EXPECT_EQ(out->connectTo(blank), VX_INCOMPATIBLE);
     EXPECT_EQ(out->connectTo(nullptr), VX_BAD_VALUE);
     EXPECT_EQ(log.messages().back().tag, "Vexa:VXGraph");
-    EXPECT_EQ(log.count("downstream == nullptr : Line# "), 1);
+    EXPECT_GUARD("downstream == nullptr");
     EXPECT_EQ(in->acceptConnection({"video/raw"}, {}), VX_BAD_VALUE);
     EXPECT_FALSE(out->connected() || in->connected() || blank->connected());
 
@@ -125,7 +125,7 @@ TEST(Ports, DelaysCombineByMaximum) {
     EXPECT_EQ(handler->events[0]->info().get("delay", &delay), xc2::XC2_OK);
     EXPECT_EQ(port, "out");
     EXPECT_EQ(delay, 2u);
-    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kTag, "[out] Notifying total delay change 3 -> 2"), 1);
+    EXPECT_LOGGED(DEBUG, "[out] Notifying total delay change 3 -> 2");
 
     in[1]->setTotalDelay(1);  // the third port still holds 2
     EXPECT_EQ(handler->events.size(), 1u);
@@ -138,7 +138,7 @@ TEST(Ports, DelaysCombineByMaximum) {
 
     out->onTotalDelayChanged("nobody", 50);
     EXPECT_EQ(handler->events.size(), 2u);
-    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "[out] Unrecognized input port : nobody"), 1);
+    EXPECT_LOGGED(ERROR, "[out] Unrecognized input port : nobody");
 }
 
 // Catches: works copied instead of shared on a fan-out, an early release, a list lost without a
@@ -190,7 +190,7 @@ TEST(Config, StoreSplitsTheDescription) {
         {"alt", "1", Entry::TUNING, 1, 0, 5},     {"c", "3", Entry::COMMAND, 2, 0, 30}};
     ScriptedNode node("n", std::move(descriptor));
     EXPECT_EQ(node.type(), "t");
-    EXPECT_EQ(log.count(ANDROID_LOG_WARN, kTag, "Invalid e type for e : bad"), 1);
+    EXPECT_LOGGED(WARN, "Invalid e type for e : bad");
 
     auto& store = node.configStore();
     using Pairs = VXNode::ConfigStore::Pairs;
@@ -209,9 +209,9 @@ TEST(Config, StoreSplitsTheDescription) {
     EXPECT_EQ(value, "kept");
     EXPECT_EQ(node.getInitConfig("file", &value), VX_OK);
     EXPECT_EQ(value, "clip");
-    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kTag, "n: Config file = clip"), 1);
+    EXPECT_LOGGED(DEBUG, "n: Config file = clip");
     EXPECT_EQ(node.getInitConfig("file", nullptr), VX_BAD_VALUE);
-    EXPECT_EQ(log.count("value == nullptr : Line# "), 1);
+    EXPECT_GUARD("value == nullptr");
 }
 
 // ---- Life cycle -------------------------------------------------------------------------------
@@ -247,7 +247,7 @@ TEST_F(NodeTest, LifeCycleAllowsOnlyWhatIsLegal) {
     EXPECT_EQ(node->addOutputPort("late", {"f"}), VX_OK);
 
     EXPECT_EQ(node->start(listener), VX_ERROR);
-    EXPECT_EQ(log.count("ret != VX_OK : Line# "), 1);
+    EXPECT_GUARD("ret != VX_OK");
     node->startHook = {};
     EXPECT_EQ(node->start(listener), VX_OK);  // a failed start leaves it set up
     EXPECT_EQ(node->start(listener), VX_INVALID_OPERATION);
@@ -257,9 +257,9 @@ TEST_F(NodeTest, LifeCycleAllowsOnlyWhatIsLegal) {
 
     log.clear();
     EXPECT_EQ(node->signalError(VX_ERROR, "late"), VX_OK);
-    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "Handler is gone !!!!"), 1);
+    EXPECT_LOGGED(ERROR, "Handler is gone !!!!");
     EXPECT_EQ(node->returnWorks({}), VX_NO_INIT);
-    EXPECT_EQ(log.count("mHandler == nullptr : Line# "), 1);
+    EXPECT_GUARD("mHandler == nullptr");
     node.reset();
     EXPECT_EQ(log.count("safely terminated") + log.count("without stopping"), 0);
 }
@@ -307,8 +307,7 @@ TEST_F(NodeTest, TeardownAndDestructor) {
         EXPECT_EQ(node.allocatorType(), "any");
         EXPECT_EQ(node.getPreferredAllocatorTypes(), std::vector<std::string>{"any"});
     }
-    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "[g.careless] Node was not safely terminated !!"),
-              1);
+    EXPECT_LOGGED(ERROR, "[g.careless] Node was not safely terminated !!");
     log.clear();
     {
         Careless node;
@@ -326,9 +325,7 @@ TEST_F(NodeTest, TeardownAndDestructor) {
     ASSERT_EQ(node->start(listener), VX_OK);
     node->teardown();
     EXPECT_EQ(stops, 1);
-    EXPECT_EQ(log.count(ANDROID_LOG_WARN, kTag,
-                        "[g.n] Node being destroyed without stopping.. attempting stop"),
-              1);
+    EXPECT_LOGGED(WARN, "[g.n] Node being destroyed without stopping.. attempting stop");
 }
 
 // ---- Events -----------------------------------------------------------------------------------
@@ -346,7 +343,7 @@ TEST_F(NodeTest, EventsWithoutPayloadOrRegulator) {
     };
     const auto none = [](xc2::Bundle&) {};
     EXPECT_EQ(node->handleMessage(nullptr), VX_BAD_VALUE);
-    EXPECT_EQ(log.count("event == nullptr : Line# "), 1);
+    EXPECT_GUARD("event == nullptr");
     for (const auto& [id, text] : std::vector<std::pair<uint32_t, std::string>>{
              {3, "event->info().get(\"works\", &completedWorkInfo) != xc2::XC2_OK"},
              {4, "event->info().get(\"res-id\", &resId) != xc2::XC2_OK"},
@@ -367,13 +364,13 @@ TEST_F(NodeTest, EventsWithoutPayloadOrRegulator) {
     EXPECT_EQ(
         handle(512, [](auto& b) { b.put("works", std::shared_ptr<VXInputPort::WorkInfo>()); }),
         VX_ERROR);
-    EXPECT_EQ(log.count("workInfo == nullptr : Line# "), 1);
+    EXPECT_GUARD("workInfo == nullptr");
     EXPECT_EQ(handle(3, [](auto& b) { b.put("works", std::make_shared<VXInputPort::WorkInfo>()); }),
               VX_ERROR);  // another class than expected
     EXPECT_EQ(
         handle(3, [](auto& b) { b.put("works", std::shared_ptr<VXNode::CompletedWorkInfo>()); }),
         VX_ERROR);
-    EXPECT_EQ(log.count("completedWorkInfo == nullptr : Line# "), 1);
+    EXPECT_GUARD("completedWorkInfo == nullptr");
 
     // What needs the regulator, before start and after shut-down.
     for (int round = 0; round < 2; ++round) {
@@ -399,7 +396,7 @@ TEST_F(NodeTest, EventsWithoutPayloadOrRegulator) {
         EXPECT_EQ(handle(256, none), VX_OK);
         EXPECT_EQ(handle(1, none), VX_INVALID_OPERATION);
         EXPECT_EQ(handle(0xabcd, none), VX_INVALID_OPERATION);
-        EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "[g.n] Unhandled Event abcd"), 1);
+        EXPECT_LOGGED(ERROR, "[g.n] Unhandled Event abcd");
         node->shutDown();
     }
 }
@@ -465,8 +462,7 @@ TEST_F(NodeTest, PendingInputs) {
     EXPECT_EQ(node->countAvailablePendingInputWorks(5, &count, &eos), VX_OK);
     EXPECT_EQ(count, 2u);
     EXPECT_TRUE(eos);
-    EXPECT_EQ(log.count(ANDROID_LOG_DEBUG, kTag, "[g.n] available-inputs: 2 (requested=5) has-EOS"),
-              1);
+    EXPECT_LOGGED(DEBUG, "[g.n] available-inputs: 2 (requested=5) has-EOS");
     EXPECT_EQ(node->countAvailablePendingInputWorks(1, &count, &eos), VX_OK);
     EXPECT_EQ(count, 1u);
     EXPECT_FALSE(eos);
@@ -476,7 +472,7 @@ TEST_F(NodeTest, PendingInputs) {
     EXPECT_EQ(node->getPendingInputWorks(1, nullptr), VX_BAD_VALUE);
     EXPECT_EQ(node->getPendingInputWorks(4, &works), VX_INVALID_OPERATION);
     EXPECT_TRUE(works.empty());
-    EXPECT_EQ(log.count("requestedCount > mPendingInputWorks.size() : Line# "), 1);
+    EXPECT_GUARD("requestedCount > mPendingInputWorks.size()");
     EXPECT_EQ(node->getPendingInputWorks(2, &works), VX_OK);
     ASSERT_EQ(works.size(), 3u);
     EXPECT_EQ(works.back()->frameInfo().index, 3u);
@@ -564,14 +560,12 @@ TEST_F(RegulatorTest, CapacityFollowsTheLargestDelay) {
     EXPECT_EQ(regulator->maxDownstreamCapacity(), 4u);
     EXPECT_EQ(regulator->freeDownstreamCapacity(), 0u);
     EXPECT_EQ(regulator->notifyDownstreamTotalDelay("c", 8), VX_NOT_FOUND);
-    EXPECT_EQ(log.count("mPortDelays.count(portId) == 0 : Line# "), 1);
+    EXPECT_GUARD("mPortDelays.count(portId) == 0");
     for (unsigned long id = 1; id <= 4; ++id)
         EXPECT_EQ(regulator->releaseDownstreamWork(id), VX_OK);
     EXPECT_EQ(regulator->freeDownstreamCapacity(), 1u);
     EXPECT_EQ(regulator->releaseDownstreamWork(4), VX_NOT_FOUND);
-    EXPECT_EQ(log.count(ANDROID_LOG_WARN, kTag,
-                        "[g.n.Regulator] Downstream released untracked work (id: 4)"),
-              1);
+    EXPECT_LOGGED(WARN, "[g.n.Regulator] Downstream released untracked work (id: 4)");
 }
 
 // Catches: a short batch before end of stream, none at it, outputs that do not match inputs let
@@ -603,9 +597,7 @@ TEST_F(RegulatorTest, BatchesAndTheirOutputs) {
     leave = 2;
     EXPECT_EQ(regulator->schedule(), VX_ERROR);
     EXPECT_EQ(given, 3u);
-    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag,
-                        "[g.n.Regulator] onProcess returned only 2 works out of 3 !"),
-              1);
+    EXPECT_LOGGED(ERROR, "[g.n.Regulator] onProcess returned only 2 works out of 3 !");
     EXPECT_EQ(received().size(), 0u);
     EXPECT_EQ(Counted::sAlive, 0);
 
@@ -614,12 +606,10 @@ TEST_F(RegulatorTest, BatchesAndTheirOutputs) {
     result = VX_NOT_FOUND;
     EXPECT_EQ(regulator->schedule(), VX_OK);
     EXPECT_EQ(received().size(), 1u);
-    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag,
-                        "[g.n.Regulator] Error: Node [g.n] failed to process !: 2"),
-              1);
+    EXPECT_LOGGED(ERROR, "[g.n.Regulator] Error: Node [g.n] failed to process !: 2");
     unsigned long ready = 0;
     EXPECT_FALSE(regulator->canScheduleWorks(nullptr));
-    EXPECT_EQ(log.count("nWorksReady == nullptr : Line# "), 1);
+    EXPECT_GUARD("nWorksReady == nullptr");
     give({nullptr});
     EXPECT_FALSE(regulator->canScheduleWorks(&ready));
     EXPECT_EQ(log.count("canScheduleWorks: countAvailablePendingInputWorks returned error"), 1);
@@ -687,7 +677,7 @@ TEST_F(RegulatorTest, ReleasesAfterTheProducerHasGone) {
     EXPECT_EQ(Counted::sAlive, 1);
     downstream->events.clear();
     EXPECT_EQ(Counted::sAlive, 0);
-    EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "Handler is gone !!!!"), 1);
+    EXPECT_LOGGED(ERROR, "Handler is gone !!!!");
 
     VXNode::DownstreamWorkTracker tracker({});
     tracker.onRelease(nullptr);
@@ -772,10 +762,8 @@ TEST(Registry, FindsFactoriesByType) {
     node.reset();
     EXPECT_EQ(VXNodeRegistry::Create("g.a", describe("test/unknown", "a", {}, {}), &node),
               VX_ERROR);
-    EXPECT_EQ(
-        log.count(ANDROID_LOG_ERROR, kTag,
-                  "No factory available for test/unknown in " + std::to_string(before.size() + 1)),
-        1);
+    EXPECT_LOGGED(ERROR,
+                  "No factory available for test/unknown in " + std::to_string(before.size() + 1));
     std::vector<std::string> after = {"kept"};
     EXPECT_EQ(VXNodeRegistry::ListRegisteredNodeTypes(&after), VX_OK);
     EXPECT_EQ(after.size(), before.size() + 2);

@@ -1,0 +1,191 @@
+#include "AppNode.h"
+
+#include "Console.h"
+#include "Failure.h"
+
+namespace vxrun {
+
+using namespace vexa;
+
+// ---- Node types -------------------------------------------------------------------------------
+
+extern const NodeType kY4mSource;
+extern const NodeType kFileSource;
+extern const NodeType kPassthrough;
+extern const NodeType kChecksumSink;
+extern const NodeType kFileSink;
+extern const NodeType kNullSink;
+
+const std::vector<const NodeType*>& nodeTypes() {
+    static const std::vector<const NodeType*> types = {&kY4mSource,    &kFileSource, &kPassthrough,
+                                                       &kChecksumSink, &kFileSink,   &kNullSink};
+    return types;
+}
+
+const NodeType* findNodeType(const std::string& name) {
+    for (const NodeType* type : nodeTypes()) {
+        if (type->name == name) return type;
+    }
+    return nullptr;
+}
+
+const ConfigKey* NodeType::find(const std::string& key) const {
+    for (const ConfigKey& config : configs) {
+        if (config.name == key) return &config;
+    }
+    return nullptr;
+}
+
+NodeFactory::NodeFactory(const NodeType& type, Evidence& evidence)
+    : VXNodeBaseFactory(type.name), mType(type), mEvidence(evidence) {}
+
+void NodeFactory::createNode(const std::string& name, std::unique_ptr<VXNodeDescriptor> descriptor,
+                             std::unique_ptr<VXNode>* node) {
+    *node = mType.make({mType, name, descriptor->name, descriptor->entries.size(),
+                        std::move(descriptor), mEvidence});
+}
+
+// ---- AppNode ----------------------------------------------------------------------------------
+
+AppNode::AppNode(NodeArguments arguments)
+    : VXNode(arguments.fullName, std::move(arguments.descriptor)),
+      mType(arguments.type),
+      mEvidence(arguments.evidence),
+      mRecord(mEvidence.addNode(arguments.nodeName, mType.outputs == 0)),
+      mEntries(arguments.entries) {}
+
+VXError AppNode::onSetup(bool) {
+    return guarded(NODE_FAIL_INIT, [this] {
+        checkDescription();
+        createPorts();
+        open();
+    });
+}
+
+VXError AppNode::onProcess(SharedWorks inputs, Works* outputs) {
+    if (mBroken) return VX_OK;  // the run is ending; what still arrives is not worth another line
+    const VXError result = guarded(NODE_FAIL_FATAL, [&] { process(inputs, outputs); });
+    mBroken = result != VX_OK;
+    return result;
+}
+
+// Runs `action` and turns whatever it throws into the run's error. The status that is returned makes
+// the library end the build or the run.
+template <typename Action>
+VXError AppNode::guarded(VexaError error, Action action) {
+    try {
+        action();
+        return VX_OK;
+    } catch (const Failure& failure) {
+        fail(failure.verdict().empty() ? errorName(error) : failure.verdict(), failure.what());
+    } catch (const std::exception& exception) {  // memory, for instance
+        fail(errorName(error), exception.what());
+    }
+    return VX_ERROR;
+}
+
+void AppNode::fail(const std::string& verdict, const std::string& text) {
+    mEvidence.fail(verdict);
+    console::line("vxrun: node '" + mRecord.name + "': " + text);
+}
+
+void AppNode::failCheck(VexaError error, const std::string& text) {
+    fail(errorName(error), text);
+    signalError(VX_OK, errorName(error));  // VX_OK: the graph tells its listener and goes on
+}
+
+void AppNode::checkDescription() {
+    const auto checkCount = [this](const char* kind, size_t wanted, size_t got) {
+        if (got == wanted) return;
+        throw Failure("a " + mType.name + " has " + std::to_string(wanted) + " " + kind +
+                      " port(s), the description gives it " + std::to_string(got));
+    };
+    checkCount("input", mType.inputs, inputPortInfos().size());
+    checkCount("output", mType.outputs, outputPortInfos().size());
+    for (const auto& [key, value] : configStore().configs()) {
+        if (mType.find(key) != nullptr) continue;
+        std::string known;
+        for (const ConfigKey& config : mType.configs) known += " " + config.name;
+        throw Failure("unknown config '" + key + "' = " + quote(value) + ", a " + mType.name +
+                      " knows:" + (known.empty() ? " none" : known));
+    }
+    if (mEntries > 0) throw Failure("a " + mType.name + " takes no entries");
+}
+
+void AppNode::createPorts() {
+    for (const auto& port : inputPortInfos()) addInputPort(port.name, {port.format});
+    for (const auto& port : outputPortInfos()) addOutputPort(port.name, {port.format});
+}
+
+std::string AppNode::config(const std::string& key) {
+    std::string value;
+    getInitConfig(key, &value);
+    return value;
+}
+
+std::string AppNode::requiredConfig(const std::string& key) {
+    std::string value = config(key);
+    if (value.empty()) throw Failure("config '" + key + "' is missing");
+    return value;
+}
+
+uint64_t AppNode::numberConfig(const std::string& key, uint64_t low, uint64_t high,
+                               uint64_t preset) {
+    const std::string value = config(key);
+    try {
+        return value.empty() ? preset : parseNumber(value, low, high);
+    } catch (const Failure& failure) {
+        throw Failure("config '" + key + "': " + failure.what());
+    }
+}
+
+void AppNode::countFrame(const VXFrameInfo& frame) {
+    ++mRecord.frames;
+    if ((frame.flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0) mRecord.endOfStream = true;
+}
+
+// ---- Source -----------------------------------------------------------------------------------
+
+VXError Source::countAvailablePendingInputWorks(unsigned long maxCount, unsigned long* actualCount,
+                                                bool* hasEOS) {
+    if (actualCount == nullptr || hasEOS == nullptr || maxCount == 0) return VX_BAD_VALUE;
+    *actualCount = mEnded ? 0 : 1;  // a batch is one
+    *hasEOS = false;
+    return VX_OK;
+}
+
+VXError Source::getPendingInputWorks(unsigned long requestedCount, SharedWorks* works) {
+    if (works == nullptr) return VX_BAD_VALUE;
+    works->clear();
+    if (requestedCount > (mEnded ? 0 : 1)) return VX_INVALID_OPERATION;
+    works->push_back(std::make_shared<VXSharedWork>(VXAuxInfo(), VXFrameInfo()));
+    return VX_OK;
+}
+
+void Source::process(const SharedWorks& inputs, Works* outputs) {
+    for (size_t i = 0; i < inputs.size() && !mEnded; ++i) {
+        mEnded = true;  // also if something is thrown below
+        auto work = std::make_unique<VXWork>();
+        fill(work.get());
+        VXFrameInfo& frame = outputs->emplace_back(std::move(work))->frameInfo();
+        mEnded = !hasNext();  // may throw: then the frame before the trouble is sent on
+        if (mEnded) frame.flags |= VXFrameInfo::FLAG_END_OF_STREAM;
+        countFrame(frame);
+    }
+}
+
+// ---- Sink -------------------------------------------------------------------------------------
+
+void Sink::process(const SharedWorks& inputs, Works*) {
+    for (const auto& work : inputs) {
+        const auto payload = work->payload<const Payload>();
+        if (payload == nullptr) throw Failure("a work without a payload");
+        consume(*payload, work->frameInfo());
+        const bool last = (work->frameInfo().flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0;
+        if (last) finish();
+        countFrame(work->frameInfo());
+        if (last) signalComplete();
+    }
+}
+
+}  // namespace vxrun

@@ -1,0 +1,159 @@
+// AppNode: what the nodes of vxrun have in common, and the table of node types.
+//
+// A node type is one source file in nodes/: a class derived from AppNode, Source or Sink, and a
+// NodeType that describes it. Its hooks throw Failure; AppNode's final overrides catch everything, so
+// that no exception reaches the library.
+#pragma once
+
+#include "Evidence.h"
+#include "Payload.h"
+
+#include <VXNode.h>
+
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vxrun {
+
+struct ConfigKey {
+    std::string name;
+    bool isFile;
+    std::string help;
+};
+
+struct NodeType;
+
+// What a node is made from.
+struct NodeArguments {
+    const NodeType& type;
+    std::string fullName;  // "graph.node"
+    std::string nodeName;  // as the description has it
+    size_t entries;        // per-frame entries in the description
+    std::unique_ptr<vexa::VXNodeDescriptor> descriptor;
+    Evidence& evidence;
+};
+
+struct NodeType {
+    std::string name;
+    std::string help;
+    size_t inputs;  // how many ports of each kind a node of this type has
+    size_t outputs;
+    std::vector<ConfigKey> configs;
+    std::unique_ptr<vexa::VXNode> (*make)(NodeArguments arguments);
+
+    // The config `key`; null when the type does not know it.
+    const ConfigKey* find(const std::string& key) const;
+};
+
+template <typename Node>
+std::unique_ptr<vexa::VXNode> makeNode(NodeArguments arguments) {
+    return std::make_unique<Node>(std::move(arguments));
+}
+
+// The types of this program, in the order to list them; null for an unknown name.
+const std::vector<const NodeType*>& nodeTypes();
+const NodeType* findNodeType(const std::string& name);
+
+// NodeFactory: makes the nodes of one type with the evidence of one run.
+class NodeFactory final : public vexa::VXNodeBaseFactory {
+public:
+    NodeFactory(const NodeType& type, Evidence& evidence);
+    void createNode(const std::string& name, std::unique_ptr<vexa::VXNodeDescriptor> descriptor,
+                    std::unique_ptr<vexa::VXNode>* node) override;
+
+private:
+    const NodeType& mType;
+    Evidence& mEvidence;
+};
+
+// The base class. Each most derived class calls teardown() in its destructor.
+//
+// Threads  open(): the one that builds the graph. process(): the node's event thread.
+class AppNode : public vexa::VXNode {
+protected:
+    using SharedWorks = std::list<std::shared_ptr<vexa::VXSharedWork>>;
+    using Works = std::list<std::unique_ptr<vexa::VXWork>>;
+
+    explicit AppNode(NodeArguments arguments);
+
+    // Takes the configs and opens files. The ports exist.
+    virtual void open() {}
+    // Leaves one output per input, or none.
+    virtual void process(const SharedWorks& inputs, Works* outputs) = 0;
+
+    // A config's value; empty when it was not given.
+    std::string config(const std::string& key);
+    // The same; a Failure when it was not given.
+    std::string requiredConfig(const std::string& key);
+    // A config that is a number in [low, high]; `preset` when it was not given.
+    uint64_t numberConfig(const std::string& key, uint64_t low, uint64_t high, uint64_t preset);
+
+    // Counts a frame; the last one, too, as the end of the stream.
+    void countFrame(const vexa::VXFrameInfo& frame);
+    // Reports a failed check. The run goes on, so that the other sinks finish.
+    void failCheck(vexa::VexaError error, const std::string& text);
+
+    NodeRecord& record() { return mRecord; }
+
+private:
+    vexa::VXError onSetup(bool beforeFence) final;
+    vexa::VXError onStart() final { return vexa::VX_OK; }
+    vexa::VXError onStop() final { return vexa::VX_OK; }
+    vexa::VXError onProcess(SharedWorks inputs, Works* outputs) final;
+    void onDrain() final {}
+    void onFlush() final {}
+
+    template <typename Action>
+    vexa::VXError guarded(vexa::VexaError error, Action action);
+    void checkDescription();
+    void createPorts();
+    void fail(const std::string& verdict, const std::string& text);
+
+    const NodeType& mType;
+    Evidence& mEvidence;
+    NodeRecord& mRecord;
+    const size_t mEntries;
+    bool mBroken = false;  // a process() has failed  [event thread]
+};
+
+// Source: a node that makes frames. It offers one input of its own making at a time, so that the
+// regulator's flow control paces it, and none after its last frame or a failure.
+class Source : public AppNode {
+public:
+    vexa::VXError countAvailablePendingInputWorks(unsigned long maxCount,
+                                                  unsigned long* actualCount,
+                                                  bool* hasEOS) override;
+    vexa::VXError getPendingInputWorks(
+        unsigned long requestedCount,
+        std::list<std::shared_ptr<vexa::VXSharedWork>>* works) override;
+
+protected:
+    explicit Source(NodeArguments arguments) : AppNode(std::move(arguments)) {}
+
+    // Fills the next frame's work: payload, timestamp, infos.
+    virtual void fill(vexa::VXWork* work) = 0;
+    // True when another frame follows the one filled last.
+    virtual bool hasNext() = 0;
+
+private:
+    void process(const SharedWorks& inputs, Works* outputs) final;
+
+    bool mEnded = false;  // [event thread]
+};
+
+// Sink: a node that takes frames and gives none. Reports completion after the last frame.
+class Sink : public AppNode {
+protected:
+    explicit Sink(NodeArguments arguments) : AppNode(std::move(arguments)) {}
+
+    virtual void consume(const Payload& payload, const vexa::VXFrameInfo& frame) = 0;
+    // The last frame has been consumed.
+    virtual void finish() {}
+
+private:
+    void process(const SharedWorks& inputs, Works* outputs) final;
+};
+
+}  // namespace vxrun

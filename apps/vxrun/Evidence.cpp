@@ -1,0 +1,92 @@
+#include "Evidence.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <csignal>
+#include <cstdio>
+#include <map>
+
+namespace vxrun {
+namespace {
+
+int exitCode(const std::string& verdict) {
+    static const std::map<std::string, int> codes = {
+        {"PASS", 0},
+        {"CRC_MISMATCH", 1},
+        {"INFO_VALIDATION_FAIL", 1},
+        {"NO_END_OF_STREAM", 1},
+        {"BAD_OPTION", 2},
+        {"CORRUPT_DESCR", 2},
+        {"NODE_NOT_FOUND", 2},
+        {"NOTHING_CHECKED", 4},
+        {"NOT_SUPPORTED", 77},
+        {"TIMEOUT", 124},
+        {"SIGINT", 128 + SIGINT},
+        {"SIGTERM", 128 + SIGTERM},
+    };
+    constexpr int kCouldNotRun = 3;  // the library's other names
+    const auto code = codes.find(verdict);
+    return code != codes.end() ? code->second : kCouldNotRun;
+}
+
+}  // namespace
+
+NodeRecord& Evidence::addNode(const std::string& name, bool sink) {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mNodes.emplace_back(name, sink);
+}
+
+bool Evidence::fail(const std::string& word) {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (!mFirstError.empty()) return false;
+    mFirstError = word;
+    return true;
+}
+
+std::string Evidence::verdict() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (!mFirstError.empty()) return mFirstError;
+    bool allEnded = true;
+    bool anyChecking = false;
+    bool allChecked = true;
+    for (const NodeRecord& node : mNodes) {
+        if (node.sink && !node.endOfStream) allEnded = false;
+        if (node.checking) anyChecking = true;
+        if (node.checking && node.checked == 0) allChecked = false;
+    }
+    if (!allEnded) return "NO_END_OF_STREAM";
+    return anyChecking && allChecked ? "PASS" : "NOTHING_CHECKED";
+}
+
+Evidence::Totals Evidence::totals() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    Totals totals;
+    for (const NodeRecord& node : mNodes) {
+        if (node.sink) totals.frames = std::max<uint64_t>(totals.frames, node.frames);
+        totals.checked += node.checked;
+        totals.firstBad = std::min<uint64_t>(totals.firstBad, node.firstBad);
+    }
+    return totals;
+}
+
+std::string Evidence::unfinished() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    std::string names;
+    for (const NodeRecord& node : mNodes) {
+        if (!node.endOfStream) names += (names.empty() ? "" : ", ") + node.name;
+    }
+    return names;
+}
+
+int Evidence::printVerdict() const {
+    const std::string word = verdict();
+    const Totals sums = totals();
+    const std::string firstBad =
+        sums.firstBad == NodeRecord::kNone ? "-" : std::to_string(sums.firstBad);
+    std::printf("verdict: %s frames=%" PRIu64 " checked=%" PRIu64 " first_bad=%s\n", word.c_str(),
+                sums.frames, sums.checked, firstBad.c_str());
+    std::fflush(stdout);
+    return exitCode(word);
+}
+
+}  // namespace vxrun

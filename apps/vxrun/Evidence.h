@@ -1,0 +1,66 @@
+// Evidence: what a run has shown, and the verdict that follows from it.
+//
+// A pass is a matter of evidence, never of the graph's completion, which comes after errors too.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+
+namespace vxrun {
+
+// What one node has shown. Written by the node, read by anyone at any time.
+struct NodeRecord {
+    static constexpr uint64_t kNone = UINT64_MAX;
+
+    NodeRecord(std::string nodeName, bool isSink) : name(std::move(nodeName)), sink(isSink) {}
+
+    const std::string name;
+    const bool sink;                    // it takes frames and gives none
+    std::atomic<bool> checking{false};  // it compares frames with an expectation
+    std::atomic<uint64_t> frames{0};    // that came through the node
+    std::atomic<uint64_t> checked{0};   // of these, compared
+    std::atomic<uint64_t> firstBad{
+        kNone};                            // the first frame that differed, was missing or too much
+    std::atomic<bool> endOfStream{false};  // the node has handled the last frame
+};
+
+// The records of all nodes of a run and its first error.
+//
+// Life     made before the graph, outlives its nodes.
+// Threads  any.
+class Evidence {
+public:
+    // The sums over all sinks.
+    struct Totals {
+        uint64_t frames = 0;   // the most that any one sink took
+        uint64_t checked = 0;  // over all sinks
+        uint64_t firstBad = NodeRecord::kNone;
+    };
+
+    // A record for a new node; lives as long as this object.
+    NodeRecord& addNode(const std::string& name, bool sink);
+
+    // Records that the run has failed. The first word counts: it is the verdict. True when it was
+    // the first.
+    bool fail(const std::string& word);
+
+    // The verdict as of now: the first error, else what the sinks' records allow to say.
+    std::string verdict() const;
+    Totals totals() const;
+    // The names of the nodes that have not handled their last frame, separated by commas.
+    std::string unfinished() const;
+
+    // Prints the verdict line, the last one on standard output, and returns the exit code that goes
+    // with it.
+    int printVerdict() const;
+
+private:
+    mutable std::mutex mLock;
+    std::deque<NodeRecord> mNodes;  // guarded by mLock; the records themselves are not
+    std::string mFirstError;        // guarded by mLock
+};
+
+}  // namespace vxrun

@@ -1,0 +1,30 @@
+#include "Failure.h"
+
+#include <charconv>
+#include <system_error>
+
+namespace vxrun {
+
+std::string quote(const std::string& text) {
+    constexpr size_t kShown = 60;
+    std::string shown = "'";
+    for (const char c : text.substr(0, kShown)) shown += c >= ' ' && c != '\x7f' ? c : '?';
+    return shown + (text.size() > kShown ? "...'" : "'");
+}
+
+std::string errnoText(int number) {
+    return std::generic_category().message(number);
+}
+
+uint64_t parseNumber(const std::string& text, uint64_t low, uint64_t high) {
+    uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [parsed, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || parsed != end || number < low || number > high) {
+        throw Failure("expected a number from " + std::to_string(low) + " to " +
+                      std::to_string(high) + ", got " + quote(text));
+    }
+    return number;
+}
+
+}  // namespace vxrun

@@ -1,0 +1,98 @@
+#include "Files.h"
+
+#include "Failure.h"
+
+#include <cerrno>
+#include <filesystem>
+
+namespace vxrun {
+namespace {
+
+constexpr size_t kBufferSize = 1 << 20;  // pictures are read row by row: few calls to the kernel
+
+FileHandle open(const std::string& path, const char* mode) {
+    FileHandle file(std::fopen(path.c_str(), mode));
+    if (file == nullptr) throw Failure(path + ": " + errnoText(errno));
+    std::setvbuf(file.get(), nullptr, _IOFBF, kBufferSize);
+    return file;
+}
+
+}  // namespace
+
+InputFile::InputFile(const std::string& path) : mPath(path), mFile(open(path, "rbe")) {}
+
+size_t InputFile::read(void* data, size_t size) {
+    const size_t got = std::fread(data, 1, size, mFile.get());
+    mOffset += got;
+    if (got < size) checkError();
+    return got;
+}
+
+bool InputFile::readLine(size_t limit, std::string* line) {
+    line->clear();
+    while (line->size() < limit) {
+        const int c = std::getc(mFile.get());
+        if (c == EOF) {
+            checkError();
+            return false;
+        }
+        ++mOffset;
+        if (c == '\n') return true;
+        *line += static_cast<char>(c);
+    }
+    return false;
+}
+
+bool InputFile::atEnd() {
+    const int c = std::getc(mFile.get());
+    if (c == EOF) checkError();
+    return std::ungetc(c, mFile.get()) == EOF;
+}
+
+void InputFile::checkError() {
+    if (std::ferror(mFile.get()) != 0) fail(errnoText(errno));  // a directory, for instance
+}
+
+void InputFile::fail(const std::string& text) const {
+    throw Failure(mPath + ": " + text);
+}
+
+std::string readTextFile(const std::string& path, size_t limit) {
+    InputFile file(path);
+    std::string text;
+    char chunk[4096];
+    while (const size_t got = file.read(chunk, sizeof chunk)) {
+        text.append(chunk, got);
+        if (text.size() > limit) file.fail("larger than " + std::to_string(limit) + " bytes");
+    }
+    return text;
+}
+
+OutputFile::OutputFile(const std::string& path) : mPath(path), mPartPath(path + ".part") {
+    std::error_code ignored;
+    const auto status = std::filesystem::status(path, ignored);
+    if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+        throw Failure(path + ": not a regular file, so it cannot be written to");
+    }
+    mFile = open(mPartPath, "wbe");
+}
+
+OutputFile::~OutputFile() {
+    if (mFile != nullptr) std::remove(mPartPath.c_str());
+}
+
+void OutputFile::write(const void* data, size_t size) {
+    if (std::fwrite(data, 1, size, mFile.get()) != size) fail();
+}
+
+void OutputFile::commit() {
+    if (std::fflush(mFile.get()) != 0) fail();
+    if (std::rename(mPartPath.c_str(), mPath.c_str()) != 0) fail();
+    mFile.reset();
+}
+
+void OutputFile::fail() {
+    throw Failure(mPath + ": " + errnoText(errno));
+}
+
+}  // namespace vxrun

@@ -1,0 +1,22 @@
+// GraphFile: the description of a graph as a JSON file (docs/graph-file.md).
+#pragma once
+
+#include <VXGraph.h>
+
+#include <string>
+
+namespace vxrun {
+
+// Reads and checks the graph file `path`. File configs of known node types that are relative are
+// taken from the file's folder.
+//
+// A Failure "file:line:column: place: text" for the first thing that is wrong. Its verdict is
+// NODE_NOT_FOUND for an unknown node type, GRAPH_BUILD_FAIL for a connection between different
+// formats, else CORRUPT_DESCR. Nothing has been built by then.
+vexa::VXGraphInfo readGraphFile(const std::string& path);
+
+// Sets one config by an option's text "NODE.KEY=VALUE". A Failure when it is none, or the graph has
+// no such node.
+void overrideConfig(vexa::VXGraphInfo* graph, const std::string& assignment);
+
+}  // namespace vxrun

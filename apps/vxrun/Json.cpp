@@ -1,0 +1,214 @@
+#include "Json.h"
+
+#include "Failure.h"
+#include "Files.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <iterator>
+#include <set>
+#include <string_view>
+#include <utility>
+
+namespace vxrun {
+namespace {
+
+constexpr size_t kMaxSize = 2 << 20;  // of a file; every value costs many times its text
+constexpr size_t kMaxDepth = 32;      // values are built and destroyed by recursion
+
+const char* name(JsonValue::Kind kind) {
+    static constexpr const char* kNames[] = {"null",     "a boolean", "a number",
+                                             "a string", "an array",  "an object"};
+    return kNames[kind];
+}
+
+std::string got(const JsonValue& value) {
+    return std::string(", got ") + name(value.kind);
+}
+
+// The parser tells its handler no positions, so it reads through an iterator that leaves word of how
+// far it has come.
+class TrackingIterator {
+public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    TrackingIterator(const char* at, const char** reached) : mAt(at), mReached(reached) {}
+
+    reference operator*() const { return *mAt; }
+    TrackingIterator& operator++() {
+        *mReached = ++mAt;
+        return *this;
+    }
+    bool operator==(const TrackingIterator& other) const { return mAt == other.mAt; }
+    bool operator!=(const TrackingIterator& other) const { return mAt != other.mAt; }
+
+private:
+    const char* mAt;
+    const char** mReached;
+};
+
+}  // namespace
+
+// Builder: the parser's handler. Each call comes when the parser has read just its token (a number:
+// one byte more), so the token began at the first byte after the last one that is no separator.
+class JsonDocument::Builder {
+public:
+    explicit Builder(JsonDocument* document)
+        : mDocument(*document), mText(document->mText), mReached(mText.data()) {}
+
+    void parse() {
+        const char* const end = mText.data() + mText.size();
+        nlohmann::json::sax_parse(TrackingIterator(mText.data(), &mReached),
+                                  TrackingIterator(end, &mReached), this);
+    }
+
+    bool null() { return add(JsonValue::NULL_VALUE, "null"); }
+    bool boolean(bool value) { return add(JsonValue::BOOLEAN, value ? "true" : "false"); }
+    bool number_integer(int64_t value) { return add(JsonValue::NUMBER, std::to_string(value)); }
+    bool number_unsigned(uint64_t value) { return add(JsonValue::NUMBER, std::to_string(value)); }
+    bool number_float(double, const std::string& text) { return add(JsonValue::NUMBER, text); }
+    bool string(std::string& text) { return add(JsonValue::STRING, text); }
+    bool binary(nlohmann::json::binary_t&) { return false; }  // not in text
+    bool start_object(size_t) { return open(JsonValue::OBJECT); }
+    bool start_array(size_t) { return open(JsonValue::ARRAY); }
+    bool key(const std::string& text) {
+        mKey = text;
+        mLastEnd = mReached;
+        return true;
+    }
+    bool end_object() {
+        std::set<std::string_view> seen;
+        for (const JsonValue& member : mOpen.back()->items) {
+            if (!seen.insert(member.key).second) mDocument.fail(member, "key is given twice");
+        }
+        return end_array();
+    }
+    bool end_array() {
+        mOpen.pop_back();
+        mLastEnd = mReached;
+        return true;
+    }
+    // The place is that of the last byte read.
+    bool parse_error(size_t position, const std::string&, const nlohmann::json::exception& error) {
+        // "[json.exception.parse_error.101] parse error at line 1, column 2: what we want", or
+        // "[json.exception.out_of_range.406] what we want"
+        const std::string text = error.what();
+        const size_t colon = text.find(": ");
+        const size_t start = colon != std::string::npos ? colon : text.find("] ");
+        mDocument.failAt(position - std::min<size_t>(position, 1), text.substr(start + 2),
+                         "CORRUPT_DESCR");
+    }
+
+private:
+    JsonValue* append(JsonValue::Kind kind, const std::string& text) {
+        const bool isMember = !mOpen.empty() && mOpen.back()->kind == JsonValue::OBJECT;
+        std::string where = "graph";
+        if (isMember) {
+            where = mOpen.size() == 1 ? mKey : mOpen.back()->where + "." + mKey;
+        } else if (!mOpen.empty()) {
+            where = mOpen.back()->where + "[" + std::to_string(mOpen.back()->items.size()) + "]";
+        }
+        JsonValue* const value =
+            mOpen.empty() ? &mDocument.mRoot : &mOpen.back()->items.emplace_back();
+        const size_t from = static_cast<size_t>(mLastEnd - mText.data());
+        mLastEnd = mReached;
+        *value = {kind, text, {}, mKey, mText.find_first_not_of(" \t\r\n,:]}", from), where};
+        return value;
+    }
+
+    bool add(JsonValue::Kind kind, const std::string& text) {
+        append(kind, text);
+        return true;
+    }
+
+    bool open(JsonValue::Kind kind) {
+        JsonValue* const value = append(kind, "");
+        if (mOpen.size() == kMaxDepth) mDocument.fail(*value, "nested too deeply");
+        mOpen.push_back(value);  // stays where it is: its siblings come when it is closed
+        return true;
+    }
+
+    JsonDocument& mDocument;
+    const std::string& mText;
+    const char* mReached;                 // how far the parser has read
+    const char* mLastEnd = mText.data();  // where the last token ended
+    std::vector<JsonValue*> mOpen;        // arrays and objects that are not closed, outermost first
+    std::string mKey;                     // of the member that comes next
+};
+
+const JsonValue* JsonValue::find(const std::string& name) const {
+    for (const JsonValue& item : items) {
+        if (item.key == name) return &item;
+    }
+    return nullptr;
+}
+
+JsonDocument::JsonDocument(const std::string& path)
+    : mPath(path), mText(readTextFile(path, kMaxSize)) {
+    Builder(this).parse();
+}
+
+const JsonValue& JsonDocument::expect(const JsonValue& value, JsonValue::Kind kind) const {
+    if (value.kind != kind) fail(value, std::string("expected ") + vxrun::name(kind) + got(value));
+    return value;
+}
+
+const JsonValue& JsonDocument::expectObject(const JsonValue& value,
+                                            const std::vector<std::string>& keys) const {
+    for (const JsonValue& item : expect(value, JsonValue::OBJECT).items) {
+        if (std::find(keys.begin(), keys.end(), item.key) != keys.end()) continue;
+        std::string known;
+        for (const std::string& key : keys) known += (known.empty() ? "" : ", ") + key;
+        fail(item, "unknown key, expected one of " + known);
+    }
+    return value;
+}
+
+const JsonValue& JsonDocument::member(const JsonValue& object, const std::string& key,
+                                      JsonValue::Kind kind) const {
+    const JsonValue* const value = object.find(key);
+    if (value == nullptr) fail(object, "missing key '" + key + "'");
+    return expect(*value, kind);
+}
+
+const std::string& JsonDocument::name(const JsonValue& object, const std::string& key) const {
+    const JsonValue& value = member(object, key, JsonValue::STRING);
+    if (value.text.empty()) fail(value, "expected a name, got ''");
+    return value.text;
+}
+
+const std::string& JsonDocument::scalar(const JsonValue& value) const {
+    const bool isScalar = value.kind == JsonValue::STRING || value.kind == JsonValue::NUMBER ||
+                          value.kind == JsonValue::BOOLEAN;
+    if (!isScalar) fail(value, "expected a string, a number or a boolean" + got(value));
+    return value.text;
+}
+
+const std::vector<JsonValue>& JsonDocument::items(const JsonValue& object, const std::string& key,
+                                                  JsonValue::Kind kind) const {
+    static const std::vector<JsonValue> none;
+    const JsonValue* const value = object.find(key);
+    return value == nullptr ? none : expect(*value, kind).items;
+}
+
+void JsonDocument::fail(const JsonValue& value, const std::string& text,
+                        const std::string& verdict) const {
+    failAt(value.offset, value.where + ": " + text, verdict);
+}
+
+void JsonDocument::failAt(size_t offset, const std::string& text,
+                          const std::string& verdict) const {
+    const std::string_view before = std::string_view(mText).substr(0, offset);
+    const size_t lastFeed = before.rfind('\n');
+    const size_t line = 1 + static_cast<size_t>(std::count(before.begin(), before.end(), '\n'));
+    const size_t column = before.size() - (lastFeed == before.npos ? 0 : lastFeed + 1) + 1;
+    throw Failure(mPath + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " + text,
+                  verdict);
+}
+
+}  // namespace vxrun

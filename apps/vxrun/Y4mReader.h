@@ -1,0 +1,43 @@
+// Y4mReader: YUV4MPEG2 files: a header line, then per frame a line and the planes, without padding.
+#pragma once
+
+#include "Files.h"
+#include "Payload.h"
+
+#include <string>
+
+namespace vxrun {
+
+struct Y4mHeader {
+    PictureFormat picture;
+    StreamInfo stream;
+};
+
+// Reads a header line (without its line feed). A Failure says which field is wrong and what was
+// expected; its verdict is NOT_SUPPORTED for a colour space that exists but is not handled.
+Y4mHeader parseY4mHeader(const std::string& line);
+
+// Every failure is a Failure that names the file, the frame and the byte offset.
+//
+// Use      nextFrame(), and while it is true readFrame().
+// Threads  one at a time.
+class Y4mReader {
+public:
+    // Opens `path` and reads its header.
+    explicit Y4mReader(const std::string& path);
+
+    const Y4mHeader& header() const { return mHeader; }
+    // Reads the line before a frame; false at the end of the file.
+    bool nextFrame();
+    // Reads the planes of that frame into `picture`, which has the header's format.
+    void readFrame(Payload* picture);
+
+private:
+    [[noreturn]] void failFrame(uint64_t offset, const std::string& text) const;
+
+    InputFile mFile;
+    const Y4mHeader mHeader;
+    uint64_t mFrame = 0;  // the one that comes next
+};
+
+}  // namespace vxrun

@@ -1,0 +1,696 @@
+// Runs the built vxrun as a process and looks at what its users see: exit code, standard output and
+// standard error. Expected checksums come from the ffmpeg program.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kLimit(60);  // for one process, however slow the machine
+
+// ---- Processes --------------------------------------------------------------------------------
+
+// A program that runs beside the test, with its output collected. Killed when it takes too long.
+class Process {
+public:
+    // `environment` is added to the test's own. `terminal`: standard error is one.
+    Process(const std::vector<std::string>& command,
+            const std::vector<std::string>& environment = {}, bool terminal = false) {
+        int out[2], err[2];
+        EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
+        if (terminal) {
+            err[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+            EXPECT_TRUE(grantpt(err[0]) == 0 && unlockpt(err[0]) == 0);
+            err[1] = open(ptsname(err[0]), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        } else {
+            EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
+        }
+        std::vector<char*> arguments, variables;
+        for (const auto& text : command) arguments.push_back(const_cast<char*>(text.c_str()));
+        for (const auto& text : environment) variables.push_back(const_cast<char*>(text.c_str()));
+        for (char** text = environ; *text != nullptr; ++text) variables.push_back(*text);
+        arguments.push_back(nullptr);
+        variables.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+        if (posix_spawnp(&mPid, arguments[0], &actions, nullptr, arguments.data(),
+                         variables.data()) != 0) {
+            mPid = -1;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+        close(out[1]);
+        close(err[1]);
+        mPipes[0] = out[0];
+        mPipes[1] = err[0];
+    }
+    ~Process() {
+        if (mPid > 0) {
+            ::kill(mPid, SIGKILL);
+            waitpid(mPid, nullptr, 0);
+        }
+        close(mPipes[0]);
+        close(mPipes[1]);
+    }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    void kill(int signal) { ::kill(mPid, signal); }
+
+    // Collects standard error until it contains `text`; false when it never does.
+    bool waitForError(const std::string& text) {
+        return collect([&] { return err.find(text) != std::string::npos; });
+    }
+
+    // Collects everything to the end. The exit code, or -number when a signal ended the program, or
+    // -1000 when it could not be started or took too long.
+    int wait() {
+        int status = 0;
+        if (mPid <= 0 || !collect([&] { return mOpen == 0; })) return -1000;
+        waitpid(mPid, &status, 0);
+        mPid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+
+    std::string out, err;
+
+private:
+    bool collect(const std::function<bool()>& enough) {
+        while (!enough()) {
+            using std::chrono::milliseconds;
+            pollfd sources[] = {{mPipes[0], POLLIN, 0}, {mPipes[1], POLLIN, 0}};
+            const auto left = std::chrono::duration_cast<milliseconds>(mDeadline - Clock::now());
+            if (mOpen == 0 || poll(sources, 2, static_cast<int>(left.count())) <= 0) return false;
+            for (int i = 0; i < 2; ++i) {
+                if (sources[i].revents == 0) continue;
+                char chunk[4096];
+                const ssize_t got = read(mPipes[i], chunk, sizeof chunk);
+                if (got > 0) (i == 0 ? out : err).append(chunk, static_cast<size_t>(got));
+                if (got > 0) continue;
+                close(mPipes[i]);
+                mPipes[i] = -1;
+                --mOpen;
+            }
+        }
+        return true;
+    }
+
+    pid_t mPid = -1;
+    int mPipes[2];
+    int mOpen = 2;
+    const Clock::time_point mDeadline = Clock::now() + kLimit;
+};
+
+struct Result {
+    int exit;
+    std::string out, err;
+};
+
+Result run(const std::vector<std::string>& command) {
+    Process process(command, {"VENDOR_VEXA_LOG_MSG=0"});  // vxrun's own lines only
+    const int exit = process.wait();
+    return {exit, process.out, process.err};
+}
+
+// ---- Files ------------------------------------------------------------------------------------
+
+std::string contentOf(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream(path, std::ios::binary) << content;
+}
+
+std::string replaced(std::string text, const std::string& what, const std::string& by) {
+    const size_t at = text.find(what);
+    EXPECT_NE(at, std::string::npos) << what;
+    return at == std::string::npos ? text : text.replace(at, what.size(), by);
+}
+
+// A Y4M file of `frames` frames of `bytes` bytes each. Deep samples stay within 9 bits, so that they
+// are valid at every depth.
+std::string y4m(const std::string& fields, int bytes, int frames, bool deep = false) {
+    std::string file = "YUV4MPEG2 " + fields + "\n";
+    uint32_t noise = 1;
+    for (int frame = 0; frame < frames; ++frame) {
+        file += "FRAME\n";
+        for (int i = 0; i < bytes; ++i) {
+            noise = noise * 1664525 + 1013904223;
+            file += static_cast<char>(deep && i % 2 == 1 ? noise >> 31 : noise >> 24);
+        }
+    }
+    return file;
+}
+
+class Vxrun : public testing::Test {
+protected:
+    void SetUp() override {
+        char folder[] = "/tmp/vxrun_test.XXXXXX";
+        ASSERT_NE(mkdtemp(folder), nullptr);
+        mFolder = folder;
+    }
+    void TearDown() override {
+        std::error_code ignored;
+        std::filesystem::remove_all(mFolder, ignored);
+    }
+
+    std::string path(const std::string& name) const { return mFolder + "/" + name; }
+
+    // A graph file made from the shipped one `graph`, with `what` replaced by `by`.
+    std::string graph(const std::string& graph, const std::string& what = "",
+                      const std::string& by = "") const {
+        writeFile(path("graph.json"),
+                  replaced(contentOf(VXRUN_GRAPHS_DIR "/" + graph + ".json"), what, by));
+        return path("graph.json");
+    }
+
+    Result vxrun(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), VXRUN_BINARY);
+        return run(arguments);
+    }
+
+    // The list that the ffmpeg program makes of `input`, named after its format; false where there is
+    // no such program.
+    bool makeList(const std::vector<std::string>& input, const std::string& format) const {
+        std::vector<std::string> command = {"ffmpeg", "-v", "error", "-y"};
+        command.insert(command.end(), input.begin(), input.end());
+        command.insert(command.end(), {"-fflags", "+bitexact", "-f", format, path(format)});
+        const Result made = run(command);
+        EXPECT_TRUE(made.exit == 0 || made.exit == -1000 || made.exit == 127) << made.err;
+        return made.exit == 0;
+    }
+
+    // A clip of 4 frames and vxrun's own list of it; the shipped graphs find both by their names.
+    void makeClip() const {
+        writeFile(path("clip.y4m"), y4m("W6 H4 F25:1", 36, 4));
+        const Result made = vxrun({graph("linear", "\"expect\"", "\"write\"")});
+        ASSERT_EQ(made.exit, 4) << made.err;
+    }
+
+    std::string mFolder;
+};
+
+// The one line that a failure gives, and nothing else.
+void expectFailure(const Result& result, int exit, const std::string& verdict,
+                   const std::string& line) {
+    EXPECT_EQ(result.exit, exit) << result.err;
+    EXPECT_EQ(result.out, "verdict: " + verdict + "\n");
+    EXPECT_NE(result.err.find(line), std::string::npos) << result.err << "does not say\n" << line;
+    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+}
+
+const char kNothing[] = " frames=0 checked=0 first_bad=-";
+
+// ---- Passing ----------------------------------------------------------------------------------
+
+// Catches: a wrong plane size, row order, hash start value or list column for any sampling, depth,
+// odd size, frame rate or aspect ratio; every one is compared with another program's list.
+TEST_F(Vxrun, AgreesWithFfmpegOnEveryFormat) {
+    struct Case {
+        const char* fields;
+        int bytes;  // of a frame, worked out by hand
+        bool deep = false;
+    };
+    const Case cases[] = {
+        {"W8 H6 F25:1", 48 + 2 * 12},
+        {"W7 H5 F30000:1001 C420jpeg", 35 + 2 * 12},
+        {"W35 H27 F50:2 It A4:2 C420mpeg2 Xcomment XYSCSS=420MPEG2", 945 + 2 * 252},
+        {"C420paldv A128:117 F1000:33 H2 W3", 6 + 2 * 2},
+        {"W7 H5 F0:0 A0:0 C422", 35 + 2 * 20},
+        {"W7 H5 F1:2 C444", 35 * 3},
+        {"W9 H5 F24:1 C411", 45 + 2 * 15},
+        {"W7 H5 Cmono", 35},
+        {"W7 H5 F25:1 C420p10", 2 * (35 + 2 * 12), true},
+        {"W7 H5 F24000:1001 C422p10", 2 * (35 + 2 * 20), true},
+        {"W7 H5 F25:1 C444p12", 2 * 35 * 3, true},
+        {"W7 H5 F25:1 C420p16", 2 * (35 + 2 * 12), true},
+        {"W7 H5 F25:1 Cmono10", 2 * 35, true},
+        {"W1 H1 F25:1 C420p9", 2 * 3, true},
+    };
+    const std::string shipped = VXRUN_GRAPHS_DIR "/linear.json";
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.fields);
+        writeFile(path("clip.y4m"), y4m(c.fields, c.bytes, 3, c.deep));
+        for (const std::string format : {"framemd5", "framecrc"}) {
+            if (!makeList({"-i", path("clip.y4m")}, format)) GTEST_SKIP() << "no ffmpeg program";
+            const Result result = vxrun({shipped, "--set", "reader.file=" + path("clip.y4m"),  //
+                                         "--set", "check.expect=" + path(format),              //
+                                         "--set", "check.write=" + path("own"),                //
+                                         "--set", "check.format=" + format});
+            EXPECT_EQ(result.out, "verdict: PASS frames=3 checked=3 first_bad=-\n");
+            EXPECT_EQ(result.exit, 0) << result.err;
+            EXPECT_EQ(result.err, "");
+            EXPECT_EQ(contentOf(path("own")), contentOf(path(format)));
+        }
+    }
+}
+
+// Catches: chunks of a wrong size, a lost last chunk, a list that differs from ffmpeg's for data.
+TEST_F(Vxrun, ReadsAnyFileInChunks) {
+    const std::string graphFile = graph("linear", "source/y4m", "source/file");
+    for (const int size : {1, 99, 100, 101, 250}) {
+        SCOPED_TRACE(size);
+        writeFile(path("data"), y4m("", size, 1).substr(0, static_cast<size_t>(size)));
+        if (!makeList({"-f", "data", "-raw_packet_size", "100", "-i", path("data"), "-map", "0",
+                       "-c", "copy"},
+                      "framemd5")) {
+            GTEST_SKIP() << "no ffmpeg program";
+        }
+        const Result result = vxrun({graphFile, "--set", "reader.file=" + path("data"),  //
+                                     "--set", "reader.chunk=100",                        //
+                                     "--set", "check.expect=" + path("framemd5"),        //
+                                     "--set", "check.write=" + path("own")});
+        std::ostringstream verdict;
+        verdict << "verdict: PASS frames=" << (size + 99) / 100 << " checked=" << (size + 99) / 100
+                << " first_bad=-\n";
+        EXPECT_EQ(result.out, verdict.str()) << result.err;
+        EXPECT_EQ(contentOf(path("own")), contentOf(path("framemd5")));
+    }
+}
+
+// Catches: a sink that misses frames beside others, rows out of order in a written file, a file left
+// under its temporary name.
+TEST_F(Vxrun, FansOutToThreeSinks) {
+    makeClip();
+    const Result result = vxrun({graph("fanout")});
+    EXPECT_EQ(result.out, "verdict: PASS frames=4 checked=4 first_bad=-\n") << result.err;
+    std::string pictures = contentOf(path("clip.y4m"));
+    pictures.erase(0, pictures.find('\n') + 1);
+    for (size_t frame = 0; frame < 4; ++frame) pictures.erase(frame * 36, 6);  // "FRAME\n"
+    EXPECT_EQ(contentOf(path("clip.yuv")), pictures);
+    EXPECT_FALSE(std::filesystem::exists(path("clip.yuv.part")));
+}
+
+// ---- Failing checks ---------------------------------------------------------------------------
+
+// Catches: a difference that passes, is blamed on another frame or counted wrongly; a list of another
+// length that passes since all common frames match.
+TEST_F(Vxrun, NamesTheFirstFrameThatDiffers) {
+    makeClip();
+    const std::string clip = contentOf(path("clip.y4m"));
+    const std::string list = contentOf(path("clip.framemd5"));
+    const std::string lastRow = list.substr(list.rfind("\n0,") + 1);
+    std::string damaged = clip;
+    for (const size_t frame : {2, 3}) damaged[damaged.size() - (4 - frame) * 42 + 10] ^= 1;
+    struct Case {
+        std::string clip, list, verdict, line;
+    };
+    const Case cases[] = {
+        {damaged, list, "frames=4 checked=4 first_bad=2",
+         "vxrun: node 'check': 2 of 4 frames differ, first is frame 2: expected "},
+        {clip, replaced(list, lastRow, ""), "frames=4 checked=3 first_bad=3",
+         "the stream has 4 frames, " + path("clip.framemd5") + " has 3"},
+        {clip, list + lastRow, "frames=4 checked=4 first_bad=4", "the stream has 4 frames, "},
+        {damaged, list + lastRow, "frames=4 checked=4 first_bad=2", "; the stream has 4 frames, "},
+        {clip, replaced(list, "36, ", "37, "), "frames=4 checked=4 first_bad=0",
+         "1 of 4 frames differ, first is frame 0: expected 37 bytes "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        writeFile(path("clip.y4m"), c.clip);
+        writeFile(path("clip.framemd5"), c.list);
+        expectFailure(vxrun({graph("fanout")}), 1, "CRC_MISMATCH " + c.verdict, c.line);
+        EXPECT_EQ(contentOf(path("clip.yuv")).size(), 4 * 36u);  // the other sinks finished
+    }
+}
+
+// Catches: a run that counts as passed although nothing was compared.
+TEST_F(Vxrun, NothingCheckedIsNoPass) {
+    makeClip();
+    const Result result = vxrun({graph("linear"), "--set", "check.expect="});
+    EXPECT_EQ(result.exit, 4);
+    EXPECT_EQ(result.out, "verdict: NOTHING_CHECKED frames=4 checked=0 first_bad=-\n");
+}
+
+// ---- Bad input --------------------------------------------------------------------------------
+
+// Catches: a bad file that hangs, crashes, reserves absurd memory, passes, or is not named with the
+// place of the trouble.
+TEST_F(Vxrun, RefusesBadY4mFiles) {
+    makeClip();
+    const std::string good = contentOf(path("clip.y4m"));
+    const std::string init = std::string("NODE_FAIL_INIT") + kNothing;
+    struct Case {
+        std::string content, line;
+        std::string verdict = std::string("NODE_FAIL_INIT") + kNothing;
+        int exit = 3;
+    };
+    const auto header = [](const std::string& fields) { return "YUV4MPEG2 " + fields + "\n"; };
+    const Case cases[] = {
+        {"", "empty file"},
+        {"RIFF....AVI \n", "expected 'YUV4MPEG2', got 'RIFF....AVI '"},
+        {std::string(10000, '\0'), "expected 'YUV4MPEG2', got '???"},
+        {"YUV4MPEG2 W6 H", "header line ends with the file"},
+        {"YUV4MPEG2 X" + std::string(10000, 'x'), "header line longer than 4096 bytes"},
+        {header("H4"), "header has no width (W)"},
+        {header("W6"), "header has no height (H)"},
+        {header("W0 H4"), "header field 'W0': expected a number from 1 to 65535, got '0'"},
+        {header("W-6 H4"), "header field 'W-6': expected a number from 1 to 65535, got '-6'"},
+        {header("W6 H4x"), "header field 'H4x': expected a number from 1 to 65535, got '4x'"},
+        {header("W99999999999999999999 H4"), "expected a number from 1 to 65535, got '9999"},
+        {header("W65535 H65535"), "a frame of 6442319873 bytes is larger than 1 GiB"},
+        {header("W6 H4 F25"), "header field 'F25': expected N:M, got '25'"},
+        {header("W6 H4 A1:x"), "header field 'A1:x': expected a number from 0 to "},
+        {header("W6 H4 C420q"), "header field 'C420q': unknown colour space"},
+        {header("W6 H4 Z1"), "header field 'Z1': no such field"},
+        {header("W6 H4 F25:1"), "clip.y4m: no frame in the file"},
+        {header("W6 H4") + "FRAMES\n", "frame 0 at byte 16: expected 'FRAME', got 'FRAMES'"},
+        {header("W6 H4") + "FRAME", "frame 0 at byte 16: the file ends, or goes on too long"},
+        {header("W6 H4 C444alpha"), "header field 'C444alpha': not supported",
+         std::string("NOT_SUPPORTED") + kNothing, 77},
+        {good.substr(0, 40), "frame 0 at byte 28: truncated: expected 36 bytes, got 12",
+         std::string("NODE_FAIL_FATAL") + kNothing},
+        {good.substr(0, good.size() - 1),
+         "clip.y4m: frame 3 at byte 154: truncated: expected 36 bytes, got 35",
+         "NODE_FAIL_FATAL frames=? checked=? first_bad=-"},
+        {good + "garbage", "frame 4 at byte 190: expected 'FRAME', got 'garbage'",
+         "NODE_FAIL_FATAL frames=? checked=? first_bad=-"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        writeFile(path("clip.y4m"), c.content);
+        Result result = vxrun({graph("linear"), "--timeout", "30"});
+        // How many frames had reached the sink when the source failed is a matter of chance.
+        if (c.verdict.find('?') != std::string::npos) {
+            for (const std::string key : {"frames=", "checked="}) {
+                const size_t at = result.out.find(key);
+                if (at != std::string::npos) result.out[at + key.size()] = '?';
+            }
+        }
+        expectFailure(result, c.exit, c.verdict, "vxrun: node 'reader': ");
+        EXPECT_NE(result.err.find(c.line), std::string::npos) << result.err;
+    }
+}
+
+// Catches: FRAME parameters taken for the picture, or refused.
+TEST_F(Vxrun, ToleratesFrameParameters) {
+    makeClip();
+    writeFile(path("clip.y4m"), replaced(contentOf(path("clip.y4m")), "FRAME\n", "FRAME Ip Xa\n"));
+    EXPECT_EQ(vxrun({graph("linear")}).exit, 0);
+}
+
+// Catches: a node that starts with a config it does not understand, a file that cannot be opened, or
+// ports that its type does not have.
+TEST_F(Vxrun, RefusesBadConfigs) {
+    makeClip();
+    writeFile(path("empty"), "");
+    writeFile(path("garbage"), "#tb 0: 1/25\n0, 0, 0, 1, 36, 0x0123456g\n");
+    writeFile(path("short"), "\n0, 0, 0\n");
+    writeFile(path("audio"), "1, 0, 0, 1, 36, 0x01234567\n");
+    writeFile(path("mixed"),
+              "0,0,0,1,36,0x01234567\n0,1,1,1,36,d41d8cd98f00b204e9800998ecf8427e\n");
+    writeFile(path("nothing"), "0, 0, 0, 1, 0, d41d8cd98f00b204e9800998ecf8427e\n");
+    ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+    struct Case {
+        std::string set, line;
+    };
+    const Case cases[] = {
+        {"reader.file=/nonexistent.y4m",
+         "node 'reader': /nonexistent.y4m: No such file or directory"},
+        {"reader.file=/tmp", "node 'reader': /tmp: Is a directory"},
+        {"reader.file=", "node 'reader': config 'file' is missing"},
+        {"reader.speed=7", "unknown config 'speed' = '7', a source/y4m knows: file"},
+        {"drop.file=x", "unknown config 'file' = 'x', a sink/null knows: none"},
+        {"check.expect=/nonexistent", "node 'check': /nonexistent: No such file"},
+        {"check.expect=" + path("empty"), path("empty") + ": no row in the list"},
+        {"check.expect=" + path("garbage"), path("garbage") + ":2: expected '0, dts, pts, dur"},
+        {"check.expect=" + path("short"), path("short") + ":2: expected '0, dts, pts, dur"},
+        {"check.expect=" + path("audio"), path("audio") + ":1: expected '0, dts, pts, dur"},
+        {"check.expect=" + path("nothing"), path("nothing") + ":1: expected '0, dts, pts, dur"},
+        {"check.expect=" + path("mixed"), path("mixed") + ":2: MD5 and CRC rows in one list"},
+        {"check.expect=/dev/zero", "/dev/zero: larger than 67108864 bytes"},
+        {"check.format=sha", "config 'format': expected framemd5 or framecrc, got 'sha'"},
+        {"writer.file=/nonexistent/x", "/nonexistent/x.part: No such file or directory"},
+        {"writer.file=/tmp", "/tmp: not a regular file"},
+        {"writer.file=" + path("pipe"), path("pipe") + ": not a regular file"},
+        {"writer.file=/dev/null", "/dev/null: not a regular file"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.set);
+        expectFailure(vxrun({graph("fanout"), "--set", c.set}), 3,
+                      std::string("NODE_FAIL_INIT") + kNothing, c.line);
+    }
+    EXPECT_TRUE(std::filesystem::is_character_file("/dev/null"));
+
+    const std::string chunks = graph("fanout", "source/y4m", "source/file");
+    for (const std::string text : {"abc", "0", "-1", "1x", "99999999999"}) {
+        expectFailure(
+            vxrun({chunks, "--set", "reader.chunk=" + text}), 3,
+            std::string("NODE_FAIL_INIT") + kNothing,
+            "node 'reader': config 'chunk': expected a number from 1 to 1073741824, got '" + text +
+                "'");
+    }
+    expectFailure(vxrun({graph("linear", "transform/passthrough", "sink/null")}), 3,
+                  std::string("NODE_FAIL_INIT") + kNothing,
+                  "node 'copy': a sink/null has 0 output port(s), the description gives it 1");
+}
+
+// Catches: a description with a mistake that is built all the same, or an error line without the
+// place and what was expected.
+TEST_F(Vxrun, RefusesBadDescriptions) {
+    makeClip();
+    struct Case {
+        const char *what, *by;
+        std::string line;
+        const char* verdict = "CORRUPT_DESCR";
+        int exit = 2;
+    };
+    const std::string deep(100000, '[');
+    const Case cases[] = {
+        // no JSON, or not ours
+        {"\"name\": \"linear\",", "\"name\": \"linear\"", "3:9: syntax error"},
+        {"  \"connections\": {", "  \"connections\": { \"a", ":12:24: syntax error"},
+        {"{", "[", "graph.json:2:"},
+        {"[", "[7,7,", "3:13: nodes[0]: expected an object, got a number"},
+        {"[ { \"name\": \"copy.in\", \"format\": \"video/raw\" } ]", "7",
+         "7:18: nodes[1].inputs: expected an array, got a number"},
+        {"\"linear\"", deep.c_str(), "nested too deeply"},
+        {"\"linear\"", "\"\"", "2:11: name: expected a name, got ''"},
+        {"\"linear\",", "\"linear\", \"speed\": 7,", "2:30: speed: unknown key, expected one of"},
+        {"\"linear\",", "\"linear\", \"name\": \"b\",", "2:29: name: key is given twice"},
+        // nodes
+        {"\"name\": \"copy\", ", "", "6:5: nodes[1]: missing key 'name'"},
+        {"\"copy\"", "\"reader\"", "6:15: nodes[1].name: another node is named 'reader'"},
+        {"\"transform/passthrough\"", "7", "6:31: nodes[1].type: expected a string, got a number"},
+        {"transform/passthrough", "transform/magic",
+         "6:31: nodes[1].type: unknown node type 'transform/magic'", "NODE_NOT_FOUND"},
+        {"\"configs\"", "\"config\"", "4:57: nodes[0].config: unknown key, expected one of name, "},
+        {"\"clip.y4m\"", "[1]",
+         "4:68: nodes[0].configs.file: expected a string, a number or a boolean, got an array"},
+        {"{ \"file\": \"clip.y4m\" }", "null",
+         "4:58: nodes[0].configs: expected an object, got null"},
+        {"\"copy.in\", \"format\"", "\"copy.in\", \"fmt\"",
+         "7:48: nodes[1].inputs[0].fmt: unknown"},
+        {"\"check.in\"", "\"copy.in\"",
+         "10:30: nodes[2].inputs[0].name: nodes[1].inputs[0] is named 'copy.in', too"},
+        // entries
+        {"\"outputs\"", "\"entries\": [{}], \"outputs\"",
+         "nodes[0].entries[0]: missing key 'frame'"},
+        {"\"outputs\"", "\"entries\": [{\"frame\": -1}], \"outputs\"",
+         "nodes[0].entries[0].frame: expected a number from 0 to 4294967295, got '-1'"},
+        {"\"outputs\"", "\"entries\": [{\"frame\": 1, \"kind\": \"x\"}], \"outputs\"",
+         "nodes[0].entries[0].kind: expected 'command' or 'tuning', got 'x'"},
+        {"\"outputs\"",
+         "\"entries\": [{\"frame\": 1, \"kind\": \"tuning\", \"key\": \"a\", \"value\": 1, "
+         "\"alternate\": 1}], \"outputs\"",
+         "nodes[0].entries[0].alternate: expected a boolean, got a number"},
+        // connections
+        {"\"reader.out\":", "\"copy.in\":",
+         "12:31: connections.copy.in: no output port is named 'copy.in'"},
+        {"[\"copy.in\"]", "[\"copy.inn\"]",
+         "12:35: connections.reader.out[0]: no input port is named 'copy.inn'"},
+        {"[\"copy.in\"]", "\"copy.in\"",
+         "12:34: connections.reader.out: expected an array, got a string"},
+        {"[\"copy.in\"]", "[\"copy.in\", \"check.in\"]", "'check.in' is connected already"},
+        {"\"reader.out\": [\"copy.in\"], ", "", "7:20: nodes[1].inputs[0]: port 'copy.in' is not"},
+        {"[\"check.in\"]", "[]", "10:20: nodes[2].inputs[0]: port 'check.in' is not connected"},
+        {"\"reader.out\": [\"copy.in\"], \"copy.out\": [\"check.in\"]",
+         "\"reader.out\": [\"check.in\"], \"copy.out\": [\"copy.in\"]",
+         "12:18: connections: the nodes form a cycle: copy -> copy"},
+        {"\"copy.in\", \"format\": \"video/raw\"", "\"copy.in\", \"format\": \"video/raw \"",
+         "an output of 'video/raw' cannot feed input port 'copy.in' of 'video/raw '",
+         "GRAPH_BUILD_FAIL", 3},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        const Result result = vxrun({graph("linear", c.what, c.by)});
+        expectFailure(result, c.exit, c.verdict + std::string(kNothing), c.line);
+        EXPECT_EQ(result.err.rfind(path("graph.json:"), 0), 0u) << result.err;
+    }
+}
+
+// Catches: a graph file that is missing, no file, empty or endless and yields no clear line.
+TEST_F(Vxrun, RefusesWhatIsNoGraphFile) {
+    writeFile(path("empty"), "");
+    const std::string verdict = std::string("CORRUPT_DESCR") + kNothing;
+    expectFailure(vxrun({path("none")}), 2, verdict, path("none") + ": No such file or directory");
+    expectFailure(vxrun({mFolder}), 2, verdict, mFolder + ": Is a directory");
+    expectFailure(vxrun({path("empty")}), 2, verdict, path("empty") + ":1:1: syntax error");
+    expectFailure(vxrun({"/dev/zero"}), 2, verdict, "/dev/zero: larger than 2097152 bytes");
+}
+
+// Catches: an unreadable graph file that looks like an empty one.
+TEST_F(Vxrun, RefusesAnUnreadableGraphFile) {
+    if (geteuid() == 0) GTEST_SKIP() << "root reads every file, so none is unreadable";
+    writeFile(path("locked"), "");
+    chmod(path("locked").c_str(), 0);
+    expectFailure(vxrun({path("locked")}), 2, std::string("CORRUPT_DESCR") + kNothing,
+                  path("locked") + ": Permission denied");
+}
+
+// Catches: a bad option that is ignored.
+TEST_F(Vxrun, RefusesBadOptions) {
+    makeClip();
+    struct Case {
+        std::vector<std::string> options;
+        std::string line;
+    };
+    const Case cases[] = {
+        {{}, "no graph file"},
+        {{"--nosuch"}, "--nosuch"},
+        {{graph("linear"), "second.json"}, "second.json"},
+        {{graph("linear"), "--timeout", "abc"}, "--timeout"},
+        {{graph("linear"), "--timeout", "0"}, "--timeout"},
+        {{graph("linear"), "--log", "xyz"}, "expected a hexadecimal mask, got 'xyz'"},
+        {{graph("linear"), "--set"}, "--set"},
+        {{graph("linear"), "--set", "reader"}, "--set: expected NODE.KEY=VALUE, got 'reader'"},
+        {{graph("linear"), "--set", "file=a.b"}, "--set: expected NODE.KEY=VALUE, got 'file=a.b'"},
+        {{graph("linear"), "--set", "nosuch.file=x"}, "--set: the graph has no node 'nosuch'"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        expectFailure(vxrun(c.options), 2, std::string("BAD_OPTION") + kNothing, c.line);
+    }
+}
+
+// ---- Options and endings ----------------------------------------------------------------------
+
+// Catches: information options that need a graph, fail, or print a verdict.
+TEST_F(Vxrun, TellsAboutItself) {
+    for (const auto& [option, text] : {std::pair("--help", "--timeout"),
+                                       {"--version", "vxrun "},
+                                       {"--list-nodes", "sink/null"}}) {
+        const Result result = vxrun({option});
+        EXPECT_EQ(result.exit, 0);
+        EXPECT_NE(result.out.find(text), std::string::npos) << result.out;
+        EXPECT_EQ(result.out.find("verdict:"), std::string::npos) << result.out;
+    }
+}
+
+// Catches: errors or library messages that break the promise of --quiet; a log mask that is not
+// heeded; a relative --set file that is not taken from the current folder.
+TEST_F(Vxrun, QuietLogAndRelativeFiles) {
+    makeClip();
+    Process quiet({VXRUN_BINARY, graph("linear"), "--quiet", "--set", "reader.file=clip.y4m"});
+    EXPECT_EQ(quiet.wait(), 3);
+    EXPECT_EQ(quiet.out, std::string("verdict: NODE_FAIL_INIT") + kNothing + "\n");
+    EXPECT_EQ(quiet.err, "");
+
+    const Result logged = vxrun({graph("linear"), "--log", "8"});
+    EXPECT_EQ(logged.exit, 0);
+    EXPECT_NE(logged.err.find("Connect success"), std::string::npos) << logged.err;
+    EXPECT_EQ(logged.err.find("frames/s"), std::string::npos) << "progress without a terminal";
+}
+
+class VxrunEnding : public Vxrun {
+protected:
+    // A run that never ends by itself: it moves the frames of an endless file.
+    std::vector<std::string> endless() const {
+        return {VXRUN_BINARY, graph("linear", "source/y4m", "source/file"),
+                "--set",      "reader.file=/dev/zero",
+                "--set",      "check.expect=",
+                "--log",      "8"};
+    }
+};
+
+// Catches: a first signal that kills, is ignored, or hides what was seen so far.
+TEST_F(VxrunEnding, FirstSignalStopsInOrder) {
+    for (const auto& [signal, name, exit] :
+         {std::tuple(SIGINT, "SIGINT", 130), {SIGTERM, "SIGTERM", 143}}) {
+        Process process(endless());
+        ASSERT_TRUE(process.waitForError("Wait for completion")) << process.err;
+        process.kill(signal);
+        EXPECT_EQ(process.wait(), exit) << process.err;
+        EXPECT_EQ(process.out.rfind(std::string("verdict: ") + name + " frames=", 0), 0u);
+        EXPECT_NE(process.err.find("Handle Stop"), std::string::npos) << process.err;
+    }
+}
+
+// Catches: a node that blocks for ever, in its set-up or in mid-stream, and keeps vxrun from ending
+// at the second signal or when time is out.
+TEST_F(VxrunEnding, BlockedNodeDoesNotHoldUpTheEnd) {
+    ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+    for (const bool midStream : {false, true}) {
+        SCOPED_TRACE(midStream);
+        const int writer = open(path("pipe").c_str(), O_RDWR | O_CLOEXEC);
+        const std::string frame = y4m("W6 H4", 36, 1) + "FRAME\n";
+        if (midStream) {
+            ASSERT_EQ(write(writer, frame.data(), frame.size()), ssize_t(frame.size()));
+        }
+        std::vector<std::string> command = {VXRUN_BINARY, graph("linear"),
+                                            "--set",      "check.expect=",
+                                            "--set",      "reader.file=" + path("pipe"),
+                                            "--log",      "8"};
+        Process interrupted(command);
+        ASSERT_TRUE(interrupted.waitForError(midStream ? "Wait for completion" : "Preferred allo"));
+        interrupted.kill(SIGINT);
+        ASSERT_TRUE(interrupted.waitForError("once more leaves at once")) << interrupted.err;
+        interrupted.kill(SIGINT);
+        EXPECT_EQ(interrupted.wait(), 130) << interrupted.err;
+
+        if (midStream) {
+            ASSERT_EQ(write(writer, frame.data(), frame.size()), ssize_t(frame.size()));
+        }
+        command.insert(command.end(), {"--timeout", "0.5"});
+        Process stalled(command);
+        EXPECT_EQ(stalled.wait(), 124) << stalled.err;
+        EXPECT_EQ(stalled.out.rfind("verdict: TIMEOUT frames=", 0), 0u) << stalled.out;
+        EXPECT_NE(stalled.err.find("out of time after 0.5 s; not finished: reader, copy, check"),
+                  std::string::npos)
+            << stalled.err;
+        EXPECT_NE(stalled.err.find("the graph does not stop"), std::string::npos) << stalled.err;
+        close(writer);
+    }
+}
+
+// Catches: a time-out that leaves although the graph stops in order, without what was seen.
+TEST_F(VxrunEnding, TimeoutStopsInOrder) {
+    auto command = endless();
+    command.insert(command.end(), {"--timeout", "0.2"});
+    Process process(command);
+    EXPECT_EQ(process.wait(), 124) << process.err;
+    EXPECT_EQ(process.err.find("the graph does not stop"), std::string::npos) << process.err;
+}
+
+// Catches: no progress on a terminal, or its rest left on the screen.
+TEST_F(VxrunEnding, ShowsProgressOnATerminal) {
+    Process process(endless(), {}, true);
+    ASSERT_TRUE(process.waitForError(" frames/s\033[K")) << process.err;
+    process.kill(SIGINT);
+    EXPECT_EQ(process.wait(), 130);
+    EXPECT_EQ(process.err.substr(process.err.size() - 4), "\r\033[K");
+}
+
+}  // namespace
