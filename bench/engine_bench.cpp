@@ -1,0 +1,399 @@
+// The engine beside the plainest thing that does the same: a mutex and a condition variable around a
+// queue per stage, with the same depth of flow control. Counters: works per second, ns per work and
+// hop, context switches per work.
+#include <VXGraph.h>
+#include <benchmark/benchmark.h>
+#include <sys/resource.h>
+
+#include <condition_variable>
+#include <deque>
+#include <future>
+#include <mutex>
+#include <thread>
+
+using namespace vexa;
+
+namespace {
+
+// ---- Measuring --------------------------------------------------------------------------------
+
+long contextSwitches() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_nvcsw + usage.ru_nivcsw;
+}
+
+// Reports a benchmark that moved `works` works over `hops` hops in each of its iterations.
+class Report {
+public:
+    Report(benchmark::State& state, int64_t works, int hops)
+        : mState(state), mWorks(works), mHops(hops), mSwitches(contextSwitches()) {}
+    ~Report() {
+        const double works = static_cast<double>(mWorks) * static_cast<double>(mState.iterations());
+        using benchmark::Counter;
+        mState.counters["works/s"] = Counter(works, Counter::kIsRate);
+        mState.counters["ns/work/hop"] =
+            Counter(works * mHops * 1e-9, Counter::kIsRate | Counter::kInvert);
+        mState.counters["switches/work"] =
+            static_cast<double>(contextSwitches() - mSwitches) / works;
+    }
+
+private:
+    benchmark::State& mState;
+    const int64_t mWorks;
+    const int mHops;
+    const long mSwitches;
+};
+
+// ---- Baseline: a mutex and a condition variable -----------------------------------------------
+
+template <typename T>
+class PlainQueue {
+public:
+    explicit PlainQueue(size_t depth = SIZE_MAX) : mDepth(depth) {}
+    void push(T item) {
+        std::unique_lock<std::mutex> lock(mLock);
+        mRoom.wait(lock, [this] { return mItems.size() < mDepth; });
+        mItems.push_back(std::move(item));
+        mFilled.notify_one();
+    }
+    T pop() {
+        std::unique_lock<std::mutex> lock(mLock);
+        mFilled.wait(lock, [this] { return !mItems.empty(); });
+        T item = std::move(mItems.front());
+        mItems.pop_front();
+        mRoom.notify_one();
+        return item;
+    }
+
+private:
+    const size_t mDepth;
+    std::mutex mLock;
+    std::condition_variable mFilled, mRoom;
+    std::deque<T> mItems;
+};
+
+using Item = std::shared_ptr<int>;
+
+// ---- Nodes ------------------------------------------------------------------------------------
+
+class Node : public VXNode {
+public:
+    using VXNode::VXNode;
+    ~Node() override { teardown(); }
+
+protected:
+    VXError onSetup(bool) override {
+        for (const auto& port : inputPortInfos()) addInputPort(port.name, {port.format});
+        for (const auto& port : outputPortInfos()) addOutputPort(port.name, {port.format});
+        return VX_OK;
+    }
+    VXError onStart() override { return VX_OK; }
+    VXError onStop() override { return VX_OK; }
+    VXError onProcess(std::list<std::shared_ptr<VXSharedWork>> inputs,
+                      std::list<std::unique_ptr<VXWork>>* outputs) override {
+        for (const auto& input : inputs) {
+            if (!outputPorts().empty()) {
+                auto work = std::make_unique<VXWork>();
+                work->frameInfo() = input->frameInfo();
+                work->setPayload(input->payload<int>());
+                outputs->push_back(std::move(work));
+            } else if (input->frameInfo().flags & VXFrameInfo::FLAG_END_OF_STREAM) {
+                signalComplete();
+            }
+        }
+        return VX_OK;
+    }
+    void onDrain() override {}
+    void onFlush() override {}
+};
+
+class Source : public Node {
+public:
+    using Node::Node;
+    ~Source() override { teardown(); }
+    static inline int64_t sCount = 0;
+
+    VXError countAvailablePendingInputWorks(unsigned long, unsigned long* actualCount,
+                                            bool* hasEOS) override {
+        *actualCount = mNext < sCount ? 1 : 0;
+        *hasEOS = mNext + 1 == sCount;
+        return VX_OK;
+    }
+    VXError getPendingInputWorks(unsigned long,
+                                 std::list<std::shared_ptr<VXSharedWork>>* works) override {
+        VXFrameInfo info;
+        if (++mNext == sCount) info.flags = VXFrameInfo::FLAG_END_OF_STREAM;
+        works->push_back(std::make_shared<VXSharedWork>(VXAuxInfo(), info));
+        return VX_OK;
+    }
+
+private:
+    int64_t mNext = 0;
+};
+
+template <typename T>
+struct Factory : VXNodeBaseFactory {
+    using VXNodeBaseFactory::VXNodeBaseFactory;
+    void createNode(const std::string& name, std::unique_ptr<VXNodeDescriptor> descriptor,
+                    std::unique_ptr<VXNode>* node) override {
+        *node = std::make_unique<T>(name, std::move(descriptor));
+    }
+};
+Factory<Node> gNodes("bench/node");
+Factory<Source> gSources("bench/source");
+
+struct Listener final : VXGraph::Listener {
+    void onGraphError(std::string message) override {
+        std::fprintf(stderr, "%s\n", message.c_str());
+    }
+    void onGraphComplete() override { done.set_value(); }
+    std::promise<void> done;
+};
+
+void add(VXGraphInfo* info, const char* type, int number, bool input, bool output) {
+    const std::string name = "n" + std::to_string(number);
+    auto descriptor = std::make_unique<VXNodeDescriptor>();
+    descriptor->type = type;
+    descriptor->name = name;
+    if (input) descriptor->inputPorts.push_back({name + ".in", "bench"});
+    if (output) descriptor->outputPorts.push_back({name + ".out", "bench"});
+    info->nodes.push_back(std::move(descriptor));
+}
+
+// Runs a graph to its end and times what is between start and completion.
+void runGraph(benchmark::State& state, VXGraphInfo info) {
+    auto listener = std::make_shared<Listener>();
+    const auto graph = VXGraph::BuildFromGraphInfo(info, listener);
+    const auto begin = std::chrono::steady_clock::now();
+    graph->runAsync();
+    listener->done.get_future().wait();
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+    state.SetIterationTime(time.count());
+    graph->stop();
+}
+
+constexpr int64_t kWorks = 20000;
+
+void chainOfNodes(benchmark::State& state) {
+    const int nodes = static_cast<int>(state.range(0));
+    Source::sCount = kWorks;
+    Report report(state, kWorks, nodes - 1);
+    for (auto _ : state) {
+        VXGraphInfo info{"bench", {}, {}};
+        for (int i = 0; i < nodes; ++i) {
+            add(&info, i == 0 ? "bench/source" : "bench/node", i, i > 0, i + 1 < nodes);
+            if (i > 0) {
+                info.connections["n" + std::to_string(i - 1) + ".out"] = {"n" + std::to_string(i) +
+                                                                          ".in"};
+            }
+        }
+        runGraph(state, std::move(info));
+    }
+}
+
+void chainOfPlainQueues(benchmark::State& state) {
+    const int stages = static_cast<int>(state.range(0));
+    Report report(state, kWorks, stages - 1);
+    for (auto _ : state) {
+        std::deque<PlainQueue<Item>> queues;
+        for (int i = 1; i < stages; ++i) queues.emplace_back(4);
+        const auto begin = std::chrono::steady_clock::now();
+        std::vector<std::thread> threads;
+        threads.emplace_back([&] {
+            for (int64_t i = 0; i < kWorks; ++i) queues[0].push(std::make_shared<int>(0));
+            queues[0].push(nullptr);
+        });
+        for (int i = 1; i + 1 < stages; ++i) {
+            threads.emplace_back([&, i] {
+                while (Item item = queues[i - 1].pop()) queues[i].push(std::move(item));
+                queues[i].push(nullptr);
+            });
+        }
+        while (queues.back().pop() != nullptr) {
+        }
+        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+        state.SetIterationTime(time.count());
+        for (auto& thread : threads) thread.join();
+    }
+}
+
+constexpr int kBranches = 4;
+
+void fanOutOfNodes(benchmark::State& state) {
+    Source::sCount = kWorks;
+    Report report(state, kWorks, kBranches);
+    for (auto _ : state) {
+        VXGraphInfo info{"bench", {}, {}};
+        add(&info, "bench/source", 0, false, true);
+        for (int i = 1; i <= kBranches; ++i) {
+            add(&info, "bench/node", i, true, false);
+            info.connections["n0.out"].push_back("n" + std::to_string(i) + ".in");
+        }
+        runGraph(state, std::move(info));
+    }
+}
+
+void fanOutOfPlainQueues(benchmark::State& state) {
+    Report report(state, kWorks, kBranches);
+    for (auto _ : state) {
+        std::deque<PlainQueue<Item>> queues;
+        for (int i = 0; i < kBranches; ++i) queues.emplace_back(4);
+        const auto begin = std::chrono::steady_clock::now();
+        std::vector<std::thread> threads;
+        for (auto& queue : queues) {
+            threads.emplace_back([&queue] {
+                while (queue.pop() != nullptr) {
+                }
+            });
+        }
+        for (int64_t i = 0; i <= kWorks; ++i) {
+            const Item item = i < kWorks ? std::make_shared<int>(0) : nullptr;
+            for (auto& queue : queues) queue.push(item);
+        }
+        for (auto& thread : threads) thread.join();
+        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+        state.SetIterationTime(time.count());
+    }
+}
+
+// ---- Events alone -----------------------------------------------------------------------------
+
+// Calls a function for every event.
+template <typename Function>
+class Receiver : public virtual xc2::EventHandler {
+public:
+    explicit Receiver(Function function) : mFunction(std::move(function)) {}
+    xc2::XC2Status onEvent(std::shared_ptr<xc2::Event> event) override {
+        mFunction(std::move(event));
+        return xc2::XC2_OK;
+    }
+
+private:
+    Function mFunction;
+};
+
+// Has `producers` threads call `post` kWorks times each, and times until `allSeen` is ready.
+template <typename Post>
+void timeProducers(benchmark::State& state, int producers, const Post& post,
+                   std::future<void> allSeen) {
+    const auto begin = std::chrono::steady_clock::now();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < producers; ++i) {
+        threads.emplace_back([&] {
+            for (int64_t n = 0; n < kWorks; ++n) post();
+        });
+    }
+    allSeen.wait();
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+    state.SetIterationTime(time.count());
+    for (auto& thread : threads) thread.join();
+}
+
+void postEvents(benchmark::State& state) {
+    const int producers = static_cast<int>(state.range(0));
+    Report report(state, kWorks * producers, 1);
+    for (auto _ : state) {
+        int64_t left = kWorks * producers;
+        std::promise<void> seen;
+        const auto count = [&](std::shared_ptr<xc2::Event>) {
+            if (--left == 0) seen.set_value();
+        };
+        const auto handler = std::make_shared<Receiver<decltype(count)>>(count);
+        auto queue = std::make_shared<xc2::EventQueue>("bench");
+        queue->start(0);
+        handler->attach(queue);
+        timeProducers(
+            state, producers, [&] { handler->postAsync(std::make_shared<xc2::Event>(1)); },
+            seen.get_future());
+        queue->stop();
+    }
+}
+
+void postToPlainQueue(benchmark::State& state) {
+    const int producers = static_cast<int>(state.range(0));
+    Report report(state, kWorks * producers, 1);
+    for (auto _ : state) {
+        PlainQueue<Item> queue;
+        std::promise<void> seen;
+        std::thread consumer([&] {
+            for (int64_t left = kWorks * producers; left > 0; --left) queue.pop();
+            seen.set_value();
+        });
+        timeProducers(
+            state, producers, [&] { queue.push(std::make_shared<int>(0)); }, seen.get_future());
+        consumer.join();
+    }
+}
+
+void roundTripOfEvents(benchmark::State& state) {
+    Report report(state, kWorks, 2);
+    for (auto _ : state) {
+        std::promise<void> seen;
+        std::shared_ptr<xc2::EventHandler> ping;
+        std::shared_ptr<xc2::EventHandler> pong;
+        int64_t left = kWorks;
+        const auto back = [&](std::shared_ptr<xc2::Event> event) {
+            ping->postAsync(std::move(event));
+        };
+        const auto again = [&](std::shared_ptr<xc2::Event> event) {
+            if (--left == 0) {
+                seen.set_value();
+            } else {
+                pong->postAsync(std::move(event));
+            }
+        };
+        pong = std::make_shared<Receiver<decltype(back)>>(back);
+        ping = std::make_shared<Receiver<decltype(again)>>(again);
+        auto pingQueue = std::make_shared<xc2::EventQueue>("ping");
+        auto pongQueue = std::make_shared<xc2::EventQueue>("pong");
+        pingQueue->start(0);
+        pongQueue->start(0);
+        ping->attach(pingQueue);
+        pong->attach(pongQueue);
+        const auto begin = std::chrono::steady_clock::now();
+        pong->postAsync(std::make_shared<xc2::Event>(1));
+        seen.get_future().wait();
+        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+        state.SetIterationTime(time.count());
+        pingQueue->stop();
+        pongQueue->stop();
+    }
+}
+
+void roundTripOfPlainQueues(benchmark::State& state) {
+    Report report(state, kWorks, 2);
+    for (auto _ : state) {
+        PlainQueue<Item> ping;
+        PlainQueue<Item> pong;
+        std::thread other([&] {
+            for (int64_t left = kWorks; left > 0; --left) ping.push(pong.pop());
+        });
+        const auto begin = std::chrono::steady_clock::now();
+        Item item = std::make_shared<int>(0);
+        for (int64_t left = kWorks; left > 0; --left) {
+            pong.push(std::move(item));
+            item = ping.pop();
+        }
+        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
+        state.SetIterationTime(time.count());
+        other.join();
+    }
+}
+
+// Each engine row is followed by its baseline.
+BENCHMARK(postEvents)->Arg(1)->Arg(2)->Arg(4)->UseManualTime();
+BENCHMARK(postToPlainQueue)->Arg(1)->Arg(2)->Arg(4)->UseManualTime();
+BENCHMARK(roundTripOfEvents)->UseManualTime();
+BENCHMARK(roundTripOfPlainQueues)->UseManualTime();
+BENCHMARK(chainOfNodes)->Arg(3)->Arg(5)->Arg(9)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(chainOfPlainQueues)
+    ->Arg(3)
+    ->Arg(5)
+    ->Arg(9)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(fanOutOfNodes)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(fanOutOfPlainQueues)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace

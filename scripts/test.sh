@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds one preset and runs its tests.
+#
+#   scripts/test.sh [PRESET [CTEST OPTION...]]    PRESET: debug (default), release, asan, tsan, libcxx, aarch64
+#
+# VX_TEST_SCALE=PERCENT turns the counts of the thread-heavy tests down (or up).
+source "$(dirname "$0")/lib.sh"
+
+preset=${1:-debug}
+shift || true
+need "${build_packages[@]}"
+case $preset in
+    release) need libbenchmark-dev ;;
+    libcxx) need clang libc++-14-dev libc++abi-14-dev ;;
+    aarch64) need g++-aarch64-linux-gnu qemu-user-static ;;
+esac
+
+# A build with VX_TEST_SCALE unset runs everything at full count, but for those that run slowly.
+case $preset in
+    asan | tsan) : "${VX_TEST_SCALE:=25}" ;;
+    aarch64) : "${VX_TEST_SCALE:=5}" ;;
+    *) : "${VX_TEST_SCALE:=100}" ;;
+esac
+export VX_TEST_SCALE
+
+build "$preset"
+ctest --preset "$preset" -j2 "$@"

@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Runs clang-tidy over the library, the platform and the application, with the debug build's flags.
+source "$(dirname "$0")/lib.sh"
+
+need clang-tidy-14
+build debug >/dev/null
+git ls-files -- 'src/*.cpp' 'platform/*.cpp' 'apps/*.cpp' |
+    xargs -P2 -n1 clang-tidy-14 --quiet -p build/debug --warnings-as-errors='*' 2>/dev/null
+echo "clang-tidy: clean"
