@@ -44,8 +44,10 @@ for size in 352x288 177x145; do
 done
 
 for clip in 352x288-8bit 352x288-10bit 177x145-8bit 177x145-10bit; do
-    expect 0 $vxrun $graphs/linear.json \
-        --set reader.file="$work/$clip.y4m" --set check.expect="$work/$clip.framemd5"
+    for allocator in dmabuf xcodec2; do
+        expect 0 $vxrun $graphs/linear.json --stats --set reader.allocator=$allocator \
+            --set reader.file="$work/$clip.y4m" --set check.expect="$work/$clip.framemd5"
+    done
     expect 0 $vxrun $graphs/fanout.json --set reader.file="$work/$clip.y4m" \
         --set check.expect="$work/$clip.framemd5" --set writer.file="$work/$clip.yuv"
     echo "$work/$clip.yuv: $(stat -c %s "$work/$clip.yuv") bytes of samples"

@@ -432,7 +432,7 @@ TEST_F(Vxrun, RefusesBadConfigs) {
         {"reader.file=/tmp", "node 'reader': /tmp: Is a directory"},
         {"reader.file=", "node 'reader': config 'file' is missing"},
         {"reader.speed=7", "unknown config 'speed' = '7', a source/y4m knows: file"},
-        {"drop.file=x", "unknown config 'file' = 'x', a sink/null knows: none"},
+        {"drop.file=x", "unknown config 'file' = 'x', a sink/null knows: allocator"},
         {"check.expect=/nonexistent", "node 'check': /nonexistent: No such file"},
         {"check.expect=" + path("empty"), path("empty") + ": no row in the list"},
         {"check.expect=" + path("garbage"), path("garbage") + ":2: expected '0, dts, pts, dur"},
@@ -465,6 +465,31 @@ TEST_F(Vxrun, RefusesBadConfigs) {
     expectFailure(vxrun({graph("linear", "transform/passthrough", "sink/null")}), 3,
                   std::string("NODE_FAIL_INIT") + kNothing,
                   "node 'copy': a sink/null has 0 output port(s), the description gives it 1");
+}
+
+// Catches: a source that stalls, fails or runs past its pool's limit instead of waiting for a buffer,
+// a buffer that does not come back, padding that gets into a checksum.
+TEST_F(Vxrun, PoolsPaceTheirSource) {
+    makeClip();
+    for (const std::string allocator : {"dmabuf", "xcodec2"}) {
+        for (const std::string slots : {"1", "2", "8"}) {
+            const Result result =
+                vxrun({graph("fanout"), "--stats", "--set", "reader.slots=" + slots, "--set",
+                       "reader.allocator=" + allocator});
+            EXPECT_EQ(result.out, "verdict: PASS frames=4 checked=4 first_bad=-\n") << result.err;
+            EXPECT_NE(result.err.find("pool of 'reader': made="), std::string::npos) << result.err;
+            EXPECT_NE(result.err.find(" left_out=0\n"), std::string::npos) << result.err;
+            if (slots != "1") continue;
+            EXPECT_NE(result.err.find("made=1 recycled=3 high_water=1"), std::string::npos);
+        }
+    }
+    expectFailure(vxrun({graph("linear"), "--set", "reader.allocator=dmabuf", "--set",
+                         "check.allocator=xcodec2"}),
+                  3, std::string("GRAPH_BUILD_FAIL") + kNothing,
+                  "no buffer allocator suits every node: reader wants dmabuf, check wants xcodec2");
+    expectFailure(vxrun({graph("linear"), "--set", "copy.allocator=heap"}), 3,
+                  std::string("NODE_FAIL_INIT") + kNothing,
+                  "node 'copy': config 'allocator': expected dmabuf or xcodec2, got 'heap'");
 }
 
 // Catches: a description with a mistake that is built all the same, or an error line without the

@@ -29,9 +29,19 @@ const NodeType* findNodeType(const std::string& name) {
     return nullptr;
 }
 
+const std::vector<ConfigKey>& commonConfigs(bool isSource) {
+    static const std::vector<ConfigKey> ofAny = {
+        {"allocator", false, "insists on a buffer allocator: dmabuf or xcodec2"}};
+    static const std::vector<ConfigKey> ofSources = {
+        ofAny.front(), {"slots", false, "buffers of the node's pool, default 8"}};
+    return isSource ? ofSources : ofAny;
+}
+
 const ConfigKey* NodeType::find(const std::string& key) const {
-    for (const ConfigKey& config : configs) {
-        if (config.name == key) return &config;
+    for (const auto* known : {&configs, &commonConfigs(inputs == 0)}) {
+        for (const ConfigKey& config : *known) {
+            if (config.name == key) return &config;
+        }
     }
     return nullptr;
 }
@@ -51,8 +61,13 @@ AppNode::AppNode(NodeArguments arguments)
     : VXNode(arguments.fullName, std::move(arguments.descriptor)),
       mType(arguments.type),
       mEvidence(arguments.evidence),
-      mRecord(mEvidence.addNode(arguments.nodeName, mType.outputs == 0)),
+      mRecord(mEvidence.addNode(arguments.nodeName, config("allocator"), mType.outputs == 0)),
       mEntries(arguments.entries) {}
+
+std::vector<std::string> AppNode::getPreferredAllocatorTypes() {
+    if (mRecord.allocator.empty()) return {"any"};
+    return {mRecord.allocator};
+}
 
 VXError AppNode::onSetup(bool) {
     return guarded(NODE_FAIL_INIT, [this] {
@@ -105,9 +120,15 @@ void AppNode::checkDescription() {
     for (const auto& [key, value] : configStore().configs()) {
         if (mType.find(key) != nullptr) continue;
         std::string known;
-        for (const ConfigKey& config : mType.configs) known += " " + config.name;
+        for (const auto* keys : {&mType.configs, &commonConfigs(mType.inputs == 0)}) {
+            for (const ConfigKey& config : *keys) known += " " + config.name;
+        }
         throw Failure("unknown config '" + key + "' = " + quote(value) + ", a " + mType.name +
-                      " knows:" + (known.empty() ? " none" : known));
+                      " knows:" + known);
+    }
+    const std::string& allocator = mRecord.allocator;
+    if (!allocator.empty() && allocator != "dmabuf" && allocator != "xcodec2") {
+        throw Failure("config 'allocator': expected dmabuf or xcodec2, got " + quote(allocator));
     }
     if (mEntries > 0) throw Failure("a " + mType.name + " takes no entries");
 }
@@ -146,11 +167,36 @@ void AppNode::countFrame(const VXFrameInfo& frame) {
 
 // ---- Source -----------------------------------------------------------------------------------
 
+size_t Source::slots() {
+    return numberConfig("slots", 1, 1000, 8);
+}
+
+// Works are released before their buffers are, so a source that found no buffer is told by its pool.
+std::function<void()> Source::scheduleSelf() {
+    return [weakHandler = std::weak_ptr<Handler>(handler())] {
+        if (const auto handler = weakHandler.lock()) {
+            handler->postAsync(std::make_shared<xc2::Event>(EVENT_SCHEDULE));
+        }
+    };
+}
+
+void Source::makePicturePool(const PictureFormat& format) {
+    mPool = Pool::ofPictures(allocatorType(), format, slots(), newPoolRecord(), scheduleSelf());
+}
+
+void Source::makeBlockPool(size_t bytes) {
+    mPool = Pool::ofBlocks(allocatorType(), bytes, slots(), newPoolRecord(), scheduleSelf());
+}
+
 VXError Source::countAvailablePendingInputWorks(unsigned long maxCount, unsigned long* actualCount,
                                                 bool* hasEOS) {
     if (actualCount == nullptr || hasEOS == nullptr || maxCount == 0) return VX_BAD_VALUE;
-    *actualCount = mEnded ? 0 : 1;  // a batch is one
+    *actualCount = 0;
     *hasEOS = false;
+    if (mEnded) return VX_OK;
+    // Without memory the input is offered all the same: process() says what is wrong.
+    if (mNext == nullptr && mPool->fetch(&mNext) == VX_NO_FREE_SLOT) return VX_OK;
+    *actualCount = 1;  // a batch is one
     return VX_OK;
 }
 
@@ -165,8 +211,10 @@ VXError Source::getPendingInputWorks(unsigned long requestedCount, SharedWorks* 
 void Source::process(const SharedWorks& inputs, Works* outputs) {
     for (size_t i = 0; i < inputs.size() && !mEnded; ++i) {
         mEnded = true;  // also if something is thrown below
+        if (mNext == nullptr) throw Failure("no memory for a buffer");
         auto work = std::make_unique<VXWork>();
-        fill(work.get());
+        fill(mNext.get(), &work->frameInfo());
+        attach(work.get(), std::move(mNext));
         VXFrameInfo& frame = outputs->emplace_back(std::move(work))->frameInfo();
         mEnded = !hasNext();  // may throw: then the frame before the trouble is sent on
         if (mEnded) frame.flags |= VXFrameInfo::FLAG_END_OF_STREAM;
@@ -178,9 +226,10 @@ void Source::process(const SharedWorks& inputs, Works* outputs) {
 
 void Sink::process(const SharedWorks& inputs, Works*) {
     for (const auto& work : inputs) {
-        const auto payload = work->payload<const Payload>();
-        if (payload == nullptr) throw Failure("a work without a payload");
-        consume(*payload, work->frameInfo());
+        const auto buffer = bufferOf(*work);
+        const StreamInfo* const stream = StreamInfo::of(work->frameInfo());
+        if (buffer == nullptr || stream == nullptr) throw Failure("a work without a payload");
+        consume(Payload(*buffer, *stream), *stream, work->frameInfo());
         const bool last = (work->frameInfo().flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0;
         if (last) finish();
         countFrame(work->frameInfo());

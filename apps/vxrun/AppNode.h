@@ -7,6 +7,7 @@
 
 #include "Evidence.h"
 #include "Payload.h"
+#include "Pool.h"
 
 #include <VXNode.h>
 
@@ -43,7 +44,7 @@ struct NodeType {
     std::vector<ConfigKey> configs;
     std::unique_ptr<vexa::VXNode> (*make)(NodeArguments arguments);
 
-    // The config `key`; null when the type does not know it.
+    // The config `key`, common ones too; null when the type does not know it.
     const ConfigKey* find(const std::string& key) const;
 };
 
@@ -51,6 +52,9 @@ template <typename Node>
 std::unique_ptr<vexa::VXNode> makeNode(NodeArguments arguments) {
     return std::make_unique<Node>(std::move(arguments));
 }
+
+// The configs that every node knows, and those that every source does.
+const std::vector<ConfigKey>& commonConfigs(bool isSource);
 
 // The types of this program, in the order to list them; null for an unknown name.
 const std::vector<const NodeType*>& nodeTypes();
@@ -72,6 +76,9 @@ private:
 //
 // Threads  open(): the one that builds the graph. process(): the node's event thread.
 class AppNode : public vexa::VXNode {
+public:
+    std::vector<std::string> getPreferredAllocatorTypes() override;
+
 protected:
     using SharedWorks = std::list<std::shared_ptr<vexa::VXSharedWork>>;
     using Works = std::list<std::unique_ptr<vexa::VXWork>>;
@@ -96,6 +103,7 @@ protected:
     void failCheck(vexa::VexaError error, const std::string& text);
 
     NodeRecord& record() { return mRecord; }
+    PoolRecord& newPoolRecord() { return mEvidence.addPool(mRecord.name); }
 
 private:
     vexa::VXError onSetup(bool beforeFence) final;
@@ -119,7 +127,8 @@ private:
 };
 
 // Source: a node that makes frames. It offers one input of its own making at a time, so that the
-// regulator's flow control paces it, and none after its last frame or a failure.
+// regulator's flow control paces it: none without a free buffer (the next one that comes back has it
+// scheduled again), and none after its last frame or a failure.
 class Source : public AppNode {
 public:
     vexa::VXError countAvailablePendingInputWorks(unsigned long maxCount,
@@ -132,15 +141,24 @@ public:
 protected:
     explicit Source(NodeArguments arguments) : AppNode(std::move(arguments)) {}
 
-    // Fills the next frame's work: payload, timestamp, infos.
-    virtual void fill(vexa::VXWork* work) = 0;
+    // Makes the pool that the frames come from; for open(). The config "slots" is its limit.
+    void makePicturePool(const PictureFormat& format);
+    void makeBlockPool(size_t bytes);
+
+    // Fills the next frame: buffer, timestamp, infos.
+    virtual void fill(vexa::VXBuffer* buffer, vexa::VXFrameInfo* frame) = 0;
     // True when another frame follows the one filled last.
     virtual bool hasNext() = 0;
 
 private:
     void process(const SharedWorks& inputs, Works* outputs) final;
+    size_t slots();
+    std::function<void()> scheduleSelf();
 
-    bool mEnded = false;  // [event thread]
+    std::shared_ptr<Pool> mPool;
+    // [event thread]
+    std::shared_ptr<vexa::VXBuffer> mNext;  // for the next frame
+    bool mEnded = false;
 };
 
 // Sink: a node that takes frames and gives none. Reports completion after the last frame.
@@ -148,7 +166,8 @@ class Sink : public AppNode {
 protected:
     explicit Sink(NodeArguments arguments) : AppNode(std::move(arguments)) {}
 
-    virtual void consume(const Payload& payload, const vexa::VXFrameInfo& frame) = 0;
+    virtual void consume(const Payload& payload, const StreamInfo& stream,
+                         const vexa::VXFrameInfo& frame) = 0;
     // The last frame has been consumed.
     virtual void finish() {}
 

@@ -94,8 +94,7 @@ ChecksumList readChecksumList(const std::string& path) {
     return list;
 }
 
-std::string checksumListHeader(ChecksumFormat format, const StreamInfo& stream,
-                               const Payload& payload) {
+std::string checksumListHeader(ChecksumFormat format, const StreamInfo& stream) {
     std::string header;
     if (format == ChecksumFormat::FRAMEMD5) {
         header += "#format: frame checksums\n#version: 2\n#hash: MD5\n";
@@ -103,8 +102,8 @@ std::string checksumListHeader(ChecksumFormat format, const StreamInfo& stream,
     header += "#tb 0: " + text(stream.timeBase) + "\n#media_type 0: " + stream.media +
               "\n#codec_id 0: " + stream.codec + "\n";
     if (stream.media == "video") {
-        header += "#dimensions 0: " + std::to_string(payload.width()) + "x" +
-                  std::to_string(payload.height()) + "\n#sar 0: " + text(stream.sar) + "\n";
+        header += "#dimensions 0: " + std::to_string(stream.picture.width) + "x" +
+                  std::to_string(stream.picture.height) + "\n#sar 0: " + text(stream.sar) + "\n";
     }
     if (format == ChecksumFormat::FRAMEMD5) {
         header += "#stream#, dts,        pts, duration,     size, hash\n";

@@ -28,10 +28,9 @@ struct ChecksumList {
 // line: what is no list, holds no row, mixes formats or streams, or expects the hash of nothing.
 ChecksumList readChecksumList(const std::string& path);
 
-// What FFmpeg writes with -fflags +bitexact: the lines before the first row, and a row. `payload` is
-// the first frame of the stream.
-std::string checksumListHeader(ChecksumFormat format, const StreamInfo& stream,
-                               const Payload& payload);
+// What FFmpeg writes with -fflags +bitexact: the lines before the first row, and a row. `stream` is
+// the first frame's.
+std::string checksumListHeader(ChecksumFormat format, const StreamInfo& stream);
 std::string checksumListRow(const StreamInfo& stream, uint64_t timestamp, const ChecksumRow& row);
 
 }  // namespace vxrun

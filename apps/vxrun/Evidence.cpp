@@ -1,5 +1,9 @@
 #include "Evidence.h"
 
+#include "Console.h"
+
+#include <VXUtils.h>
+
 #include <algorithm>
 #include <cinttypes>
 #include <csignal>
@@ -31,9 +35,14 @@ int exitCode(const std::string& verdict) {
 
 }  // namespace
 
-NodeRecord& Evidence::addNode(const std::string& name, bool sink) {
+NodeRecord& Evidence::addNode(const std::string& name, const std::string& allocator, bool sink) {
     std::lock_guard<std::mutex> lock(mLock);
-    return mNodes.emplace_back(name, sink);
+    return mNodes.emplace_back(name, allocator, sink);
+}
+
+PoolRecord& Evidence::addPool(const std::string& name) {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mPools.emplace_back(name);
 }
 
 bool Evidence::fail(const std::string& word) {
@@ -76,6 +85,28 @@ std::string Evidence::unfinished() const {
         if (!node.endOfStream) names += (names.empty() ? "" : ", ") + node.name;
     }
     return names;
+}
+
+std::string Evidence::allocators() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    std::string wishes;
+    for (const NodeRecord& node : mNodes) {
+        if (node.allocator.empty()) continue;
+        wishes += (wishes.empty() ? "" : ", ") + node.name + " wants " + node.allocator;
+    }
+    return wishes;
+}
+
+void Evidence::closePools(bool report) {
+    for (const PoolRecord& pool : mPools) {  // nothing is added any more
+        const std::string line = "vxrun: pool of '" + pool.name +
+                                 "': made=" + std::to_string(pool.made) +
+                                 " recycled=" + std::to_string(pool.recycled) +
+                                 " high_water=" + std::to_string(pool.highWater) +
+                                 " left_out=" + std::to_string(pool.out);
+        if (report || pool.out != 0) console::line(line);
+        if (pool.out != 0) fail(errorName(vexa::NODE_FAIL_FATAL));
+    }
 }
 
 int Evidence::printVerdict() const {

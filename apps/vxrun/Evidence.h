@@ -15,9 +15,11 @@ namespace vxrun {
 struct NodeRecord {
     static constexpr uint64_t kNone = UINT64_MAX;
 
-    NodeRecord(std::string nodeName, bool isSink) : name(std::move(nodeName)), sink(isSink) {}
+    NodeRecord(std::string nodeName, std::string allocatorType, bool isSink)
+        : name(std::move(nodeName)), allocator(std::move(allocatorType)), sink(isSink) {}
 
     const std::string name;
+    const std::string allocator;        // the one it insists on, else empty
     const bool sink;                    // it takes frames and gives none
     std::atomic<bool> checking{false};  // it compares frames with an expectation
     std::atomic<uint64_t> frames{0};    // that came through the node
@@ -27,7 +29,26 @@ struct NodeRecord {
     std::atomic<bool> endOfStream{false};  // the node has handled the last frame
 };
 
-// The records of all nodes of a run and its first error.
+// What one pool has done. Written by the pool, read by anyone at any time.
+struct PoolRecord {
+    explicit PoolRecord(std::string nodeName) : name(std::move(nodeName)) {}
+
+    void took(bool isNew) {
+        ++(isNew ? made : recycled);
+        // One thread takes; others may give back meanwhile, which makes no new height.
+        const uint64_t now = ++out;
+        if (now > highWater) highWater = now;
+    }
+    void gotBack() { --out; }
+
+    const std::string name;              // of the pool's node
+    std::atomic<uint64_t> made{0};       // new buffers
+    std::atomic<uint64_t> recycled{0};   // buffers handed out again
+    std::atomic<uint64_t> highWater{0};  // the most that were out at once
+    std::atomic<uint64_t> out{0};        // that have not come back
+};
+
+// The records of all nodes and pools of a run, and its first error.
 //
 // Life     made before the graph, outlives its nodes.
 // Threads  any.
@@ -41,7 +62,9 @@ public:
     };
 
     // A record for a new node; lives as long as this object.
-    NodeRecord& addNode(const std::string& name, bool sink);
+    NodeRecord& addNode(const std::string& name, const std::string& allocator, bool sink);
+    // The same for a pool.
+    PoolRecord& addPool(const std::string& name);
 
     // Records that the run has failed. The first word counts: it is the verdict. True when it was
     // the first.
@@ -52,6 +75,12 @@ public:
     Totals totals() const;
     // The names of the nodes that have not handled their last frame, separated by commas.
     std::string unfinished() const;
+    // The allocators that nodes insist on: "reader wants dmabuf, check wants xcodec2".
+    std::string allocators() const;
+
+    // When the graph is gone: fails the run for pools that miss buffers, and prints a line per pool
+    // when `report` is set.
+    void closePools(bool report);
 
     // Prints the verdict line, the last one on standard output, and returns the exit code that goes
     // with it.
@@ -60,6 +89,7 @@ public:
 private:
     mutable std::mutex mLock;
     std::deque<NodeRecord> mNodes;  // guarded by mLock; the records themselves are not
+    std::deque<PoolRecord> mPools;  // likewise
     std::string mFirstError;        // guarded by mLock
 };
 

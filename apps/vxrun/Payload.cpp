@@ -1,10 +1,18 @@
 #include "Payload.h"
 
+#include "Failure.h"
+
+#include <sys/mman.h>
+
 #include <algorithm>
-#include <new>
 
 namespace vxrun {
+
+using namespace vexa;
+
 namespace {
+
+constexpr size_t kPixelBytes = 4;  // of the surface
 
 size_t divideUp(size_t value, size_t divisor) {
     return (value + divisor - 1) / divisor;
@@ -12,7 +20,7 @@ size_t divideUp(size_t value, size_t divisor) {
 
 }  // namespace
 
-const StreamInfo* StreamInfo::of(const vexa::VXFrameInfo& frame) {
+const StreamInfo* StreamInfo::of(const VXFrameInfo& frame) {
     for (const auto& info : frame.mInfos) {
         if (const auto* stream = dynamic_cast<const StreamInfo*>(info.get())) return stream;
     }
@@ -33,34 +41,46 @@ size_t PictureFormat::size() const {
     return sum;
 }
 
-bool Payload::allocate(size_t size) {
-    mMemory.reset(new (std::nothrow) uint8_t[size]);
-    return mMemory != nullptr;
+std::shared_ptr<VXBuffer> bufferOf(const VXSharedWork& work) {
+    if (auto picture = work.payload<VXGraphicBuffer>()) return picture;
+    return work.payload<VXBuffer>();
 }
 
-std::shared_ptr<Payload> Payload::ofPicture(const PictureFormat& format) {
-    auto payload = std::make_shared<Payload>();
-    if (!payload->allocate(format.size())) return nullptr;
-    uint8_t* data = payload->mMemory.get();
-    for (uint32_t plane = 0; plane < format.planes; ++plane) {
-        const size_t rowBytes = format.rowBytes(plane);
-        payload->mPlanes.push_back({data, rowBytes, rowBytes, format.rows(plane)});
-        data += rowBytes * format.rows(plane);
+void attach(VXWork* work, std::shared_ptr<VXBuffer> buffer) {
+    if (auto picture = std::dynamic_pointer_cast<VXGraphicBuffer>(buffer)) {
+        work->setPayload(std::move(picture));
+    } else {
+        work->setPayload(std::move(buffer));
     }
-    payload->mWidth = format.width;
-    payload->mHeight = format.height;
-    return payload;
 }
 
-std::shared_ptr<Payload> Payload::ofBytes(size_t capacity) {
-    auto payload = std::make_shared<Payload>();
-    if (!payload->allocate(capacity)) return nullptr;
-    payload->mPlanes.push_back({payload->mMemory.get(), capacity, capacity, 1});
-    return payload;
+uint32_t Payload::surfaceWidth(const PictureFormat& format) {
+    return static_cast<uint32_t>(divideUp(format.rowBytes(0), kPixelBytes));  // the longest rows
 }
 
-void Payload::setSize(size_t size) {
-    mPlanes.front().rowBytes = std::min(size, mPlanes.front().stride);
+uint32_t Payload::surfaceHeight(const PictureFormat& format) {
+    size_t rows = 0;
+    for (uint32_t plane = 0; plane < format.planes; ++plane) rows += format.rows(plane);
+    return static_cast<uint32_t>(rows);
+}
+
+Payload::Payload(VXBuffer& buffer, const StreamInfo& stream) : mMapping(buffer.map()) {
+    uint8_t* data = mMapping->vaddr();
+    if (data == MAP_FAILED) throw Failure("a buffer cannot be mapped: " + errnoText(errno));
+    const auto* surface = dynamic_cast<const VXGraphicBuffer*>(&buffer);
+    if (surface == nullptr) {
+        mPlanes.push_back({data + buffer.offset(), buffer.size(), buffer.size(), 1});
+        return;
+    }
+    const PictureFormat& format = stream.picture;
+    if (surface->width() < surfaceWidth(format) || surface->height() < surfaceHeight(format)) {
+        throw Failure("a buffer is too small for its picture");
+    }
+    const size_t stride = surface->stride() * kPixelBytes;
+    for (uint32_t plane = 0; plane < format.planes; ++plane) {
+        mPlanes.push_back({data, stride, format.rowBytes(plane), format.rows(plane)});
+        data += stride * format.rows(plane);
+    }
 }
 
 size_t Payload::size() const {

@@ -1,6 +1,9 @@
-// Payload: what a work of vxrun carries, and the stream that it comes from.
+// Payload: the buffer that a work of vxrun carries, and the stream that it comes from.
+//
+// A work on a "video/raw" port carries a VXGraphicBuffer, on any other port a VXBuffer.
 #pragma once
 
+#include <VXBuffer.h>
 #include <VXWork.h>
 
 #include <cstdint>
@@ -15,26 +18,12 @@ struct Rational {
     uint64_t den = 1;
 };
 
-// StreamInfo: what holds for every frame of a stream. Sources attach one to the mInfos of each frame.
-struct StreamInfo : public vexa::VXInfo {
-    std::string media;        // "video" or "data"
-    std::string codec;        // "rawvideo", or "none" for data
-    std::string pixelFormat;  // FFmpeg's name, e.g. "yuv420p10le"; video only
-    Rational timeBase;        // the unit of VXFrameInfo::timestamp, in seconds
-    Rational sar;             // sample aspect ratio, 0/1 when unknown; video only
-    uint64_t duration = 0;    // of one frame, in time-base units
-
-    // The stream info of `frame`, as long as the frame lives; null when it carries none.
-    static const StreamInfo* of(const vexa::VXFrameInfo& frame);
-};
-
 // PictureFormat: the geometry of a picture: one plane, or three of which the last two are chroma.
 struct PictureFormat {
     uint32_t width = 0;  // visible samples of the first plane
     uint32_t height = 0;
     uint32_t planes = 3;
-    uint32_t chromaDivX =
-        1;  // luma columns per chroma column; an odd rest gets a column of its own
+    uint32_t chromaDivX = 1;  // luma columns per chroma column; an odd rest has one of its own
     uint32_t chromaDivY = 1;
     uint32_t bytesPerSample = 1;  // 2: little endian, value in the low bits
 
@@ -45,35 +34,48 @@ struct PictureFormat {
     size_t size() const;
 };
 
-// Payload: a picture, or a block of bytes (which is one row). All access to bytes goes through here.
+// StreamInfo: what holds for every frame of a stream. Sources attach one to the mInfos of each frame.
+struct StreamInfo : public vexa::VXInfo {
+    std::string media;      // "video" or "data"
+    std::string codec;      // "rawvideo", or "none" for data
+    PictureFormat picture;  // video only
+    Rational timeBase;      // the unit of VXFrameInfo::timestamp, in seconds
+    Rational sar;           // sample aspect ratio, 0/1 when unknown; video only
+    uint64_t duration = 0;  // of one frame, in time-base units
+
+    // The stream info of `frame`, as long as the frame lives; null when it carries none.
+    static const StreamInfo* of(const vexa::VXFrameInfo& frame);
+};
+
+// The buffer that `work` carries, of either kind; null when it carries none.
+std::shared_ptr<vexa::VXBuffer> bufferOf(const vexa::VXSharedWork& work);
+// Has `work` carry `buffer`, as the kind that it is.
+void attach(vexa::VXWork* work, std::shared_ptr<vexa::VXBuffer> buffer);
+
+// Payload: the visible bytes of a buffer: the planes of a picture, or the filled range of a block,
+// which is one row. All access to bytes goes through here.
 //
-// Life     filled by the node that made it, read-only once its work is sent.
-// Owns     its memory.
+// The pools have no format for planar pictures of any depth and sampling, so a picture lies in an
+// RGBA 8888 surface as so many bytes: each row of each plane in a row of the surface of its own, plane
+// after plane. Stride and height of the surface are the allocator's.
+//
+// Life     a view: the buffer outlives it. Pictures are written before their work is sent, and only
+//          read from then on.
+// Owns     a mapping of the buffer.
 class Payload {
 public:
-    // Empty when there is not enough memory.
-    static std::shared_ptr<Payload> ofPicture(const PictureFormat& format);
-    static std::shared_ptr<Payload> ofBytes(size_t capacity);
+    // A Failure when the buffer cannot be mapped or is too small for the stream's pictures.
+    Payload(vexa::VXBuffer& buffer, const StreamInfo& stream);
 
-    // The visible size in samples; 0 for bytes.
-    uint32_t width() const { return mWidth; }
-    uint32_t height() const { return mHeight; }
+    // The size of the surface that holds a picture, in its pixels.
+    static uint32_t surfaceWidth(const PictureFormat& format);
+    static uint32_t surfaceHeight(const PictureFormat& format);
 
-    // How many of a block's bytes count; at most its capacity.
-    void setSize(size_t size);
     size_t size() const;  // visible bytes
 
     // Calls visit(row, bytes) for every visible row, plane by plane, top to bottom, without padding.
     template <typename Visitor>
     void forEachRow(Visitor visit) const {
-        for (const Plane& plane : mPlanes) {
-            const uint8_t* row = plane.data;
-            for (size_t y = 0; y < plane.rows; ++y, row += plane.stride) visit(row, plane.rowBytes);
-        }
-    }
-    // The same for writing.
-    template <typename Visitor>
-    void forEachRow(Visitor visit) {
         for (const Plane& plane : mPlanes) {
             uint8_t* row = plane.data;
             for (size_t y = 0; y < plane.rows; ++y, row += plane.stride) visit(row, plane.rowBytes);
@@ -88,12 +90,8 @@ private:
         size_t rows;
     };
 
-    bool allocate(size_t size);
-
-    std::unique_ptr<uint8_t[]> mMemory;
+    const std::unique_ptr<vexa::VXBuffer::Mapping> mMapping;
     std::vector<Plane> mPlanes;
-    uint32_t mWidth = 0;
-    uint32_t mHeight = 0;
 };
 
 }  // namespace vxrun

@@ -44,7 +44,8 @@ public:
             }
             graph->stop();
         } else if (mEvidence.fail(errorName(vexa::GRAPH_BUILD_FAIL))) {
-            console::line("vxrun: the graph could not be built, the log says why");
+            // The only failure that the library tells the log alone.
+            console::line("vxrun: no buffer allocator suits every node: " + mEvidence.allocators());
         }
         set(&mDone, true);
     }

@@ -22,7 +22,7 @@ Rational parseRatio(const std::string& text) {
 }
 
 // "420jpeg", "444p10", "mono12": the sampling and, above 8 bits, the depth.
-void parseColourSpace(const std::string& text, Y4mHeader* header) {
+void parseColourSpace(const std::string& text, StreamInfo* stream) {
     for (const std::string sampling : {"420", "422", "444", "411", "mono"}) {
         // jpeg, mpeg2 and paldv say where the chroma samples lie, which does not change their number.
         for (const std::string form : {"", "jpeg", "mpeg2", "paldv", "9", "10", "12", "14", "16"}) {
@@ -30,13 +30,11 @@ void parseColourSpace(const std::string& text, Y4mHeader* header) {
             const bool deep = !form.empty() && form[0] <= '9';
             const std::string depthMark = deep && !mono ? "p" : "";
             if (text != std::string(sampling).append(depthMark).append(form)) continue;
-            PictureFormat& picture = header->picture;
+            PictureFormat& picture = stream->picture;
             picture.planes = mono ? 1 : 3;
             picture.chromaDivX = sampling == "411" ? 4 : sampling == "444" ? 1 : 2;
             picture.chromaDivY = sampling == "420" ? 2 : 1;
             picture.bytesPerSample = deep ? 2 : 1;
-            header->stream.pixelFormat = mono ? "gray" : "yuv" + sampling + "p";
-            if (deep) header->stream.pixelFormat += form + "le";
             return;
         }
     }
@@ -44,8 +42,8 @@ void parseColourSpace(const std::string& text, Y4mHeader* header) {
     throw Failure("unknown colour space");
 }
 
-void parseField(char letter, const std::string& value, Rational* rate, Y4mHeader* header) {
-    PictureFormat& picture = header->picture;
+void parseField(char letter, const std::string& value, Rational* rate, StreamInfo* stream) {
+    PictureFormat& picture = stream->picture;
     if (letter == 'W') {
         picture.width = static_cast<uint32_t>(parseNumber(value, 1, kMaxSide));
     } else if (letter == 'H') {
@@ -53,9 +51,9 @@ void parseField(char letter, const std::string& value, Rational* rate, Y4mHeader
     } else if (letter == 'F') {
         *rate = parseRatio(value);
     } else if (letter == 'A') {
-        header->stream.sar = parseRatio(value);
+        stream->sar = parseRatio(value);
     } else if (letter == 'C') {
-        parseColourSpace(value, header);
+        parseColourSpace(value, stream);
     } else if (letter != 'I' && letter != 'X') {  // interlacing, and comments of any kind
         throw Failure("no such field");
     }
@@ -63,19 +61,19 @@ void parseField(char letter, const std::string& value, Rational* rate, Y4mHeader
 
 }  // namespace
 
-Y4mHeader parseY4mHeader(const std::string& line) {
+StreamInfo parseY4mHeader(const std::string& line) {
     std::istringstream fields(line);
     std::string field;
     fields >> field;
     if (field != kMagic) throw Failure(std::string("expected 'YUV4MPEG2', got ") + quote(line));
 
-    Y4mHeader header;
-    PictureFormat& picture = header.picture;
+    StreamInfo stream;
+    PictureFormat& picture = stream.picture;
     Rational rate;
-    parseColourSpace("420", &header);  // what a missing C field means
+    parseColourSpace("420", &stream);  // what a missing C field means
     while (fields >> field) {
         try {
-            parseField(field[0], field.substr(1), &rate, &header);
+            parseField(field[0], field.substr(1), &rate, &stream);
         } catch (const Failure& failure) {
             throw Failure("header field " + quote(field) + ": " + failure.what(),
                           failure.verdict());
@@ -91,17 +89,17 @@ Y4mHeader parseY4mHeader(const std::string& line) {
     // Unknown rates and aspect ratios count as FFmpeg counts them.
     if (rate.num == 0 || rate.den == 0) rate = {25, 1};
     const uint64_t common = std::gcd(rate.num, rate.den);
-    header.stream.timeBase = {rate.den / common, rate.num / common};
-    if (header.stream.sar.den == 0) header.stream.sar = {0, 1};
-    header.stream.media = "video";
-    header.stream.codec = "rawvideo";
-    header.stream.duration = 1;
-    return header;
+    stream.timeBase = {rate.den / common, rate.num / common};
+    if (stream.sar.den == 0) stream.sar = {0, 1};
+    stream.media = "video";
+    stream.codec = "rawvideo";
+    stream.duration = 1;
+    return stream;
 }
 
 namespace {
 
-Y4mHeader readHeader(InputFile* file) {
+StreamInfo readHeader(InputFile* file) {
     std::string line;
     const bool complete = file->readLine(kMaxLine, &line);
     if (!complete && line.empty()) file->fail("empty file");
@@ -119,7 +117,7 @@ Y4mHeader readHeader(InputFile* file) {
 
 }  // namespace
 
-Y4mReader::Y4mReader(const std::string& path) : mFile(path), mHeader(readHeader(&mFile)) {}
+Y4mReader::Y4mReader(const std::string& path) : mFile(path), mStream(readHeader(&mFile)) {}
 
 bool Y4mReader::nextFrame() {
     if (mFile.atEnd()) return false;
@@ -133,13 +131,13 @@ bool Y4mReader::nextFrame() {
     return true;
 }
 
-void Y4mReader::readFrame(Payload* picture) {
+void Y4mReader::readFrame(const Payload& picture) {
     const uint64_t offset = mFile.offset();
     size_t got = 0;
-    picture->forEachRow([&](uint8_t* row, size_t bytes) { got += mFile.read(row, bytes); });
-    if (got != picture->size()) {
-        failFrame(offset, "truncated: expected " + std::to_string(picture->size()) +
-                              " bytes, got " + std::to_string(got));
+    picture.forEachRow([&](uint8_t* row, size_t bytes) { got += mFile.read(row, bytes); });
+    if (got != picture.size()) {
+        failFrame(offset, "truncated: expected " + std::to_string(picture.size()) + " bytes, got " +
+                              std::to_string(got));
     }
     ++mFrame;
 }

@@ -8,14 +8,9 @@
 
 namespace vxrun {
 
-struct Y4mHeader {
-    PictureFormat picture;
-    StreamInfo stream;
-};
-
 // Reads a header line (without its line feed). A Failure says which field is wrong and what was
 // expected; its verdict is NOT_SUPPORTED for a colour space that exists but is not handled.
-Y4mHeader parseY4mHeader(const std::string& line);
+StreamInfo parseY4mHeader(const std::string& line);
 
 // Every failure is a Failure that names the file, the frame and the byte offset.
 //
@@ -26,17 +21,17 @@ public:
     // Opens `path` and reads its header.
     explicit Y4mReader(const std::string& path);
 
-    const Y4mHeader& header() const { return mHeader; }
+    const StreamInfo& stream() const { return mStream; }
     // Reads the line before a frame; false at the end of the file.
     bool nextFrame();
-    // Reads the planes of that frame into `picture`, which has the header's format.
-    void readFrame(Payload* picture);
+    // Reads the planes of that frame into `picture`, which has the stream's format.
+    void readFrame(const Payload& picture);
 
 private:
     [[noreturn]] void failFrame(uint64_t offset, const std::string& text) const;
 
     InputFile mFile;
-    const Y4mHeader mHeader;
+    const StreamInfo mStream;
     uint64_t mFrame = 0;  // the one that comes next
 };
 

@@ -18,6 +18,7 @@ struct Options {
     std::vector<std::string> overrides;
     std::string logMask;
     double timeout = 0;  // seconds; 0: none
+    bool stats = false;
     bool quiet = false;
     bool listNodes = false;
 };
@@ -40,6 +41,7 @@ void addOptions(CLI::App* app, Options* options) {
     app->add_option("--timeout", options->timeout, "End the run after this time, with exit 124")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.001, 1e9));
+    app->add_flag("--stats", options->stats, "Print what every buffer pool has done");
     app->add_flag("--quiet", options->quiet, "Print the verdict only");
     app->add_flag("--list-nodes", options->listNodes, "List the node types and their configs");
 }
@@ -47,8 +49,10 @@ void addOptions(CLI::App* app, Options* options) {
 void listNodes() {
     for (const NodeType* type : nodeTypes()) {
         std::printf("%-22s %s\n", type->name.c_str(), type->help.c_str());
-        for (const ConfigKey& config : type->configs) {
-            std::printf("    %-18s %s\n", config.name.c_str(), config.help.c_str());
+        for (const auto* configs : {&type->configs, &commonConfigs(type->inputs == 0)}) {
+            for (const ConfigKey& config : *configs) {
+                std::printf("    %-18s %s\n", config.name.c_str(), config.help.c_str());
+            }
         }
     }
 }
@@ -77,6 +81,7 @@ void run(const Options& options, Evidence* evidence) {
     }
     setLogLevel(options);
     runGraph(std::move(graph), std::chrono::duration<double>(options.timeout), evidence);
+    evidence->closePools(options.stats);
 }
 
 int start(int argc, char** argv) {

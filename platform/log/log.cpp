@@ -62,6 +62,7 @@ int __android_log_vprint(int prio, const char* tag, const char* fmt, va_list ap)
     ErrnoKeeper keeper;
     if (!isLoggable(prio)) return -EPERM;
     char text[kTextMax + 1] = {};
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the caller has started it
     vsnprintf(text, sizeof(text), fmt, ap);
     return handOver(prio, tag, text);
 }

@@ -27,9 +27,10 @@ private:
         if (!config("write").empty()) mList.emplace(config("write"));
     }
 
-    void consume(const Payload& payload, const vexa::VXFrameInfo& frame) override {
+    void consume(const Payload& payload, const StreamInfo& stream,
+                 const vexa::VXFrameInfo& frame) override {
         if (mExpected) compare(payload);
-        if (mList) writeRow(payload, frame);
+        if (mList) writeRow(payload, stream, frame);
         ++mFrames;
     }
 
@@ -55,12 +56,11 @@ private:
         if (record().firstBad == NodeRecord::kNone) record().firstBad = mFrames;
     }
 
-    void writeRow(const Payload& payload, const vexa::VXFrameInfo& frame) {
-        const StreamInfo* const stream = StreamInfo::of(frame);
-        if (stream == nullptr) throw Failure("a frame that does not say what stream it is of");
-        if (mFrames == 0) mList->write(checksumListHeader(mFormat, *stream, payload));
+    void writeRow(const Payload& payload, const StreamInfo& stream,
+                  const vexa::VXFrameInfo& frame) {
+        if (mFrames == 0) mList->write(checksumListHeader(mFormat, stream));
         const ChecksumRow row = {payload.size(), checksum(mFormat, payload)};
-        mList->write(checksumListRow(*stream, frame.timestamp, row));
+        mList->write(checksumListRow(stream, frame.timestamp, row));
     }
 
     void finish() override {

@@ -15,7 +15,7 @@ public:
 private:
     void open() override { mFile.emplace(requiredConfig("file")); }
 
-    void consume(const Payload& payload, const vexa::VXFrameInfo&) override {
+    void consume(const Payload& payload, const StreamInfo&, const vexa::VXFrameInfo&) override {
         payload.forEachRow([this](const uint8_t* row, size_t bytes) { mFile->write(row, bytes); });
     }
 

@@ -23,16 +23,16 @@ private:
         mStream->media = "data";
         mStream->codec = "none";
         mStream->timeBase = {1, 90000};
+        makeBlockPool(mChunk);
     }
 
-    void fill(vexa::VXWork* work) override {
-        auto block = Payload::ofBytes(mChunk);
-        if (block == nullptr) throw std::bad_alloc();
+    void fill(vexa::VXBuffer* buffer, vexa::VXFrameInfo* frame) override {
         size_t got = 0;
-        block->forEachRow([&](uint8_t* row, size_t bytes) { got += mFile->read(row, bytes); });
-        block->setSize(got);
-        work->frameInfo().mInfos.push_back(mStream);
-        work->setPayload(std::move(block));
+        Payload(*buffer, *mStream).forEachRow([&](uint8_t* row, size_t bytes) {
+            got += mFile->read(row, bytes);
+        });
+        buffer->setFilledRange(0, got);
+        frame->mInfos.push_back(mStream);
     }
 
     bool hasNext() override { return !mFile->atEnd(); }

@@ -10,7 +10,7 @@ public:
     ~NullSink() override { teardown(); }
 
 private:
-    void consume(const Payload&, const vexa::VXFrameInfo&) override {}
+    void consume(const Payload&, const StreamInfo&, const vexa::VXFrameInfo&) override {}
 };
 
 }  // namespace

@@ -14,7 +14,7 @@ private:
         for (const auto& input : inputs) {
             auto work = std::make_unique<vexa::VXWork>();
             work->frameInfo() = input->frameInfo();
-            work->setPayload(input->payload<Payload>());
+            attach(work.get(), bufferOf(*input));
             outputs->push_back(std::move(work));
             countFrame(input->frameInfo());
         }

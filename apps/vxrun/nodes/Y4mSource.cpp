@@ -17,17 +17,15 @@ private:
     void open() override {
         const std::string path = requiredConfig("file");
         mReader.emplace(path);
-        mStream = std::make_shared<StreamInfo>(mReader->header().stream);
+        mStream = std::make_shared<StreamInfo>(mReader->stream());
         if (!mReader->nextFrame()) throw Failure(path + ": no frame in the file");
+        makePicturePool(mStream->picture);
     }
 
-    void fill(vexa::VXWork* work) override {
-        auto picture = Payload::ofPicture(mReader->header().picture);
-        if (picture == nullptr) throw std::bad_alloc();
-        mReader->readFrame(picture.get());
-        work->frameInfo().timestamp = mTimestamp++;
-        work->frameInfo().mInfos.push_back(mStream);
-        work->setPayload(std::move(picture));
+    void fill(vexa::VXBuffer* buffer, vexa::VXFrameInfo* frame) override {
+        mReader->readFrame(Payload(*buffer, *mStream));
+        frame->timestamp = mTimestamp++;
+        frame->mInfos.push_back(mStream);
     }
 
     bool hasNext() override { return mReader->nextFrame(); }

@@ -1,0 +1,86 @@
+#include "Pool.h"
+
+#include "Failure.h"
+
+namespace vxrun {
+
+using namespace vexa;
+
+namespace {
+
+constexpr uint32_t kSurfaceFormat = 0x1;  // RGBA 8888, see Payload
+
+}  // namespace
+
+std::shared_ptr<Pool> Pool::ofPictures(const std::string& allocator, const PictureFormat& format,
+                                       size_t slots, PoolRecord& record,
+                                       std::function<void()> onFree) {
+    std::shared_ptr<Pool> pool(new Pool(record, std::move(onFree)));
+    pool->mPictures = VXGraphicBufferPool::Create(allocator.c_str(), DEFAULT);
+    pool->mFormat = format;
+    pool->mBytes = format.size();
+    const bool made = pool->mPictures != nullptr &&
+                      pool->mPictures->setPixelFormat(kSurfaceFormat) == VX_OK &&
+                      pool->mPictures->setResolution(Payload::surfaceWidth(format),
+                                                     Payload::surfaceHeight(format)) == VX_OK;
+    if (!made) {
+        throw Failure("the allocator '" + allocator + "' makes no pictures of " +
+                      std::to_string(format.width) + "x" + std::to_string(format.height));
+    }
+    pool->mPictures->setMaxSlots(slots);
+    return pool;
+}
+
+std::shared_ptr<Pool> Pool::ofBlocks(const std::string& allocator, size_t bytes, size_t slots,
+                                     PoolRecord& record, std::function<void()> onFree) {
+    std::shared_ptr<Pool> pool(new Pool(record, std::move(onFree)));
+    pool->mBlocks = VXLinearBufferPool::Create(allocator.c_str(), DEFAULT);
+    pool->mBytes = bytes;
+    if (pool->mBlocks == nullptr || pool->mBlocks->setSize(bytes) != VX_OK) {
+        throw Failure("the allocator '" + allocator + "' makes no blocks of " +
+                      std::to_string(bytes) + " bytes");
+    }
+    pool->mBlocks->setMaxSlots(slots);
+    return pool;
+}
+
+VXError Pool::fetch(std::shared_ptr<VXBuffer>* buffer) {
+    VXError status = take(buffer);
+    if (status != VX_NO_FREE_SLOT) return status;
+    // The wish is stated first, then one more look: a buffer that came back in between told nobody.
+    mWanted = true;
+    status = take(buffer);
+    if (status != VX_NO_FREE_SLOT) mWanted = false;
+    return status;
+}
+
+VXError Pool::take(std::shared_ptr<VXBuffer>* buffer) {
+    buffer->reset();
+    std::shared_ptr<VXBuffer> taken;
+    VXError status = VX_OK;
+    if (mPictures != nullptr) {
+        std::shared_ptr<VXGraphicBuffer> picture;
+        status = mPictures->fetch(&picture);
+        if (status == VX_OK) {
+            picture->setFrameWidth(mFormat.width);
+            picture->setFrameHeight(mFormat.height);
+        }
+        taken = std::move(picture);
+    } else {
+        status = mBlocks->fetch(&taken);
+    }
+    if (status != VX_OK) return status;
+    taken->setFilledRange(0, mBytes);
+    mRecord.took(mMade.insert(taken.get()).second);
+
+    VXBuffer* const raw = taken.get();
+    const auto giveBack = [pool = shared_from_this(), held = std::move(taken)](VXBuffer*) mutable {
+        held.reset();
+        pool->mRecord.gotBack();
+        if (pool->mWanted.exchange(false)) pool->mOnFree();
+    };
+    *buffer = std::shared_ptr<VXBuffer>(raw, giveBack);
+    return VX_OK;
+}
+
+}  // namespace vxrun

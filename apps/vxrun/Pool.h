@@ -1,0 +1,54 @@
+// Pool: where a node of vxrun takes its buffers from: a pool of the library, of the graph's allocator
+// type and with a slot limit, that counts and tells when a buffer has come back.
+#pragma once
+
+#include "Evidence.h"
+#include "Payload.h"
+
+#include <VXBuffer.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+
+namespace vxrun {
+
+// Life     held by its node and by every buffer that is out, so none outlives it.
+// Threads  fetch(): the node's. Buffers come back on any thread.
+// Owns     the library's pool.
+class Pool : public std::enable_shared_from_this<Pool> {
+public:
+    // Pools of `slots` buffers: pictures of `format`, or blocks of `bytes`. A Failure when the
+    // allocator makes no such buffers. `onFree` is called on any thread once a buffer has come back
+    // after a fetch() in vain.
+    static std::shared_ptr<Pool> ofPictures(const std::string& allocator,
+                                            const PictureFormat& format, size_t slots,
+                                            PoolRecord& record, std::function<void()> onFree);
+    static std::shared_ptr<Pool> ofBlocks(const std::string& allocator, size_t bytes, size_t slots,
+                                          PoolRecord& record, std::function<void()> onFree);
+
+    // Takes a buffer; its filled range is all that was asked for. Never waits.
+    //   VX_OK            `*buffer` is set; it is empty on every other result
+    //   VX_NO_FREE_SLOT  all are out; `onFree` will be called
+    //   VX_NO_MEMORY     the allocator has no memory
+    vexa::VXError fetch(std::shared_ptr<vexa::VXBuffer>* buffer);
+
+private:
+    Pool(PoolRecord& record, std::function<void()> onFree)
+        : mRecord(record), mOnFree(std::move(onFree)) {}
+
+    vexa::VXError take(std::shared_ptr<vexa::VXBuffer>* buffer);
+
+    PoolRecord& mRecord;
+    const std::function<void()> mOnFree;
+    std::shared_ptr<vexa::VXGraphicBufferPool> mPictures;  // one of the two
+    std::shared_ptr<vexa::VXLinearBufferPool> mBlocks;
+    PictureFormat mFormat;
+    size_t mBytes = 0;
+    std::set<const vexa::VXBuffer*> mMade;  // [the node's thread]
+    std::atomic<bool> mWanted{false};       // a fetch() was in vain
+};
+
+}  // namespace vxrun
