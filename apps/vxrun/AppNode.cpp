@@ -64,9 +64,13 @@ AppNode::AppNode(NodeArguments arguments)
       mRecord(mEvidence.addNode(arguments.nodeName, config("allocator"), mType.outputs == 0)),
       mEntries(arguments.entries) {}
 
+static bool isAllocator(const std::string& name) {
+    return name == "dmabuf" || name == "xcodec2";
+}
+
 std::vector<std::string> AppNode::getPreferredAllocatorTypes() {
-    if (mRecord.allocator.empty()) return {"any"};
-    return {mRecord.allocator};
+    // What is none is refused at set-up, by a line that names the node.
+    return {isAllocator(mRecord.allocator) ? mRecord.allocator : "any"};
 }
 
 VXError AppNode::onSetup(bool) {
@@ -127,7 +131,7 @@ void AppNode::checkDescription() {
                       " knows:" + known);
     }
     const std::string& allocator = mRecord.allocator;
-    if (!allocator.empty() && allocator != "dmabuf" && allocator != "xcodec2") {
+    if (!allocator.empty() && !isAllocator(allocator)) {
         throw Failure("config 'allocator': expected dmabuf or xcodec2, got " + quote(allocator));
     }
     if (mEntries > 0) throw Failure("a " + mType.name + " takes no entries");
