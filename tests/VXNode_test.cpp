@@ -30,12 +30,22 @@ static std::shared_ptr<VXSharedWork> makeInput(uint64_t index, uint32_t flags = 
     return work;
 }
 
+// An event of `id` with items: a key, its value, a key, its value...
+template <typename... Items>
+static std::shared_ptr<xc2::Event> makeEvent(uint32_t id, Items... items) {
+    auto event = std::make_shared<xc2::Event>(id);
+    const auto put = [&](auto&& self, const char* key, auto value, auto... more) -> void {
+        event->info().put(key, std::move(value));
+        if constexpr (sizeof...(more) > 0) self(self, more...);
+    };
+    if constexpr (sizeof...(items) > 0) put(put, items...);
+    return event;
+}
+
 static std::shared_ptr<xc2::Event> doWork(Works works) {
     auto info = std::make_shared<VXInputPort::WorkInfo>();
     info->works = std::move(works);
-    auto event = std::make_shared<xc2::Event>(VXNode::EVENT_DO_WORK);
-    event->info().put("works", info);
-    return event;
+    return makeEvent(VXNode::EVENT_DO_WORK, "works", info);
 }
 
 // One node, driven without a graph; a recorder stands downstream of its output ports.
@@ -330,116 +340,88 @@ TEST_F(NodeTest, TeardownAndDestructor) {
 
 // ---- Events -----------------------------------------------------------------------------------
 
-// Catches: an event that crashes or answers wrongly before start and after shut-down, payloads that
-// are taken for present, unknown ids.
+// Catches: an event that crashes or answers wrongly before start and after shut-down, payloads of
+// another type or class that are taken for present, unknown ids.
 TEST_F(NodeTest, EventsWithoutPayloadOrRegulator) {
-    LogCapture log;
     auto node = make();
     ASSERT_EQ(node->setup(false), VX_OK);
-    const auto handle = [&](uint32_t id, auto fill) {
-        auto event = std::make_shared<xc2::Event>(id);
-        fill(event->info());
-        return node->handleMessage(event);
+    const uint64_t one = 1;
+    const auto done = std::make_shared<VXNode::CompletedWorkInfo>();
+    const auto works = std::make_shared<VXInputPort::WorkInfo>();
+    const auto noWorks = std::shared_ptr<VXInputPort::WorkInfo>();
+    const auto noDone = std::shared_ptr<VXNode::CompletedWorkInfo>();
+    const std::string needsRegulator = "regulator == nullptr";
+    const std::string noCompleted =
+        "event->info().get(\"works\", &completedWorkInfo) != xc2::XC2_OK";
+    struct Row {
+        std::shared_ptr<xc2::Event> event;
+        VXError result;
+        std::string guard;
     };
-    const auto none = [](xc2::Bundle&) {};
-    EXPECT_EQ(node->handleMessage(nullptr), VX_BAD_VALUE);
-    EXPECT_GUARD("event == nullptr");
-    for (const auto& [id, text] : std::vector<std::pair<uint32_t, std::string>>{
-             {3, "event->info().get(\"works\", &completedWorkInfo) != xc2::XC2_OK"},
-             {4, "event->info().get(\"res-id\", &resId) != xc2::XC2_OK"},
-             {257, "event->info().get(\"portId\", &portId) != xc2::XC2_OK"},
-             {512, "event->info().get(\"works\", &workInfo) != xc2::XC2_OK"}}) {
-        log.clear();
-        EXPECT_EQ(handle(id, none), VX_ERROR);
-        EXPECT_EQ(log.count(text + " : Line# "), 1) << text;
-    }
-    log.clear();
-    EXPECT_EQ(handle(257,
-                     [](auto& b) {
-                         b.put("portId", "n.out");
-                         b.put("delay", uint32_t{1});
-                     }),
-              VX_ERROR);  // a delay of another type counts as missing
-    EXPECT_EQ(log.count("event->info().get(\"delay\", &delay) != xc2::XC2_OK : Line# "), 1);
-    EXPECT_EQ(
-        handle(512, [](auto& b) { b.put("works", std::shared_ptr<VXInputPort::WorkInfo>()); }),
-        VX_ERROR);
-    EXPECT_GUARD("workInfo == nullptr");
-    EXPECT_EQ(handle(3, [](auto& b) { b.put("works", std::make_shared<VXInputPort::WorkInfo>()); }),
-              VX_ERROR);  // another class than expected
-    EXPECT_EQ(
-        handle(3, [](auto& b) { b.put("works", std::shared_ptr<VXNode::CompletedWorkInfo>()); }),
-        VX_ERROR);
-    EXPECT_GUARD("completedWorkInfo == nullptr");
-
-    // What needs the regulator, before start and after shut-down.
-    for (int round = 0; round < 2; ++round) {
-        log.clear();
-        EXPECT_EQ(handle(0, none), VX_NO_INIT);
-        EXPECT_EQ(handle(2, none), VX_NO_INIT);
-        EXPECT_EQ(
-            handle(3,
-                   [](auto& b) { b.put("works", std::make_shared<VXNode::CompletedWorkInfo>()); }),
-            VX_NO_INIT);
-        EXPECT_EQ(handle(4, [](auto& b) { b.put("res-id", uint64_t{1}); }), VX_NO_INIT);
-        EXPECT_EQ(handle(257,
-                         [](auto& b) {
-                             b.put("portId", "n.out");
-                             b.put("delay", uint64_t{1});
-                         }),
-                  VX_NO_INIT);
-        EXPECT_EQ(node->handleMessage(doWork({makeInput(0)})), VX_NO_INIT);
-        EXPECT_EQ(log.count("regulator == nullptr : Line# "), 6);
-        EXPECT_EQ(node->handleMessage(doWork({})), VX_OK);
-        EXPECT_EQ(handle(5, none), VX_OK);
-        EXPECT_EQ(handle(6, none), VX_OK);
-        EXPECT_EQ(handle(256, none), VX_OK);
-        EXPECT_EQ(handle(1, none), VX_INVALID_OPERATION);
-        EXPECT_EQ(handle(0xabcd, none), VX_INVALID_OPERATION);
+    for (int round = 0; round < 2; ++round) {  // before start, and after shut-down
+        LogCapture log;
+        const Row rows[] = {
+            {nullptr, VX_BAD_VALUE, "event == nullptr"},
+            {makeEvent(3), VX_ERROR, noCompleted},
+            {makeEvent(3, "works", works), VX_ERROR, noCompleted},
+            {makeEvent(3, "works", noDone), VX_ERROR, "completedWorkInfo == nullptr"},
+            {makeEvent(4), VX_ERROR, "event->info().get(\"res-id\", &resId) != xc2::XC2_OK"},
+            {makeEvent(257), VX_ERROR, "event->info().get(\"portId\", &portId) != xc2::XC2_OK"},
+            {makeEvent(257, "portId", "n.out", "delay", 1u), VX_ERROR,
+             "event->info().get(\"delay\", &delay) != xc2::XC2_OK"},
+            {makeEvent(512), VX_ERROR, "event->info().get(\"works\", &workInfo) != xc2::XC2_OK"},
+            {makeEvent(512, "works", noWorks), VX_ERROR, "workInfo == nullptr"},
+            {makeEvent(0), VX_NO_INIT, needsRegulator},
+            {makeEvent(2), VX_NO_INIT, needsRegulator},
+            {makeEvent(3, "works", done), VX_NO_INIT, needsRegulator},
+            {makeEvent(4, "res-id", one), VX_NO_INIT, needsRegulator},
+            {makeEvent(257, "portId", "n.out", "delay", one), VX_NO_INIT, needsRegulator},
+            {doWork({makeInput(0)}), VX_NO_INIT, ""},  // appended before the regulator is missed
+            {doWork({}), VX_OK, ""},
+            {makeEvent(5), VX_OK, ""},
+            {makeEvent(6), VX_OK, ""},
+            {makeEvent(256), VX_OK, ""},
+            {makeEvent(1), VX_INVALID_OPERATION, ""},
+            {makeEvent(0xabcd), VX_INVALID_OPERATION, ""},
+        };
+        for (const Row& row : rows) {
+            log.clear();
+            EXPECT_EQ(node->handleMessage(row.event), row.result);
+            if (row.guard.empty()) continue;
+            EXPECT_EQ(log.count(row.guard + " : Line# "), 1) << row.guard;
+        }
         EXPECT_LOGGED(ERROR, "[g.n] Unhandled Event abcd");
         node->shutDown();
     }
 }
 
-// Catches: a report that is lost, reaches the listener off the node's thread, or a listener that is
-// used after it has gone.
-TEST_F(NodeTest, ReportsReachTheListener) {
+// Catches: a report that is lost, or a listener that is used after it has gone; a drain or fence event
+// that misses its hook, a wrong fence value.
+TEST_F(NodeTest, ReportsAndHooks) {
     auto node = make();
+    std::vector<int> hooked;
+    node->drainHook = [&] { hooked.push_back(0); };
+    node->bufferHook = [&](int fd) {
+        hooked.push_back(fd);
+        return VX_NO_MEMORY;
+    };
+    EXPECT_EQ(node->handleMessage(makeEvent(VXNode::EVENT_DRAIN)), VX_OK);
+    EXPECT_EQ(node->handleMessage(makeEvent(VXNode::EVENT_FENCE)), VX_NO_MEMORY);
+    EXPECT_EQ(node->handleMessage(makeEvent(VXNode::EVENT_FENCE, "fd", 9u)), VX_NO_MEMORY);
+    EXPECT_EQ(node->handleMessage(makeEvent(VXNode::EVENT_FENCE, "fd", 9)), VX_NO_MEMORY);
+    EXPECT_EQ(hooked, (std::vector<int>{0, -1, -1, 9}));
+
     ASSERT_EQ(node->setup(false), VX_OK);
     ASSERT_EQ(node->start(listener), VX_OK);
     node->signalError(VX_INCOMPATIBLE, "no good");
     node->signalComplete();
     EXPECT_TRUE(listener->tally.waitFor("error 13 no good"));
     EXPECT_TRUE(listener->tally.waitFor("complete"));
-    auto bare = std::make_shared<xc2::Event>(VXNode::EVENT_ERROR);
-    EXPECT_EQ(node->handleMessage(bare), VX_OK);
+    EXPECT_EQ(node->handleMessage(makeEvent(VXNode::EVENT_ERROR)), VX_OK);
     EXPECT_EQ(listener->tally.count("error 0 "), 1);
     listener.reset();
-    EXPECT_EQ(node->handleMessage(bare), VX_OK);
-    EXPECT_EQ(node->handleMessage(std::make_shared<xc2::Event>(VXNode::EVENT_COMPLETE)), VX_OK);
-}
-
-// Catches: a drain or fence event that misses its hook, or a wrong fence value.
-TEST_F(NodeTest, DrainAndFenceReachTheirHooks) {
-    auto node = make();
-    int drains = 0;
-    std::vector<int> fds;
-    node->drainHook = [&] { ++drains; };
-    node->bufferHook = [&](int fd) {
-        fds.push_back(fd);
-        return VX_NO_MEMORY;
-    };
-    EXPECT_EQ(node->handleMessage(std::make_shared<xc2::Event>(VXNode::EVENT_DRAIN)), VX_OK);
-    auto fence = std::make_shared<xc2::Event>(VXNode::EVENT_FENCE);
-    EXPECT_EQ(node->handleMessage(fence), VX_NO_MEMORY);
-    fence->info().put("fd", uint32_t{9});
-    EXPECT_EQ(node->handleMessage(fence), VX_NO_MEMORY);
-    fence->info().put("fd", int32_t{9});
-    EXPECT_EQ(node->handleMessage(fence), VX_NO_MEMORY);
-    EXPECT_EQ(drains, 1);
-    EXPECT_EQ(fds, (std::vector<int>{-1, -1, 9}));
-    node->bufferHook = {};
-    EXPECT_EQ(node->handleMessage(fence), VX_OK);
+    EXPECT_EQ(node->handleMessage(makeEvent(VXNode::EVENT_ERROR)), VX_OK);
+    EXPECT_EQ(node->handleMessage(makeEvent(VXNode::EVENT_COMPLETE)), VX_OK);
 }
 
 // ---- Pending inputs ---------------------------------------------------------------------------
@@ -504,7 +486,7 @@ TEST_F(NodeTest, FlushGoesDownTheGraph) {
     auto pending = makeInput(0);
     std::weak_ptr<VXSharedWork> watch = pending;
     up->handleMessage(doWork({std::move(pending)}));
-    EXPECT_EQ(up->handleMessage(std::make_shared<xc2::Event>(VXNode::EVENT_FLUSH)), VX_NO_INIT);
+    EXPECT_EQ(up->handleMessage(makeEvent(VXNode::EVENT_FLUSH)), VX_NO_INIT);
     EXPECT_TRUE(watch.expired());
     EXPECT_EQ(order, (std::vector<std::string>{"up", "down"}));  // waited for, in order
     EXPECT_TRUE(downstream->events.empty());

@@ -123,12 +123,12 @@ void AppNode::checkDescription() {
     checkCount("output", mType.outputs, outputPortInfos().size());
     for (const auto& [key, value] : configStore().configs()) {
         if (mType.find(key) != nullptr) continue;
-        std::string known;
+        std::string text =
+            "unknown config '" + key + "' = " + quote(value) + ", a " + mType.name + " knows:";
         for (const auto* keys : {&mType.configs, &commonConfigs(mType.inputs == 0)}) {
-            for (const ConfigKey& config : *keys) known += " " + config.name;
+            for (const ConfigKey& config : *keys) text += " " + config.name;
         }
-        throw Failure("unknown config '" + key + "' = " + quote(value) + ", a " + mType.name +
-                      " knows:" + known);
+        throw Failure(text);
     }
     const std::string& allocator = mRecord.allocator;
     if (!allocator.empty() && !isAllocator(allocator)) {
