@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 #include <sys/resource.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <future>
@@ -23,19 +24,26 @@ long contextSwitches() {
     return usage.ru_nvcsw + usage.ru_nivcsw;
 }
 
-// Reports a benchmark that moved `works` works over `hops` hops in each of its iterations.
+// Times the iterations of a benchmark, each of which moves `works` works over `hops` hops, and reports
+// them when it goes.
 class Report {
 public:
+    using Clock = std::chrono::steady_clock;
+
     Report(benchmark::State& state, int64_t works, int hops)
         : mState(state), mWorks(works), mHops(hops), mSwitches(contextSwitches()) {}
     ~Report() {
         const double works = static_cast<double>(mWorks) * static_cast<double>(mState.iterations());
-        using benchmark::Counter;
-        mState.counters["works/s"] = Counter(works, Counter::kIsRate);
-        mState.counters["ns/work/hop"] =
-            Counter(works * mHops * 1e-9, Counter::kIsRate | Counter::kInvert);
+        mState.counters["works/s"] = works / mTotal.count();
+        mState.counters["ns/work/hop"] = mTotal.count() * 1e9 / works / mHops;
         mState.counters["switches/work"] =
             static_cast<double>(contextSwitches() - mSwitches) / works;
+    }
+    void begin() { mBegin = Clock::now(); }
+    void end() {
+        const std::chrono::duration<double> time = Clock::now() - mBegin;
+        mState.SetIterationTime(time.count());
+        mTotal += time;
     }
 
 private:
@@ -43,6 +51,8 @@ private:
     const int64_t mWorks;
     const int mHops;
     const long mSwitches;
+    Clock::time_point mBegin;
+    std::chrono::duration<double> mTotal{0};
 };
 
 // ---- Baseline: a mutex and a condition variable -----------------------------------------------
@@ -162,14 +172,13 @@ void add(VXGraphInfo* info, const char* type, int number, bool input, bool outpu
 }
 
 // Runs a graph to its end and times what is between start and completion.
-void runGraph(benchmark::State& state, VXGraphInfo info) {
+void runGraph(Report& report, VXGraphInfo info) {
     auto listener = std::make_shared<Listener>();
     const auto graph = VXGraph::BuildFromGraphInfo(info, listener);
-    const auto begin = std::chrono::steady_clock::now();
+    report.begin();
     graph->runAsync();
     listener->done.get_future().wait();
-    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
-    state.SetIterationTime(time.count());
+    report.end();
     graph->stop();
 }
 
@@ -188,7 +197,7 @@ void chainOfNodes(benchmark::State& state) {
                                                                           ".in"};
             }
         }
-        runGraph(state, std::move(info));
+        runGraph(report, std::move(info));
     }
 }
 
@@ -198,7 +207,7 @@ void chainOfPlainQueues(benchmark::State& state) {
     for (auto _ : state) {
         std::deque<PlainQueue<Item>> queues;
         for (int i = 1; i < stages; ++i) queues.emplace_back(4);
-        const auto begin = std::chrono::steady_clock::now();
+        report.begin();
         std::vector<std::thread> threads;
         threads.emplace_back([&] {
             for (int64_t i = 0; i < kWorks; ++i) queues[0].push(std::make_shared<int>(0));
@@ -212,8 +221,7 @@ void chainOfPlainQueues(benchmark::State& state) {
         }
         while (queues.back().pop() != nullptr) {
         }
-        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
-        state.SetIterationTime(time.count());
+        report.end();
         for (auto& thread : threads) thread.join();
     }
 }
@@ -230,7 +238,7 @@ void fanOutOfNodes(benchmark::State& state) {
             add(&info, "bench/node", i, true, false);
             info.connections["n0.out"].push_back("n" + std::to_string(i) + ".in");
         }
-        runGraph(state, std::move(info));
+        runGraph(report, std::move(info));
     }
 }
 
@@ -239,7 +247,7 @@ void fanOutOfPlainQueues(benchmark::State& state) {
     for (auto _ : state) {
         std::deque<PlainQueue<Item>> queues;
         for (int i = 0; i < kBranches; ++i) queues.emplace_back(4);
-        const auto begin = std::chrono::steady_clock::now();
+        report.begin();
         std::vector<std::thread> threads;
         for (auto& queue : queues) {
             threads.emplace_back([&queue] {
@@ -252,8 +260,7 @@ void fanOutOfPlainQueues(benchmark::State& state) {
             for (auto& queue : queues) queue.push(item);
         }
         for (auto& thread : threads) thread.join();
-        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
-        state.SetIterationTime(time.count());
+        report.end();
     }
 }
 
@@ -275,9 +282,8 @@ private:
 
 // Has `producers` threads call `post` kWorks times each, and times until `allSeen` is ready.
 template <typename Post>
-void timeProducers(benchmark::State& state, int producers, const Post& post,
-                   std::future<void> allSeen) {
-    const auto begin = std::chrono::steady_clock::now();
+void timeProducers(Report& report, int producers, const Post& post, std::future<void> allSeen) {
+    report.begin();
     std::vector<std::thread> threads;
     for (int i = 0; i < producers; ++i) {
         threads.emplace_back([&] {
@@ -285,8 +291,7 @@ void timeProducers(benchmark::State& state, int producers, const Post& post,
         });
     }
     allSeen.wait();
-    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
-    state.SetIterationTime(time.count());
+    report.end();
     for (auto& thread : threads) thread.join();
 }
 
@@ -304,7 +309,7 @@ void postEvents(benchmark::State& state) {
         queue->start(0);
         handler->attach(queue);
         timeProducers(
-            state, producers, [&] { handler->postAsync(std::make_shared<xc2::Event>(1)); },
+            report, producers, [&] { handler->postAsync(std::make_shared<xc2::Event>(1)); },
             seen.get_future());
         queue->stop();
     }
@@ -321,7 +326,7 @@ void postToPlainQueue(benchmark::State& state) {
             seen.set_value();
         });
         timeProducers(
-            state, producers, [&] { queue.push(std::make_shared<int>(0)); }, seen.get_future());
+            report, producers, [&] { queue.push(std::make_shared<int>(0)); }, seen.get_future());
         consumer.join();
     }
 }
@@ -351,11 +356,10 @@ void roundTripOfEvents(benchmark::State& state) {
         pongQueue->start(0);
         ping->attach(pingQueue);
         pong->attach(pongQueue);
-        const auto begin = std::chrono::steady_clock::now();
+        report.begin();
         pong->postAsync(std::make_shared<xc2::Event>(1));
         seen.get_future().wait();
-        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
-        state.SetIterationTime(time.count());
+        report.end();
         pingQueue->stop();
         pongQueue->stop();
     }
@@ -369,14 +373,13 @@ void roundTripOfPlainQueues(benchmark::State& state) {
         std::thread other([&] {
             for (int64_t left = kWorks; left > 0; --left) ping.push(pong.pop());
         });
-        const auto begin = std::chrono::steady_clock::now();
+        report.begin();
         Item item = std::make_shared<int>(0);
         for (int64_t left = kWorks; left > 0; --left) {
             pong.push(std::move(item));
             item = ping.pop();
         }
-        const std::chrono::duration<double> time = std::chrono::steady_clock::now() - begin;
-        state.SetIterationTime(time.count());
+        report.end();
         other.join();
     }
 }
