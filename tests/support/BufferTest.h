@@ -9,6 +9,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "LogCapture.h"
@@ -66,4 +67,45 @@ private:
     static size_t openDescriptors() { return descriptors().size(); }
 
     const size_t mDescriptorsBefore = openDescriptors();
+};
+
+// PoolTest: the same with a linear pool of 100 bytes and a graphic pool of 100 x 50 pixels of 10 bits.
+class PoolTest : public BufferTest {
+protected:
+    using Values = std::vector<size_t>;
+
+    PoolTest(std::shared_ptr<vexa::VXLinearBufferPool> linearPool,
+             std::shared_ptr<vexa::VXGraphicBufferPool> graphicPool)
+        : linear(std::move(linearPool)), graphic(std::move(graphicPool)) {
+        EXPECT_EQ(linear->setSize(100), vexa::VX_OK);
+        EXPECT_EQ(graphic->setPixelFormat(0x36), vexa::VX_OK);
+        EXPECT_EQ(graphic->setResolution(100, 50), vexa::VX_OK);
+    }
+
+    static std::shared_ptr<vexa::VXBuffer> fetch(vexa::VXLinearBufferPool& pool) {
+        std::shared_ptr<vexa::VXBuffer> buffer;
+        EXPECT_EQ(pool.fetch(&buffer), vexa::VX_OK);
+        return buffer;
+    }
+    static std::shared_ptr<vexa::VXGraphicBuffer> fetch(vexa::VXGraphicBufferPool& pool) {
+        std::shared_ptr<vexa::VXGraphicBuffer> buffer;
+        EXPECT_EQ(pool.fetch(&buffer), vexa::VX_OK);
+        return buffer;
+    }
+    std::vector<std::shared_ptr<vexa::VXBuffer>> fetchBoth() {
+        return {fetch(*linear), fetch(*graphic)};
+    }
+
+    // Numbers of a picture or a rectangle, to be compared in one go.
+    static Values geometryOf(const vexa::VXGraphicBuffer& p) {
+        return {p.width(),       p.height(),     p.stride(),
+                p.sliceHeight(), p.frameWidth(), p.frameHeight()};
+    }
+    template <class Rectangle>
+    static Values sidesOf(const Rectangle& r) {
+        return {r.left, r.top, r.width, r.height};
+    }
+
+    const std::shared_ptr<vexa::VXLinearBufferPool> linear;
+    const std::shared_ptr<vexa::VXGraphicBufferPool> graphic;
 };
