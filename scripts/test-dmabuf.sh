@@ -29,8 +29,12 @@ need g++ googletest qemu-system-x86 busybox-static cpio ||
 
 # ---- Kernel
 
-image=$(apt-cache depends $kernel_package 2>/dev/null | awk '/Depends: linux-image-/ {print $2}') || true
-[ -n "$image" ] || skip "no package $kernel_package"
+findImage() {
+    image=$(apt-cache depends $kernel_package 2>/dev/null | awk '/Depends: linux-image-/ {print $2}') || true
+    [ -n "$image" ]
+}
+findImage || apt-get update -qq || true # a machine that has never asked knows no package
+findImage || skip "no package $kernel_package"
 kernel=$work/boot/vmlinuz-${image#linux-image-}
 if [ ! -e "$kernel" ]; then
     rm -rf ${work:?}/boot $work/*.deb

@@ -668,52 +668,6 @@ TEST_F(RegulatorTest, ReleasesAfterTheProducerHasGone) {
     EXPECT_EQ(log.count(ANDROID_LOG_WARN, kTag, "Invalid work released !"), 2);
 }
 
-// Catches: a running node that stalls although capacity comes back, a sink that holds capacity, works
-// finished outside the hook that get lost.
-TEST_F(NodeTest, RunningNodeIsPacedByReleases) {
-    auto node = make();
-    ASSERT_EQ(node->setup(false), VX_OK);
-    struct Consumer : public virtual xc2::EventHandler {
-        xc2::XC2Status postAsync(std::shared_ptr<xc2::Event> event) override {
-            std::shared_ptr<VXInputPort::WorkInfo> info;
-            event->info().get("works", &info);
-            std::lock_guard<std::mutex> guard(lock);
-            held.splice(held.end(), info->works);
-            tally.hit("work");
-            return xc2::XC2_OK;
-        }
-        xc2::XC2Status onEvent(std::shared_ptr<xc2::Event>) override { return xc2::XC2_OK; }
-        Tally tally;
-        std::mutex lock;
-        Works held;
-    };
-    auto consumer = std::make_shared<Consumer>();
-    auto port = std::make_shared<VXInputPort>("c.in", VXPort::Format{"test/count"}, consumer);
-    ASSERT_EQ(node->outputPorts()[0]->connectTo(port), VX_OK);
-    std::atomic<int> processed{0};
-    node->processHook = [&](Works inputs, Outputs*) {
-        for (const auto& input : inputs) {  // finishes each later, through returnWorks
-            ++processed;
-            Outputs later;
-            later.push_back(ScriptedNode::copyOf(*input));
-            EXPECT_EQ(node->returnWorks(std::move(later)), VX_OK);
-        }
-        return VX_OK;
-    };
-    ASSERT_EQ(node->start(listener), VX_OK);
-    constexpr int kWorks = 50;
-    for (int i = 0; i < kWorks; ++i)
-        ASSERT_EQ(node->inputPorts()[0]->queueWorks({makeInput(i)}), VX_OK);
-    for (int i = 0; i < kWorks; ++i) {
-        ASSERT_TRUE(consumer->tally.waitFor("work", i + 1));
-        std::lock_guard<std::mutex> guard(consumer->lock);
-        ASSERT_EQ(consumer->held.front()->frameInfo().index, static_cast<uint64_t>(i));
-        consumer->held.pop_front();
-    }
-    EXPECT_EQ(processed, kWorks);
-    EXPECT_EQ(node->stop(), VX_OK);
-}
-
 // ---- Registry ---------------------------------------------------------------------------------
 
 // Catches: an earlier factory that wins, an unknown type that is not listed afterwards, nulls that

@@ -22,7 +22,8 @@ TEST(Log, MaskComesFromThePropertyInHexadecimal) {
     const std::pair<const char*, uint32_t> rows[] = {{"", 0x3},  {"10", 0x10}, {"1f", 0x1f},
                                                      {"8", 0x8}, {"none", 0},  {"0", 0}};
     for (const auto& [text, mask] : rows) {
-        property_set(kProperty, text);
+        // A device's property service may say no.
+        if (property_set(kProperty, text) != 0) GTEST_SKIP() << "the property cannot be set";
         EXPECT_EQ(vxUpdateLogLevel(), mask) << text;
         EXPECT_EQ(gVXLogLevel, mask) << text;
     }
@@ -75,13 +76,13 @@ TEST(Log, GuardPrintsItsConditionAndReturns) {
 
 class Files : public testing::Test {
 protected:
-    void SetUp() override { ASSERT_NE(mkdtemp(mDir), nullptr); }
-    void TearDown() override { (void)!std::system(("rm -rf " + std::string(mDir)).c_str()); }
-    std::string path(const std::string& name) const { return mDir + ("/" + name); }
+    void SetUp() override { ASSERT_NE(mkdtemp(mDir.data()), nullptr); }
+    void TearDown() override { (void)!std::system(("rm -rf " + mDir).c_str()); }
+    std::string path(const std::string& name) const { return mDir + "/" + name; }
     void writeFile(const std::string& name, const std::string& bytes) const {
         std::ofstream(path(name), std::ios::binary) << bytes;
     }
-    char mDir[32] = "/tmp/vxutils.XXXXXX";
+    std::string mDir = testing::TempDir() + "vxutils.XXXXXX";
 };
 
 // Catches: a chunk lost, doubled or cut at zero bytes, at every border of the 1024-byte chunks.
