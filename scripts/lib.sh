@@ -26,4 +26,5 @@ build() {
     cmake --build --preset "$1" ${2:+--target "$2"}
 }
 
-build_packages=(g++ cmake ninja-build pkg-config googletest libcli11-dev nlohmann-json3-dev libavutil-dev ffmpeg)
+build_packages=(g++ cmake ninja-build pkg-config googletest libcli11-dev nlohmann-json3-dev libavformat-dev libavcodec-dev
+    libavutil-dev ffmpeg)

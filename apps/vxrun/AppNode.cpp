@@ -11,14 +11,17 @@ using namespace vexa;
 
 extern const NodeType kY4mSource;
 extern const NodeType kFileSource;
+extern const NodeType kBitstreamSource;
+extern const NodeType kDecoder;
 extern const NodeType kPassthrough;
 extern const NodeType kChecksumSink;
 extern const NodeType kFileSink;
 extern const NodeType kNullSink;
 
 const std::vector<const NodeType*>& nodeTypes() {
-    static const std::vector<const NodeType*> types = {&kY4mSource,    &kFileSource, &kPassthrough,
-                                                       &kChecksumSink, &kFileSink,   &kNullSink};
+    static const std::vector<const NodeType*> types = {
+        &kY4mSource,   &kFileSource,   &kBitstreamSource, &kDecoder,
+        &kPassthrough, &kChecksumSink, &kFileSink,        &kNullSink};
     return types;
 }
 
@@ -169,20 +172,16 @@ void AppNode::countFrame(const VXFrameInfo& frame) {
     if ((frame.flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0) mRecord.endOfStream = true;
 }
 
-// ---- Source -----------------------------------------------------------------------------------
-
-size_t Source::slots() {
-    return numberConfig("slots", 1, 1000, 8);
-}
-
-// Works are released before their buffers are, so a source that found no buffer is told by its pool.
-std::function<void()> Source::scheduleSelf() {
+// Works are released before their buffers are, so a node that found no buffer is told by its pool.
+std::function<void()> AppNode::scheduleSelf() {
     return [weakHandler = std::weak_ptr<Handler>(handler())] {
         if (const auto handler = weakHandler.lock()) {
             handler->postAsync(std::make_shared<xc2::Event>(EVENT_SCHEDULE));
         }
     };
 }
+
+// ---- Source -----------------------------------------------------------------------------------
 
 void Source::makePicturePool(const PictureFormat& format) {
     mPool = Pool::ofPictures(allocatorType(), format, slots(), newPoolRecord(), scheduleSelf());
@@ -231,7 +230,7 @@ void Source::process(const SharedWorks& inputs, Works* outputs) {
 void Sink::process(const SharedWorks& inputs, Works*) {
     for (const auto& work : inputs) {
         const auto buffer = bufferOf(*work);
-        const StreamInfo* const stream = StreamInfo::of(work->frameInfo());
+        const StreamInfo* const stream = infoOf<StreamInfo>(work->frameInfo());
         if (buffer == nullptr || stream == nullptr) throw Failure("a work without a payload");
         consume(Payload(*buffer, *stream), *stream, work->frameInfo());
         const bool last = (work->frameInfo().flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0;

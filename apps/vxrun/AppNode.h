@@ -105,6 +105,10 @@ protected:
     NodeRecord& record() { return mRecord; }
     PoolRecord& newPoolRecord() { return mEvidence.addPool(mRecord.name); }
 
+    // For the node's pools: the config "slots", and an `onFree` that has the node scheduled again.
+    size_t slots() { return numberConfig("slots", 1, 1000, 8); }
+    std::function<void()> scheduleSelf();
+
 private:
     vexa::VXError onSetup(bool beforeFence) final;
     vexa::VXError onStart() final { return vexa::VX_OK; }
@@ -141,7 +145,8 @@ public:
 protected:
     explicit Source(NodeArguments arguments) : AppNode(std::move(arguments)) {}
 
-    // Makes the pool that the frames come from; for open(). The config "slots" is its limit.
+    // Makes the pool that the next frames come from; for open() and hasNext(). An earlier pool lives
+    // on with its buffers.
     void makePicturePool(const PictureFormat& format);
     void makeBlockPool(size_t bytes);
 
@@ -152,9 +157,6 @@ protected:
 
 private:
     void process(const SharedWorks& inputs, Works* outputs) final;
-    size_t slots();
-    std::function<void()> scheduleSelf();
-
     std::shared_ptr<Pool> mPool;
     // [event thread]
     std::shared_ptr<vexa::VXBuffer> mNext;  // for the next frame

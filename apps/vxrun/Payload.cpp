@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <tuple>
 
 namespace vxrun {
 
@@ -20,13 +21,6 @@ size_t divideUp(size_t value, size_t divisor) {
 
 }  // namespace
 
-const StreamInfo* StreamInfo::of(const VXFrameInfo& frame) {
-    for (const auto& info : frame.mInfos) {
-        if (const auto* stream = dynamic_cast<const StreamInfo*>(info.get())) return stream;
-    }
-    return nullptr;
-}
-
 size_t PictureFormat::rowBytes(uint32_t plane) const {
     return divideUp(width, plane == 0 ? 1 : chromaDivX) * bytesPerSample;
 }
@@ -39,6 +33,13 @@ size_t PictureFormat::size() const {
     size_t sum = 0;
     for (uint32_t plane = 0; plane < planes; ++plane) sum += rowBytes(plane) * rows(plane);
     return sum;
+}
+
+bool PictureFormat::operator!=(const PictureFormat& other) const {
+    const auto members = [](const PictureFormat& f) {
+        return std::tie(f.width, f.height, f.planes, f.chromaDivX, f.chromaDivY, f.bytesPerSample);
+    };
+    return members(*this) != members(other);
 }
 
 std::shared_ptr<VXBuffer> bufferOf(const VXSharedWork& work) {

@@ -16,6 +16,8 @@ namespace vxrun {
 struct Rational {
     uint64_t num = 0;
     uint64_t den = 1;
+
+    bool operator!=(const Rational& other) const { return num != other.num || den != other.den; }
 };
 
 // PictureFormat: the geometry of a picture: one plane, or three of which the last two are chroma.
@@ -32,20 +34,28 @@ struct PictureFormat {
     size_t rows(uint32_t plane) const;
     // The visible bytes of one picture.
     size_t size() const;
+    bool operator!=(const PictureFormat& other) const;
 };
 
-// StreamInfo: what holds for every frame of a stream. Sources attach one to the mInfos of each frame.
+// StreamInfo: what holds for every frame of a stream, or of a part of it. Sources and codecs attach one
+// to the mInfos of each frame.
 struct StreamInfo : public vexa::VXInfo {
     std::string media;      // "video" or "data"
-    std::string codec;      // "rawvideo", or "none" for data
+    std::string codec;      // "rawvideo", the name of a codec, or "none" for data
     PictureFormat picture;  // video only
     Rational timeBase;      // the unit of VXFrameInfo::timestamp, in seconds
     Rational sar;           // sample aspect ratio, 0/1 when unknown; video only
     uint64_t duration = 0;  // of one frame, in time-base units
-
-    // The stream info of `frame`, as long as the frame lives; null when it carries none.
-    static const StreamInfo* of(const vexa::VXFrameInfo& frame);
 };
+
+// The info of the type `Info` that `frame` carries, as long as the frame lives; null when it has none.
+template <typename Info>
+const Info* infoOf(const vexa::VXFrameInfo& frame) {
+    for (const auto& info : frame.mInfos) {
+        if (const auto* found = dynamic_cast<const Info*>(info.get())) return found;
+    }
+    return nullptr;
+}
 
 // The buffer that `work` carries, of either kind; null when it carries none.
 std::shared_ptr<vexa::VXBuffer> bufferOf(const vexa::VXSharedWork& work);
