@@ -303,6 +303,176 @@ TEST_F(Vxrun, FansOutToThreeSinks) {
     EXPECT_FALSE(std::filesystem::exists(path("clip.yuv.part")));
 }
 
+// ---- Decoding ---------------------------------------------------------------------------------
+
+class VxrunDecoding : public Vxrun {
+protected:
+    // Runs the shipped graph with `file` and `options` ("node.key=value").
+    Result decode(const std::string& file, const std::vector<std::string>& options = {}) const {
+        std::vector<std::string> arguments = {VXRUN_GRAPHS_DIR "/decode.json", "--timeout", "50",
+                                              "--set", "reader.file=" + file};
+        if (options.empty()) arguments.insert(arguments.end(), {"--set", "check.expect="});
+        for (const std::string& option : options) {
+            arguments.insert(arguments.end(), {"--set", option});
+        }
+        return vxrun(arguments);
+    }
+
+    // A clip made by the ffmpeg program; false where there is no such program.
+    bool makeVideo(const std::string& name, const std::string& pixels, const std::string& codec,
+                   const std::string& source = "testsrc2=size=35x27:rate=30:duration=1") const {
+        const Result made = run({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", source,
+                                 "-pix_fmt", pixels, "-strict", "-1", "-c:v", codec, path(name)});
+        EXPECT_TRUE(made.exit == 0 || made.exit == -1000 || made.exit == 127) << made.err;
+        return made.exit == 0;
+    }
+
+    // The files in the folder `name`; only those with a list when `listed`.
+    static std::vector<std::string> streams(bool listed, const std::string& name = "") {
+        std::vector<std::string> files;
+        std::error_code none;
+        const std::string folder = VXRUN_STREAMS_DIR "/" + name;
+        for (auto entry = std::filesystem::recursive_directory_iterator(folder, none);
+             !none && entry != std::filesystem::recursive_directory_iterator(); ++entry) {
+            const std::string file = entry->path();
+            const bool hasList = std::filesystem::exists(file + ".framemd5");
+            if (listed ? hasList : entry->is_regular_file()) files.push_back(file);
+        }
+        return files;
+    }
+};
+
+// Catches: a wrong picture, order, crop, size change or number of frames in real streams; a decoder
+// that waits for ever, or fails, with few buffers or buffers of another allocator; false alarms.
+TEST_F(VxrunDecoding, DecodesRealStreams) {
+    const auto files = streams(true);
+    if (files.empty()) GTEST_SKIP() << "no streams in " VXRUN_STREAMS_DIR;
+    for (const std::string& file : files) {
+        for (const std::string allocator : {"dmabuf", "xcodec2"}) {
+            SCOPED_TRACE(file + " " + allocator);
+            const Result result =
+                decode(file, {"check.expect=" + file + ".framemd5", "reader.slots=4",
+                              "decoder.slots=4", "check.allocator=" + allocator});
+            EXPECT_EQ(result.exit, 0) << result.err;
+            EXPECT_EQ(result.out.rfind("verdict: PASS frames=", 0), 0u) << result.out;
+            EXPECT_EQ(result.err, "");
+        }
+    }
+}
+
+// Catches: damage that the decoder conceals and nobody reports, a run that breaks off at it, and
+// tolerance that is not heeded.
+TEST_F(VxrunDecoding, ReportsConcealedDamage) {
+    const auto files = streams(false, "malformed");
+    if (files.empty()) GTEST_SKIP() << "no streams in " VXRUN_STREAMS_DIR;
+    for (const std::string& file : files) {
+        SCOPED_TRACE(file);
+        EXPECT_NE(decode(file).exit, 0);
+        if (file.find("Error_I_P") == std::string::npos) continue;  // others miss whole pictures
+        if (!makeList({"-i", file, "-fps_mode", "passthrough", "-autoscale", "0"}, "framemd5"))
+            continue;
+        const std::string expect = "check.expect=" + path("framemd5");
+        expectFailure(decode(file, {expect}), 1,
+                      "INFO_VALIDATION_FAIL frames=6 checked=6 first_bad=0",
+                      "vxrun: node 'decoder': 5 errors in decoding, first at frame 0: ");
+        EXPECT_EQ(decode(file, {expect, "decoder.tolerate_errors=true"}).exit, 0);
+    }
+}
+
+// Catches: a plane that is lost, cut or in a wrong place for a format, depth or odd size; wrong times
+// in a list; frames lost at the end with one buffer, threads or reordering; a picture that the graph
+// cannot carry and that passes or crashes.
+TEST_F(VxrunDecoding, AgreesWithFfmpegOnEveryFormat) {
+    struct Case {
+        const char *name, *pixels, *codec, *unsupported;
+    };
+    const Case cases[] = {
+        {"a.mkv", "yuv420p", "ffv1", nullptr},     {"b.mkv", "yuv422p10le", "ffv1", nullptr},
+        {"c.mkv", "yuv444p16le", "ffv1", nullptr}, {"d.mkv", "gray", "ffv1", nullptr},
+        {"e.mkv", "gray12le", "ffv1", nullptr},    {"f.mkv", "gbrp10le", "ffv1", nullptr},
+        {"g.mp4", "yuv420p", "mpeg4", nullptr},    {"h.m2v", "yuv420p", "mpeg2video", nullptr},
+        {"i.nut", "yuv411p", "rawvideo", nullptr}, {"j.nut", "nv12", "rawvideo", "nv12"},
+        {"k.mkv", "yuva420p", "ffv1", "yuva420p"}, {"l.mkv", "bgr0", "ffv1", "bgr0"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name + std::string(" ") + c.pixels);
+        if (!makeVideo(c.name, c.pixels, c.codec)) GTEST_SKIP() << "no ffmpeg program";
+        if (c.unsupported != nullptr) {
+            expectFailure(decode(path(c.name)), 77, std::string("NOT_SUPPORTED") + kNothing,
+                          std::string("the pixel format ") + c.unsupported + " is not supported");
+            continue;
+        }
+        makeList({"-flags", "unaligned", "-i", path(c.name), "-fps_mode", "passthrough"},
+                 "framemd5");
+        for (const std::string slots : {"1", "8"}) {
+            const Result result =
+                decode(path(c.name), {"check.expect=" + path("framemd5"),
+                                      "check.write=" + path("own"), "reader.slots=" + slots,
+                                      "decoder.slots=" + slots, "decoder.threads=" + slots});
+            EXPECT_EQ(result.out, "verdict: PASS frames=30 checked=30 first_bad=-\n") << result.err;
+            EXPECT_EQ(contentOf(path("own")), contentOf(path("framemd5")));
+        }
+    }
+}
+
+// Catches: a large access unit that does not fit into the source's buffers.
+TEST_F(VxrunDecoding, AccessUnitsMayGrow) {
+    // The picture is plain in the first seconds, and noise after them.
+    const std::string source =
+        "color=size=256x256:rate=10:duration=2,noise=alls=100:allf=t:enable='gte(t,1)'";
+    if (!makeVideo("clip.mkv", "yuv444p", "ffv1", source)) GTEST_SKIP() << "no ffmpeg program";
+    makeList({"-i", path("clip.mkv")}, "framemd5");
+    const Result result = decode(path("clip.mkv"), {"check.expect=" + path("framemd5")});
+    EXPECT_EQ(result.out, "verdict: PASS frames=20 checked=20 first_bad=-\n") << result.err;
+}
+
+// Catches: a file cut short that passes; a file or config that is no good and crashes, hangs, passes
+// or is not named.
+TEST_F(VxrunDecoding, RefusesBadFilesAndConfigs) {
+    if (!makeVideo("good.ivf", "yuv420p", "libvpx")) GTEST_SKIP() << "no ffmpeg with VP8";
+    const std::string good = contentOf(path("good.ivf"));
+    writeFile(path("cut.ivf"), good.substr(0, good.size() - 10));
+    writeFile(path("empty.264"), "");
+    writeFile(path("text.txt"), "This is no video.\n");
+    const std::string noise = y4m("", 100000, 1);
+    writeFile(path("noise"), noise);
+    writeFile(path("broken.ivf"), good.substr(0, 32 + 12) + noise.substr(20, 60000));
+    const Result cut = decode(path("cut.ivf"), {"check.write=" + path("own"), "check.expect="});
+    EXPECT_EQ(cut.exit, 1);
+    EXPECT_EQ(cut.out.rfind("verdict: INFO_VALIDATION_FAIL", 0), 0u) << cut.out;
+    EXPECT_NE(cut.err.find("first at frame 29: "), std::string::npos) << cut.err;
+    EXPECT_TRUE(std::filesystem::exists(path("own"))) << "the sink did not finish";
+
+    struct Case {
+        std::string file;
+        std::vector<std::string> options;
+        int exit;
+        const char *verdict, *line;
+    };
+    const Case cases[] = {
+        {"none.264", {}, 3, "NODE_FAIL_INIT", "none.264: No such file or directory"},
+        {"", {}, 3, "NODE_FAIL_INIT", ": Is a directory"},
+        {"empty.264", {}, 3, "NODE_FAIL_INIT", "empty.264: no access unit in the file"},
+        {"text.txt", {}, 3, "NODE_FAIL_INIT", "text.txt: no video file that libavformat can read"},
+        {"noise", {}, 3, "NODE_FAIL_INIT", "noise: no video file that libavformat can read"},
+        {"broken.ivf", {}, 1, "INFO_VALIDATION_FAIL", "node 'decoder': no frame in the stream; "},
+        {"good.ivf", {"codec=nosuch"}, 77, "NOT_SUPPORTED", "no decoder 'nosuch'"},
+        {"good.ivf", {"threads=0"}, 3, "NODE_FAIL_INIT", "expected a number from 1 to 64, got '0'"},
+        {"good.ivf", {"tolerate_errors=1"}, 3, "NODE_FAIL_INIT", "expected true or false, got '1'"},
+        {"good.ivf", {"options=nosuch=1"}, 3, "NODE_FAIL_FATAL", "has no option 'nosuch'"},
+        {"good.ivf", {"options=nosuch"}, 3, "NODE_FAIL_FATAL", "with the options 'nosuch': "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        std::vector<std::string> options = {"check.expect="};
+        for (const std::string& option : c.options) options.push_back("decoder." + option);
+        expectFailure(
+            decode(path(c.file), options), c.exit,
+            std::string(c.verdict) + (c.exit == 1 ? " frames=0 checked=0 first_bad=0" : kNothing),
+            c.line);
+    }
+}
+
 // ---- Failing checks ---------------------------------------------------------------------------
 
 // Catches: a difference that passes, is blamed on another frame or counted wrongly; a list of another

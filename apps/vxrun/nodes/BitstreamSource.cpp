@@ -40,7 +40,7 @@ private:
         // "tty" takes any text for a video, by the file's name.
         const bool unknown = result == AVERROR_INVALIDDATA ||
                              (result == 0 && std::strcmp(file->iformat->name, "tty") == 0);
-        if (unknown) throw Failure(mPath + ": no format that libavformat knows");
+        if (unknown) throw Failure(mPath + ": no video file that libavformat can read");
         check(result);
         check(avformat_find_stream_info(file, nullptr));
     }

@@ -38,7 +38,8 @@ PictureFormat formatOf(const AVFrame& frame) {
     }
     if (!fits ||
         av_pix_fmt_count_planes(static_cast<AVPixelFormat>(frame.format)) != pixels.nb_components) {
-        throw Failure(std::string("pictures of the pixel format ") + pixels.name, "NOT_SUPPORTED");
+        throw Failure(std::string("the pixel format ") + pixels.name + " is not supported",
+                      "NOT_SUPPORTED");
     }
     PictureFormat format;
     format.width = static_cast<uint32_t>(frame.width);
@@ -129,8 +130,8 @@ private:
 
     // Decodes until a picture can be sent or the next access unit is missing.
     void decode() {
-        constexpr int kMaxErrors = 1000;  // in a row and without input: it will not get better
-        for (int errors = 0; !canSend() && !mDrained && errors < kMaxErrors;) {
+        constexpr int kMaxErrors = 1000;  // before a picture comes out: it will not get better
+        for (int errors = 0; !canSend() && !mDrained;) {
             auto frame = made(av_frame_alloc());
             const int result = mContext == nullptr
                                    ? AVERROR(EAGAIN)
@@ -141,10 +142,11 @@ private:
                 if (mUnits.empty()) return;
                 feed(*mUnits.front());
                 mUnits.pop_front();
-            } else if (result == AVERROR_EOF || ++errors == kMaxErrors) {
+            } else if (result == AVERROR_EOF) {
                 finish();
             } else {
                 noteError(libavText(result));
+                if (++errors == kMaxErrors) throw Failure("the decoder only fails; " + mFirstError);
             }
         }
     }
