@@ -374,7 +374,7 @@ TEST_F(VxrunDecoding, ReportsConcealedDamage) {
         const std::string expect = "check.expect=" + path("framemd5");
         expectFailure(decode(file, {expect}), 1,
                       "INFO_VALIDATION_FAIL frames=6 checked=6 first_bad=0",
-                      "vxrun: node 'decoder': 5 errors in decoding, first at frame 0: ");
+                      "vxrun: node 'decoder': errors in decoding: 5, first at frame 0: ");
         EXPECT_EQ(decode(file, {expect, "decoder.tolerate_errors=true"}).exit, 0);
     }
 }
@@ -437,6 +437,10 @@ TEST_F(VxrunDecoding, RefusesBadFilesAndConfigs) {
     const std::string noise = y4m("", 100000, 1);
     writeFile(path("noise"), noise);
     writeFile(path("broken.ivf"), good.substr(0, 32 + 12) + noise.substr(20, 60000));
+    // The size of the first access unit: more than there is memory for.
+    std::string huge = good;
+    huge.replace(32, 4, "\xff\xff\xff\xff");
+    writeFile(path("huge.ivf"), huge);
     const Result cut = decode(path("cut.ivf"), {"check.write=" + path("own"), "check.expect="});
     EXPECT_EQ(cut.exit, 1);
     EXPECT_EQ(cut.out.rfind("verdict: INFO_VALIDATION_FAIL", 0), 0u) << cut.out;
@@ -455,6 +459,7 @@ TEST_F(VxrunDecoding, RefusesBadFilesAndConfigs) {
         {"empty.264", {}, 3, "NODE_FAIL_INIT", "empty.264: no access unit in the file"},
         {"text.txt", {}, 3, "NODE_FAIL_INIT", "text.txt: no video file that libavformat can read"},
         {"noise", {}, 3, "NODE_FAIL_INIT", "noise: no video file that libavformat can read"},
+        {"huge.ivf", {}, 3, "NODE_FAIL_INIT", "huge.ivf: access unit 0: Cannot allocate memory"},
         {"broken.ivf", {}, 1, "INFO_VALIDATION_FAIL", "node 'decoder': no frame in the stream; "},
         {"good.ivf", {"codec=nosuch"}, 77, "NOT_SUPPORTED", "no decoder 'nosuch'"},
         {"good.ivf", {"threads=0"}, 3, "NODE_FAIL_INIT", "expected a number from 1 to 64, got '0'"},

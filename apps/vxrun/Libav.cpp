@@ -6,7 +6,6 @@
 namespace vxrun {
 
 std::string libavText(int error) {
-    if (error == AVERROR(ENOMEM)) throw std::bad_alloc();
     char text[AV_ERROR_MAX_STRING_SIZE] = "";
     av_strerror(error, text, sizeof text);
     return text;

@@ -33,7 +33,7 @@ Libav<Object> made(Object* object) {
     return Libav<Object>(object);
 }
 
-// The text of an error that the libraries returned. Lack of memory is thrown as such.
+// The text of an error that the libraries returned.
 std::string libavText(int error);
 
 // CodecLog: the first error that a codec has told the log since the last look. Codecs conceal most

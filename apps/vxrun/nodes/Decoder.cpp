@@ -101,7 +101,7 @@ public:
 private:
     void open() override {
         constexpr uint64_t kMaxThreads = 64;
-        mThreads = static_cast<int>(numberConfig("threads", 1, kMaxThreads, 1));
+        mThreads = numberConfig("threads", 1, kMaxThreads, 1);
         const std::string tolerate = config("tolerate_errors");
         if (!tolerate.empty() && tolerate != "true" && tolerate != "false") {
             throw Failure("config 'tolerate_errors': expected true or false, got " +
@@ -185,7 +185,7 @@ private:
                                   static_cast<int>(stream.timeBase.den)};
         mTimeBase = stream.frameRate.num > 0 ? av_inv_q(stream.frameRate) : mContext->pkt_timebase;
         mSar = stream.sar;
-        mContext->thread_count = mThreads;
+        mContext->thread_count = static_cast<int>(mThreads);
         mContext->flags |= AV_CODEC_FLAG_UNALIGNED;  // cropped to the sample, not to the alignment
         mContext->err_recognition = AV_EF_CRCCHECK;
         mLog.attach(mContext.get());
@@ -217,7 +217,7 @@ private:
         }
         ++mFrames;
         // Known better only now: how many pictures it keeps to put them in order.
-        setTotalDelay(static_cast<unsigned long>(mContext->has_b_frames + mThreads));
+        setTotalDelay(static_cast<uint64_t>(mContext->has_b_frames) + mThreads);
         if (mPicture != nullptr) {
             mFollowing = std::move(frame);
         } else {
@@ -300,12 +300,12 @@ private:
     void reportErrors() {
         if (mErrors == 0 || mTolerant) return;
         failCheck(vexa::INFO_VALIDATION_FAIL,
-                  std::to_string(mErrors) + " errors in decoding, first at " + mFirstError);
+                  "errors in decoding: " + std::to_string(mErrors) + ", first at " + mFirstError);
     }
 
     CodecLog mLog;
     const AVCodec* mCodec = nullptr;
-    int mThreads = 1;
+    uint64_t mThreads = 1;
     bool mTolerant = false;
     // [event thread]
     Libav<AVCodecContext> mContext;  // from the first access unit on
