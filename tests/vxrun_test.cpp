@@ -403,6 +403,7 @@ TEST_F(VxrunDecoding, AgreesWithFfmpegOnEveryFormat) {
                 decode(path(c.name), {"check.expect=" + path("framemd5"),
                                       "check.write=" + path("own"), "reader.slots=" + slots,
                                       "decoder.slots=" + slots, "decoder.threads=" + slots});
+            EXPECT_EQ(result.exit, 0);
             EXPECT_EQ(result.out, "verdict: PASS frames=30 checked=30 first_bad=-\n") << result.err;
             EXPECT_EQ(contentOf(path("own")), contentOf(path("framemd5")));
         }
