@@ -650,7 +650,8 @@ TEST_F(Vxrun, PoolsPaceTheirSource) {
             EXPECT_NE(result.err.find("pool of 'reader': made="), std::string::npos) << result.err;
             EXPECT_NE(result.err.find(" left_out=0\n"), std::string::npos) << result.err;
             if (slots != "1") continue;
-            EXPECT_NE(result.err.find("made=1 recycled=3 high_water=1"), std::string::npos);
+            EXPECT_NE(result.err.find("made=1 recycled=3 high_water=1"), std::string::npos)
+                << result.err;
         }
     }
     expectFailure(vxrun({graph("linear"), "--set", "reader.allocator=dmabuf", "--set",

@@ -75,8 +75,8 @@ VXError Pool::take(std::shared_ptr<VXBuffer>* buffer) {
 
     VXBuffer* const raw = taken.get();
     const auto giveBack = [pool = shared_from_this(), held = std::move(taken)](VXBuffer*) mutable {
+        pool->mRecord.gotBack();  // first: once it is back, the node may take it
         held.reset();
-        pool->mRecord.gotBack();
         if (pool->mWanted.exchange(false)) pool->mOnFree();
     };
     *buffer = std::shared_ptr<VXBuffer>(raw, giveBack);
