@@ -1,0 +1,15 @@
+// Graph files, and the options that change them.
+#include "FuzzFile.h"
+
+#include <Failure.h>
+#include <GraphFile.h>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const FuzzFile file(data, size);
+    try {
+        vexa::VXGraphInfo graph = vxrun::readGraphFile(file.path());
+        vxrun::overrideConfig(&graph, graph.nodes.front()->name + ".file=x");
+    } catch (const vxrun::Failure&) {  // every other exception is a fault
+    }
+    return 0;
+}
