@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Installs a build to a prefix and has README.md's program find it there, by CMake and by pkg-config.
+# Installs a build to a prefix and has the programs of the README and of docs/writing-a-node.md find it
+# there, by CMake and by pkg-config.
 #
 #   run.sh BUILD_DIR CXX [CXX_FLAG...]
 set -euo pipefail
@@ -10,23 +11,28 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
-sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$here/../../README.md" >"$work/hello.cpp"
+sourceOf() { sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$here/../../$1"; }
+sourceOf README.md >"$work/hello.cpp"
+sourceOf docs/writing-a-node.md >"$work/nodes.cpp"
 
-check() {  # PROGRAM
+check() {  # DIR: of the built programs
     local said
-    said=$("$1")
-    [ "$said" = "hello, graph" ] || { echo "$1 printed '$said'"; exit 1; }
+    said=$("$1/hello") && [ "$said" = "hello, graph" ] || { echo "$1/hello printed '$said'"; exit 1; }
+    said=$("$1/nodes") && [ "$said" = "1.5 2.5 3.5 4" ] || { echo "$1/nodes printed '$said'"; exit 1; }
 }
 
-cmake -S "$here" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" -DPROGRAM="$work/hello.cpp" \
+cmake -S "$here" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" -DPROGRAMS="$work" \
     -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$*" >/dev/null
 cmake --build "$work/build" >/dev/null
-check "$work/build/hello"
+check "$work/build"
 echo "find_package: ok"
 
 libdir=$(dirname "$(find "$work/prefix" -name vxbase.pc)")/..
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-# shellcheck disable=SC2046  # flags are words
-"$cxx" -std=c++17 "$@" "$work/hello.cpp" $(pkg-config --cflags --libs vxbase) -Wl,-rpath,"$libdir" -o "$work/hello"
-check "$work/hello"
+for program in hello nodes; do
+    # shellcheck disable=SC2046  # flags are words
+    "$cxx" -std=c++17 "$@" "$work/$program.cpp" $(pkg-config --cflags --libs vxbase) -Wl,-rpath,"$libdir" \
+        -o "$work/$program"
+done
+check "$work"
 echo "pkg-config: ok"
