@@ -27,4 +27,4 @@ build() {
 }
 
 build_packages=(g++ cmake ninja-build pkg-config googletest libcli11-dev nlohmann-json3-dev libavformat-dev libavcodec-dev
-    libavutil-dev ffmpeg)
+    libavutil-dev libswscale-dev ffmpeg)

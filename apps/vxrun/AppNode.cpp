@@ -3,6 +3,8 @@
 #include "Console.h"
 #include "Failure.h"
 
+#include <algorithm>
+
 namespace vxrun {
 
 using namespace vexa;
@@ -14,14 +16,17 @@ extern const NodeType kFileSource;
 extern const NodeType kBitstreamSource;
 extern const NodeType kDecoder;
 extern const NodeType kPassthrough;
+extern const NodeType kDelay;
+extern const NodeType kFence;
 extern const NodeType kChecksumSink;
+extern const NodeType kCompareSink;
 extern const NodeType kFileSink;
 extern const NodeType kNullSink;
 
 const std::vector<const NodeType*>& nodeTypes() {
     static const std::vector<const NodeType*> types = {
-        &kY4mSource,   &kFileSource,   &kBitstreamSource, &kDecoder,
-        &kPassthrough, &kChecksumSink, &kFileSink,        &kNullSink};
+        &kY4mSource, &kFileSource,   &kBitstreamSource, &kDecoder,  &kPassthrough, &kDelay,
+        &kFence,     &kChecksumSink, &kCompareSink,     &kFileSink, &kNullSink};
     return types;
 }
 
@@ -36,7 +41,9 @@ const std::vector<ConfigKey>& commonConfigs(bool isSource) {
     static const std::vector<ConfigKey> ofAny = {
         {"allocator", false, "insists on a buffer allocator: dmabuf or xcodec2"}};
     static const std::vector<ConfigKey> ofSources = {
-        ofAny.front(), {"slots", false, "buffers of the node's pool, default 8"}};
+        ofAny.front(),
+        {"slots", false, "buffers of the node's pool, default 8"},
+        {"fence_ms", false, "before a transform/fence: when fences fire, default 1"}};
     return isSource ? ofSources : ofAny;
 }
 
@@ -76,8 +83,11 @@ std::vector<std::string> AppNode::getPreferredAllocatorTypes() {
     return {isAllocator(mRecord.allocator) ? mRecord.allocator : "any"};
 }
 
-VXError AppNode::onSetup(bool) {
-    return guarded(NODE_FAIL_INIT, [this] {
+VXError AppNode::onSetup(bool beforeFence) {
+    return guarded(NODE_FAIL_INIT, [=] {
+        constexpr uint64_t kLongest = 3600000;
+        mBeforeFence = beforeFence;
+        mFenceDelay = static_cast<unsigned>(numberConfig("fence_ms", 0, kLongest, 1));
         checkDescription();
         createPorts();
         open();
@@ -86,9 +96,58 @@ VXError AppNode::onSetup(bool) {
 
 VXError AppNode::onProcess(SharedWorks inputs, Works* outputs) {
     if (mBroken) return VX_OK;  // the run is ending; what still arrives is not worth another line
-    const VXError result = guarded(NODE_FAIL_FATAL, [&] { process(inputs, outputs); });
+    const VXError result = guarded(NODE_FAIL_FATAL, [&] {
+        process(inputs, outputs);
+        mark(*outputs);
+    });
     mBroken = result != VX_OK;
     return result;
+}
+
+// EVENT_FENCE, which only wakeUp() posts.
+VXError AppNode::onBufferFilled(int) {
+    if (mBroken) return VX_OK;
+    const VXError result = guarded(NODE_FAIL_FATAL, [this] { wake(); });
+    mBroken = result != VX_OK;
+    if (mBroken) signalError(result, errorName(NODE_FAIL_FATAL));
+    return result;
+}
+
+void AppNode::wakeUp(unsigned delay) {
+    const auto to = handler();
+    if (to != nullptr) to->postAsyncDelayed(std::make_shared<xc2::Event>(EVENT_FENCE), delay);
+}
+
+VXError AppNode::returnWorks(Works works) {
+    mark(works);
+    return VXNode::returnWorks(std::move(works));
+}
+
+std::unique_ptr<VXWork> AppNode::passOn(const VXSharedWork& input) {
+    auto work = std::make_unique<VXWork>();
+    work->frameInfo() = input.frameInfo();
+    attach(work.get(), bufferOf(input));
+    return work;
+}
+
+std::shared_ptr<VXBuffer> AppNode::fenced(std::shared_ptr<VXBuffer> buffer,
+                                          const VXFrameInfo& frame) {
+    if (!mBeforeFence) return buffer;
+    auto given = mFences.add(buffer, *infoOf<StreamInfo>(frame));
+    if (given != buffer) wakeUp(mFenceDelay);
+    return given;
+}
+
+// In the place of the mark of whoever sent the frame to this node.
+void AppNode::mark(const Works& works) const {
+    for (const auto& work : works) {
+        auto& infos = work->frameInfo().mInfos;
+        const auto isRoute = [](const auto& info) {
+            return dynamic_cast<const Route*>(info.get()) != nullptr;
+        };
+        infos.erase(std::remove_if(infos.begin(), infos.end(), isRoute), infos.end());
+        infos.push_back(mRoute);
+    }
 }
 
 // Runs `action` and turns whatever it throws into the run's error. The status that is returned makes
@@ -143,6 +202,9 @@ void AppNode::checkDescription() {
 void AppNode::createPorts() {
     for (const auto& port : inputPortInfos()) addInputPort(port.name, {port.format});
     for (const auto& port : outputPortInfos()) addOutputPort(port.name, {port.format});
+    if (outputPorts().empty()) return;
+    mRoute = std::make_shared<Route>();
+    mRoute->port = outputPorts().front();
 }
 
 std::string AppNode::config(const std::string& key) {
@@ -217,7 +279,7 @@ void Source::process(const SharedWorks& inputs, Works* outputs) {
         if (mNext == nullptr) throw Failure("no memory for a buffer");
         auto work = std::make_unique<VXWork>();
         fill(mNext.get(), &work->frameInfo());
-        attach(work.get(), std::move(mNext));
+        attach(work.get(), fenced(std::move(mNext), work->frameInfo()));
         VXFrameInfo& frame = outputs->emplace_back(std::move(work))->frameInfo();
         mEnded = !hasNext();  // may throw: then the frame before the trouble is sent on
         if (mEnded) frame.flags |= VXFrameInfo::FLAG_END_OF_STREAM;

@@ -7,6 +7,7 @@
 
 #include "Evidence.h"
 #include "Payload.h"
+#include "PictureFences.h"
 #include "Pool.h"
 
 #include <VXNode.h>
@@ -72,6 +73,12 @@ private:
     Evidence& mEvidence;
 };
 
+// Route: the output port that has sent a work. Works carry it, since the list of pending inputs does
+// not say which input a work came by.
+struct Route : public vexa::VXInfo {
+    std::weak_ptr<vexa::VXOutputPort> port;
+};
+
 // The base class. Each most derived class calls teardown() in its destructor.
 //
 // Threads  open(): the one that builds the graph. process(): the node's event thread.
@@ -89,6 +96,20 @@ protected:
     virtual void open() {}
     // Leaves one output per input, or none.
     virtual void process(const SharedWorks& inputs, Works* outputs) = 0;
+    // What wakeUp() asked for; here: the fence that fenced() has made first fires.
+    virtual void wake() { mFences.fireNext(); }
+
+    // Has wake() called on the event thread, `delay` milliseconds from now; once per call. A node that
+    // has stopped sleeps on.  [any thread]
+    void wakeUp(unsigned delay);
+    // Works that process() does not leave.  [any thread]
+    vexa::VXError returnWorks(Works works);
+    // A work that carries what `input` carries.
+    static std::unique_ptr<vexa::VXWork> passOn(const vexa::VXSharedWork& input);
+    // What to send in place of `buffer`, a new picture: before a transform/fence the same with a fence
+    // that fires "fence_ms" milliseconds later, else `buffer` itself. Such a node has no wake().
+    std::shared_ptr<vexa::VXBuffer> fenced(std::shared_ptr<vexa::VXBuffer> buffer,
+                                           const vexa::VXFrameInfo& frame);
 
     // A config's value; empty when it was not given.
     std::string config(const std::string& key);
@@ -114,6 +135,7 @@ private:
     vexa::VXError onStart() final { return vexa::VX_OK; }
     vexa::VXError onStop() final { return vexa::VX_OK; }
     vexa::VXError onProcess(SharedWorks inputs, Works* outputs) final;
+    vexa::VXError onBufferFilled(int fd) final;
     void onDrain() final {}
     void onFlush() final {}
 
@@ -121,13 +143,18 @@ private:
     vexa::VXError guarded(vexa::VexaError error, Action action);
     void checkDescription();
     void createPorts();
+    void mark(const Works& works) const;
     void fail(const std::string& verdict, const std::string& text);
 
     const NodeType& mType;
     Evidence& mEvidence;
     NodeRecord& mRecord;
     const size_t mEntries;
-    bool mBroken = false;  // a process() has failed  [event thread]
+    std::shared_ptr<Route> mRoute;  // null without an output port
+    bool mBeforeFence = false;
+    unsigned mFenceDelay = 1;  // milliseconds
+    PictureFences mFences;
+    bool mBroken = false;  // a process() or wake() has failed  [event thread]
 };
 
 // Source: a node that makes frames. It offers one input of its own making at a time, so that the

@@ -216,4 +216,11 @@ void overrideConfig(VXGraphInfo* graph, const std::string& assignment) {
     throw Failure("vxrun: --set: the graph has no node " + quote(node), "BAD_OPTION");
 }
 
+void setWhereKnown(VXGraphInfo* graph, const std::string& key, const std::string& value) {
+    for (const auto& node : graph->nodes) {
+        const NodeType* const type = findNodeType(node->type);
+        if (type != nullptr && type->find(key) != nullptr) node->configs[key] = value;
+    }
+}
+
 }  // namespace vxrun

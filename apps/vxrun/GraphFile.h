@@ -19,4 +19,7 @@ vexa::VXGraphInfo readGraphFile(const std::string& path);
 // no such node.
 void overrideConfig(vexa::VXGraphInfo* graph, const std::string& assignment);
 
+// Sets the config `key` of every node whose type knows it.
+void setWhereKnown(vexa::VXGraphInfo* graph, const std::string& key, const std::string& value);
+
 }  // namespace vxrun

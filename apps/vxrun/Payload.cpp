@@ -37,7 +37,8 @@ size_t PictureFormat::size() const {
 
 bool PictureFormat::operator!=(const PictureFormat& other) const {
     const auto members = [](const PictureFormat& f) {
-        return std::tie(f.width, f.height, f.planes, f.chromaDivX, f.chromaDivY, f.bytesPerSample);
+        return std::tie(f.width, f.height, f.planes, f.chromaDivX, f.chromaDivY, f.bytesPerSample,
+                        f.depth, f.pixels);
     };
     return members(*this) != members(other);
 }
@@ -65,12 +66,19 @@ uint32_t Payload::surfaceHeight(const PictureFormat& format) {
     return static_cast<uint32_t>(rows);
 }
 
-Payload::Payload(VXBuffer& buffer, const StreamInfo& stream) : mMapping(buffer.map()) {
+Payload::Payload(VXBuffer& buffer, const StreamInfo& stream)
+    : mMapping(buffer.map()),
+      mIsPicture(dynamic_cast<VXGraphicBuffer*>(&buffer) != nullptr),
+      mFormat(stream.picture) {
     uint8_t* data = mMapping->vaddr();
     if (data == MAP_FAILED) throw Failure("a buffer cannot be mapped: " + errnoText(errno));
     const auto* surface = dynamic_cast<const VXGraphicBuffer*>(&buffer);
     if (surface == nullptr) {
         mPlanes.push_back({data + buffer.offset(), buffer.size(), buffer.size(), 1});
+        mFormat = {};
+        mFormat.planes = 1;
+        mFormat.width = static_cast<uint32_t>(buffer.size());
+        mFormat.height = 1;
         return;
     }
     const PictureFormat& format = stream.picture;

@@ -28,6 +28,8 @@ struct PictureFormat {
     uint32_t chromaDivX = 1;  // luma columns per chroma column; an odd rest has one of its own
     uint32_t chromaDivY = 1;
     uint32_t bytesPerSample = 1;  // 2: little endian, value in the low bits
+    uint32_t depth = 8;           // bits of a sample's value
+    std::string pixels;           // FFmpeg's name of the pixel format
 
     // Of one plane, without padding. Nothing here overflows up to 65535 x 65535.
     size_t rowBytes(uint32_t plane) const;
@@ -77,11 +79,24 @@ public:
     // A Failure when the buffer cannot be mapped or is too small for the stream's pictures.
     Payload(vexa::VXBuffer& buffer, const StreamInfo& stream);
 
+    // Of the picture; a block counts as one row of samples of 8 bits.
+    const PictureFormat& format() const { return mFormat; }
+    bool isPicture() const { return mIsPicture; }
+
     // The size of the surface that holds a picture, in its pixels.
     static uint32_t surfaceWidth(const PictureFormat& format);
     static uint32_t surfaceHeight(const PictureFormat& format);
 
     size_t size() const;  // visible bytes
+
+    // One plane; a row of it begins every `stride` bytes.
+    struct Plane {
+        uint8_t* data;
+        size_t stride;
+        size_t rowBytes;  // visible bytes of a row
+        size_t rows;
+    };
+    const std::vector<Plane>& planes() const { return mPlanes; }
 
     // Calls visit(row, bytes) for every visible row, plane by plane, top to bottom, without padding.
     template <typename Visitor>
@@ -93,14 +108,9 @@ public:
     }
 
 private:
-    struct Plane {
-        uint8_t* data;
-        size_t stride;    // bytes from row to row
-        size_t rowBytes;  // visible bytes of a row
-        size_t rows;
-    };
-
     const std::unique_ptr<vexa::VXBuffer::Mapping> mMapping;
+    const bool mIsPicture;
+    PictureFormat mFormat;
     std::vector<Plane> mPlanes;
 };
 

@@ -35,6 +35,8 @@ void parseColourSpace(const std::string& text, StreamInfo* stream) {
             picture.chromaDivX = sampling == "411" ? 4 : sampling == "444" ? 1 : 2;
             picture.chromaDivY = sampling == "420" ? 2 : 1;
             picture.bytesPerSample = deep ? 2 : 1;
+            picture.depth = deep ? static_cast<uint32_t>(parseNumber(form, 9, 16)) : 8;
+            picture.pixels = (mono ? "gray" : "yuv" + sampling + "p") + (deep ? form + "le" : "");
             return;
         }
     }

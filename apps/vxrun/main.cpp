@@ -17,6 +17,7 @@ struct Options {
     std::string graph;
     std::vector<std::string> overrides;
     std::string logMask;
+    std::string dumpFolder;
     double timeout = 0;  // seconds; 0: none
     bool stats = false;
     bool quiet = false;
@@ -29,6 +30,9 @@ void addOptions(CLI::App* app, Options* options) {
     app->add_option("--set", options->overrides, "Set a config of a node; may be given again")
         ->type_name("NODE.KEY=VALUE")
         ->allow_extra_args(false);
+    app->add_option("--dump-bad", options->dumpFolder,
+                    "Have every checking sink write its first wrong frames as PNG and raw")
+        ->type_name("DIR");
     app->add_option("--log", options->logMask,
                     "Log mask, hexadecimal: 1 errors, 2 warnings, 8 debug, "
                     "10 per node")
@@ -73,6 +77,7 @@ void run(const Options& options, Evidence* evidence) {
         throw Failure("vxrun: no graph file given, see --help", "BAD_OPTION");
     vexa::VXGraphInfo graph = readGraphFile(options.graph);
     for (const std::string& assignment : options.overrides) overrideConfig(&graph, assignment);
+    if (!options.dumpFolder.empty()) setWhereKnown(&graph, "dump_bad", options.dumpFolder);
 
     // Before the log level is set: what registers here is no news to anyone.
     std::vector<std::unique_ptr<NodeFactory>> factories;

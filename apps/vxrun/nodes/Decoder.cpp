@@ -48,6 +48,8 @@ PictureFormat formatOf(const AVFrame& frame) {
     format.chromaDivX = 1u << pixels.log2_chroma_w;
     format.chromaDivY = 1u << pixels.log2_chroma_h;
     format.bytesPerSample = static_cast<uint32_t>(bytes);
+    format.depth = static_cast<uint32_t>(depth);
+    format.pixels = pixels.name;
     return format;
 }
 
@@ -259,10 +261,10 @@ private:
         copyPicture(*picture, mStream->picture, Payload(*mBuffer, *mStream));
         Works works;
         auto& work = *works.emplace_back(std::make_unique<vexa::VXWork>());
-        attach(&work, std::move(mBuffer));
         vexa::VXFrameInfo& frame = work.frameInfo();
         frame.timestamp = timeOf(*picture);
         frame.mInfos.push_back(mStream);
+        attach(&work, fenced(std::move(mBuffer), frame));
         if (mFollowing == nullptr) {
             frame.flags |= vexa::VXFrameInfo::FLAG_END_OF_STREAM;
             reportErrors();
@@ -335,7 +337,8 @@ extern const NodeType kDecoder = {
      {"threads", false, "default 1"},
      {"options", false, "of the decoder: key=value:key=value"},
      {"tolerate_errors", false, "true: damaged pictures do not fail the run"},
-     {"slots", false, "buffers of the node's pool, default 8"}},
+     {"slots", false, "buffers of the node's pool, default 8"},
+     {"fence_ms", false, "before a transform/fence: when fences fire, default 1"}},
     makeNode<Decoder>};
 
 }  // namespace vxrun

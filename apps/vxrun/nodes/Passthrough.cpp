@@ -12,10 +12,7 @@ public:
 private:
     void process(const SharedWorks& inputs, Works* outputs) override {
         for (const auto& input : inputs) {
-            auto work = std::make_unique<vexa::VXWork>();
-            work->frameInfo() = input->frameInfo();
-            attach(work.get(), bufferOf(*input));
-            outputs->push_back(std::move(work));
+            outputs->push_back(passOn(*input));
             countFrame(input->frameInfo());
         }
     }
