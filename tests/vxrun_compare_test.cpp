@@ -1,0 +1,340 @@
+// Two streams compared, the evidence of a difference, and the nodes that hold frames back.
+#include "support/Vxrun.h"
+
+#include <map>
+
+namespace {
+
+using namespace vxrun_test;
+
+const std::vector<std::string> kInTime = {"--timeout", "50"};
+
+// A clip taken to pieces: 8-bit 4:2:0, or what `fields` say.
+struct Clip {
+    explicit Clip(int count, const std::string& itsFields = "W144 H80 F25:1 C420",
+                  size_t size = kLuma * 3 / 2, bool deep = false)
+        : fields(itsFields) {
+        const std::string file = y4m(fields, static_cast<int>(size), count, deep);
+        for (size_t at = file.find('\n') + 1; at < file.size(); at += 6 + size) {
+            frames.push_back(file.substr(at + 6, size));
+        }
+    }
+    std::string file() const {
+        std::string text = "YUV4MPEG2 " + fields + "\n";
+        for (const std::string& frame : frames) text += "FRAME\n" + frame;
+        return text;
+    }
+
+    static constexpr size_t kWidth = 144, kLuma = kWidth * 80, kChroma = kLuma / 4;
+    std::string fields;
+    std::vector<std::string> frames;
+};
+
+class VxrunCompare : public Vxrun {
+protected:
+    // A graph of nodes "name type inputs outputs", each line one; its ports are called "name.in0" and
+    // so on, and "name.out".
+    std::string graphOf(const std::string& nodes,
+                        const std::map<std::string, std::string>& connections) const {
+        const auto port = [](const std::string& name) {
+            return R"({"format": "video/raw", "name": ")" + name + "\"}";
+        };
+        std::istringstream lines(nodes);
+        std::string name, type, text;
+        for (int inputs = 0, outputs = 0; lines >> name >> type >> inputs >> outputs;) {
+            text += std::string(text.empty() ? "" : ", ") + R"({"name": ")" + name +
+                    R"(", "type": ")" + type + R"(", "inputs": [)";
+            for (int i = 0; i < inputs; ++i) {
+                text += (i > 0 ? "," : "") + port(name + ".in" + std::to_string(i));
+            }
+            text += "], \"outputs\": [" + (outputs > 0 ? port(name + ".out") : "") + "]}";
+        }
+        std::string ends;
+        for (const auto& [from, to] : connections) {
+            ends += (ends.empty() ? "\"" : ", \"") + from + ".out\": [" + to + "]";
+        }
+        writeFile(path("graph.json"),
+                  R"({"name": "g", "nodes": [)" + text + "], \"connections\": {" + ends + "}}");
+        return path("graph.json");
+    }
+
+    Result run(const std::string& graphFile, const std::vector<std::string>& configs,
+               std::vector<std::string> arguments = kInTime) const {
+        arguments.push_back(graphFile);
+        for (const std::string& config : configs) {
+            arguments.insert(arguments.end(), {"--set", config});
+        }
+        return vxrun(arguments);
+    }
+
+    Result compare(const Clip& got, const Clip& wanted, std::vector<std::string> configs = {},
+                   const std::vector<std::string>& arguments = kInTime) const {
+        writeFile(path("got.y4m"), got.file());
+        writeFile(path("wanted.y4m"), wanted.file());
+        configs.insert(configs.end(),
+                       {"a.file=" + path("got.y4m"), "b.file=" + path("wanted.y4m")});
+        // What is wanted starts last: who comes first is no matter of luck.
+        return run(graphOf("b source/y4m 0 1  a source/y4m 0 1  cmp sink/compare 2 0",
+                           {{"a", R"("cmp.in0")"}, {"b", R"("cmp.in1")"}}),
+                   configs, arguments);
+    }
+
+    static void expectLine(const Result& result, const std::string& line) {
+        EXPECT_NE(result.err.find(line), std::string::npos) << result.err << "lacks\n" << line;
+    }
+};
+
+// Catches: a wrong sample that is missed, put in the wrong place or given the wrong shape.
+TEST_F(VxrunCompare, TellsWhereAndInWhatShape) {
+    struct Case {
+        size_t plane, x, y, width, height;
+        const char* line;
+    };
+    const Case cases[] = {
+        {0, 70, 20, 1, 1,
+         ", 8x8 block (8,2), 64x64 block (1,0); one sample; wrong samples: Y 1 of "
+         "11520, Cb 0 of 2880, Cr 0 of 2880; largest difference 8\n"},
+        {2, 71, 39, 1, 1, "block (8,4), 64x64 block (1,0); one sample; wrong samples: Y 0 of"},
+        {0, 9, 79, 100, 1, "; in one row; wrong samples: Y 100 of"},
+        {0, 9, 3, 1, 70, "; in one column; "},
+        {1, 64, 16, 8, 8, "8x8 block (8,2), 64x64 block (1,0); in one 8x8 block; "},
+        {0, 60, 0, 4, 64, "; in one 64x64 block; "},
+        {0, 60, 1, 9, 9, "; from (60,1) to (68,9); "},
+        {1, 0, 0, 72, 40, "; whole plane Cb; "},
+    };
+    const Clip wanted(4);
+    for (const Case& c : cases) {
+        Clip got = wanted;
+        const size_t start = c.plane == 0 ? 0 : Clip::kLuma + (c.plane - 1) * Clip::kChroma;
+        const size_t stride = Clip::kWidth / (c.plane == 0 ? 1 : 2);
+        for (size_t i = 0; i < c.width * c.height; ++i) {
+            got.frames[2][start + (c.y + i / c.width) * stride + c.x + i % c.width] ^= 8;
+        }
+        const Result result = compare(got, wanted);
+        EXPECT_EQ(result.out, "verdict: CRC_MISMATCH frames=4 checked=4 first_bad=2\n");
+        std::ostringstream place;
+        place << "frame 2 (timestamp 2): plane "
+              << (c.plane == 0   ? "Y"
+                  : c.plane == 1 ? "Cb"
+                                 : "Cr")
+              << " x=" << c.x << " y=" << c.y << " got ";
+        expectLine(result, place.str());
+        expectLine(result, c.line);
+    }
+}
+
+// Catches: frames too many or too few that go unnoticed, a shift that is not seen, or seen where there
+// is none; a list that hides either.
+TEST_F(VxrunCompare, TellsOfFramesThatAreOff) {
+    struct Case {
+        const char* firstBad;
+        std::function<void(Clip*)> damage;
+        const char *line, *alsoOfLists;
+    };
+    const auto erase = [](size_t at, size_t count) {
+        return [=](Clip* c) {
+            const auto from = c->frames.begin() + static_cast<ptrdiff_t>(at);
+            c->frames.erase(from, from + static_cast<ptrdiff_t>(count));
+        };
+    };
+    const Case cases[] = {
+        {"2",
+         [](Clip* c) {
+             const auto end = c->frames[2].end();
+             std::rotate(end - 2 * Clip::kChroma, end - Clip::kChroma, end);
+         },
+         "; planes Cb and Cr swapped; ", "1 of 8 frames"},
+        {"5", [](Clip* c) { c->frames[5] = c->frames[4]; },
+         "1 of 8 frames are wrong, got 8, wanted 8; ", "; frame 5 is the wanted frame 4\n"},
+        {"3", erase(3, 1), "4 of 7 frames are wrong, got 7, wanted 8; ",
+         "; shifted by 1: from frame 3 on, frame n is the wanted frame n+1\n"},
+        {"3", erase(3, 2), "", "; shifted by 2: from frame 3 on, "},
+        {"4", [](Clip* c) { c->frames.insert(c->frames.begin() + 3, c->frames[3]); },
+         "4 of 8 frames are wrong, got 9, wanted 8; ", "; shifted by -1: from frame 4 on, "},
+        {"7", erase(7, 1), "0 of 7 frames are wrong, got 7, wanted 8\n", ""},
+        {"8", [](Clip* c) { c->frames.push_back(c->frames[0]); },
+         "0 of 8 frames are wrong, got 9, wanted 8\n", ""},
+        {"0", [](Clip* c) { c->fields = "W80 H144 C420"; },
+         "): got 80x144 yuv420p, wanted 144x80 yuv420p\n", nullptr},
+    };
+    const Clip wanted(8);
+    const std::string lists =
+        graphOf("a source/y4m 0 1  check sink/checksum 1 0", {{"a", R"("check.in0")"}});
+    writeFile(path("lists.json"), contentOf(lists));
+    writeFile(path("got.y4m"), wanted.file());
+    const std::string source = "a.file=" + path("got.y4m");
+    EXPECT_EQ(run(lists, {source, "check.write=" + path("list")}).exit, 4);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        Clip got = wanted;
+        c.damage(&got);
+        const size_t checked = std::min(got.frames.size(), wanted.frames.size());
+        const std::string verdict =
+            "verdict: CRC_MISMATCH frames=" + std::to_string(got.frames.size()) +
+            " checked=" + std::to_string(checked) + " first_bad=" + c.firstBad + "\n";
+        const Result result = compare(got, wanted);
+        EXPECT_EQ(result.out, verdict);
+        expectLine(result, c.line);
+        if (c.alsoOfLists == nullptr) continue;
+        const Result list = run(path("lists.json"), {source, "check.expect=" + path("list")});
+        EXPECT_EQ(list.out, verdict);
+        expectLine(list, c.alsoOfLists);
+    }
+}
+
+// Catches: a figure that is worked out wrongly, a floor or tolerance that is off by a little, a cap of
+// another depth, a bad config that is accepted. The figures are worked out by hand.
+TEST_F(VxrunCompare, JudgesByTolerancePsnrAndSsim) {
+    Clip flat(2, "W8 H4 F25:1 C420", 48);
+    for (std::string& frame : flat.frames) frame.assign(48, 100);
+    Clip sample = flat;
+    sample.frames[1][5] = static_cast<char>(148);  // mse 48: 31.3184 dB, of Y alone 29.5575
+    Clip lighter = flat;
+    lighter.frames[1].assign(48,
+                             120);  // (2*100*120 + 6.5025) / (100^2 + 120^2 + 6.5025) = 0.983611
+    const Clip deep(2, "W7 H5 F25:1 C444p10", 210, true);
+    Clip deepSample = deep;
+    deepSample.frames[1][9] ^= 2;  // the high byte: a difference of 512
+    struct Case {
+        const Clip &got, &wanted;
+        const char* config;
+        int exit;
+        const char* line;
+    };
+    const Case cases[] = {
+        {sample, flat, "tolerance=48", 0, ""},
+        {sample, flat, "tolerance=47", 1, "plane Y x=5 y=0 got 148 wanted 100"},
+        {deepSample, deep, "tolerance=512", 0, ""},
+        {deepSample, deep, "tolerance=511", 1, "x=4 y=0 got "},
+        {sample, flat, "psnr=31.3183", 0, "psnr 31.3184 (Y 29.5575 Cb 60 Cr 60) in frame 1\n"},
+        {sample, flat, "psnr=31.3185", 1, "frame 1 (timestamp 1): psnr 31.3184 (Y 29.5575 Cb 60"},
+        {flat, flat, "psnr=60", 0, "the lowest is psnr 60 "},
+        {flat, flat, "psnr=60.1", 1, "psnr 60 (Y 60 Cb 60 Cr 60) is below 60.1"},
+        {deep, deep, "psnr=72", 0, "the lowest is psnr 72 "},
+        {lighter, flat, "ssim=0.9836", 0, "ssim 0.983611 (Y 0.983611 Cb 0.983611"},
+        {lighter, flat, "ssim=0.98362", 1, "is below 0.98362"},
+        {flat, flat, "ssim=1", 0, "the lowest is ssim 1 "},
+        {deep, flat, "psnr=1", 1, "got 7x5 yuv444p10le, wanted "},
+        {flat, flat, "psnr=3x", 3, "expected a number above 0, at most 108, got '3x'"},
+        {flat, flat, "ssim=1.1", 3, "expected a number above 0, at most 1, got '1.1'"},
+        {flat, flat, "tolerance=-1", 3, "config 'tolerance': "},
+    };
+    const std::map<int, std::string> verdicts = {
+        {0, "PASS"}, {1, "INFO_VALIDATION_FAIL"}, {3, "NODE_FAIL_INIT"}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.config);
+        const Result result = compare(c.got, c.wanted, {"cmp." + std::string(c.config)});
+        EXPECT_EQ(result.exit, c.exit);
+        EXPECT_EQ(result.out.find("verdict: " + verdicts.at(c.exit) + " "), 0u) << result.out;
+        expectLine(result, c.line);
+    }
+    expectLine(compare(flat, flat, {"cmp.psnr=3", "cmp.ssim=1"}), "exclude each other");
+}
+
+// Catches: pictures of the wrong frame, size, depth or content, more of them than asked for, a
+// difference that nobody would see.
+TEST_F(VxrunCompare, WritesWrongFrames) {
+    struct Case {
+        const char* fields;
+        size_t size, bytes;
+        const char* pixels;  // of the picture
+    };
+    const Case cases[] = {{"W9 H5 F25:1 C420", 45 + 2 * 15, 1, "rgb24"},
+                          {"W9 H5 F25:1 C444p12", 2 * 135, 2, "rgb48be"},
+                          {"W9 H5 F25:1 Cmono10", 2 * 45, 2, "gray16be"}};
+    const std::string folder = path("deep/bad"), stem = folder + "/cmp.frame000003.";
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.fields);
+        const Clip wanted(6, c.fields, c.size, c.bytes == 2);
+        Clip got = wanted;
+        for (const size_t frame : {1, 3, 4}) got.frames[frame][20 * c.bytes] ^= 1;
+        const Result result = compare(got, wanted, {"cmp.dump_limit=2"}, {"--dump-bad", folder});
+        EXPECT_EQ(result.exit, 1) << result.err;
+        const auto files = std::filesystem::directory_iterator(folder);
+        EXPECT_EQ(std::distance(begin(files), end(files)), 2 * 6);
+        EXPECT_EQ(contentOf(stem + "got.raw"), got.frames[3]);
+        EXPECT_EQ(contentOf(stem + "wanted.raw"), wanted.frames[3]);
+        std::string difference(45, 0);
+        difference[20] = 64 + 8;
+        EXPECT_EQ(contentOf(stem + "diff.raw"), difference);
+        const Result png = vxrun_test::run({"ffmpeg", "-v", "error", "-y", "-i", stem + "diff.png",
+                                            "-f", "rawvideo", path("png")});
+        if (png.exit != 0) GTEST_SKIP() << "no ffmpeg program";
+        EXPECT_EQ(contentOf(path("png")), difference);
+        const Result probe =
+            vxrun_test::run({"ffprobe", "-v", "error", "-show_entries",
+                             "stream=width,height,pix_fmt", "-of", "csv=p=0", stem + "got.png"});
+        EXPECT_EQ(probe.out, std::string("9,5,") + c.pixels + "\n") << probe.err;
+        std::filesystem::remove_all(folder);
+    }
+    expectFailure(compare(Clip(1), Clip(1), {}, {"--dump-bad", path("got.y4m")}), 3,
+                  std::string("NODE_FAIL_INIT") + kNothing, "got.y4m' cannot be made: ");
+}
+
+// Catches: a comparison that waits for ever when one input is far ahead, frames lost or out of order
+// behind a delay, a last frame that does not end the stream.
+TEST_F(VxrunCompare, UnevenBranchesDoNotStall) {
+    writeFile(path("got.y4m"), y4m("W6 H4 F25:1", 36, 40));
+    const std::string source = "a.file=" + path("got.y4m");
+    struct Case {
+        const char *frames, *ms, *ahead, *allocator;
+    };
+    for (const Case& c : {Case{"0", "2", "1", "dmabuf"},
+                          {"1", "0", "16", "xcodec2"},
+                          {"12", "1", "16", "dmabuf"},
+                          {"100", "0", "40", "xcodec2"}}) {
+        for (const bool late : {false, true}) {
+            SCOPED_TRACE(c.frames);
+            // With a node between source and delay, the source learns nothing of the delay.
+            const std::string graphFile = graphOf(
+                "a source/y4m 0 1  p transform/passthrough 1 1  q transform/passthrough 1 1 "
+                "d transform/delay 1 1  cmp sink/compare 2 0",
+                {{"a", R"("p.in0", "q.in0")"},
+                 {"q", R"("d.in0")"},
+                 {"p", late ? R"("cmp.in1")" : R"("cmp.in0")"},
+                 {"d", late ? R"("cmp.in0")" : R"("cmp.in1")"}});
+            const Result result =
+                run(graphFile, {source, "a.slots=60", "a.allocator=" + std::string(c.allocator),
+                                "d.frames=" + std::string(c.frames), "d.ms=" + std::string(c.ms),
+                                "cmp.ahead=" + std::string(c.ahead)});
+            EXPECT_EQ(result.out, "verdict: PASS frames=40 checked=40 first_bad=-\n") << result.err;
+        }
+    }
+    // One output at both inputs proves nothing.
+    const Result self =
+        run(graphOf("a source/y4m 0 1  cmp sink/compare 2 0", {{"a", R"("cmp.in0", "cmp.in1")"}}),
+            {source});
+    EXPECT_EQ(self.exit, 3);
+    expectLine(self, "both inputs are connected to the output 'a.out'");
+}
+
+// Catches: a fence that is not waited for, pictures out of order behind it, a fence that never fires
+// and is waited for in vain, or keeps the graph from stopping.
+TEST_F(VxrunCompare, FencesAreWaitedFor) {
+    const std::string
+        clip = path("clip.y4m"),
+        nodes = "b source/y4m 0 1  a source/y4m 0 1  f transform/fence 1 1  cmp sink/compare 2 0";
+    writeFile(clip, y4m("W6 H4 F25:1", 36, 20));
+    const std::string through =
+        graphOf(nodes, {{"a", R"("f.in0")"}, {"f", R"("cmp.in0")"}, {"b", R"("cmp.in1")"}});
+    const auto with = [&](const std::string& fence, const std::string& other) {
+        return std::vector<std::string>{"a.file=" + clip, "b.file=" + clip, fence, other};
+    };
+    const std::string never = "a.fence_ms=3600000";
+    for (const std::string fence : {"a.fence_ms=0", "a.fence_ms=3", "a.allocator=dmabuf"}) {
+        const Result result = run(through, with(fence, "f.timeout_ms=60000"));
+        EXPECT_EQ(result.out, "verdict: PASS frames=20 checked=20 first_bad=-\n") << result.err;
+    }
+    expectFailure(run(through, with(never, "f.timeout_ms=1")), 3,
+                  std::string("NODE_FAIL_FATAL") + kNothing,
+                  "node 'f': frame 0: the fence of its picture has not fired");
+    expectFailure(run(through, with(never, "f.timeout_ms=3600000"), {"--timeout", "0.3"}), 124,
+                  std::string("TIMEOUT") + kNothing, "out of time after 0.3 s");
+    // The flag goes by the order of description. Past the fence node, what is read is not finished.
+    const Result past =
+        run(graphOf(nodes, {{"b", R"("f.in0")"}, {"f", R"("cmp.in1")"}, {"a", R"("cmp.in0")"}}),
+            with(never, "a.slots=20"));
+    EXPECT_EQ(past.out, "verdict: CRC_MISMATCH frames=20 checked=20 first_bad=0\n") << past.err;
+}
+
+}  // namespace
