@@ -125,7 +125,7 @@ void BadFrames::add(uint64_t frame, const Payload& got, const Payload* wanted) {
     if (wanted == nullptr) return;
     write(mStem + number + "wanted", *wanted);
     const PictureFormat& format = got.format();
-    if (!got.isPicture() || !wanted->isPicture() || format != wanted->format()) return;
+    if (!got.isPicture() || !FrameDiff::comparable(got, *wanted)) return;
     std::vector<uint8_t> difference = differenceOf(got, *wanted);
     OutputFile raw(mStem + number + "diff.raw");
     raw.write(difference.data(), difference.size());

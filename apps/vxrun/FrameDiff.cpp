@@ -58,9 +58,15 @@ uint32_t FrameDiff::sample(const Payload& payload, const uint8_t* row, size_t x)
     return static_cast<uint32_t>(row[2 * x] | row[2 * x + 1] << 8);
 }
 
+bool FrameDiff::comparable(const Payload& got, const Payload& wanted) {
+    PictureFormat format = got.format();
+    format.pixels = wanted.format().pixels;
+    return got.isPicture() == wanted.isPicture() && !(format != wanted.format());
+}
+
 FrameDiff::FrameDiff(const Payload& got, const Payload& wanted, uint32_t tolerance)
     : mGot(got), mWanted(wanted), mTolerance(tolerance) {
-    if (got.isPicture() != wanted.isPicture() || got.format() != wanted.format()) {
+    if (!comparable(got, wanted)) {
         mFormats = "got " + formatText(got) + ", wanted " + formatText(wanted);
         return;
     }

@@ -31,6 +31,9 @@ public:
     // The evidence in one line; for frames that differ.
     std::string text() const;
 
+    // Whether frames have the same planes. What their samples mean is not looked at: full range is no
+    // difference.
+    static bool comparable(const Payload& got, const Payload& wanted);
     // The value of a sample of a row.
     static uint32_t sample(const Payload& payload, const uint8_t* row, size_t x);
 

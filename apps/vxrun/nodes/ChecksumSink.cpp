@@ -43,6 +43,7 @@ private:
         const ChecksumRow got = {payload.size(), checksum(mExpected->format, payload)};
         if (mFrames >= mExpected->rows.size()) {
             mAlignment.add(got.hash, "", true);
+            mBadFrames->add(mFrames, payload, nullptr);
             return noteBad();
         }
         const ChecksumRow& expected = mExpected->rows[mFrames];

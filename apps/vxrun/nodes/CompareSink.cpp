@@ -75,6 +75,7 @@ private:
                 mAlignment.add(gotFrame ? frameHash(*gotFrame) : "",
                                wantedFrame ? frameHash(*wantedFrame) : "", true);
                 noteBad(std::max(got.frames, wanted.frames));
+                if (gotFrame) mBadFrames->add(got.frames, *gotFrame, nullptr);
             }
             if (gotFrame) ++record().frames;
             advance(&got);
