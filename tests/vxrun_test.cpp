@@ -386,7 +386,7 @@ TEST_F(Vxrun, RefusesBadConfigs) {
         {"check.expect=" + path("nothing"), path("nothing") + ":1: expected '0, dts, pts, dur"},
         {"check.expect=" + path("mixed"), path("mixed") + ":2: MD5 and CRC rows in one list"},
         {"check.expect=/dev/zero", "/dev/zero: larger than 67108864 bytes"},
-        {"check.format=sha", "config 'format': expected framemd5 or framecrc, got 'sha'"},
+        {"check.format=sha", "config 'format': expected framemd5, framecrc, md5, md5-list or json, got 'sha'"},
         {"writer.file=/nonexistent/x", "/nonexistent/x.part: No such file or directory"},
         {"writer.file=/tmp", "/tmp: not a regular file"},
         {"writer.file=" + path("pipe"), path("pipe") + ": not a regular file"},

@@ -229,6 +229,14 @@ uint64_t AppNode::numberConfig(const std::string& key, uint64_t low, uint64_t hi
     }
 }
 
+bool AppNode::flagConfig(const std::string& key) {
+    const std::string value = config(key);
+    if (!value.empty() && value != "true" && value != "false") {
+        throw Failure("config '" + key + "': expected true or false, got " + quote(value));
+    }
+    return value == "true";
+}
+
 void AppNode::countFrame(const VXFrameInfo& frame) {
     ++mRecord.frames;
     if ((frame.flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0) mRecord.endOfStream = true;

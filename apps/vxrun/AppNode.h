@@ -117,6 +117,8 @@ protected:
     std::string requiredConfig(const std::string& key);
     // A config that is a number in [low, high]; `preset` when it was not given.
     uint64_t numberConfig(const std::string& key, uint64_t low, uint64_t high, uint64_t preset);
+    // A config that is true or false; false when it was not given.
+    bool flagConfig(const std::string& key);
 
     // Counts a frame; the last one, too, as the end of the stream.
     void countFrame(const vexa::VXFrameInfo& frame);

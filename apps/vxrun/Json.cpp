@@ -107,7 +107,7 @@ public:
 private:
     JsonValue* append(JsonValue::Kind kind, const std::string& text) {
         const bool isMember = !mOpen.empty() && mOpen.back()->kind == JsonValue::OBJECT;
-        std::string where = "graph";
+        std::string where = mDocument.mRootName;
         if (isMember) {
             where = mOpen.size() == 1 ? mKey : mOpen.back()->where + "." + mKey;
         } else if (!mOpen.empty()) {
@@ -148,8 +148,8 @@ const JsonValue* JsonValue::find(const std::string& name) const {
     return nullptr;
 }
 
-JsonDocument::JsonDocument(const std::string& path)
-    : mPath(path), mText(readTextFile(path, kMaxSize)) {
+JsonDocument::JsonDocument(const std::string& path, std::string rootName)
+    : mPath(path), mRootName(std::move(rootName)), mText(readTextFile(path, kMaxSize)) {
     Builder(this).parse();
 }
 

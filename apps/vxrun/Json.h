@@ -27,8 +27,8 @@ struct JsonValue {
 class JsonDocument {
 public:
     // Reads and parses `path`. Refuses what is no JSON, nests deeper than any of our files, or gives
-    // a key of one object twice.
-    explicit JsonDocument(const std::string& path);
+    // a key of one object twice. `rootName` is what error lines call the document itself.
+    explicit JsonDocument(const std::string& path, std::string rootName = "graph");
 
     const JsonValue& root() const { return mRoot; }
 
@@ -58,6 +58,7 @@ private:
                              const std::string& verdict) const;
 
     const std::string mPath;
+    const std::string mRootName;
     const std::string mText;
     JsonValue mRoot;
 };

@@ -42,8 +42,10 @@ struct PictureFormat {
 // StreamInfo: what holds for every frame of a stream, or of a part of it. Sources and codecs attach one
 // to the mInfos of each frame.
 struct StreamInfo : public vexa::VXInfo {
-    std::string media;      // "video" or "data"
-    std::string codec;      // "rawvideo", the name of a codec, or "none" for data
+    std::string media;  // "video" or "data"
+    std::string codec;  // "rawvideo", the name of a codec, or "none" for data
+    std::string
+        profile;  // of the codec that the pictures come from: H264PROFILE_MAIN; may be empty
     PictureFormat picture;  // video only
     Rational timeBase;      // the unit of VXFrameInfo::timestamp, in seconds
     Rational sar;           // sample aspect ratio, 0/1 when unknown; video only

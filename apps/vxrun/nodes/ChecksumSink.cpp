@@ -1,11 +1,11 @@
-// sink/checksum: compares every frame's checksum with a list, writes such a list, or both.
+// sink/checksum: compares the frames' checksums with a list, writes such a list, or both.
 #include "Alignment.h"
 #include "AppNode.h"
 #include "BadFrames.h"
 #include "ChecksumList.h"
 #include "Failure.h"
-#include "Files.h"
 
+#include <cstdio>
 #include <optional>
 
 namespace vxrun {
@@ -24,20 +24,26 @@ private:
         constexpr uint64_t kMaxDumped = 1000000;
         mBadFrames.emplace(config("dump_bad"), numberConfig("dump_limit", 1, kMaxDumped, 8),
                            record().name);
+        mPrintsMd5 = flagConfig("print_md5");
         const std::string format = config("format");
-        if (!format.empty() && format != "framemd5" && format != "framecrc") {
-            throw Failure("config 'format': expected framemd5 or framecrc, got " + quote(format));
+        ChecksumFormat written = ChecksumFormat::FRAMEMD5;
+        try {
+            if (!format.empty()) written = checksumFormat(format);
+        } catch (const Failure& failure) {
+            throw Failure(std::string("config 'format': ") + failure.what());
         }
-        if (format == "framecrc") mFormat = ChecksumFormat::FRAMECRC;
-        if (!config("write").empty()) mList.emplace(config("write"));
+        if (!config("write").empty()) mList.emplace(config("write"), written);
     }
 
     void consume(const Payload& payload, const StreamInfo& stream,
                  const vexa::VXFrameInfo& frame) override {
-        if (mExpected) compare(payload, frame);
-        if (mList) writeRow(payload, stream, frame);
+        if (mExpected && !expectsWhole()) compare(payload, frame);
+        if (mPrintsMd5 || expectsWhole()) mWhole.add(payload);
+        if (mList) mList->add(payload, stream, frame.timestamp);
         ++mFrames;
     }
+
+    bool expectsWhole() const { return mExpected && mExpected->format == ChecksumFormat::MD5; }
 
     void compare(const Payload& payload, const vexa::VXFrameInfo& frame) {
         const ChecksumRow got = {payload.size(), checksum(mExpected->format, payload)};
@@ -48,11 +54,11 @@ private:
         }
         const ChecksumRow& expected = mExpected->rows[mFrames];
         ++record().checked;
-        const bool isBad = got.size != expected.size || got.hash != expected.hash;
+        const bool isBad = !expected.matches(got);
         mAlignment.add(got.hash, expected.hash, isBad);
         if (!isBad) return;
         if (mDiffering++ == 0) {
-            const bool sizes = got.size != expected.size;
+            const bool sizes = expected.size != 0 && got.size != expected.size;
             mFirstDifference = "frame " + std::to_string(mFrames) + ": expected " +
                                describe(expected, sizes) + ", got " + describe(got, sizes) +
                                " (timestamp " + std::to_string(frame.timestamp) + ")";
@@ -69,15 +75,14 @@ private:
         if (record().firstBad == NodeRecord::kNone) record().firstBad = mFrames;
     }
 
-    void writeRow(const Payload& payload, const StreamInfo& stream,
-                  const vexa::VXFrameInfo& frame) {
-        if (mFrames == 0) mList->write(checksumListHeader(mFormat, stream));
-        const ChecksumRow row = {payload.size(), checksum(mFormat, payload)};
-        mList->write(checksumListRow(stream, frame.timestamp, row));
-    }
-
     void finish() override {
         if (mList) mList->commit();
+        const std::string md5 = mPrintsMd5 || expectsWhole() ? mWhole.hex() : "";
+        if (mPrintsMd5) {
+            std::printf("%s\n", md5.c_str());
+            std::fflush(stdout);
+        }
+        if (expectsWhole()) return compareWhole(md5);
         if (!mExpected) return;
         const size_t rows = mExpected->rows.size();
         std::string text;
@@ -98,13 +103,24 @@ private:
         failCheck(vexa::CRC_MISMATCH, text + (alignment.empty() ? "" : "; " + alignment));
     }
 
+    // Which frame differs, a checksum of the whole cannot tell.
+    void compareWhole(const std::string& md5) {
+        const ChecksumRow& expected = mExpected->rows.front();
+        record().checked = mFrames;
+        if (expected.matches({0, md5})) return;
+        failCheck(vexa::CRC_MISMATCH, "the MD5 of all " + std::to_string(mFrames) +
+                                          " frames differs: expected " + expected.hash + ", got " +
+                                          md5);
+    }
+
     std::optional<ChecksumList> mExpected;
     std::string mExpectPath;
     Alignment mAlignment;
     std::optional<BadFrames> mBadFrames;
-    std::optional<OutputFile> mList;
-    ChecksumFormat mFormat = ChecksumFormat::FRAMEMD5;  // of mList
-    uint64_t mFrames = 0;                               // that were consumed
+    std::optional<ChecksumWriter> mList;
+    bool mPrintsMd5 = false;
+    Md5 mWhole;            // where it is printed or expected
+    uint64_t mFrames = 0;  // that were consumed
     uint64_t mDiffering = 0;
     std::string mFirstDifference;
 };
@@ -116,9 +132,10 @@ extern const NodeType kChecksumSink = {
     "compares and writes lists of frame checksums",
     1,
     0,
-    {{"expect", true, "the framemd5 or framecrc list to compare with"},
+    {{"expect", true, "the checksums to compare with; the format is found out"},
      {"write", true, "the list to write"},
-     {"format", false, "of the list to write: framemd5 (default) or framecrc"},
+     {"format", false, "of what is written: framemd5 (default), framecrc, md5, md5-list, json"},
+     {"print_md5", false, "true: the MD5 of the whole stream goes to standard output"},
      {"dump_bad", true, "a folder for the frames that differ, as PNG and raw"},
      {"dump_limit", false, "how many frames to write there, default 8"}},
     makeNode<ChecksumSink>};

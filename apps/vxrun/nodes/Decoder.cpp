@@ -8,7 +8,9 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
+#include <map>
 
 namespace vxrun {
 namespace {
@@ -51,6 +53,43 @@ PictureFormat formatOf(const AVFrame& frame) {
     format.depth = static_cast<uint32_t>(depth);
     format.pixels = pixels.name;
     return format;
+}
+
+// What a pixel format is called: those of full range, which libavcodec names apart, lie in memory like
+// all others.
+std::string plainName(std::string format) {
+    return format.rfind("yuvj", 0) == 0 ? format.erase(3, 1) : format;
+}
+
+// The decoder that goes by `name`, or libavcodec's choice for the codec that does; null when there is
+// none. Codecs go first: "av1" is also the name of a decoder that needs hardware.
+const AVCodec* findDecoder(const std::string& name) {
+    const std::string known = name == "h265" ? "hevc" : name;
+    const AVCodecDescriptor* const codec = avcodec_descriptor_get_by_name(known.c_str());
+    const AVCodec* const decoder = codec != nullptr ? avcodec_find_decoder(codec->id)
+                                                    : avcodec_find_decoder_by_name(known.c_str());
+    return decoder != nullptr && decoder->type == AVMEDIA_TYPE_VIDEO ? decoder : nullptr;
+}
+
+// The profile of a stream in the words of the lists that name it: H264PROFILE_BASELINE,
+// HEVCPROFILE_MAIN10; empty where they have none.
+std::string profileOf(const AVCodecContext& codec) {
+    static const std::map<AVCodecID, std::string> prefixes = {
+        {AV_CODEC_ID_H264, "H264PROFILE_"},
+        {AV_CODEC_ID_HEVC, "HEVCPROFILE_"},
+        {AV_CODEC_ID_VP9, "VP9PROFILE_"},
+        {AV_CODEC_ID_AV1, "AV1PROFILE_PROFILE_"}};
+    if (codec.codec_id == AV_CODEC_ID_VP8) return "VP8PROFILE_ANY";
+    const auto prefix = prefixes.find(codec.codec_id);
+    const char* const name = avcodec_profile_name(codec.codec_id, codec.profile);
+    if (prefix == prefixes.end() || name == nullptr) return {};
+    std::string profile = name;
+    if (profile.rfind("Constrained ", 0) == 0) profile.erase(0, profile.find(' '));
+    std::string word = prefix->second;
+    for (const char c : profile) {
+        if (c != ' ') word += static_cast<char>(std::toupper(c));
+    }
+    return word;
 }
 
 void copyPicture(const AVFrame& picture, const PictureFormat& format, const Payload& payload) {
@@ -104,16 +143,12 @@ private:
     void open() override {
         constexpr uint64_t kMaxThreads = 64;
         mThreads = numberConfig("threads", 1, kMaxThreads, 1);
-        const std::string tolerate = config("tolerate_errors");
-        if (!tolerate.empty() && tolerate != "true" && tolerate != "false") {
-            throw Failure("config 'tolerate_errors': expected true or false, got " +
-                          quote(tolerate));
-        }
-        mTolerant = tolerate == "true";
+        mTolerant = flagConfig("tolerate_errors");
+        mFormat = plainName(config("format"));
         slots();  // a bad number is told now
         const std::string name = config("codec");
         if (name.empty()) return;
-        mCodec = avcodec_find_decoder_by_name(name.c_str());
+        mCodec = findDecoder(name);
         if (mCodec == nullptr) {
             throw Failure("config 'codec': no decoder " + quote(name), "NOT_SUPPORTED");
         }
@@ -231,6 +266,11 @@ private:
     void setPicture(Libav<AVFrame> frame) {
         if (frame != nullptr) {
             const PictureFormat format = formatOf(*frame);
+            const std::string pixels = plainName(descriptorOf(*frame).name);
+            if (!mFormat.empty() && pixels != mFormat) {
+                throw Failure("the pictures are " + pixels + ", not " + quote(mFormat),
+                              "NOT_SUPPORTED");
+            }
             Rational sar = mSar;
             if (frame->sample_aspect_ratio.num > 0) {
                 sar = {static_cast<uint64_t>(frame->sample_aspect_ratio.num),
@@ -245,6 +285,7 @@ private:
                 mStream = std::make_shared<StreamInfo>();
                 mStream->media = "video";
                 mStream->codec = "rawvideo";
+                mStream->profile = profileOf(*mContext);
                 mStream->picture = format;
                 mStream->timeBase = {static_cast<uint64_t>(mTimeBase.num),
                                      static_cast<uint64_t>(mTimeBase.den)};
@@ -309,6 +350,7 @@ private:
     const AVCodec* mCodec = nullptr;
     uint64_t mThreads = 1;
     bool mTolerant = false;
+    std::string mFormat;  // the pixel format that pictures must have; empty: any
     // [event thread]
     Libav<AVCodecContext> mContext;  // from the first access unit on
     AVRational mTimeBase = {1, 1};   // of the pictures
@@ -333,7 +375,8 @@ extern const NodeType kDecoder = {
     "decodes a bitstream with libavcodec",
     1,
     1,
-    {{"codec", false, "the decoder to use, default is libavcodec's choice"},
+    {{"codec", false, "the decoder, or the codec, to use; default is libavcodec's choice"},
+     {"format", false, "the pixel format that the pictures must have, such as yuv420p"},
      {"threads", false, "default 1"},
      {"options", false, "of the decoder: key=value:key=value"},
      {"tolerate_errors", false, "true: damaged pictures do not fail the run"},
