@@ -26,5 +26,5 @@ build() {
     cmake --build --preset "$1" ${2:+--target "$2"}
 }
 
-build_packages=(g++ cmake ninja-build pkg-config googletest libcli11-dev nlohmann-json3-dev libavformat-dev libavcodec-dev
-    libavutil-dev libswscale-dev ffmpeg)
+build_packages=(g++ cmake ninja-build pkg-config googletest libcli11-dev nlohmann-json3-dev libpugixml-dev libavformat-dev
+    libavcodec-dev libavutil-dev libswscale-dev ffmpeg)

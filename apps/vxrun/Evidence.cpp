@@ -11,11 +11,12 @@
 #include <map>
 
 namespace vxrun {
-namespace {
 
 int exitCode(const std::string& verdict) {
     static const std::map<std::string, int> codes = {
         {"PASS", 0},
+        {"DONE", 0},
+        {"FAIL", 1},
         {"CRC_MISMATCH", 1},
         {"INFO_VALIDATION_FAIL", 1},
         {"NO_END_OF_STREAM", 1},
@@ -24,6 +25,7 @@ int exitCode(const std::string& verdict) {
         {"NODE_NOT_FOUND", 2},
         {"NOTHING_CHECKED", 4},
         {"NOT_SUPPORTED", 77},
+        {"SKIPPED", 77},
         {"TIMEOUT", 124},
         {"SIGINT", 128 + SIGINT},
         {"SIGTERM", 128 + SIGTERM},
@@ -32,8 +34,6 @@ int exitCode(const std::string& verdict) {
     const auto code = codes.find(verdict);
     return code != codes.end() ? code->second : kCouldNotRun;
 }
-
-}  // namespace
 
 NodeRecord& Evidence::addNode(const std::string& name, const std::string& allocator, bool sink) {
     std::lock_guard<std::mutex> lock(mLock);
@@ -64,6 +64,7 @@ std::string Evidence::verdict() const {
         if (node.checking && node.checked == 0) allChecked = false;
     }
     if (!allEnded) return "NO_END_OF_STREAM";
+    if (!anyChecking && !mChecks) return "DONE";
     return anyChecking && allChecked ? "PASS" : "NOTHING_CHECKED";
 }
 
@@ -114,9 +115,9 @@ int Evidence::printVerdict() const {
     const Totals sums = totals();
     const std::string firstBad =
         sums.firstBad == NodeRecord::kNone ? "-" : std::to_string(sums.firstBad);
-    std::printf("verdict: %s frames=%" PRIu64 " checked=%" PRIu64 " first_bad=%s\n", word.c_str(),
-                sums.frames, sums.checked, firstBad.c_str());
-    std::fflush(stdout);
+    std::fprintf(mOut, "verdict: %s frames=%" PRIu64 " checked=%" PRIu64 " first_bad=%s\n",
+                 word.c_str(), sums.frames, sums.checked, firstBad.c_str());
+    std::fflush(mOut);
     return exitCode(word);
 }
 

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -70,6 +71,12 @@ public:
     // the first.
     bool fail(const std::string& word);
 
+    // Says that the run has another purpose than a comparison: one that compares nothing and does not
+    // fail is DONE.
+    void expectNoCheck() { mChecks = false; }
+    // Has the verdict line go to `out`; both before the run.
+    void printTo(std::FILE* out) { mOut = out; }
+
     // The verdict as of now: the first error, else what the sinks' records allow to say.
     std::string verdict() const;
     Totals totals() const;
@@ -91,6 +98,11 @@ private:
     std::deque<NodeRecord> mNodes;  // guarded by mLock; the records themselves are not
     std::deque<PoolRecord> mPools;  // likewise
     std::string mFirstError;        // guarded by mLock
+    bool mChecks = true;            // as these two were set before the run
+    std::FILE* mOut = stdout;
 };
+
+// The exit code that goes with the word of a verdict.
+int exitCode(const std::string& verdict);
 
 }  // namespace vxrun

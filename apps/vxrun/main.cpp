@@ -1,14 +1,19 @@
 // vxrun: runs a graph of nodes and says, by evidence, whether the test passed.
 #include "AppNode.h"
+#include "ChecksumList.h"
 #include "Console.h"
+#include "Decode.h"
 #include "Failure.h"
 #include "GraphFile.h"
 #include "Runner.h"
+#include "SuiteRun.h"
 
 #include <cutils/properties.h>
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
+#include <filesystem>
 
 namespace vxrun {
 namespace {
@@ -16,12 +21,17 @@ namespace {
 struct Options {
     std::string graph;
     std::vector<std::string> overrides;
+    std::string record;
+    std::string recordFormat;
+    bool force = false;
     std::string logMask;
     std::string dumpFolder;
     double timeout = 0;  // seconds; 0: none
     bool stats = false;
     bool quiet = false;
     bool listNodes = false;
+    DecodeOptions decode;
+    SuiteOptions suite;
 };
 
 void addOptions(CLI::App* app, Options* options) {
@@ -33,6 +43,12 @@ void addOptions(CLI::App* app, Options* options) {
     app->add_option("--dump-bad", options->dumpFolder,
                     "Have every checking sink write its first wrong frames as PNG and raw")
         ->type_name("DIR");
+    app->add_option("--record", options->record,
+                    "Have the graph's sink/checksum write this list instead of comparing")
+        ->type_name("FILE");
+    app->add_option("--record-format", options->recordFormat, "Its format, default by extension")
+        ->type_name("FORMAT");
+    app->add_flag("--force", options->force, "Let --record replace a file");
     app->add_option("--log", options->logMask,
                     "Log mask, hexadecimal: 1 errors, 2 warnings, 8 debug, "
                     "10 per node")
@@ -48,6 +64,55 @@ void addOptions(CLI::App* app, Options* options) {
     app->add_flag("--stats", options->stats, "Print what every buffer pool has done");
     app->add_flag("--quiet", options->quiet, "Print the verdict only");
     app->add_flag("--list-nodes", options->listNodes, "List the node types and their configs");
+}
+
+void addNodeOptions(CLI::App* app, std::string* allocator, uint32_t* threads) {
+    app->add_option("--allocator", *allocator, "dmabuf or xcodec2")
+        ->check(CLI::IsMember({"dmabuf", "xcodec2"}));
+    app->add_option("--threads", *threads, "Threads of the decoder, default 1")
+        ->check(CLI::Range(1, 64));
+}
+
+CLI::App* addDecode(CLI::App* app, DecodeOptions* options) {
+    CLI::App* const decode = app->add_subcommand(
+        "decode", "Decodes a video file; prints the MD5 of all its pictures, or writes them");
+    decode->fallthrough();
+    decode->add_option("IN", options->input, "The file to decode")->required();
+    decode->add_option("-o,--output", options->output, "The raw video to write");
+    decode->add_flag("--md5", options->md5, "Print the MD5; default without -o");
+    decode->add_option("--format", options->format,
+                       "The pixel format that the pictures must have, never converted to");
+    decode->add_option("--codec", options->codec, "A codec (h264, hevc, av1, ...) or a decoder");
+    addNodeOptions(decode, &options->allocator, &options->threads);
+    decode->add_flag("--tolerate-errors", options->tolerateErrors,
+                     "Damaged pictures do not fail the run");
+    decode
+        ->add_option("--unsupported-exit", options->unsupportedExit,
+                     "Exit code for what is not supported, default 69")
+        ->check(CLI::Range(0, 255));
+    return decode;
+}
+
+CLI::App* addSuite(CLI::App* app, SuiteOptions* options) {
+    CLI::App* const suite =
+        app->add_subcommand("suite", "Decodes the vectors of a conformance suite");
+    suite->add_option("FILE", options->file, "The suite (JSON)")->required();
+    suite->add_option("--resources", options->resources, "Where the vectors' files are");
+    suite->add_option("--output", options->output, "Keep the raw video of every vector here");
+    suite->add_option("--filter", options->filter, "Run these: GLOB[:GLOB...][:-GLOB...]");
+    suite->add_option("--shard", options->shard, "Run the i-th of n parts: i/n, i from 1");
+    suite->add_option("--jobs", options->jobs, "Vectors at once, default one per processor")
+        ->check(CLI::Range(1, 1000));
+    suite->add_option("--timeout", options->timeout, "Seconds for each vector, default 60")
+        ->check(CLI::Range(0.001, 1e6));
+    addNodeOptions(suite, &options->allocator, &options->threads);
+    suite->add_option("--junit", options->reports.junit, "Write a JUnit XML report");
+    suite->add_option("--json", options->reports.json, "Write a JSON report");
+    suite->add_option("--csv", options->reports.csv, "Write a CSV report");
+    suite->add_option("--markdown", options->reports.markdown, "Write a Markdown report");
+    suite->add_flag("--list", options->list, "Print the names of the vectors that would run");
+    suite->add_flag("--quiet", options->quiet, "Print the table and the verdict only");
+    return suite;
 }
 
 void listNodes() {
@@ -71,13 +136,40 @@ void setLogLevel(const Options& options) {
     vexa::vxUpdateLogLevel();
 }
 
-// Everything of a run that may throw.
-void run(const Options& options, Evidence* evidence) {
-    if (options.graph.empty())
-        throw Failure("vxrun: no graph file given, see --help", "BAD_OPTION");
-    vexa::VXGraphInfo graph = readGraphFile(options.graph);
+// Makes the one sink/checksum of `graph` write a list.
+void record(const Options& options, vexa::VXGraphInfo* graph, Evidence* evidence) {
+    const auto isSink = [](const auto& node) { return node->type == "sink/checksum"; };
+    const auto sinks = std::count_if(graph->nodes.begin(), graph->nodes.end(), isSink);
+    if (sinks != 1) {
+        throw Failure("vxrun: --record: the graph has " + std::to_string(sinks) +
+                          " sink/checksum nodes, expected 1",
+                      "BAD_OPTION");
+    }
+    if (!options.force && std::filesystem::exists(options.record)) {
+        throw Failure("vxrun: --record: " + options.record + " exists; --force replaces it",
+                      "BAD_OPTION");
+    }
+    const bool byName = options.recordFormat.empty();
+    const std::string format = byName ? checksumFormatOf(options.record) : options.recordFormat;
+    auto& configs = (*std::find_if(graph->nodes.begin(), graph->nodes.end(), isSink))->configs;
+    configs["expect"] = "";
+    configs["write"] = options.record;
+    configs["format"] = format;
+    evidence->expectNoCheck();
+}
+
+// Everything of a run that may throw. `decodes`: the graph is that of `vxrun decode`.
+void run(const Options& options, bool decodes, Evidence* evidence) {
+    if (options.graph.empty() != decodes) {
+        throw Failure(decodes ? "vxrun: unexpected " + quote(options.graph)
+                              : "vxrun: no graph file given, see --help",
+                      "BAD_OPTION");
+    }
+    vexa::VXGraphInfo graph = decodes ? decodeGraph(options.decode) : readGraphFile(options.graph);
     for (const std::string& assignment : options.overrides) overrideConfig(&graph, assignment);
     if (!options.dumpFolder.empty()) setWhereKnown(&graph, "dump_bad", options.dumpFolder);
+    if (decodes) evidence->expectNoCheck();
+    if (!options.record.empty()) record(options, &graph, evidence);
 
     // Before the log level is set: what registers here is no news to anyone.
     std::vector<std::unique_ptr<NodeFactory>> factories;
@@ -94,6 +186,8 @@ int start(int argc, char** argv) {
     Evidence evidence;
     CLI::App app("Runs a graph of nodes and says whether the test passed.", "vxrun");
     addOptions(&app, &options);
+    const CLI::App* const decode = addDecode(&app, &options.decode);
+    const CLI::App* const suite = addSuite(&app, &options.suite);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -106,15 +200,20 @@ int start(int argc, char** argv) {
         listNodes();
         return 0;
     }
-    console::setQuiet(options.quiet);
+    console::setQuiet(options.quiet || options.suite.quiet);
+    const bool decodes = decode->parsed();
+    // The MD5 is the last line on standard output.
+    if (decodes) evidence.printTo(stderr);
     try {
-        run(options, &evidence);
+        if (suite->parsed()) return runSuite(options.suite);
+        run(options, decodes, &evidence);
     } catch (const Failure& failure) {
         console::line(failure.what());
         evidence.fail(failure.verdict().empty() ? errorName(vexa::CORRUPT_DESCR)
                                                 : failure.verdict());
     }
-    return evidence.printVerdict();
+    const int code = evidence.printVerdict();
+    return decodes && code == exitCode("NOT_SUPPORTED") ? options.decode.unsupportedExit : code;
 }
 
 }  // namespace

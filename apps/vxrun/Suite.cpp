@@ -1,0 +1,162 @@
+#include "Suite.h"
+
+#include "ChecksumList.h"
+#include "Failure.h"
+#include "Json.h"
+
+#include <fnmatch.h>
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <iterator>
+#include <set>
+#include <sstream>
+
+namespace vxrun {
+namespace {
+
+std::string lowerCase(std::string text) {
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// "H.264" and the like as libavcodec calls them.
+std::string codecName(const std::string& codec) {
+    if (codec == "None" || codec == "Dummy") return {};
+    if (codec == "H.265") return "hevc";
+    if (codec == "H.266") return "vvc";
+    std::string name = lowerCase(codec);
+    name.erase(std::remove(name.begin(), name.end(), '.'), name.end());
+    const size_t video = name.find("_video");
+    if (video != name.npos) name.erase(video);
+    return name == "mpeg2" ? "mpeg2video" : name;
+}
+
+// SuiteReader: one walk over the document.
+class SuiteReader {
+public:
+    explicit SuiteReader(const std::string& path) : mDocument(path, "suite") {}
+
+    Suite read() {
+        const JsonValue& root = mDocument.expectObject(
+            mDocument.root(),
+            {"name", "codec", "description", "test_vectors", "failing_test_vectors", "test_method",
+             "negative_test", "test_vectors_success", "test_vectors_not_run",
+             "test_vectors_not_supported", "time_taken"});
+        mSuite.name = fileName(root, "name");
+        mSuite.codec = codecName(mDocument.name(root, "codec"));
+        text(root, "description", "");
+        mDocument.items(root, "failing_test_vectors", JsonValue::ARRAY);
+        mSuite.testMethod = text(root, "test_method", "md5");
+        if (mSuite.testMethod != "md5" && mSuite.testMethod != "pixel" &&
+            mSuite.testMethod != "sample") {
+            mDocument.fail(*root.find("test_method"),
+                           "expected md5, pixel or sample, got " + quote(mSuite.testMethod));
+        }
+        if (root.find("negative_test") != nullptr) {
+            const auto& negative = mDocument.member(root, "negative_test", JsonValue::BOOLEAN);
+            mSuite.negative = negative.text == "true";
+        }
+        std::set<std::string> names;
+        for (const auto& json : mDocument.member(root, "test_vectors", JsonValue::ARRAY).items) {
+            readVector(json);
+            const std::string& name = mSuite.vectors.back().name;
+            if (names.insert(name).second) continue;
+            mDocument.fail(*json.find("name"), "another vector is named " + quote(name));
+        }
+        return std::move(mSuite);
+    }
+
+private:
+    void readVector(const JsonValue& json) {
+        mDocument.expectObject(json, {"name", "source", "source_checksum", "input_file",
+                                      "output_format", "result", "profile", "optional_params"});
+        Vector& vector = mSuite.vectors.emplace_back();
+        vector.name = fileName(json, "name");
+        vector.inputFile = fileName(json, "input_file");
+        vector.format = text(json, "output_format", "None");
+        vector.profile = text(json, "profile", "");
+        vector.md5 = lowerCase(text(json, "result", ""));
+        if (mSuite.testMethod != "md5" || (mSuite.negative && vector.md5.empty())) return;
+        const JsonValue& result = mDocument.member(json, "result", JsonValue::STRING);
+        if (vector.md5.size() != 32 ||
+            vector.md5.find_first_not_of("0123456789abcdef") != vector.md5.npos) {
+            mDocument.fail(result, "expected an MD5, got " + quote(result.text));
+        }
+        if (vector.md5 == kMd5OfNothing) mDocument.fail(result, "the MD5 of no data");
+    }
+
+    std::string text(const JsonValue& object, const char* key, const char* preset) const {
+        return object.find(key) == nullptr ? preset
+                                           : mDocument.member(object, key, JsonValue::STRING).text;
+    }
+
+    // A name that becomes part of paths, none of which may lead out of the folder given for it.
+    std::string fileName(const JsonValue& object, const std::string& key) const {
+        const std::string& name = mDocument.name(object, key);
+        const std::filesystem::path path = name;
+        if (path.is_absolute() || std::find(path.begin(), path.end(), "..") != path.end()) {
+            mDocument.fail(*object.find(key), "expected a name without '..', got " + quote(name));
+        }
+        return name;
+    }
+
+    const JsonDocument mDocument;
+    Suite mSuite;
+};
+
+}  // namespace
+
+size_t Suite::count(Vector::State state) const {
+    const auto matches = [&](const Vector& vector) { return vector.state == state; };
+    return static_cast<size_t>(std::count_if(vectors.begin(), vectors.end(), matches));
+}
+
+Suite readSuite(const std::string& path) {
+    return SuiteReader(path).read();
+}
+
+const char* stateName(Vector::State state) {
+    static constexpr const char* kNames[] = {"Not run", "Error", "Success",      "Fail",
+                                             "Timeout", "Error", "Not supported"};
+    return kNames[state];
+}
+
+void filterVectors(Suite* suite, const std::string& filter) {
+    if (filter.empty()) return;
+    std::vector<std::string> wanted, unwanted;
+    std::istringstream patterns(filter);
+    bool negative = false;
+    for (std::string pattern; std::getline(patterns, pattern, ':');) {
+        if (pattern.rfind('-', 0) == 0) {
+            negative = true;
+            pattern.erase(0, 1);
+        }
+        if (!pattern.empty()) (negative ? unwanted : wanted).push_back(pattern);
+    }
+    if (wanted.empty()) wanted = {"*"};
+    const auto matches = [&](const Vector& vector, const std::vector<std::string>& globs) {
+        return std::any_of(globs.begin(), globs.end(), [&](const std::string& glob) {
+            const std::string full = suite->name + "." + vector.name;
+            return fnmatch(glob.c_str(), vector.name.c_str(), 0) == 0 ||
+                   fnmatch(glob.c_str(), full.c_str(), 0) == 0;
+        });
+    };
+    auto& vectors = suite->vectors;
+    vectors.erase(std::remove_if(vectors.begin(), vectors.end(),
+                                 [&](const Vector& vector) {
+                                     return !matches(vector, wanted) || matches(vector, unwanted);
+                                 }),
+                  vectors.end());
+}
+
+void shardVectors(Suite* suite, size_t index, size_t total) {
+    std::vector<Vector> part;
+    for (size_t i = index; i < suite->vectors.size(); i += total) {
+        part.push_back(std::move(suite->vectors[i]));
+    }
+    suite->vectors = std::move(part);
+}
+
+}  // namespace vxrun

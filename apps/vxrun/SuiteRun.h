@@ -1,0 +1,35 @@
+// SuiteRun: runs the vectors of a suite, each in a process of its own.
+#pragma once
+
+#include "Report.h"
+
+#include <cstdint>
+#include <string>
+
+namespace vxrun {
+
+struct SuiteOptions {
+    std::string file;
+    std::string resources;  // <resources>/<suite>/<vector>/<input file> are the vectors' files
+    std::string output;     // the raw videos are kept as <output>/<suite>/<vector>.out; empty: not
+    std::string filter;     // see filterVectors(); empty: GTEST_FILTER
+    std::string shard;      // "i/n", i from 1; empty: GTEST_SHARD_INDEX and GTEST_TOTAL_SHARDS
+    uint32_t jobs = 0;      // vectors at once; 0: one per processor
+    double timeout = 60;    // seconds for each vector
+    std::string allocator;
+    uint32_t threads = 1;  // of each decoder
+    ReportFiles reports;
+    bool list = false;  // print the names of the vectors instead
+    bool quiet = false;
+};
+
+// Runs what the options select, prints a line per vector on standard error, a table and the verdict on
+// standard output, and returns the exit code. A vector's process gets its own time limit, is sent
+// SIGTERM when it exceeds that, and then SIGKILL. At SIGINT or SIGTERM the processes are ended, and
+// their vectors stay in the reports as unfinished.
+//
+// A Failure for a bad option, suite file or report file. Blocks the signals; on the main thread and
+// before others start.
+int runSuite(SuiteOptions options);
+
+}  // namespace vxrun
