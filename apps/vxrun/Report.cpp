@@ -1,5 +1,6 @@
 #include "Report.h"
 
+#include "Failure.h"
 #include "Files.h"
 
 #include <sys/utsname.h>
@@ -111,9 +112,15 @@ public:
     }
 
     std::string text() const {
-        std::ostringstream text;
-        mDocument.save(text, "  ", pugi::format_indent, pugi::encoding_utf8);
-        return text.str();
+        // Not through a stream, whose class is a matter of the standard library in use.
+        struct Writer final : pugi::xml_writer {
+            void write(const void* data, size_t size) override {
+                text.append(static_cast<const char*>(data), size);
+            }
+            std::string text;
+        } writer;
+        mDocument.save(writer, "  ", pugi::format_indent, pugi::encoding_utf8);
+        return writer.text;
     }
 
 private:
@@ -238,9 +245,13 @@ std::string markdownReport(const Suite& suite) {
 }
 
 void write(const std::string& path, const std::string& text) {
-    OutputFile file(path);
-    file.write(text);
-    file.commit();
+    try {
+        OutputFile file(path);
+        file.write(text);
+        file.commit();
+    } catch (const Failure& failure) {
+        throw Failure(failure.what(), "BAD_OPTION");
+    }
 }
 
 }  // namespace

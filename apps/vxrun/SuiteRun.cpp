@@ -93,14 +93,12 @@ std::string contentOf(std::FILE* file) {
     return text;
 }
 
-// The last line of `text`, without its line feed, taken from it.
-std::string takeLastLine(std::string* text) {
-    if (!text->empty() && text->back() == '\n') text->pop_back();
-    const size_t feed = text->rfind('\n');
-    const size_t start = feed == std::string::npos ? 0 : feed + 1;
-    std::string line = text->substr(start);
-    text->erase(start);
-    return line;
+// What stands between the first `start` and the next `end` in `text`.
+std::string textAfter(const std::string& start, const std::string& end, const std::string& text) {
+    const size_t at = text.find(start);
+    if (at == text.npos) return {};
+    const size_t from = at + start.size();
+    return text.substr(from, text.find(end, from) - from);
 }
 
 // Child: the process of one vector. Ended, if need be, when it is destroyed.
@@ -165,9 +163,9 @@ private:
     }
 
     void judge(int status, bool negative) {
-        std::string out = contentOf(mOut.get());
+        std::string md5 = contentOf(mOut.get());
+        md5.erase(md5.find_last_not_of('\n') + 1);
         std::string log = contentOf(mErr.get());
-        const std::string md5 = takeLastLine(&out);
         const std::string seconds = decimal(mVector.seconds, 1);
         if (mSent != 0) return set(Vector::TIMEOUT, "TIMEOUT", "ended after " + seconds + " s");
         if (WIFSIGNALED(status)) {
@@ -176,11 +174,9 @@ private:
             return set(Vector::ERROR, "SIGNAL_" + std::to_string(number),
                        std::string("ended by a signal: ") + strsignal(number));
         }
-        // "verdict: WORD frames=..."
-        const std::string verdict = takeLastLine(&log);
-        const size_t start = std::min(verdict.find(' ') + 1, verdict.size());
-        const std::string word = verdict.substr(start, verdict.find(' ', start) - start);
-        const std::string message = log.substr(0, log.find('\n'));
+        const std::string word = textAfter("verdict: ", " ", log);
+        const std::string message = textAfter("vxrun: ", "\n", log);
+        log.erase(std::min(log.rfind("verdict: "), log.size()));
         mVector.log = log;
         const int code = WEXITSTATUS(status);
         if (code == DecodeOptions().unsupportedExit) {
@@ -218,6 +214,7 @@ public:
     SuiteRun(const SuiteOptions& options, Suite* suite) : mOptions(options), mSuite(*suite) {
         sigemptyset(&mSignals);
         for (const int number : {SIGCHLD, SIGINT, SIGTERM}) sigaddset(&mSignals, number);
+        std::signal(SIGCHLD, SIG_DFL);  // whoever ignores it would not get the exit codes
         pthread_sigmask(SIG_BLOCK, &mSignals, &mOldSignals);
     }
 

@@ -136,6 +136,11 @@ void setLogLevel(const Options& options) {
     vexa::vxUpdateLogLevel();
 }
 
+// Where the list is until the run is known to be good.
+std::string unprovenList(const Options& options) {
+    return options.record + ".new";
+}
+
 // Makes the one sink/checksum of `graph` write a list.
 void record(const Options& options, vexa::VXGraphInfo* graph, Evidence* evidence) {
     const auto isSink = [](const auto& node) { return node->type == "sink/checksum"; };
@@ -153,7 +158,7 @@ void record(const Options& options, vexa::VXGraphInfo* graph, Evidence* evidence
     const std::string format = byName ? checksumFormatOf(options.record) : options.recordFormat;
     auto& configs = (*std::find_if(graph->nodes.begin(), graph->nodes.end(), isSink))->configs;
     configs["expect"] = "";
-    configs["write"] = options.record;
+    configs["write"] = unprovenList(options);
     configs["format"] = format;
     evidence->expectNoCheck();
 }
@@ -179,6 +184,15 @@ void run(const Options& options, bool decodes, Evidence* evidence) {
     setLogLevel(options);
     runGraph(std::move(graph), std::chrono::duration<double>(options.timeout), evidence);
     evidence->closePools(options.stats);
+    if (options.record.empty()) return;
+    const bool isGood = exitCode(evidence->verdict()) == 0;
+    std::error_code error;
+    if (isGood) {
+        std::filesystem::rename(unprovenList(options), options.record, error);
+    } else {
+        std::filesystem::remove(unprovenList(options), error);
+    }
+    if (error) throw Failure(options.record + ": " + error.message(), "BAD_OPTION");
 }
 
 int start(int argc, char** argv) {
@@ -193,6 +207,7 @@ int start(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
         console::line(std::string("vxrun: ") + error.what());
+        if (decode->parsed()) evidence.printTo(stderr);
         evidence.fail("BAD_OPTION");
         return evidence.printVerdict();
     }

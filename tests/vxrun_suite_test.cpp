@@ -1,0 +1,406 @@
+// Goldens of every kind, vxrun decode, and vxrun suite with its reports.
+#include "support/Vxrun.h"
+
+#include <sys/stat.h>
+
+#include <pugixml.hpp>
+
+namespace {
+
+using namespace vxrun_test;
+
+const char kNothingMd5[] = "d41d8cd98f00b204e9800998ecf8427e";
+
+// ---- Goldens ----------------------------------------------------------------------------------
+
+class VxrunGoldens : public Vxrun {
+protected:
+    Result check(const std::string& list) const {
+        writeFile(path("list"), list);
+        return vxrun({graph("linear"), "--set", "check.expect=" + path("list")});
+    }
+};
+
+// Catches: a recorded list of any kind that does not pass afterwards or that passes for another stream;
+// a kind that cannot be chosen; a list that is replaced without being asked, or made by a failed run.
+TEST_F(VxrunGoldens, RecordsWhatItThenExpects) {
+    makeClip();
+    const std::string clip = contentOf(path("clip.y4m"));
+    std::string damaged = clip;
+    damaged[damaged.size() - 1] ^= 1;
+    struct Case {
+        std::string file, format, holds, line;  // of a mismatch
+    };
+    const std::string differs = "1 of 4 frames differ, first is frame 3: expected ";
+    const Case cases[] = {
+        {"a.framemd5", "", "#format: frame checksums", differs},
+        {"a.framecrc", "", ", 0x", differs},
+        {"a.md5", "", "  frame-6x4-0004\n", differs},
+        {"a.json", "", "\"bit_depth\": 8,\n  \"frame_rate\": 25.0,\n  \"num_frames\": 4,", differs},
+        {"a.txt", "md5", "MD5=", "the MD5 of all 4 frames differs: expected "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.file);
+        writeFile(path("clip.y4m"), clip);
+        std::vector<std::string> command = {graph("linear"), "--record", path(c.file)};
+        if (!c.format.empty()) command.insert(command.end(), {"--record-format", c.format});
+        const Result made = vxrun(command);
+        EXPECT_EQ(made.out, "verdict: DONE frames=4 checked=0 first_bad=-\n") << made.err;
+        EXPECT_EQ(made.exit, 0);
+        const std::string list = contentOf(path(c.file));
+        EXPECT_NE(list.find(c.holds), std::string::npos) << list;
+        EXPECT_EQ(check(list).out, "verdict: PASS frames=4 checked=4 first_bad=-\n");
+        expectFailure(vxrun(command), 2, std::string("BAD_OPTION") + kNothing, "--force");
+        writeFile(path("clip.y4m"), damaged);
+        const Result result = check(list);
+        EXPECT_EQ(result.exit, 1);
+        EXPECT_NE(result.err.find(c.line), std::string::npos) << result.err;
+        command.push_back("--force");
+        EXPECT_EQ(vxrun(command).exit, 0);
+        EXPECT_EQ(check(contentOf(path(c.file))).exit, 0);
+        writeFile(path("clip.y4m"), clip + "FRAME\ncut");
+        std::filesystem::remove(path(c.file));
+        EXPECT_EQ(vxrun(command).exit, 3);
+        EXPECT_FALSE(std::filesystem::exists(path(c.file)));
+        EXPECT_FALSE(std::filesystem::exists(path(c.file + ".new")));
+    }
+    expectFailure(vxrun({graph("fanout", "\"sink/null\"", "\"sink/checksum\""), "--record", "x"}),
+                  2, std::string("BAD_OPTION") + kNothing, "2 sink/checksum nodes, expected 1");
+}
+
+// Catches: a layout of published MD5s that is not understood, a bitstream's MD5 taken for the
+// pictures', an expectation that everything or nothing matches.
+TEST_F(VxrunGoldens, ReadsWhatOthersPublish) {
+    makeClip();
+    ASSERT_EQ(vxrun({graph("linear"), "--record", path("a.md5")}).exit, 0);
+    ASSERT_EQ(vxrun({graph("linear"), "--record", path("b"), "--record-format", "md5"}).exit, 0);
+    const std::string whole = contentOf(path("b")).substr(4, 32);
+    std::string upper = whole, frames, json;
+    for (char& c : upper) c = static_cast<char>(std::toupper(c));
+    std::istringstream rows(contentOf(path("a.md5")));
+    for (std::string row; std::getline(rows, row);) {
+        frames += row.substr(0, 32) + "\r\n";
+        json += (json.empty() ? "\"" : ",\"") + row.substr(0, 32) + "\"";
+    }
+    const std::string other(32, '0');
+    const std::string none = "no row in the list", nothing = "the MD5 of no data";
+    struct Case {
+        std::string list, line;  // an empty line: it passes
+    };
+    const Case cases[] = {
+        {whole, ""},
+        {upper + "\r\n", ""},
+        {"MD5=" + whole + "\n", ""},
+        {whole + " *clip.yuv\n", ""},
+        {"# " + other + "\n; remark\n" + whole + "  clip_352x288.yuv", ""},
+        {"MD5 (clip.yuv) = " + whole, ""},
+        {other + " *clip.bit\n" + whole + " *clip.yuv\n", ""},
+        {"Checksums of the stream\n\n" + whole.substr(0, 9) + "e" + whole.substr(9) + " x", ""},
+        {frames, ""},
+        {"{\"md5_checksums\":[" + json + "],\"num_frames\":4,\"profile\":\"ANY\"}", ""},
+        {other, "the MD5 of all 4 frames differs: expected " + other + ", got " + whole},
+        {whole.substr(1) + "x", none},
+        {frames + other, "the stream has 4 frames, " + path("list") + " has 5"},
+        {"{\"md5_checksums\":[" + json + ",\"" + other + "\"]}", "the stream has 4 frames, "},
+        {"{\"md5_checksums\":[" + json + "],\n\"num_frames\":5}", ":2:14: num_frames: md5_check"},
+        {"{\"md5_checksums\":[]}", none},
+        {"{\"md5_checksums\":[\"abc\"]}", "md5_checksums[0]: expected an MD5, got 'abc'"},
+        {"{\"sums\":[]}", ":1:1: list: missing key 'md5_checksums'"},
+        {std::string("MD5=") + kNothingMd5, nothing},
+        {frames + kNothingMd5 + " x", ":5: " + nothing},
+        {std::string("0,0,0,1,36,") + kNothingMd5, nothing},
+        {std::string("{\"md5_checksums\":[\"") + kNothingMd5 + "\"]}", nothing},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.list);
+        const Result result = check(c.list);
+        const bool isPass = result.out == "verdict: PASS frames=4 checked=4 first_bad=-\n";
+        EXPECT_EQ(isPass, c.line.empty()) << result.err;
+        EXPECT_NE(result.err.find(c.line), std::string::npos) << result.err;
+    }
+}
+
+// ---- Decoding and suites ----------------------------------------------------------------------
+
+class VxrunSuite : public Vxrun {
+protected:
+    struct Entry {
+        std::string name, file, format, profile, md5;
+    };
+
+    void SetUp() override {
+        Vxrun::SetUp();
+        for (const char* name : {"GTEST_FILTER", "GTEST_TOTAL_SHARDS", "GTEST_SHARD_INDEX",
+                                 "GTEST_OUTPUT", "GTEST_SHARD_STATUS_FILE"}) {
+            unsetenv(name);  // of this test's own run
+        }
+        if (!makeVideo("clip.m2v", "yuv420p", "mpeg2video")) GTEST_SKIP() << "no ffmpeg program";
+        const Result made = run({"ffmpeg", "-v", "error", "-flags", "unaligned", "-i",
+                                 path("clip.m2v"), "-fps_mode", "passthrough", "-f", "md5", "-"});
+        ASSERT_EQ(made.out.rfind("MD5=", 0), 0u) << made.err;
+        mMd5 = made.out.substr(4, 32);
+    }
+    // Whoever waits for the other end of the pipe waits no longer.
+    void TearDown() override {
+        close(open(path("S/stuck/pipe").c_str(), O_WRONLY | O_NONBLOCK));
+        Vxrun::TearDown();
+    }
+
+    // A suite called S, in a file and with a clip for each entry that asks for it.
+    void makeSuite(const std::vector<Entry>& entries, const std::string& more = "") const {
+        std::string vectors;
+        for (const Entry& e : entries) {
+            vectors += (vectors.empty() ? "" : ",\n") +
+                       ("{\"name\":\"" + e.name + "\",\"source\":\"http://x/y.zip\"," +
+                        "\"source_checksum\":\"__skip__\",\"input_file\":\"" + e.file + "\"," +
+                        (e.format.empty() ? "" : "\"output_format\":\"" + e.format + "\",") +
+                        (e.profile.empty() ? "" : "\"profile\":\"" + e.profile + "\",") +
+                        "\"result\":\"" + e.md5 + "\"}");
+            const bool hasFolder = e.file.find('/') != std::string::npos;
+            const std::filesystem::path file =
+                path("S/") + (hasFolder ? "" : e.name + "/") + e.file;
+            std::filesystem::create_directories(file.parent_path());
+            if (file.filename() == "pipe") {
+                mkfifo(file.c_str(), 0600);
+            } else if (file.filename() == "clip.m2v") {
+                writeFile(file, contentOf(path("clip.m2v")));
+            }
+        }
+        writeFile(path("s.json"),
+                  "{\"name\":\"S\",\"codec\":\"MPEG2_VIDEO\",\"description\":\"\"," + more +
+                      "\"failing_test_vectors\":[{}],\"test_vectors\":[" + vectors + "]}");
+    }
+
+    std::vector<std::string> suite(const std::vector<std::string>& options,
+                                   const std::string& folder = ".") const {
+        std::vector<std::string> command = {VXRUN_BINARY,  "suite",      path("s.json"),
+                                            "--resources", path(folder), "--junit",
+                                            path("j.xml"), "--jobs",     "2"};
+        command.insert(command.end(), options.begin(), options.end());
+        return command;
+    }
+
+    // "name state;..." of a report that is as strict readers want it.
+    std::string junit() const {
+        pugi::xml_document document;
+        const auto parsed = document.load_file(path("j.xml").c_str());
+        EXPECT_TRUE(parsed) << parsed.description() << "\n" << contentOf(path("j.xml"));
+        const pugi::xml_node node = document.child("testsuites").child("testsuite");
+        EXPECT_STREQ(node.child("properties").child("property").attribute("value").value(),
+                     "libavcodec-mpeg2video");
+        std::string states;
+        int failures = 0, errors = 0, skipped = 0, tests = 0;
+        for (const pugi::xml_node test : node.children("testcase")) {
+            const pugi::xml_node first = test.first_child();
+            const std::string kind = first.name();
+            const std::string type = first.attribute("type").value();
+            states += std::string(test.attribute("classname").value()) + "/" +
+                      test.attribute("name").value() + " " + kind + (type.empty() ? "" : " ") +
+                      type + ";";
+            ++tests;
+            failures += kind == "failure";
+            errors += kind == "error";
+            skipped += kind == "skipped";
+            if (kind == "failure" || kind == "error") {
+                EXPECT_STREQ(first.attribute("message").value(), first.text().get());
+                EXPECT_STRNE(first.text().get(), "");
+            }
+        }
+        EXPECT_EQ(node.attribute("tests").as_int(), tests);
+        EXPECT_EQ(node.attribute("failures").as_int(), failures);
+        EXPECT_EQ(node.attribute("errors").as_int(), errors);
+        EXPECT_EQ(node.attribute("skipped").as_int(), skipped);
+        return states;
+    }
+
+    std::string mMd5;  // of clip.m2v
+};
+
+// Catches: an MD5 or file that differs from ffmpeg's, a conversion, an exit code or last line that
+// those who call it cannot use.
+TEST_F(VxrunSuite, DecodesInOneLine) {
+    const std::string clip = path("clip.m2v");
+    struct Case {
+        std::vector<std::string> options;
+        int exit;
+        std::string line;  // on standard error
+    };
+    const std::string done = "verdict: DONE frames=30 checked=0 first_bad=-\n";
+    const Case cases[] = {
+        {{clip}, 0, done},
+        {{clip, "--md5", "-o", path("a.yuv"), "--codec", "mpeg2video", "--threads", "2"}, 0, done},
+        {{clip, "--format", "yuv420p", "--allocator", "dmabuf"}, 0, done},
+        {{clip, "--format", "None", "--codec", "MPEG-2"}, 69, "no decoder 'MPEG-2'"},
+        {{clip, "--format", "yuv420p10le"}, 69, "the pictures are yuv420p, not 'yuv420p10le'"},
+        {{clip, "--codec", "h266", "--unsupported-exit", "77"}, 77, "NOT_SUPPORTED"},
+        {{clip, "--codec", "aac"}, 69, "no decoder 'aac'"},
+        {{clip, "--format"}, 2, "verdict: BAD_OPTION"},
+        {{clip, "another"}, 2, "unexpected 'another'"},
+        {{path("none.m2v")}, 3, "none.m2v: No such file or directory"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        std::vector<std::string> command = {"decode"};
+        command.insert(command.end(), c.options.begin(), c.options.end());
+        const Result result = vxrun(command);
+        EXPECT_EQ(result.exit, c.exit);
+        EXPECT_EQ(result.out, c.exit == 0 ? mMd5 + "\n" : "");
+        EXPECT_NE(result.err.find(c.line), std::string::npos) << result.err;
+    }
+    const Result again = vxrun({"decode", clip, "-o", path("b.yuv")});
+    EXPECT_EQ(again.out, "");
+    EXPECT_EQ(contentOf(path("a.yuv")).size(), 30u * 34 * 26 * 3 / 2);
+    EXPECT_EQ(contentOf(path("a.yuv")), contentOf(path("b.yuv")));
+    writeFile(path("damaged.m2v"), contentOf(clip).substr(0, 3000) + std::string(50, '\x55') +
+                                       contentOf(clip).substr(3050));
+    const Result damaged = vxrun({"decode", path("damaged.m2v")});
+    EXPECT_EQ(damaged.exit, 1) << damaged.err;
+    EXPECT_EQ(damaged.out.size(), 33u);
+    const Result tolerant = vxrun({"decode", path("damaged.m2v"), "--tolerate-errors"});
+    EXPECT_EQ(tolerant.exit, 0) << tolerant.err;
+    EXPECT_EQ(tolerant.out, damaged.out);
+}
+
+// Catches: a vector that passes by mistake, an outcome that is counted as another, a report that is not
+// valid, hides a failure, or breaks at what names and logs contain.
+TEST_F(VxrunSuite, ReportsEveryOutcome) {
+    const std::string wrong(32, 'a');
+    makeSuite({{"good", "clip.m2v", "yuv420p", "Main", mMd5},
+               {"sub", "a/clip.m2v", "None", "Main", mMd5},
+               {"wrong", "clip.m2v", "", "Main", wrong},
+               {"deep", "clip.m2v", "yuv422p10le", "4:2:2", mMd5},
+               {"gone", "gone\xC2\x80.m2v", "", "", mMd5},
+               {"a<b>&\\\"c|d,\\u0001", "a/clip.m2v", "", "Main", mMd5}});
+    std::filesystem::create_symlink(".", path("\xFF"));  // no UTF-8
+    Result result = run(suite({"--json", path("j.json"), "--csv", path("j.csv"), "--markdown",
+                               path("j.md"), "--output", path("o")},
+                              "\xFF"));
+    EXPECT_EQ(result.exit, 1) << result.err;
+    EXPECT_NE(result.out.find("\nverdict: FAIL passed=3 failed=1 errors=1 skipped=1\n"),
+              std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find("Main            4         3         1         0         0"),
+              std::string::npos)
+        << result.out;
+    EXPECT_EQ(junit(),
+              "S.mpeg2video.Main/good ;S.mpeg2video.Main/sub ;"
+              "S.mpeg2video.Main/wrong failure CRC_MISMATCH;"
+              "S.mpeg2video.4:2:2/deep skipped;S.mpeg2video/gone error NODE_FAIL_INIT;"
+              "S.mpeg2video.Main/a<b>&\"c|d, ;");
+    const std::string xml = contentOf(path("j.xml"));
+    EXPECT_NE(xml.find("expected MD5 " + wrong + ", got " + mMd5), std::string::npos) << xml;
+    EXPECT_EQ(xml.find('\xFF'), std::string::npos);
+    EXPECT_NE(contentOf(path("j.csv")).find("\nwrong,Fail,"), std::string::npos);
+    EXPECT_NE(contentOf(path("j.csv")).find("\n\"a<b>&\"\"c|d,\x01\",Success,"), std::string::npos);
+    EXPECT_NE(contentOf(path("j.md")).find("\n|TOTAL|3/6|\n"), std::string::npos);
+    EXPECT_NE(contentOf(path("j.md")).find("c\\|d,"), std::string::npos);
+    EXPECT_NE(contentOf(path("j.json")).find("\"failed_error\": 2,"), std::string::npos);
+    EXPECT_EQ(contentOf(path("o/S/good.out")).size(), 30u * 34 * 26 * 3 / 2);
+}
+
+// Catches: a suite that passes although nothing ran, and other codes that scripts cannot rely on; a
+// suite file or option that is no good and is taken.
+TEST_F(VxrunSuite, EndsWithACode) {
+    struct Case {
+        std::string md5, more;
+        std::vector<std::string> options;
+        int exit;
+        std::string line;  // on either output
+    };
+    const std::string wrong(32, 'a'), pass = "verdict: PASS passed=1 failed=0 errors=0 skipped=0\n";
+    const Case cases[] = {
+        {mMd5, "", {}, 0, pass},
+        {mMd5, "\"test_method\":\"md5\",\"time_taken\":1.5,", {}, 0, pass},
+        {mMd5, "", {"--filter", "none*"}, 4, "verdict: NOTHING_CHECKED passed=0"},
+        {mMd5, "", {"--shard", "2/2"}, 77, "verdict: SKIPPED passed=0"},
+        {"", "\"test_method\":\"pixel\",", {}, 77, "verdict: SKIPPED passed=0"},
+        {mMd5, "\"negative_test\":true,", {}, 1, "decoded as if nothing was wrong"},
+        {"", "\"negative_test\":true,", {}, 1, "decoded as if nothing was wrong"},
+        {wrong, "\"negative_test\":true,", {}, 0, pass},
+        {kNothingMd5, "", {}, 2, "result: the MD5 of no data"},
+        {"", "", {}, 2, "result: expected an MD5, got ''"},
+        {mMd5, "\"speed\":1,", {}, 2, "s.json:1:60: speed: unknown key"},
+        {mMd5, "\"test_method\":\"ear\",", {}, 2, "expected md5, pixel or sample, got 'ear'"},
+        {mMd5, "", {"--shard", "0/2"}, 2, "--shard: expected a number from 1 to 2, got '0'"},
+        {mMd5, "", {"--shard", "2"}, 2, "--shard: expected a number from 1 to 1000000, got ''"},
+        {mMd5, "", {"--csv", "/nonexistent/a"}, 2, "/nonexistent/a.part: No such file"},
+        {mMd5, "", {"--output", "/dev/null/a"}, 2, "/dev/null/a"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        makeSuite({{"a", "clip.m2v", "", "", c.md5}}, c.more);
+        const Result result = run(suite(c.options));
+        EXPECT_EQ(result.exit, c.exit) << result.err;
+        EXPECT_NE((result.out + result.err).find(c.line), std::string::npos) << result.err;
+    }
+    makeSuite({{"a", "../../clip.m2v", "", "", mMd5}});
+    EXPECT_EQ(run(suite({})).exit, 2);
+}
+
+// Catches: a vector that no shard runs, or two do; a filter or variable that is not heeded.
+TEST_F(VxrunSuite, SelectsVectors) {
+    std::vector<Entry> entries;
+    for (const char* name : {"a-1", "a-2", "b-1", "b-2", "c"}) {
+        entries.push_back({name, "clip.m2v", "", "", mMd5});
+    }
+    makeSuite(entries);
+    struct Case {
+        std::vector<std::string> options, variables;
+        std::string names;
+    };
+    const Case cases[] = {
+        {{}, {}, "a-1 a-2 b-1 b-2 c "},
+        {{"--filter", "a-*:S.c"}, {}, "a-1 a-2 c "},
+        {{"--filter", "?-*:-*-2"}, {}, "a-1 b-1 "},
+        {{"--filter", "-a*:c"}, {}, "b-1 b-2 "},
+        {{"--shard", "1/3"}, {}, "a-1 b-2 "},
+        {{"--shard", "3/3", "--filter", "-a-1"}, {}, "b-2 "},
+        {{}, {"GTEST_FILTER=S.b*"}, "b-1 b-2 "},
+        {{"--filter", "c"}, {"GTEST_FILTER=S.b*"}, "c "},
+        {{}, {"GTEST_TOTAL_SHARDS=2", "GTEST_SHARD_INDEX=1"}, "a-2 b-2 "},
+        {{"--shard", "1/1"}, {"GTEST_TOTAL_SHARDS=2", "GTEST_SHARD_INDEX=2"}, "a-1 a-2 b-1 b-2 c "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.names);
+        std::vector<std::string> command = suite({"--list"});
+        command.insert(command.end(), c.options.begin(), c.options.end());
+        Process process(command, c.variables);
+        EXPECT_EQ(process.wait(), 0) << process.err;
+        std::replace(process.out.begin(), process.out.end(), '\n', ' ');
+        EXPECT_EQ(process.out, c.names);
+    }
+    std::vector<std::string> command = suite({});
+    command.erase(command.begin() + 5, command.begin() + 7);  // --junit
+    Process process(command, {"GTEST_OUTPUT=xml:" + path("j.xml"), "GTEST_FILTER=c",
+                              "GTEST_SHARD_STATUS_FILE=" + path("status")});
+    EXPECT_EQ(process.wait(), 0) << process.err;
+    EXPECT_EQ(junit(), "S.mpeg2video/c ;");
+    EXPECT_TRUE(std::filesystem::exists(path("status")));
+}
+
+// Catches: a vector that never ends, or holds up the others; processes that outlive their suite; a
+// report that is damaged, or silent about what ran, when the run is cut off.
+TEST_F(VxrunSuite, EndsWhatDoesNotEnd) {
+    makeSuite({{"stuck", "pipe", "", "", mMd5},
+               {"good", "clip.m2v", "", "", mMd5},
+               {"next", "clip.m2v", "", "", mMd5}});
+    const Result late = run(suite({"--timeout", "0.5", "--filter", "stuck"}));
+    EXPECT_EQ(late.exit, 1) << late.err;
+    EXPECT_EQ(junit(), "S.mpeg2video/stuck error TIMEOUT;");
+    struct Case {
+        int signal, exit;
+    };
+    for (const Case& c : {Case{SIGTERM, 143}, Case{SIGINT, 130}, Case{SIGKILL, -SIGKILL}}) {
+        SCOPED_TRACE(c.signal);
+        Process process(suite({"--timeout", "40"}));
+        ASSERT_TRUE(process.waitForError("[2/3] next: Success")) << process.err;
+        process.kill(c.signal);
+        EXPECT_EQ(process.wait(), c.exit) << process.err;
+        const std::string rest = junit();
+        EXPECT_EQ(rest.rfind("S.mpeg2video/stuck error DID_NOT_FINISH;S.mpeg2video/good ;", 0), 0u)
+            << rest;
+        EXPECT_EQ(process.out.find("verdict: ") != std::string::npos, c.signal != SIGKILL);
+    }
+}
+
+}  // namespace
