@@ -12,37 +12,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <iomanip>
 #include <map>
 #include <sstream>
 
 namespace vxrun {
 namespace {
-
-// ---- Sums -------------------------------------------------------------------------------------
-
-struct Sums {
-    size_t total = 0;
-    size_t passed = 0;
-    size_t failed = 0;
-    size_t errors = 0;  // timeouts and what has not finished, too
-    size_t skipped = 0;
-    double seconds = 0;
-
-    void add(const Vector& vector) {
-        ++total;
-        ++(vector.state == Vector::SUCCESS                                            ? passed
-           : vector.state == Vector::FAIL                                             ? failed
-           : vector.state == Vector::NOT_RUN || vector.state == Vector::NOT_SUPPORTED ? skipped
-                                                                                      : errors);
-        seconds += vector.seconds;
-    }
-};
-
-Sums sumsOf(const Suite& suite) {
-    Sums sums;
-    for (const Vector& vector : suite.vectors) sums.add(vector);
-    return sums;
-}
 
 // Vectors without a profile are left out where none has one.
 std::map<std::string, Sums> sumsByProfile(const Suite& suite) {
@@ -54,10 +29,6 @@ std::map<std::string, Sums> sumsByProfile(const Suite& suite) {
 
 std::string decoderName(const Suite& suite) {
     return "libavcodec" + (suite.codec.empty() ? "" : "-" + suite.codec);
-}
-
-std::string messageOf(const Vector& vector) {
-    return vector.state == Vector::RUNNING ? "did not finish" : vector.message;
 }
 
 // ---- JUnit ------------------------------------------------------------------------------------
@@ -87,85 +58,69 @@ std::string now() {
     return text;
 }
 
-std::string hostName() {
-    char name[256] = "";
-    gethostname(name, sizeof name - 1);
-    return name;
+void set(pugi::xml_node node, const char* attribute, const std::string& value) {
+    node.append_attribute(attribute) = xmlText(value).c_str();
 }
 
-class JunitReport {
-public:
-    explicit JunitReport(const Suite& suite) : mSuite(suite) {
-        pugi::xml_node declaration = mDocument.append_child(pugi::node_declaration);
-        set(declaration, "version", "1.0");
-        set(declaration, "encoding", "UTF-8");
-        const Sums sums = sumsOf(suite);
-        pugi::xml_node root = addSuite(mDocument, "testsuites", "vxrun", sums);
-        pugi::xml_node node = addSuite(root, "testsuite", suite.name, sums);
-        set(node, "skipped", std::to_string(sums.skipped));
-        set(node, "timestamp", now());
-        set(node, "hostname", hostName());
-        pugi::xml_node property = node.append_child("properties").append_child("property");
-        set(property, "name", "decoder");
-        set(property, "value", decoderName(suite));
-        for (const Vector& vector : suite.vectors) addCase(node, vector);
-    }
+pugi::xml_node addSuite(pugi::xml_node parent, const char* kind, const std::string& name,
+                        const Sums& sums) {
+    pugi::xml_node node = parent.append_child(kind);
+    set(node, "name", name);
+    set(node, "tests", std::to_string(sums.total));
+    set(node, "failures", std::to_string(sums.failed));
+    set(node, "errors", std::to_string(sums.errors));
+    set(node, "time", decimal(sums.seconds));
+    return node;
+}
 
-    std::string text() const {
-        // Not through a stream, whose class is a matter of the standard library in use.
-        struct Writer final : pugi::xml_writer {
-            void write(const void* data, size_t size) override {
-                text.append(static_cast<const char*>(data), size);
-            }
-            std::string text;
-        } writer;
-        mDocument.save(writer, "  ", pugi::format_indent, pugi::encoding_utf8);
-        return writer.text;
+void addCase(pugi::xml_node parent, const Suite& suite, const Vector& vector) {
+    pugi::xml_node node = parent.append_child("testcase");
+    const std::string codec = suite.codec.empty() ? "" : "." + suite.codec;
+    set(node, "classname",
+        suite.name + codec + (vector.profile.empty() ? "" : "." + vector.profile));
+    set(node, "name", vector.name);
+    set(node, "time", decimal(vector.seconds));
+    if (vector.state == Vector::SUCCESS) return;
+    if (vector.state == Vector::NOT_RUN || vector.state == Vector::NOT_SUPPORTED) {
+        node.append_child("skipped");
+    } else {
+        const bool isRunning = vector.state == Vector::RUNNING;
+        const std::string message = isRunning ? "did not finish" : vector.message;
+        pugi::xml_node bad = node.append_child(vector.state == Vector::FAIL ? "failure" : "error");
+        set(bad, "type", isRunning ? "DID_NOT_FINISH" : vector.type);
+        set(bad, "message", message);
+        bad.text() = xmlText(message).c_str();  // some readers show this, some the attribute
     }
+    if (!vector.log.empty()) node.append_child("system-err").text() = xmlText(vector.log).c_str();
+}
 
-private:
-    static void set(pugi::xml_node node, const char* attribute, const std::string& value) {
-        node.append_attribute(attribute) = xmlText(value).c_str();
-    }
-
-    static pugi::xml_node addSuite(pugi::xml_node parent, const char* kind, const std::string& name,
-                                   const Sums& sums) {
-        pugi::xml_node node = parent.append_child(kind);
-        set(node, "name", name);
-        set(node, "tests", std::to_string(sums.total));
-        set(node, "failures", std::to_string(sums.failed));
-        set(node, "errors", std::to_string(sums.errors));
-        set(node, "time", decimal(sums.seconds));
-        return node;
-    }
-
-    void addCase(pugi::xml_node parent, const Vector& vector) {
-        pugi::xml_node node = parent.append_child("testcase");
-        std::string className = mSuite.name;
-        for (const std::string* part : {&mSuite.codec, &vector.profile}) {
-            if (!part->empty()) className += "." + *part;
+std::string junitReport(const Suite& suite) {
+    pugi::xml_document document;
+    pugi::xml_node declaration = document.append_child(pugi::node_declaration);
+    set(declaration, "version", "1.0");
+    set(declaration, "encoding", "UTF-8");
+    const Sums sums = suite.sums();
+    pugi::xml_node root = addSuite(document, "testsuites", "vxrun", sums);
+    pugi::xml_node node = addSuite(root, "testsuite", suite.name, sums);
+    set(node, "skipped", std::to_string(sums.skipped()));
+    set(node, "timestamp", now());
+    char host[256] = "";
+    gethostname(host, sizeof host - 1);
+    set(node, "hostname", host);
+    pugi::xml_node property = node.append_child("properties").append_child("property");
+    set(property, "name", "decoder");
+    set(property, "value", decoderName(suite));
+    for (const Vector& vector : suite.vectors) addCase(node, suite, vector);
+    // Not through a stream, whose class is a matter of the standard library in use.
+    struct Writer final : pugi::xml_writer {
+        void write(const void* data, size_t size) override {
+            text.append(static_cast<const char*>(data), size);
         }
-        set(node, "classname", className);
-        set(node, "name", vector.name);
-        set(node, "time", decimal(vector.seconds));
-        if (vector.state == Vector::SUCCESS) return;
-        const std::string message = messageOf(vector);
-        if (vector.state == Vector::NOT_RUN || vector.state == Vector::NOT_SUPPORTED) {
-            node.append_child("skipped");
-        } else {
-            pugi::xml_node bad =
-                node.append_child(vector.state == Vector::FAIL ? "failure" : "error");
-            set(bad, "type", vector.state == Vector::RUNNING ? "DID_NOT_FINISH" : vector.type);
-            set(bad, "message", message);
-            bad.text() = xmlText(message).c_str();  // some readers show this, some the attribute
-        }
-        if (!vector.log.empty())
-            node.append_child("system-err").text() = xmlText(vector.log).c_str();
-    }
-
-    const Suite& mSuite;
-    pugi::xml_document mDocument;
-};
+        std::string text;
+    } writer;
+    document.save(writer, "  ", pugi::format_indent, pugi::encoding_utf8);
+    return writer.text;
+}
 
 // ---- JSON, CSV, Markdown ----------------------------------------------------------------------
 
@@ -173,12 +128,12 @@ std::string jsonReport(const Suite& suite) {
     using Json = nlohmann::ordered_json;
     utsname system{};
     uname(&system);
-    const Sums sums = sumsOf(suite);
+    const Sums sums = suite.sums();
     Json run = {{"decoder_name", decoderName(suite)},
                 {"total_tests", sums.total},
                 {"passed", sums.passed},
-                {"not_run", suite.count(Vector::NOT_RUN)},
-                {"not_supported", suite.count(Vector::NOT_SUPPORTED)},
+                {"not_run", sums.notRun},
+                {"not_supported", sums.notSupported},
                 {"failed_error", sums.failed + sums.errors},
                 {"total_time", sums.seconds},
                 {"profile_stats", Json::object()},
@@ -227,7 +182,7 @@ std::string markdownRow(const std::string& first, const std::string& second) {
 }
 
 std::string markdownReport(const Suite& suite) {
-    const Sums sums = sumsOf(suite);
+    const Sums sums = suite.sums();
     const auto ratio = [](const Sums& part) {
         return std::to_string(part.passed) + "/" + std::to_string(part.total);
     };
@@ -257,33 +212,30 @@ void write(const std::string& path, const std::string& text) {
 }  // namespace
 
 void writeReports(const ReportFiles& files, const Suite& suite) {
-    if (!files.junit.empty()) write(files.junit, JunitReport(suite).text());
+    if (!files.junit.empty()) write(files.junit, junitReport(suite));
     if (!files.json.empty()) write(files.json, jsonReport(suite));
     if (!files.csv.empty()) write(files.csv, csvReport(suite));
     if (!files.markdown.empty()) write(files.markdown, markdownReport(suite));
 }
 
 std::string profileTable(const Suite& suite) {
-    auto rows = sumsByProfile(suite);
+    const auto profiles = sumsByProfile(suite);
     size_t width = 7;  // of "profile"
-    for (const auto& row : rows) width = std::max(width, row.first.size());
+    for (const auto& row : profiles) width = std::max(width, row.first.size());
     std::ostringstream table;
-    const auto add = [&](const std::string& name, const auto&... numbers) {
-        table << name << std::string(width - name.size(), ' ');
-        for (const std::string& number : {numbers...}) {
-            table << std::string(10 - std::min<size_t>(number.size(), 9), ' ') << number;
+    const auto add = [&](const std::string& name, const Sums& sums) {
+        table << std::left << std::setw(static_cast<int>(width)) << (name.empty() ? "-" : name)
+              << std::right;
+        for (const size_t sum :
+             {sums.total, sums.passed, sums.failed, sums.errors, sums.skipped()}) {
+            table << std::setw(10) << sum;
         }
-        table << "\n";
+        table << std::setw(10) << decimal(sums.seconds, 1) << "\n";
     };
-    const auto addSums = [&](const std::string& name, const Sums& sums) {
-        add(name, std::to_string(sums.total), std::to_string(sums.passed),
-            std::to_string(sums.failed), std::to_string(sums.errors), std::to_string(sums.skipped),
-            decimal(sums.seconds, 1));
-    };
-    const std::string titles[] = {"total", "passed", "failed", "errors", "skipped", "seconds"};
-    add("profile", titles[0], titles[1], titles[2], titles[3], titles[4], titles[5]);
-    for (const auto& [profile, sums] : rows) addSums(profile.empty() ? "-" : profile, sums);
-    addSums("all", sumsOf(suite));
+    table << "profile" << std::string(width - 7, ' ')
+          << "     total    passed    failed    errors   skipped   seconds\n";
+    for (const auto& [profile, sums] : profiles) add(profile, sums);
+    add("all", suite.sums());
     return table.str();
 }
 

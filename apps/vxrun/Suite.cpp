@@ -108,9 +108,17 @@ private:
 
 }  // namespace
 
-size_t Suite::count(Vector::State state) const {
-    const auto matches = [&](const Vector& vector) { return vector.state == state; };
-    return static_cast<size_t>(std::count_if(vectors.begin(), vectors.end(), matches));
+void Sums::add(const Vector& vector) {
+    size_t* const sums[] = {&notRun, &errors, &passed, &failed, &errors, &errors, &notSupported};
+    ++*sums[vector.state];
+    ++total;
+    seconds += vector.seconds;
+}
+
+Sums Suite::sums() const {
+    Sums sums;
+    for (const Vector& vector : vectors) sums.add(vector);
+    return sums;
 }
 
 Suite readSuite(const std::string& path) {
@@ -126,14 +134,12 @@ const char* stateName(Vector::State state) {
 void filterVectors(Suite* suite, const std::string& filter) {
     if (filter.empty()) return;
     std::vector<std::string> wanted, unwanted;
-    std::istringstream patterns(filter);
-    bool negative = false;
-    for (std::string pattern; std::getline(patterns, pattern, ':');) {
-        if (pattern.rfind('-', 0) == 0) {
-            negative = true;
-            pattern.erase(0, 1);
-        }
-        if (!pattern.empty()) (negative ? unwanted : wanted).push_back(pattern);
+    auto* globs = &wanted;
+    std::istringstream parts(filter);
+    for (std::string glob; std::getline(parts, glob, ':');) {
+        const bool isNegative = glob.rfind('-', 0) == 0;
+        if (isNegative) globs = &unwanted;
+        globs->push_back(glob.substr(isNegative ? 1 : 0));
     }
     if (wanted.empty()) wanted = {"*"};
     const auto matches = [&](const Vector& vector, const std::vector<std::string>& globs) {

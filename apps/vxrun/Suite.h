@@ -24,9 +24,22 @@ struct Vector {
     double seconds = 0;
 };
 
+// How many vectors there are of each kind.
+struct Sums {
+    void add(const Vector& vector);
+    size_t skipped() const { return notRun + notSupported; }
+
+    size_t total = 0;
+    size_t passed = 0;
+    size_t failed = 0;
+    size_t errors = 0;  // timeouts, and what has not finished, too
+    size_t notRun = 0;
+    size_t notSupported = 0;
+    double seconds = 0;
+};
+
 struct Suite {
-    // How many vectors are in a state; a running one has not finished, which counts as an error.
-    size_t count(Vector::State state) const;
+    Sums sums() const;
 
     std::string name;
     std::string codec;       // as libavcodec calls it; empty: any

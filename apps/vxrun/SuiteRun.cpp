@@ -308,14 +308,11 @@ private:
 };
 
 // The verdict's word.
-std::string verdictOf(const Suite& suite, int signal, bool anySelected) {
+std::string verdictOf(const Sums& sums, int signal, bool anySelected) {
     if (signal != 0) return signal == SIGINT ? "SIGINT" : "SIGTERM";
-    for (const auto state : {Vector::FAIL, Vector::TIMEOUT, Vector::ERROR}) {
-        if (suite.count(state) > 0) return "FAIL";
-    }
-    if (suite.count(Vector::SUCCESS) > 0) return "PASS";
-    // Nothing to do here, or a mistake in the selection.
-    return anySelected ? "SKIPPED" : "NOTHING_CHECKED";
+    if (sums.failed + sums.errors > 0) return "FAIL";
+    if (sums.passed > 0) return "PASS";
+    return anySelected ? "SKIPPED" : "NOTHING_CHECKED";  // that is a mistake in the selection
 }
 
 }  // namespace
@@ -332,13 +329,11 @@ int runSuite(SuiteOptions options) {
     const std::string status = variable("GTEST_SHARD_STATUS_FILE");
     if (!status.empty()) OutputFile(status).commit();
     const int signal = SuiteRun(options, &suite).run();
-    const std::string word = verdictOf(suite, signal, anySelected);
-    const size_t passed = suite.count(Vector::SUCCESS);
-    const size_t failed = suite.count(Vector::FAIL);
-    const size_t skipped = suite.count(Vector::NOT_SUPPORTED) + suite.count(Vector::NOT_RUN);
+    const Sums sums = suite.sums();
+    const std::string word = verdictOf(sums, signal, anySelected);
     std::printf("%sverdict: %s passed=%zu failed=%zu errors=%zu skipped=%zu\n",
-                profileTable(suite).c_str(), word.c_str(), passed, failed,
-                suite.vectors.size() - passed - failed - skipped, skipped);
+                profileTable(suite).c_str(), word.c_str(), sums.passed, sums.failed, sums.errors,
+                sums.skipped());
     std::fflush(stdout);
     return exitCode(word);
 }

@@ -10,7 +10,6 @@ extern "C" {
 #include <algorithm>
 #include <cctype>
 #include <cstring>
-#include <map>
 
 namespace vxrun {
 namespace {
@@ -74,22 +73,17 @@ const AVCodec* findDecoder(const std::string& name) {
 // The profile of a stream in the words of the lists that name it: H264PROFILE_BASELINE,
 // HEVCPROFILE_MAIN10; empty where they have none.
 std::string profileOf(const AVCodecContext& codec) {
-    static const std::map<AVCodecID, std::string> prefixes = {
-        {AV_CODEC_ID_H264, "H264PROFILE_"},
-        {AV_CODEC_ID_HEVC, "HEVCPROFILE_"},
-        {AV_CODEC_ID_VP9, "VP9PROFILE_"},
-        {AV_CODEC_ID_AV1, "AV1PROFILE_PROFILE_"}};
-    if (codec.codec_id == AV_CODEC_ID_VP8) return "VP8PROFILE_ANY";
-    const auto prefix = prefixes.find(codec.codec_id);
     const char* const name = avcodec_profile_name(codec.codec_id, codec.profile);
-    if (prefix == prefixes.end() || name == nullptr) return {};
-    std::string profile = name;
+    std::string profile = name == nullptr ? "" : name;
     if (profile.rfind("Constrained ", 0) == 0) profile.erase(0, profile.find(' '));
-    std::string word = prefix->second;
-    for (const char c : profile) {
-        if (c != ' ') word += static_cast<char>(std::toupper(c));
-    }
-    return word;
+    profile.erase(std::remove(profile.begin(), profile.end(), ' '), profile.end());
+    for (char& c : profile) c = static_cast<char>(std::toupper(c));
+    if (codec.codec_id == AV_CODEC_ID_VP8) return "VP8PROFILE_ANY";
+    if (profile.empty()) return {};
+    if (codec.codec_id == AV_CODEC_ID_H264) return "H264PROFILE_" + profile;
+    if (codec.codec_id == AV_CODEC_ID_HEVC) return "HEVCPROFILE_" + profile;
+    if (codec.codec_id == AV_CODEC_ID_VP9) return "VP9PROFILE_" + profile;
+    return codec.codec_id == AV_CODEC_ID_AV1 ? "AV1PROFILE_PROFILE_" + profile : "";
 }
 
 void copyPicture(const AVFrame& picture, const PictureFormat& format, const Payload& payload) {
