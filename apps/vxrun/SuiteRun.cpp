@@ -140,8 +140,8 @@ public:
 
     // Sends SIGTERM, the next time SIGKILL.
     void end() {
-        kill(mPid, mSent == 0 ? SIGTERM : SIGKILL);
         mSent = mSent == 0 ? SIGTERM : SIGKILL;
+        kill(mPid, mSent);
         mDeadline = Clock::now() + kGrace;
     }
 
