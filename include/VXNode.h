@@ -105,6 +105,10 @@ public:
     uint64_t inputDelay();
     uint64_t totalDelay();
 
+    // Works that were queued here and that the node has not dealt with: those that wait in its event
+    // queue, and the batch that it is handling. Costs nothing but the count itself.  [any thread]
+    uint64_t queuedWorks() const { return mQueued->load(std::memory_order_relaxed); }
+
 private:
     using DelayReport = void (DelayObserver::*)(const std::string&, unsigned long);
     void setDelay(uint64_t VXInputPort::*member, unsigned long delay, DelayReport report);
@@ -113,6 +117,9 @@ private:
     std::weak_ptr<DelayObserver> mObserver VX_GUARDED_BY(mLock);  // the upstream output port
     uint64_t mInputDelay = 1;                                     // both guarded by mLock
     uint64_t mTotalDelay = 1;
+    // Shared with the batches under way, which may outlive the port.
+    const std::shared_ptr<std::atomic<uint64_t>> mQueued =
+        std::make_shared<std::atomic<uint64_t>>(0);
 };
 
 // VXOutputPort: sends works to any number of input ports, and combines their delays by maximum.
@@ -238,6 +245,30 @@ public:
         EVENT_FLUSH = 513,
         EVENT_DRAIN = 514,  // posted by node implementations
         EVENT_FENCE = 515,  // posted by node implementations; "fd": int32
+    };
+
+    // CREATED -> SETTING_UP -> SET_UP -> RUNNING -> STOPPED -> TORN_DOWN; a failed onSetup() goes back
+    // to CREATED, stop() leads to STOPPED from everywhere but CREATED and STOPPED.
+    enum State : uint32_t {
+        CREATED = 0,
+        SETTING_UP = 1,
+        SET_UP = 2,
+        RUNNING = 3,
+        STOPPED = 4,
+        TORN_DOWN = 5,
+    };
+
+    // What a node has in hand at one moment, for whoever watches it from outside.
+    struct VX_EXPORT Status {
+        struct Port {
+            std::string name;
+            uint64_t queuedWorks;  // see VXInputPort::queuedWorks()
+        };
+        State state = CREATED;
+        uint64_t pendingInputs = 0;     // arrived and not yet taken; none of a source's own making
+        uint64_t outstandingWorks = 0;  // sent downstream and not yet released
+        uint64_t capacity = 0;          // how many may be outstanding; 0 without a regulator
+        std::vector<Port> inputPorts;   // in order of creation
     };
 
     // The finished works that one EVENT_WORKS_DONE carries; owns them until it is handled.
@@ -389,6 +420,10 @@ public:
     // (and `*value` untouched) when there is none.  [any thread]
     VXError getInitConfig(const std::string& key, std::string* value);
 
+    // How the node stands. The figures are read one after another while it runs on. Not virtual, so it
+    // is good until this base class is destroyed.  [any thread]
+    Status status();
+
     const std::string& type() const { return mType; }
     // The buffer allocator chosen for the whole graph; "any" until the graph builder sets it.
     const std::string& allocatorType() const { return mAllocatorType; }
@@ -406,17 +441,6 @@ protected:
     std::shared_ptr<Handler> handler();
 
 private:
-    // CREATED -> SETTING_UP -> SET_UP -> RUNNING -> STOPPED -> TORN_DOWN; a failed onSetup() goes back
-    // to CREATED, stop() leads to STOPPED from everywhere but CREATED and STOPPED.
-    enum State : uint32_t {
-        CREATED = 0,
-        SETTING_UP = 1,
-        SET_UP = 2,
-        RUNNING = 3,
-        STOPPED = 4,
-        TORN_DOWN = 5,
-    };
-
     std::shared_ptr<VXListener> listener();
     std::shared_ptr<Regulator> regulator();
     VXError post(std::shared_ptr<xc2::Event> event);
@@ -431,7 +455,7 @@ private:
     std::shared_ptr<Handler> mHandler VX_GUARDED_BY(mLock);
     std::shared_ptr<Regulator> mRegulator VX_GUARDED_BY(mLock);
     VXMutex mLock;
-    std::atomic<uint32_t> mState{CREATED};  // written under mLock, read without it in two places
+    std::atomic<State> mState{CREATED};  // written under mLock, read without it in two places
     std::vector<std::shared_ptr<VXInputPort>> mInputPorts;
     std::vector<std::shared_ptr<VXOutputPort>> mOutputPorts;
     std::string mAllocatorType = "any";
@@ -476,7 +500,7 @@ private:
 // capacity = largest downstream total delay + batch size + 2 allows.
 //
 // Life     made by VXNode::start(), dropped by VXNode::shutDown(). Always held by a shared pointer.
-// Threads  [event thread], so it needs no lock.
+// Threads  [event thread], so it needs no lock; but for the two counts that anyone may read.
 // Owns     the ids of the works sent downstream and not yet released; never the works.
 class VX_EXPORT VXNode::Regulator : public VXObject,
                                     public std::enable_shared_from_this<Regulator> {
@@ -501,6 +525,9 @@ public:
     bool canScheduleWorks(unsigned long* nWorksReady);
     unsigned long maxDownstreamCapacity() const;
     unsigned long freeDownstreamCapacity() const;
+    // The works that are out downstream, and how many may be.  [any thread]
+    uint64_t outstandingWorks() const { return mOutstanding.load(std::memory_order_relaxed); }
+    uint64_t capacity() const { return mMaxDownstreamWorks.load(std::memory_order_relaxed); }
 
     // Numbers finished works, tracks them and sends them through the first output port; further
     // output ports carry none. Without output ports the works are released at once.
@@ -529,7 +556,8 @@ private:
     std::unordered_map<std::string, uint64_t> mPortDelays;
     std::atomic<uint64_t> mWorkIdCounter{0};
     std::set<uint64_t> mDownstreamWorksTracker;
-    uint64_t mMaxDownstreamWorks = 2;
+    std::atomic<uint64_t> mOutstanding{0};  // the tracker's size, for other threads
+    std::atomic<uint64_t> mMaxDownstreamWorks{2};
     uint64_t mFrameCounter = 0;
 };
 

@@ -40,10 +40,27 @@ VXError VXInputPort::acceptConnection(const Format& format, std::weak_ptr<DelayO
     return VX_OK;
 }
 
+namespace {
+
+// A batch that counts as queued as long as its event lives: until it is handled, refused or dropped.
+struct QueuedWorks final : public VXInputPort::WorkInfo {
+    QueuedWorks(std::list<std::shared_ptr<VXSharedWork>> batch,
+                std::shared_ptr<std::atomic<uint64_t>> counter)
+        : count(batch.size()), queued(std::move(counter)) {
+        works = std::move(batch);
+        queued->fetch_add(count, std::memory_order_relaxed);
+    }
+    ~QueuedWorks() override { queued->fetch_sub(count, std::memory_order_relaxed); }
+
+    const uint64_t count;
+    const std::shared_ptr<std::atomic<uint64_t>> queued;
+};
+
+}  // namespace
+
 VXError VXInputPort::queueWorks(std::list<std::shared_ptr<VXSharedWork>> works) {
     if (mHandler == nullptr) return VX_NO_INIT;
-    auto workInfo = std::make_shared<WorkInfo>();
-    workInfo->works = std::move(works);
+    std::shared_ptr<WorkInfo> workInfo = std::make_shared<QueuedWorks>(std::move(works), mQueued);
     VX_LOGT("[%s] posting EVENT_DO_WORK with %zu works", name().c_str(), workInfo->works.size());
     auto event = std::make_shared<xc2::Event>(VXNode::EVENT_DO_WORK);
     event->info().put("works", std::move(workInfo));
@@ -351,13 +368,31 @@ void VXNode::shutDown() {
 }
 
 void VXNode::teardown() {
-    const uint32_t state = mState;
+    const State state = mState;
     if (state != CREATED && state != STOPPED) {
         VX_LOGW("[%s] Node being destroyed without stopping.. attempting stop", name().c_str());
         stop();
     }
     VXLocker lock(mLock);
     mState = TORN_DOWN;
+}
+
+VXNode::Status VXNode::status() {
+    Status status;
+    {
+        VXLocker lock(mLock);
+        status.state = mState;
+        if (mRegulator != nullptr) {
+            status.outstandingWorks = mRegulator->outstandingWorks();
+            status.capacity = mRegulator->capacity();
+        }
+        for (const auto& port : mInputPorts) {
+            status.inputPorts.push_back({port->name(), port->queuedWorks()});
+        }
+    }
+    VXLocker lock(mPendingInputLock);
+    status.pendingInputs = mPendingInputWorks.size();
+    return status;
 }
 
 std::shared_ptr<VXNode::Handler> VXNode::handler() {
@@ -623,7 +658,7 @@ VXNode::Regulator::Regulator(VXNode& node, unsigned long batchSize,
       mBatchSize(batchSize),
       mPortDelays(portDelays.begin(), portDelays.end()),
       mMaxDownstreamWorks(maxDownstreamCapacity()) {
-    VX_LOGT("[%s] Created with downstream-capacity = %zu", name().c_str(), mMaxDownstreamWorks);
+    VX_LOGT("[%s] Created with downstream-capacity = %zu", name().c_str(), capacity());
 }
 
 VXNode::Regulator::~Regulator() = default;
@@ -650,9 +685,10 @@ unsigned long VXNode::Regulator::maxDownstreamCapacity() const {
 
 unsigned long VXNode::Regulator::freeDownstreamCapacity() const {
     const uint64_t outstanding = mDownstreamWorksTracker.size();
+    const uint64_t most = capacity();
     VX_LOGD("[%s] freeDownstreamCapacity mDownstreamWorksTracker.size(%d) mMaxDownstreamWorks(%d)",
-            name().c_str(), static_cast<int>(outstanding), static_cast<int>(mMaxDownstreamWorks));
-    return outstanding < mMaxDownstreamWorks ? mMaxDownstreamWorks - outstanding : 0;
+            name().c_str(), static_cast<int>(outstanding), static_cast<int>(most));
+    return outstanding < most ? most - outstanding : 0;
 }
 
 bool VXNode::Regulator::canScheduleWorks(unsigned long* nWorksReady) {
@@ -748,6 +784,7 @@ VXError VXNode::Regulator::registerDownstreamWork(std::unique_ptr<VXWork> proces
     *workToDispatch = processedWork->share(DownstreamWorkTracker(mNode.handler()));
     VX_FAIL_IF(*workToDispatch == nullptr, VX_NO_MEMORY);
     mDownstreamWorksTracker.insert(id);
+    mOutstanding.store(mDownstreamWorksTracker.size(), std::memory_order_relaxed);
     return VX_OK;
 }
 
@@ -760,7 +797,9 @@ VXError VXNode::Regulator::registerInputWork(std::shared_ptr<VXSharedWork> input
 }
 
 VXError VXNode::Regulator::releaseDownstreamWork(unsigned long id) {
-    if (mDownstreamWorksTracker.erase(id) != 0) return VX_OK;
+    const bool known = mDownstreamWorksTracker.erase(id) != 0;
+    mOutstanding.store(mDownstreamWorksTracker.size(), std::memory_order_relaxed);
+    if (known) return VX_OK;
     VX_LOGW("[%s] Downstream released untracked work (id: %llu)", name().c_str(),
             static_cast<unsigned long long>(id));
     return VX_NOT_FOUND;
@@ -772,7 +811,7 @@ VXError VXNode::Regulator::notifyDownstreamTotalDelay(const std::string& portId,
     uint64_t& known = mPortDelays[portId];
     if (known == delay) return VX_OK;
     known = delay;
-    mMaxDownstreamWorks = maxDownstreamCapacity();
+    mMaxDownstreamWorks.store(maxDownstreamCapacity(), std::memory_order_relaxed);
     return schedule();
 }
 

@@ -468,6 +468,56 @@ TEST_F(NodeTest, PendingInputs) {
     EXPECT_EQ(count, 0u);
 }
 
+// Catches: a status that waits for a busy node, loses works between port and pending list, forgets one
+// that is out or released, or counts works that a stopped node has refused.
+TEST_F(NodeTest, StatusTellsWhereWorksAre) {
+    const auto expectStatus = [](VXNode& node, VXNode::State state, uint64_t queued,
+                                 uint64_t pending, uint64_t outstanding, uint64_t capacity) {
+        const VXNode::Status status = node.status();
+        EXPECT_EQ(status.state, state);
+        ASSERT_EQ(status.inputPorts.size(), state == VXNode::CREATED ? 0u : 1u);
+        if (!status.inputPorts.empty()) {
+            EXPECT_EQ(status.inputPorts[0].name, "n.in");
+            EXPECT_EQ(status.inputPorts[0].queuedWorks, queued);
+        }
+        EXPECT_EQ(status.pendingInputs, pending);
+        EXPECT_EQ(status.outstandingWorks, outstanding);
+        EXPECT_EQ(status.capacity, capacity);
+    };
+    Tally tally;
+    auto node = make();
+    expectStatus(*node, VXNode::CREATED, 0, 0, 0, 0);
+    ASSERT_EQ(node->setup(false), VX_OK);
+    recordOutput(*node);
+    const auto input = node->inputPorts().front();
+    node->processHook = [&](Works inputs, Outputs* outputs) {
+        tally.hit("processing");
+        EXPECT_TRUE(tally.waitFor("go on"));
+        for (const auto& work : inputs) outputs->push_back(ScriptedNode::copyOf(*work));
+        return VX_OK;
+    };
+    node->drainHook = [&] { tally.hit("drained"); };
+    ASSERT_EQ(node->start(listener), VX_OK);
+    for (uint64_t i = 0; i < 10; ++i) EXPECT_EQ(input->queueWorks({makeInput(i)}), VX_OK);
+    ASSERT_TRUE(tally.waitFor("processing"));
+    expectStatus(*node, VXNode::RUNNING, 10, 0, 0, 4);
+    const auto drain = [&](int times) {
+        node->handler()->postAsync(makeEvent(VXNode::EVENT_DRAIN));
+        return tally.waitFor("drained", times);
+    };
+    tally.hit("go on");
+    ASSERT_TRUE(drain(1));
+    ASSERT_TRUE(drain(2));  // the last batch's event is gone, too
+    expectStatus(*node, VXNode::RUNNING, 0, 6, 4, 4);
+    std::vector<std::shared_ptr<xc2::Event>>().swap(downstream->events);  // releases all four
+    ASSERT_TRUE(drain(3));
+    expectStatus(*node, VXNode::RUNNING, 0, 0, 6, 4);  // the whole pending list made one batch
+    EXPECT_EQ(node->stop(), VX_OK);
+    expectStatus(*node, VXNode::STOPPED, 0, 0, 0, 0);
+    EXPECT_EQ(input->queueWorks({makeInput(10)}), VX_OK);
+    expectStatus(*node, VXNode::STOPPED, 0, 0, 0, 0);
+}
+
 // Catches: a flush that keeps inputs, skips a node, or goes on past a failing port.
 TEST_F(NodeTest, FlushGoesDownTheGraph) {
     auto up = make({"up.in"}, {"up.a", "up.b"});
