@@ -2,6 +2,7 @@
 
 #include "Console.h"
 #include "Failure.h"
+#include "Trace.h"
 
 #include <algorithm>
 
@@ -71,8 +72,11 @@ AppNode::AppNode(NodeArguments arguments)
     : VXNode(arguments.fullName, std::move(arguments.descriptor)),
       mType(arguments.type),
       mEvidence(arguments.evidence),
-      mRecord(mEvidence.addNode(arguments.nodeName, config("allocator"), mType.outputs == 0)),
-      mEntries(arguments.entries) {}
+      mRecord(
+          mEvidence.addNode(*this, arguments.nodeName, config("allocator"), mType.outputs == 0)),
+      mEntries(arguments.entries) {
+    if (gTrace != nullptr) gTrace->nameRow(mRecord.number, arguments.fullName);
+}
 
 static bool isAllocator(const std::string& name) {
     return name == "dmabuf" || name == "xcodec2";
@@ -96,10 +100,21 @@ VXError AppNode::onSetup(bool beforeFence) {
 
 VXError AppNode::onProcess(SharedWorks inputs, Works* outputs) {
     if (mBroken) return VX_OK;  // the run is ending; what still arrives is not worth another line
+    ++mRecord.moved;
+    mRecord.busy = true;
+    Trace::Clock::time_point start;
+    if (gTrace != nullptr) {
+        traceQueue();
+        start = Trace::Clock::now();
+    }
     const VXError result = guarded(NODE_FAIL_FATAL, [&] {
+        hold(&inputs);
         process(inputs, outputs);
         mark(*outputs);
+        traceFrames(*outputs);
     });
+    if (gTrace != nullptr) gTrace->span(mRecord.number, "process", start);
+    mRecord.busy = false;
     mBroken = result != VX_OK;
     return result;
 }
@@ -116,11 +131,6 @@ VXError AppNode::onBufferFilled(int) {
 void AppNode::wakeUp(unsigned delay) {
     const auto to = handler();
     if (to != nullptr) to->postAsyncDelayed(std::make_shared<xc2::Event>(EVENT_FENCE), delay);
-}
-
-VXError AppNode::returnWorks(Works works) {
-    mark(works);
-    return VXNode::returnWorks(std::move(works));
 }
 
 std::unique_ptr<VXWork> AppNode::passOn(const VXSharedWork& input) {
@@ -150,6 +160,44 @@ void AppNode::mark(const Works& works) const {
     }
 }
 
+// Replaces each work by a share of it that tells the pool of its buffer when the node lets go of it.
+void AppNode::hold(SharedWorks* works) {
+    for (auto& work : *works) {
+        PoolRecord* const pool = Pool::recordOf(bufferOf(*work));
+        if (pool == nullptr) continue;
+        pool->held(mRecord, 1);
+        const auto letGo = [work, pool, &record = mRecord](VXSharedWork*) mutable {
+            pool->held(record, -1);
+            work.reset();
+        };
+        work = std::shared_ptr<VXSharedWork>(work.get(), letGo);
+    }
+}
+
+VXError AppNode::returnWorks(Works works) {
+    ++mRecord.moved;
+    mark(works);
+    traceFrames(works);
+    return VXNode::returnWorks(std::move(works));
+}
+
+// A frame's span begins with the node that makes it, and ends when nobody has it any more.
+void AppNode::traceFrames(const Works& works) {
+    if (gTrace == nullptr) return;
+    for (const auto& work : works) {
+        if (infoOf<TracedFrame>(work->frameInfo()) != nullptr) continue;
+        work->frameInfo().mInfos.push_back(
+            std::make_shared<TracedFrame>(mRecord.name, mRecord.number, mTraced++));
+    }
+}
+
+void AppNode::traceQueue() {
+    const Status now = status();
+    Trace::Figures figures = {{"pending", now.pendingInputs}, {"out", now.outstandingWorks}};
+    for (const auto& port : now.inputPorts) figures.push_back({port.name, port.queuedWorks});
+    gTrace->counter("queue." + mRecord.name, figures);
+}
+
 // Runs `action` and turns whatever it throws into the run's error. The status that is returned makes
 // the library end the build or the run.
 template <typename Action>
@@ -167,6 +215,7 @@ VXError AppNode::guarded(VexaError error, Action action) {
 
 void AppNode::fail(const std::string& verdict, const std::string& text) {
     mEvidence.fail(verdict);
+    if (gTrace != nullptr) gTrace->instant(mRecord.number, verdict, text);
     console::line("vxrun: node '" + mRecord.name + "': " + text);
 }
 
@@ -239,7 +288,17 @@ bool AppNode::flagConfig(const std::string& key) {
 
 void AppNode::countFrame(const VXFrameInfo& frame) {
     ++mRecord.frames;
-    if ((frame.flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0) mRecord.endOfStream = true;
+    if ((frame.flags & VXFrameInfo::FLAG_END_OF_STREAM) == 0) return;
+    mRecord.endOfStream = true;
+    if (gTrace != nullptr) gTrace->instant(mRecord.number, "end of stream", "");
+}
+
+void AppNode::noteBad(uint64_t number) {
+    ++mRecord.mismatches;
+    if (mRecord.firstBad == NodeRecord::kNone) mRecord.firstBad = number;
+    if (gTrace != nullptr) {
+        gTrace->instant(mRecord.number, "mismatch", "frame " + std::to_string(number));
+    }
 }
 
 // Works are released before their buffers are, so a node that found no buffer is told by its pool.

@@ -12,12 +12,15 @@
 
 #include <VXNode.h>
 
+#include <atomic>
 #include <list>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace vxrun {
+
+constexpr size_t kDefaultSlots = 8;  // of a node's pool
 
 struct ConfigKey {
     std::string name;
@@ -86,6 +89,8 @@ class AppNode : public vexa::VXNode {
 public:
     std::vector<std::string> getPreferredAllocatorTypes() override;
 
+    ~AppNode() override { mEvidence.removeNode(mRecord); }
+
 protected:
     using SharedWorks = std::list<std::shared_ptr<vexa::VXSharedWork>>;
     using Works = std::list<std::unique_ptr<vexa::VXWork>>;
@@ -122,14 +127,16 @@ protected:
 
     // Counts a frame; the last one, too, as the end of the stream.
     void countFrame(const vexa::VXFrameInfo& frame);
+    // Counts frame `number` as one that differs, is missing or is too much.
+    void noteBad(uint64_t number);
     // Reports a failed check. The run goes on, so that the other sinks finish.
     void failCheck(vexa::VexaError error, const std::string& text);
 
     NodeRecord& record() { return mRecord; }
-    PoolRecord& newPoolRecord() { return mEvidence.addPool(mRecord.name); }
+    PoolRecord& newPoolRecord() { return mEvidence.addPool(mRecord.name, slots()); }
 
     // For the node's pools: the config "slots", and an `onFree` that has the node scheduled again.
-    size_t slots() { return numberConfig("slots", 1, 1000, 8); }
+    size_t slots() { return numberConfig("slots", 1, 1000, kDefaultSlots); }
     std::function<void()> scheduleSelf();
 
 private:
@@ -144,6 +151,9 @@ private:
     template <typename Action>
     vexa::VXError guarded(vexa::VexaError error, Action action);
     void checkDescription();
+    void hold(SharedWorks* works);
+    void traceFrames(const Works& works);
+    void traceQueue();
     void createPorts();
     void mark(const Works& works) const;
     void fail(const std::string& verdict, const std::string& text);
@@ -156,7 +166,8 @@ private:
     bool mBeforeFence = false;
     unsigned mFenceDelay = 1;  // milliseconds
     PictureFences mFences;
-    bool mBroken = false;  // a process() or wake() has failed  [event thread]
+    std::atomic<uint64_t> mTraced{0};  // frames that the trace has a span for
+    bool mBroken = false;              // a process() or wake() has failed  [event thread]
 };
 
 // Source: a node that makes frames. It offers one input of its own making at a time, so that the

@@ -3,11 +3,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 
 namespace vxrun::console {
 namespace {
 
 std::atomic<bool> sQuiet{false};
+std::atomic<Color> sColor{Color::AUTO};
 
 bool onTerminal() {
     static const bool terminal = isatty(STDERR_FILENO) == 1;
@@ -19,7 +21,32 @@ void print(const std::string& text) {
     if (write(STDERR_FILENO, text.data(), text.size()) < 0) return;
 }
 
+std::string variable(const char* name) {
+    const char* const value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+bool hasColor(int fd) {
+    if (sColor != Color::AUTO) return sColor == Color::ALWAYS;
+    if (!variable("NO_COLOR").empty()) return false;
+    const std::string force = variable("CLICOLOR_FORCE");
+    if (!force.empty() && force != "0") return true;
+    return variable("CLICOLOR") != "0" && variable("TERM") != "dumb" && isatty(fd) == 1;
+}
+
+void printLine(const std::string& text) {
+    print((onTerminal() ? "\r\033[K" : "") + text + "\n");
+}
+
 }  // namespace
+
+void setColor(Color color) {
+    sColor = color;
+}
+
+std::string painted(const std::string& text, bool good, int fd) {
+    return hasColor(fd) ? (good ? "\033[32m" : "\033[31m") + text + "\033[m" : text;
+}
 
 void setQuiet(bool quiet) {
     sQuiet = quiet;
@@ -27,9 +54,13 @@ void setQuiet(bool quiet) {
 
 void line(const std::string& text) {
     if (sQuiet) return;
-    std::string whole = onTerminal() ? "\r\033[K" : "";
-    for (const char c : text) whole += static_cast<unsigned char>(c) < ' ' ? '?' : c;
-    print(whole + "\n");
+    std::string clean;
+    for (const char c : text) clean += static_cast<unsigned char>(c) < ' ' ? '?' : c;
+    printLine(painted(clean, false, STDERR_FILENO));
+}
+
+void note(const std::string& text) {
+    if (!sQuiet) printLine(text);
 }
 
 bool showsProgress() {

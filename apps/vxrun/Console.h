@@ -7,11 +7,20 @@
 
 namespace vxrun::console {
 
-// Silences line() and progress().
+// Silences line(), note() and progress().
 void setQuiet(bool quiet);
 
-// Prints `text` as one line.
+// When to use colours. AUTO: on a terminal that has them, unless the environment says otherwise.
+enum class Color { AUTO, ALWAYS, NEVER };
+void setColor(Color color);
+
+// `text` in red, or in green when it is `good`, if what is written to `fd` is to have colours.
+std::string painted(const std::string& text, bool good, int fd);
+
+// Prints an error as one line.
 void line(const std::string& text);
+// Prints what is no error; `text` may have several lines.
+void note(const std::string& text);
 
 // True when progress is to be shown: on a terminal, and not quiet.
 bool showsProgress();

@@ -4,6 +4,8 @@
 
 #include <VXUtils.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cinttypes>
 #include <csignal>
@@ -26,6 +28,7 @@ int exitCode(const std::string& verdict) {
         {"NOTHING_CHECKED", 4},
         {"NOT_SUPPORTED", 77},
         {"SKIPPED", 77},
+        {"STALL", 124},
         {"TIMEOUT", 124},
         {"SIGINT", 128 + SIGINT},
         {"SIGTERM", 128 + SIGTERM},
@@ -35,14 +38,20 @@ int exitCode(const std::string& verdict) {
     return code != codes.end() ? code->second : kCouldNotRun;
 }
 
-NodeRecord& Evidence::addNode(const std::string& name, const std::string& allocator, bool sink) {
+NodeRecord& Evidence::addNode(vexa::VXNode& node, const std::string& name,
+                              const std::string& allocator, bool sink) {
     std::lock_guard<std::mutex> lock(mLock);
-    return mNodes.emplace_back(name, allocator, sink);
+    return mNodes.emplace_back(node, mNodes.size(), name, allocator, sink);
 }
 
-PoolRecord& Evidence::addPool(const std::string& name) {
+void Evidence::removeNode(NodeRecord& record) {
     std::lock_guard<std::mutex> lock(mLock);
-    return mPools.emplace_back(name);
+    record.node = nullptr;
+}
+
+PoolRecord& Evidence::addPool(const std::string& name, size_t slots) {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mPools.emplace_back(name, slots);
 }
 
 bool Evidence::fail(const std::string& word) {
@@ -74,9 +83,38 @@ Evidence::Totals Evidence::totals() const {
     for (const NodeRecord& node : mNodes) {
         if (node.sink) totals.frames = std::max<uint64_t>(totals.frames, node.frames);
         totals.checked += node.checked;
+        totals.mismatches += node.mismatches;
+        totals.expected = std::max<uint64_t>(totals.expected, node.expected);
         totals.firstBad = std::min<uint64_t>(totals.firstBad, node.firstBad);
     }
     return totals;
+}
+
+uint64_t Evidence::moved() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    uint64_t sum = 0;
+    for (const NodeRecord& node : mNodes) sum += node.moved;
+    return sum;
+}
+
+std::vector<Evidence::Moment> Evidence::nodes() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    std::vector<Moment> moments;
+    for (const NodeRecord& record : mNodes) {
+        if (record.node == nullptr) continue;
+        Moment moment{record, record.node->status(), 0};
+        moment.queued = moment.status.pendingInputs;
+        for (const auto& port : moment.status.inputPorts) moment.queued += port.queuedWorks;
+        moments.push_back(std::move(moment));
+    }
+    return moments;
+}
+
+std::vector<const PoolRecord*> Evidence::pools() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    std::vector<const PoolRecord*> pools;
+    for (const PoolRecord& pool : mPools) pools.push_back(&pool);
+    return pools;
 }
 
 std::string Evidence::unfinished() const {
@@ -105,7 +143,11 @@ void Evidence::closePools(bool report) {
                                  " recycled=" + std::to_string(pool.recycled) +
                                  " high_water=" + std::to_string(pool.highWater) +
                                  " left_out=" + std::to_string(pool.out);
-        if (report || pool.out != 0) console::line(line);
+        if (pool.out != 0) {
+            console::line(line);
+        } else if (report) {
+            console::note(line);
+        }
         if (pool.out != 0) fail(errorName(vexa::NODE_FAIL_FATAL));
     }
 }
@@ -116,7 +158,8 @@ int Evidence::printVerdict() const {
     const std::string firstBad =
         sums.firstBad == NodeRecord::kNone ? "-" : std::to_string(sums.firstBad);
     std::fprintf(mOut, "verdict: %s frames=%" PRIu64 " checked=%" PRIu64 " first_bad=%s\n",
-                 word.c_str(), sums.frames, sums.checked, firstBad.c_str());
+                 console::painted(word, exitCode(word) == 0, fileno(mOut)).c_str(), sums.frames,
+                 sums.checked, firstBad.c_str());
     std::fflush(mOut);
     return exitCode(word);
 }

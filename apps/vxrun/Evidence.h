@@ -3,12 +3,16 @@
 // A pass is a matter of evidence, never of the graph's completion, which comes after errors too.
 #pragma once
 
+#include <VXNode.h>
+
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace vxrun {
 
@@ -16,9 +20,16 @@ namespace vxrun {
 struct NodeRecord {
     static constexpr uint64_t kNone = UINT64_MAX;
 
-    NodeRecord(std::string nodeName, std::string allocatorType, bool isSink)
-        : name(std::move(nodeName)), allocator(std::move(allocatorType)), sink(isSink) {}
+    NodeRecord(vexa::VXNode& itself, size_t itsNumber, std::string nodeName,
+               std::string allocatorType, bool isSink)
+        : node(&itself),
+          number(itsNumber),
+          name(std::move(nodeName)),
+          allocator(std::move(allocatorType)),
+          sink(isSink) {}
 
+    vexa::VXNode* node;   // null when it is gone; the evidence's lock guards it
+    const size_t number;  // from 0, in the order of the description
     const std::string name;
     const std::string allocator;        // the one it insists on, else empty
     const bool sink;                    // it takes frames and gives none
@@ -27,12 +38,16 @@ struct NodeRecord {
     std::atomic<uint64_t> checked{0};   // of these, compared
     std::atomic<uint64_t> firstBad{
         kNone};                            // the first frame that differed, was missing or too much
+    std::atomic<uint64_t> mismatches{0};   // frames that did
+    std::atomic<uint64_t> expected{0};     // frames that are to come; 0 when nobody knows
+    std::atomic<uint64_t> moved{0};        // batches that were taken or handed on: a sign of life
+    std::atomic<bool> busy{false};         // the node is processing
     std::atomic<bool> endOfStream{false};  // the node has handled the last frame
 };
 
 // What one pool has done. Written by the pool, read by anyone at any time.
 struct PoolRecord {
-    explicit PoolRecord(std::string nodeName) : name(std::move(nodeName)) {}
+    PoolRecord(std::string nodeName, size_t limit) : name(std::move(nodeName)), slots(limit) {}
 
     void took(bool isNew) {
         ++(isNew ? made : recycled);
@@ -42,11 +57,27 @@ struct PoolRecord {
     }
     void gotBack() { --out; }
 
+    // `node` has taken a work that carries a buffer of this pool, or has let go of it.
+    void held(const NodeRecord& node, int64_t change) {
+        std::lock_guard<std::mutex> lock(mLock);
+        mHolders[&node] += change;
+    }
+    // Who holds how many; the rest waits to be taken, or is with the pool's own node.
+    std::map<const NodeRecord*, int64_t> holders() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mHolders;
+    }
+
     const std::string name;              // of the pool's node
+    const size_t slots;                  // the most buffers that may be out
     std::atomic<uint64_t> made{0};       // new buffers
     std::atomic<uint64_t> recycled{0};   // buffers handed out again
     std::atomic<uint64_t> highWater{0};  // the most that were out at once
     std::atomic<uint64_t> out{0};        // that have not come back
+
+private:
+    mutable std::mutex mLock;
+    std::map<const NodeRecord*, int64_t> mHolders;  // guarded by mLock
 };
 
 // The records of all nodes and pools of a run, and its first error.
@@ -59,13 +90,24 @@ public:
     struct Totals {
         uint64_t frames = 0;   // the most that any one sink took
         uint64_t checked = 0;  // over all sinks
+        uint64_t mismatches = 0;
+        uint64_t expected = 0;  // the most that any one sink is to take; 0 when nobody knows
         uint64_t firstBad = NodeRecord::kNone;
     };
+    // A node at one moment.
+    struct Moment {
+        const NodeRecord& record;
+        vexa::VXNode::Status status;
+        uint64_t queued;  // works that wait for it, in its queue and pending
+    };
 
-    // A record for a new node; lives as long as this object.
-    NodeRecord& addNode(const std::string& name, const std::string& allocator, bool sink);
-    // The same for a pool.
-    PoolRecord& addPool(const std::string& name);
+    // A record for a new node; lives as long as this object. The node is watched until removeNode(),
+    // which its destructor calls.
+    NodeRecord& addNode(vexa::VXNode& node, const std::string& name, const std::string& allocator,
+                        bool sink);
+    void removeNode(NodeRecord& record);
+    // A record for a new pool of `slots` buffers; lives as long as this object.
+    PoolRecord& addPool(const std::string& name, size_t slots);
 
     // Records that the run has failed. The first word counts: it is the verdict. True when it was
     // the first.
@@ -80,6 +122,11 @@ public:
     // The verdict as of now: the first error, else what the sinks' records allow to say.
     std::string verdict() const;
     Totals totals() const;
+    // Grows with every batch that moves anywhere.
+    uint64_t moved() const;
+    // The nodes that live, in the order of the description.
+    std::vector<Moment> nodes() const;
+    std::vector<const PoolRecord*> pools() const;
     // The names of the nodes that have not handled their last frame, separated by commas.
     std::string unfinished() const;
     // The allocators that nodes insist on: "reader wants dmabuf, check wants xcodec2".

@@ -1,6 +1,7 @@
 #include "Pool.h"
 
 #include "Failure.h"
+#include "Trace.h"
 
 namespace vxrun {
 
@@ -10,7 +11,31 @@ namespace {
 
 constexpr uint32_t kSurfaceFormat = 0x1;  // RGBA 8888, see Payload
 
+void traceFree(const PoolRecord& record) {
+    if (gTrace == nullptr) return;
+    const uint64_t out = record.out;
+    gTrace->counter("pool." + record.name, {{"free", record.slots - out}});
+}
+
 }  // namespace
+
+// What is done when the last holder drops a buffer.
+struct Pool::GiveBack {
+    std::shared_ptr<Pool> pool;
+    std::shared_ptr<VXBuffer> held;
+
+    void operator()(VXBuffer*) {
+        pool->mRecord.gotBack();  // first: once it is back, the node may take it
+        traceFree(pool->mRecord);
+        held.reset();
+        if (pool->mWanted.exchange(false)) pool->mOnFree();
+    }
+};
+
+PoolRecord* Pool::recordOf(const std::shared_ptr<VXBuffer>& buffer) {
+    const auto* const giveBack = std::get_deleter<GiveBack>(buffer);
+    return giveBack != nullptr ? &giveBack->pool->mRecord : nullptr;
+}
 
 std::shared_ptr<Pool> Pool::ofPictures(const std::string& allocator, const PictureFormat& format,
                                        size_t slots, PoolRecord& record,
@@ -72,14 +97,10 @@ VXError Pool::take(std::shared_ptr<VXBuffer>* buffer) {
     if (status != VX_OK) return status;
     taken->setFilledRange(0, mBytes);
     mRecord.took(mMade.insert(taken.get()).second);
+    traceFree(mRecord);
 
     VXBuffer* const raw = taken.get();
-    const auto giveBack = [pool = shared_from_this(), held = std::move(taken)](VXBuffer*) mutable {
-        pool->mRecord.gotBack();  // first: once it is back, the node may take it
-        held.reset();
-        if (pool->mWanted.exchange(false)) pool->mOnFree();
-    };
-    *buffer = std::shared_ptr<VXBuffer>(raw, giveBack);
+    *buffer = std::shared_ptr<VXBuffer>(raw, GiveBack{shared_from_this(), std::move(taken)});
     return VX_OK;
 }
 

@@ -18,7 +18,7 @@ namespace vxrun {
 // Life     held by its node and by every buffer that is out, so none outlives it.
 // Threads  fetch(): the node's. Buffers come back on any thread.
 // Owns     the library's pool.
-class Pool : public std::enable_shared_from_this<Pool> {
+class Pool final : public std::enable_shared_from_this<Pool> {
 public:
     // Pools of `slots` buffers: pictures of `format`, or blocks of `bytes`. A Failure when the
     // allocator makes no such buffers. `onFree` is called on any thread once a buffer has come back
@@ -35,7 +35,12 @@ public:
     //   VX_NO_MEMORY     the allocator has no memory
     vexa::VXError fetch(std::shared_ptr<vexa::VXBuffer>* buffer);
 
+    // The record of the pool that `buffer` came from; null for one of no pool.
+    static PoolRecord* recordOf(const std::shared_ptr<vexa::VXBuffer>& buffer);
+
 private:
+    struct GiveBack;
+
     Pool(PoolRecord& record, std::function<void()> onFree)
         : mRecord(record), mOnFree(std::move(onFree)) {}
 

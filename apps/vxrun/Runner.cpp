@@ -1,6 +1,9 @@
 #include "Runner.h"
 
 #include "Console.h"
+#include "Progress.h"
+#include "Snapshot.h"
+#include "Trace.h"
 
 #include <pthread.h>
 #include <unistd.h>
@@ -10,7 +13,9 @@
 #include <condition_variable>
 #include <csignal>
 #include <mutex>
+#include <optional>
 #include <thread>
+#include <utility>
 
 namespace vxrun {
 namespace {
@@ -19,26 +24,34 @@ using vexa::VXGraph;
 using vexa::VXGraphInfo;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kStopLimit(3);  // for a graph to stop
-constexpr std::chrono::milliseconds kProgressStep(200);
-constexpr std::chrono::hours kLongWait(1);
+constexpr std::chrono::seconds kStopLimit(3);    // for a graph to stop
+constexpr std::chrono::milliseconds kStep(500);  // of the watchdog
+
+std::string inSeconds(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g s", seconds);
+    return text;
+}
 
 // Run: one run with its three threads. The run thread builds, starts, stops and releases the graph,
 // so that no hook of a node, not even one of its set-up, can hold up the watchdog; the signal thread
 // only takes signals; the watchdog decides.
 class Run final : public VXGraph::Listener, public std::enable_shared_from_this<Run> {
 public:
-    Run(VXGraphInfo info, std::chrono::duration<double> limit, Evidence* evidence)
-        : mInfo(std::move(info)), mLimit(limit), mEvidence(*evidence) {
-        if (limit.count() > 0) {
-            mDeadline = mStart + std::chrono::duration_cast<Clock::duration>(limit);
-        }
-    }
+    Run(VXGraphInfo info, const RunOptions& options, Evidence* evidence)
+        : mInfo(std::move(info)),
+          mOptions(options),
+          mEvidence(*evidence),
+          mSnapshots(mInfo, *evidence, options.dot),
+          mDeadline(options.timeout > 0 ? mStart + asTime(options.timeout)
+                                        : Clock::time_point::max()),
+          mProgress(options.progress, *evidence, mDeadline) {}
 
     // [run thread]
     void execute() {
         if (const auto graph = VXGraph::BuildFromGraphInfo(mInfo, weak_from_this())) {
             if (graph->runAsync() == vexa::VX_OK) {
+                mSnapshots.draw(age(), "start");
                 std::unique_lock<std::mutex> lock(mLock);
                 mChanged.wait(lock, [this] { return mEnding; });
             }
@@ -54,8 +67,13 @@ public:
     // whatever else hangs.
     void takeSignals(const sigset_t& signals) {
         bool isFirst = true;
-        for (int number = 0; sigwait(&signals, &number) == 0 && !mDone; isFirst = false) {
+        for (int number = 0; sigwait(&signals, &number) == 0 && !mDone;) {
+            if (number == SIGUSR1) {
+                set(&mAsked, true);
+                continue;
+            }
             if (!isFirst) _exit(128 + number);
+            isFirst = false;
             set(&mSignal, number);
         }
     }
@@ -72,14 +90,20 @@ public:
                 startStopping();
             } else if (Clock::now() >= mDeadline) {
                 if (mStopping) leave();
-                char seconds[32];
-                std::snprintf(seconds, sizeof seconds, "%g", mLimit.count());
-                stop("TIMEOUT", std::string("out of time after ") + seconds +
-                                    " s; not finished: " + mEvidence.unfinished());
+                stop("TIMEOUT", "out of time after " + inSeconds(mOptions.timeout) +
+                                    "; not finished: " + mEvidence.unfinished());
+                showSnapshot("timeout");
+            } else if (!mStopping && hasStalled()) {
+                stop("STALL", "no work has moved for " + inSeconds(mOptions.stall) +
+                                  "; not finished: " + mEvidence.unfinished());
+                showSnapshot("stall");
             }
-            showProgress();
+            if (std::exchange(mAsked, false)) showSnapshot("request");
+            if (gTrace != nullptr) gTrace->flush();
+            mProgress.step();
             mChanged.wait_until(lock, nextWake());
         }
+        mProgress.finish();
     }
 
     // [a node's or the graph's thread]
@@ -90,10 +114,31 @@ public:
         if (mEvidence.fail(known ? message : errorName(vexa::UNKNOWN_ERROR))) {
             console::line("vxrun: the graph reports: " + message);
         }
+        // What a stream turned out to be, or a check, is no trouble of the graph.
+        const std::string verdict = mEvidence.verdict();
+        if (verdict == errorName(vexa::NODE_FAIL_FATAL) ||
+            verdict == errorName(vexa::UNKNOWN_ERROR)) {
+            showSnapshot("error");
+        } else {
+            mSnapshots.draw(age(), "error");
+        }
     }
     void onGraphComplete() override { set(&mEnding, true); }
 
 private:
+    static Clock::duration asTime(double seconds) {
+        return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+    }
+    std::chrono::milliseconds age() const {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - mStart);
+    }
+
+    void showSnapshot(const std::string& reason) {
+        if (gTrace != nullptr) gTrace->instant(Trace::kGraph, reason, "");
+        console::note(mSnapshots.text(age()));
+        mSnapshots.draw(age(), reason);
+    }
+
     template <typename Member, typename Value>
     void set(Member* member, Value value) {
         std::lock_guard<std::mutex> lock(mLock);
@@ -104,8 +149,23 @@ private:
     // ---- [watchdog], with mLock held ----
 
     Clock::time_point nextWake() const {
-        const auto next = std::min(mDeadline, Clock::now() + kLongWait);
-        return console::showsProgress() ? std::min(next, mLastProgress + kProgressStep) : next;
+        return std::min({mDeadline, mProgress.next(), Clock::now() + step()});
+    }
+    Clock::duration step() const {
+        return mOptions.stall > 0 ? std::min<Clock::duration>(kStep, asTime(mOptions.stall / 4))
+                                  : kStep;
+    }
+
+    // No work has moved for so long. Time that this thread was not given does not count: the others
+    // were not given it, either.
+    bool hasStalled() {
+        const auto now = Clock::now();
+        const uint64_t moved = mEvidence.moved();
+        mStill =
+            moved == mMoved ? mStill + std::min(now - mLastLook, 2 * step()) : Clock::duration(0);
+        mMoved = moved;
+        mLastLook = now;
+        return mOptions.stall > 0 && mStill >= asTime(mOptions.stall);
     }
 
     void startStopping() {
@@ -125,56 +185,54 @@ private:
         console::line("vxrun: the graph does not stop, leaving it; not finished: " +
                       mEvidence.unfinished());
         mEvidence.fail(errorName(vexa::NODE_FAIL_STOP));
+        mProgress.finish();
+        if (gTrace != nullptr) gTrace->flush();
         _exit(mEvidence.printVerdict());
     }
 
-    void showProgress() {
-        const auto now = Clock::now();
-        if (!console::showsProgress() || now - mLastProgress < kProgressStep) return;
-        mLastProgress = now;
-        const auto totals = mEvidence.totals();
-        const std::chrono::duration<double> elapsed = now - mStart;
-        char rate[32];
-        std::snprintf(rate, sizeof rate, "%.1f",
-                      static_cast<double>(totals.frames) / elapsed.count());
-        console::progress(std::to_string(totals.frames) + " frames, " +
-                          std::to_string(totals.checked) + " checked, " + rate + " frames/s");
-    }
-
     VXGraphInfo mInfo;  // [run thread]
-    const std::chrono::duration<double> mLimit;
+    const RunOptions mOptions;
     Evidence& mEvidence;
+    const Clock::time_point mStart = Clock::now();
+    const SnapshotMaker mSnapshots;
 
     std::mutex mLock;
-    std::condition_variable mChanged;  // one of the next three, all guarded by mLock
+    std::condition_variable mChanged;  // one of the next four, all guarded by mLock
     bool mEnding = false;              // the graph is to stop, or has begun to
     std::atomic<bool> mDone{false};    // the graph is gone; also read without the lock
     int mSignal = 0;                   // the first one that came
+    bool mAsked = false;               // for a snapshot
 
     // [watchdog]
-    const Clock::time_point mStart = Clock::now();
-    Clock::time_point mDeadline = Clock::time_point::max();  // of the run, then of its stop
-    Clock::time_point mLastProgress = mStart;
+    Clock::time_point mDeadline;  // of the run, then of its stop
+    Progress mProgress;
+    uint64_t mMoved = 0;  // works at the last look
+    Clock::time_point mLastLook = mStart;
+    Clock::duration mStill{};  // since when nothing has moved
     bool mStopping = false;
     bool mSignalled = false;
 };
 
 }  // namespace
 
-void runGraph(VXGraphInfo info, std::chrono::duration<double> limit, Evidence* evidence) {
+void runGraph(VXGraphInfo info, const RunOptions& options, Evidence* evidence) {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // for every thread that starts from now on
-    const auto run = std::make_shared<Run>(std::move(info), limit, evidence);
+    sigaddset(&signals, SIGUSR1);
+    sigset_t blocked = signals;
+    sigaddset(&blocked, SIGPIPE);                   // the end of a reader is not the end of a run
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);  // for every thread that starts from now on
+    std::optional<Trace> trace;
+    if (!options.trace.empty()) trace.emplace(options.trace);
+    const auto run = std::make_shared<Run>(std::move(info), options, evidence);
     std::thread signalThread([run, signals] { run->takeSignals(signals); });
     std::thread runner([run] { run->execute(); });
     run->watch();
     runner.join();
     pthread_kill(signalThread.native_handle(), SIGINT);
     signalThread.join();
-    console::progress("");
 }
 
 }  // namespace vxrun

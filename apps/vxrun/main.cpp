@@ -26,7 +26,8 @@ struct Options {
     bool force = false;
     std::string logMask;
     std::string dumpFolder;
-    double timeout = 0;  // seconds; 0: none
+    RunOptions run;
+    console::Color color = console::Color::AUTO;
     bool stats = false;
     bool quiet = false;
     bool listNodes = false;
@@ -58,9 +59,27 @@ void addOptions(CLI::App* app, Options* options) {
                              mask.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
             return hex ? std::string() : "expected a hexadecimal mask, got " + quote(mask);
         });
-    app->add_option("--timeout", options->timeout, "End the run after this time, with exit 124")
+    RunOptions& run = options->run;
+    app->add_option("--timeout", run.timeout, "End the run after this time, with exit 124")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.001, 1e9));
+    app->add_option("--stall", run.stall,
+                    "End the run when nothing has moved for this time, with exit 124; default 30, "
+                    "0: never")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, 1e9));
+    app->add_option("--progress", run.progress, "Write progress as key=value blocks")
+        ->type_name("FILE|FD");
+    app->add_option("--trace", run.trace, "Write what happened when, for trace viewers")
+        ->type_name("FILE");
+    app->add_option("--dot", run.dot, "Write pictures of the graph: at the start and of trouble")
+        ->type_name("DIR");
+    const std::map<std::string, console::Color> colors = {{"auto", console::Color::AUTO},
+                                                          {"always", console::Color::ALWAYS},
+                                                          {"never", console::Color::NEVER}};
+    app->add_option("--color", options->color, "Colours: always, never or auto (default)")
+        ->type_name("WHEN")
+        ->transform(CLI::CheckedTransformer(colors));
     app->add_flag("--stats", options->stats, "Print what every buffer pool has done");
     app->add_flag("--quiet", options->quiet, "Print the verdict only");
     app->add_flag("--list-nodes", options->listNodes, "List the node types and their configs");
@@ -182,7 +201,7 @@ void run(const Options& options, bool decodes, Evidence* evidence) {
         factories.push_back(std::make_unique<NodeFactory>(*type, *evidence));
     }
     setLogLevel(options);
-    runGraph(std::move(graph), std::chrono::duration<double>(options.timeout), evidence);
+    runGraph(std::move(graph), options.run, evidence);
     evidence->closePools(options.stats);
     if (options.record.empty()) return;
     const bool isGood = exitCode(evidence->verdict()) == 0;
@@ -216,6 +235,7 @@ int start(int argc, char** argv) {
         return 0;
     }
     console::setQuiet(options.quiet || options.suite.quiet);
+    console::setColor(options.color);
     const bool decodes = decode->parsed();
     // The MD5 is the last line on standard output.
     if (decodes) evidence.printTo(stderr);

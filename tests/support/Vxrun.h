@@ -223,13 +223,21 @@ protected:
     std::string mFolder;
 };
 
-// The one line that a failure gives, and nothing else.
+// The lines of `text` but for those of a snapshot, which are indented.
+inline int linesOf(const std::string& text) {
+    int count = 0;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) count += line.rfind("  ", 0) != 0;
+    return count;
+}
+
+// The one line that a failure gives, and nothing else but a snapshot.
 inline void expectFailure(const Result& result, int exit, const std::string& verdict,
                           const std::string& line) {
     EXPECT_EQ(result.exit, exit) << result.err;
     EXPECT_EQ(result.out, "verdict: " + verdict + "\n");
     EXPECT_NE(result.err.find(line), std::string::npos) << result.err << "does not say\n" << line;
-    EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+    EXPECT_EQ(linesOf(result.err), 1) << result.err;
 }
 
 const char kNothing[] = " frames=0 checked=0 first_bad=-";

@@ -25,6 +25,7 @@ private:
         mBadFrames.emplace(config("dump_bad"), numberConfig("dump_limit", 1, kMaxDumped, 8),
                            record().name);
         mPrintsMd5 = flagConfig("print_md5");
+        if (mExpected && !expectsWhole()) record().expected = mExpected->rows.size();
         const std::string format = config("format");
         ChecksumFormat written = ChecksumFormat::FRAMEMD5;
         try {
@@ -50,7 +51,7 @@ private:
         if (mFrames >= mExpected->rows.size()) {
             mAlignment.add(got.hash, "", true);
             mBadFrames->add(mFrames, payload, nullptr);
-            return noteBad();
+            return noteBad(mFrames);
         }
         const ChecksumRow& expected = mExpected->rows[mFrames];
         ++record().checked;
@@ -63,16 +64,12 @@ private:
                                describe(expected, sizes) + ", got " + describe(got, sizes) +
                                " (timestamp " + std::to_string(frame.timestamp) + ")";
         }
-        noteBad();
+        noteBad(mFrames);
         mBadFrames->add(mFrames, payload, nullptr);
     }
 
     static std::string describe(const ChecksumRow& row, bool withSize) {
         return withSize ? std::to_string(row.size) + " bytes " + row.hash : row.hash;
-    }
-
-    void noteBad() {
-        if (record().firstBad == NodeRecord::kNone) record().firstBad = mFrames;
     }
 
     void finish() override {
@@ -91,7 +88,7 @@ private:
                    " frames differ, first is " + mFirstDifference;
         }
         if (mFrames != rows) {
-            noteBad();
+            if (mFrames < rows) noteBad(mFrames);  // the surplus ones are noted
             text += (text.empty() ? "" : "; ") + ("the stream has " + std::to_string(mFrames)) +
                     " frames, " + mExpectPath + " has " + std::to_string(rows);
         }

@@ -140,10 +140,6 @@ private:
         return figures.back() < mFloor ? text + " is below " + config(mMeasure) : "";
     }
 
-    void noteBad(uint64_t frame) {
-        if (record().firstBad == NodeRecord::kNone) record().firstBad = frame;
-    }
-
     static void advance(Stream* stream) {
         if (stream->works.empty()) return;
         const auto& frame = stream->works.front()->frameInfo();

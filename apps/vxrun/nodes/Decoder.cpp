@@ -331,7 +331,7 @@ private:
         const std::string logged = mLog.take();
         if (mErrors++ > 0) return;
         mFirstError = "frame " + std::to_string(mFrames) + ": " + (logged.empty() ? text : logged);
-        if (!mTolerant && record().firstBad == NodeRecord::kNone) record().firstBad = mFrames;
+        if (!mTolerant) noteBad(mFrames);
     }
 
     void reportErrors() {

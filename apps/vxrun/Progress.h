@@ -1,0 +1,46 @@
+// Progress: tells during a run how far it is: a line for people and blocks for programs.
+#pragma once
+
+#include "Evidence.h"
+
+#include <chrono>
+#include <string>
+
+namespace vxrun {
+
+// Life     for one run.
+// Threads  one.
+class Progress {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    // `target`: the file, or the number of an open file descriptor, that the blocks go to; empty for
+    // none. `limit`: the end of the run's time, or Clock::time_point::max(). A Failure with the verdict
+    // BAD_OPTION when the target cannot be written.
+    Progress(const std::string& target, const Evidence& evidence, Clock::time_point limit);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    // Shows what is due.
+    void step();
+    // When step() is to be called again; Clock::time_point::max() for never.
+    Clock::time_point next() const;
+    // Writes the last block and clears the line.
+    void finish();
+
+private:
+    void writeBlock(bool last);
+    std::string lineText() const;
+    double seconds() const;
+
+    int mTarget = -1;
+    bool mOwnsTarget = false;
+    const Evidence& mEvidence;
+    const Clock::time_point mLimit;
+    const Clock::time_point mStart = Clock::now();
+    Clock::time_point mLineDue;
+    Clock::time_point mBlockDue = mStart;
+};
+
+}  // namespace vxrun

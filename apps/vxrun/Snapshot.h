@@ -1,0 +1,46 @@
+// Snapshot: where a graph stands at one moment, for those who ask why it does not move.
+#pragma once
+
+#include "Evidence.h"
+
+#include <VXGraph.h>
+
+#include <chrono>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace vxrun {
+
+// SnapshotMaker: knows the nodes and connections of one graph, and draws it as it stands.
+//
+// Life     made from a description before the graph is built from it.
+// Threads  any.
+class SnapshotMaker {
+public:
+    // `folder`: where the pictures go; empty for none. It is made when it is not there; a Failure with
+    // the verdict BAD_OPTION when it cannot be.
+    SnapshotMaker(const vexa::VXGraphInfo& info, const Evidence& evidence, std::string folder);
+
+    // The state of every node and pool, in indented lines.
+    std::string text(std::chrono::milliseconds age) const;
+
+    // Writes the graph as it stands in the DOT language to the file "h.mm.ss.mmm-reason.dot", named
+    // after the age of the run.
+    void draw(std::chrono::milliseconds age, const std::string& reason) const;
+
+private:
+    struct Node {
+        std::string name, type;
+        std::vector<vexa::VXNodeDescriptor::PortInfo> inputs, outputs;
+    };
+    std::string dot(const std::string& title) const;
+
+    const std::string mName;
+    const Evidence& mEvidence;
+    const std::string mFolder;
+    std::vector<Node> mNodes;
+    std::unordered_map<std::string, std::vector<std::string>> mConnections;
+};
+
+}  // namespace vxrun
