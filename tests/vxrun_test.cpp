@@ -281,14 +281,6 @@ TEST_F(Vxrun, NamesTheFirstFrameThatDiffers) {
     }
 }
 
-// Catches: a run that counts as passed although nothing was compared.
-TEST_F(Vxrun, NothingCheckedIsNoPass) {
-    makeClip();
-    const Result result = vxrun({graph("linear"), "--set", "check.expect="});
-    EXPECT_EQ(result.exit, 4);
-    EXPECT_EQ(result.out, "verdict: NOTHING_CHECKED frames=4 checked=0 first_bad=-\n");
-}
-
 // ---- Bad input --------------------------------------------------------------------------------
 
 // Catches: a bad file that hangs, crashes, reserves absurd memory, passes, or is not named with the

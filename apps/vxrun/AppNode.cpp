@@ -57,13 +57,53 @@ const ConfigKey* NodeType::find(const std::string& key) const {
     return nullptr;
 }
 
+static bool isAllocator(const std::string& name) {
+    return name == "dmabuf" || name == "xcodec2";
+}
+
+bool NodeType::checks(const VXNodeDescriptor& node) const {
+    if (checksWith == nullptr || *checksWith == '\0') return checksWith != nullptr;
+    const auto config = node.configs.find(checksWith);
+    return config != node.configs.end() && !config->second.empty();
+}
+
+std::vector<std::pair<std::string, std::string>> mistakesOf(const NodeType& type,
+                                                            const VXNodeDescriptor& node) {
+    std::vector<std::pair<std::string, std::string>> mistakes;
+    const auto checkCount = [&](const char* kind, size_t wanted, size_t got) {
+        if (got == wanted) return;
+        mistakes.emplace_back("", "a " + type.name + " has " + std::to_string(wanted) + " " + kind +
+                                      " port(s), the description gives it " + std::to_string(got));
+    };
+    checkCount("input", type.inputs, node.inputPorts.size());
+    checkCount("output", type.outputs, node.outputPorts.size());
+    for (const auto& [key, value] : node.configs) {
+        if (type.find(key) != nullptr) continue;
+        std::string text =
+            "unknown config '" + key + "' = " + quote(value) + ", a " + type.name + " knows:";
+        for (const auto* keys : {&type.configs, &commonConfigs(type.inputs == 0)}) {
+            for (const ConfigKey& config : *keys) text += " " + config.name;
+        }
+        mistakes.emplace_back(key, text);
+    }
+    const auto allocator = node.configs.find("allocator");
+    if (allocator != node.configs.end() && !allocator->second.empty() &&
+        !isAllocator(allocator->second)) {
+        mistakes.emplace_back("allocator", "config 'allocator': expected dmabuf or xcodec2, got " +
+                                               quote(allocator->second));
+    }
+    return mistakes;
+}
+
 NodeFactory::NodeFactory(const NodeType& type, Evidence& evidence)
     : VXNodeBaseFactory(type.name), mType(type), mEvidence(evidence) {}
 
 void NodeFactory::createNode(const std::string& name, std::unique_ptr<VXNodeDescriptor> descriptor,
                              std::unique_ptr<VXNode>* node) {
+    const auto mistakes = mistakesOf(mType, *descriptor);
     *node = mType.make({mType, name, descriptor->name, descriptor->entries.size(),
-                        std::move(descriptor), mEvidence});
+                        mistakes.empty() ? "" : mistakes.front().second, std::move(descriptor),
+                        mEvidence});
 }
 
 // ---- AppNode ----------------------------------------------------------------------------------
@@ -74,12 +114,9 @@ AppNode::AppNode(NodeArguments arguments)
       mEvidence(arguments.evidence),
       mRecord(
           mEvidence.addNode(*this, arguments.nodeName, config("allocator"), mType.outputs == 0)),
-      mEntries(arguments.entries) {
+      mEntries(arguments.entries),
+      mMistake(std::move(arguments.mistake)) {
     if (gTrace != nullptr) gTrace->nameRow(mRecord.number, arguments.fullName);
-}
-
-static bool isAllocator(const std::string& name) {
-    return name == "dmabuf" || name == "xcodec2";
 }
 
 std::vector<std::string> AppNode::getPreferredAllocatorTypes() {
@@ -89,10 +126,11 @@ std::vector<std::string> AppNode::getPreferredAllocatorTypes() {
 
 VXError AppNode::onSetup(bool beforeFence) {
     return guarded(NODE_FAIL_INIT, [=] {
+        if (!mMistake.empty()) throw Failure(mMistake);
+        if (mEntries > 0) throw Failure("a " + mType.name + " takes no entries");
         constexpr uint64_t kLongest = 3600000;
         mBeforeFence = beforeFence;
         mFenceDelay = static_cast<unsigned>(numberConfig("fence_ms", 0, kLongest, 1));
-        checkDescription();
         createPorts();
         open();
     });
@@ -222,30 +260,6 @@ void AppNode::fail(const std::string& verdict, const std::string& text) {
 void AppNode::failCheck(VexaError error, const std::string& text) {
     fail(errorName(error), text);
     signalError(VX_OK, errorName(error));  // VX_OK: the graph tells its listener and goes on
-}
-
-void AppNode::checkDescription() {
-    const auto checkCount = [this](const char* kind, size_t wanted, size_t got) {
-        if (got == wanted) return;
-        throw Failure("a " + mType.name + " has " + std::to_string(wanted) + " " + kind +
-                      " port(s), the description gives it " + std::to_string(got));
-    };
-    checkCount("input", mType.inputs, inputPortInfos().size());
-    checkCount("output", mType.outputs, outputPortInfos().size());
-    for (const auto& [key, value] : configStore().configs()) {
-        if (mType.find(key) != nullptr) continue;
-        std::string text =
-            "unknown config '" + key + "' = " + quote(value) + ", a " + mType.name + " knows:";
-        for (const auto* keys : {&mType.configs, &commonConfigs(mType.inputs == 0)}) {
-            for (const ConfigKey& config : *keys) text += " " + config.name;
-        }
-        throw Failure(text);
-    }
-    const std::string& allocator = mRecord.allocator;
-    if (!allocator.empty() && !isAllocator(allocator)) {
-        throw Failure("config 'allocator': expected dmabuf or xcodec2, got " + quote(allocator));
-    }
-    if (mEntries > 0) throw Failure("a " + mType.name + " takes no entries");
 }
 
 void AppNode::createPorts() {

@@ -36,6 +36,7 @@ struct NodeArguments {
     std::string fullName;  // "graph.node"
     std::string nodeName;  // as the description has it
     size_t entries;        // per-frame entries in the description
+    std::string mistake;   // the first of mistakesOf() it, if any
     std::unique_ptr<vexa::VXNodeDescriptor> descriptor;
     Evidence& evidence;
 };
@@ -48,6 +49,10 @@ struct NodeType {
     std::vector<ConfigKey> configs;
     std::unique_ptr<vexa::VXNode> (*make)(NodeArguments arguments);
 
+    // A node of this type checks what it gets when it has this config; "" for always.
+    const char* checksWith = nullptr;
+
+    bool checks(const vexa::VXNodeDescriptor& node) const;
     // The config `key`, common ones too; null when the type does not know it.
     const ConfigKey* find(const std::string& key) const;
 };
@@ -63,6 +68,11 @@ const std::vector<ConfigKey>& commonConfigs(bool isSource);
 // The types of this program, in the order to list them; null for an unknown name.
 const std::vector<const NodeType*>& nodeTypes();
 const NodeType* findNodeType(const std::string& name);
+
+// What is wrong with the ports and configs of a description for a node of `type`: the config in question,
+// or "", and a line.
+std::vector<std::pair<std::string, std::string>> mistakesOf(const NodeType& type,
+                                                            const vexa::VXNodeDescriptor& node);
 
 // NodeFactory: makes the nodes of one type with the evidence of one run.
 class NodeFactory final : public vexa::VXNodeBaseFactory {
@@ -150,7 +160,6 @@ private:
 
     template <typename Action>
     vexa::VXError guarded(vexa::VexaError error, Action action);
-    void checkDescription();
     void hold(SharedWorks* works);
     void traceFrames(const Works& works);
     void traceQueue();
@@ -162,6 +171,7 @@ private:
     Evidence& mEvidence;
     NodeRecord& mRecord;
     const size_t mEntries;
+    const std::string mMistake;     // in the description
     std::shared_ptr<Route> mRoute;  // null without an output port
     bool mBeforeFence = false;
     unsigned mFenceDelay = 1;  // milliseconds

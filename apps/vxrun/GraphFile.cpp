@@ -1,7 +1,6 @@
 #include "GraphFile.h"
 
 #include "AppNode.h"
-#include "Failure.h"
 #include "Json.h"
 
 #include <algorithm>
@@ -16,33 +15,50 @@ namespace {
 using vexa::VXGraphInfo;
 using vexa::VXNodeDescriptor;
 
-// GraphReader: one walk over the document, from top to bottom.
+// GraphReader: one walk over the document, from top to bottom. A mistake is noted, and the walk goes on
+// behind it.
 class GraphReader {
 public:
     explicit GraphReader(const std::string& path)
         : mDocument(path), mFolder(std::filesystem::path(path).parent_path()) {}
 
     VXGraphInfo read() {
-        const JsonValue& root =
-            mDocument.expectObject(mDocument.root(), {"name", "nodes", "connections"});
-        mInfo.name = mDocument.name(root, "name");
-        const JsonValue& nodes = mDocument.member(root, "nodes", JsonValue::ARRAY);
-        constexpr size_t kMaxNodes = 1000;  // each has a thread
-        if (nodes.items.empty() || nodes.items.size() > kMaxNodes) {
-            mDocument.fail(nodes,
-                           "expected 1 to 1000 nodes, got " + std::to_string(nodes.items.size()));
-        }
-        for (const JsonValue& node : nodes.items) readNode(node);
+        const JsonValue& root = mDocument.root();
+        attempt([&] { mDocument.expectObject(root, {"name", "nodes", "connections"}); });
+        attempt([&] { mInfo.name = mDocument.name(root, "name"); });
+        attempt([&] { readNodes(mDocument.member(root, "nodes", JsonValue::ARRAY)); });
         mUpstream.resize(mInfo.nodes.size());
-        for (const auto& list : mDocument.items(root, "connections", JsonValue::OBJECT)) {
-            readConnections(list);
-        }
+        attempt([&] {
+            for (const auto& list : mDocument.items(root, "connections", JsonValue::OBJECT)) {
+                attempt([&] { readConnections(list); });
+            }
+        });
         checkAllConnected();
-        std::vector<size_t> path;
-        std::vector<bool> done(mInfo.nodes.size());
-        for (size_t node = 0; node < done.size(); ++node) checkAcyclic(node, &path, &done);
+        attempt([&] {
+            std::vector<size_t> path;
+            std::vector<bool> done(mInfo.nodes.size());
+            for (size_t node = 0; node < done.size(); ++node) checkAcyclic(node, &path, &done);
+            mAcyclic = true;
+        });
         return std::move(mInfo);
     }
+
+    // What read() leaves to the nodes and to the run; after it.
+    void checkFurther(const VXGraphInfo& info) {
+        bool anyChecking = false;
+        for (size_t i = 0; i < info.nodes.size(); ++i) {
+            const VXNodeDescriptor& node = *info.nodes[i];
+            const NodeType* const type = findNodeType(node.type);
+            if (type == nullptr) continue;
+            for (const auto& [key, text] : mistakesOf(*type, node)) note(*mNodes[i], key, text);
+            anyChecking = anyChecking || type->checks(node);
+            if (mAcyclic && type->find("slots") != nullptr) checkSlots(info, i);
+        }
+        const JsonValue* const nodes = mDocument.root().find("nodes");
+        if (!anyChecking && nodes != nullptr) note(*nodes, "", "no sink checks anything");
+    }
+
+    const std::vector<Failure>& failures() const { return mFailures; }
 
 private:
     struct Port {
@@ -53,50 +69,98 @@ private:
     };
     using Ports = std::map<std::string, Port>;
 
+    template <typename Action>
+    void attempt(Action action) {
+        try {
+            action();
+        } catch (const Failure& failure) {
+            mFailures.push_back(failure);
+        }
+    }
+
+    // Notes a mistake in the config `key` of a node, or in `json` itself.
+    void note(const JsonValue& json, const std::string& key, const std::string& text) {
+        const JsonValue* const configs = json.find("configs");
+        const JsonValue* const config = configs != nullptr ? configs->find(key) : nullptr;
+        attempt([&] { mDocument.fail(config != nullptr ? *config : json, text); });
+    }
+
     // ---- Nodes ----
 
-    void readNode(const JsonValue& json) {
-        mDocument.expectObject(json, {"name", "type", "configs", "inputs", "outputs", "entries"});
-        auto node = std::make_unique<VXNodeDescriptor>();
-        node->name = mDocument.name(json, "name");
-        if (!mNodeNames.insert(node->name).second) {
-            mDocument.fail(*json.find("name"), "another node is named " + quote(node->name));
+    void readNodes(const JsonValue& nodes) {
+        constexpr size_t kMaxNodes = 1000;  // each has a thread
+        if (nodes.items.empty() || nodes.items.size() > kMaxNodes) {
+            mDocument.fail(nodes,
+                           "expected 1 to 1000 nodes, got " + std::to_string(nodes.items.size()));
         }
-        node->type = mDocument.name(json, "type");
-        const NodeType* const type = findNodeType(node->type);
-        if (type == nullptr) {
-            mDocument.fail(*json.find("type"),
-                           "unknown node type " + quote(node->type) + ", see --list-nodes",
-                           errorName(vexa::NODE_NOT_FOUND));
+        for (const JsonValue& node : nodes.items) {
+            mInfo.nodes.push_back(std::make_unique<VXNodeDescriptor>());
+            mNodes.push_back(&node);
+            attempt([&] { readNode(node, mInfo.nodes.back().get()); });
         }
-        for (const JsonValue& config : mDocument.items(json, "configs", JsonValue::OBJECT)) {
+    }
+
+    void readNode(const JsonValue& json, VXNodeDescriptor* node) {
+        mDocument.expect(json, JsonValue::OBJECT);
+        attempt([&] {
+            mDocument.expectObject(json,
+                                   {"name", "type", "configs", "inputs", "outputs", "entries"});
+        });
+        attempt([&] {
+            node->name = mDocument.name(json, "name");
+            if (!mNodeNames.insert(node->name).second) {
+                mDocument.fail(*json.find("name"), "another node is named " + quote(node->name));
+            }
+        });
+        const NodeType* type = nullptr;
+        attempt([&] {
+            node->type = mDocument.name(json, "type");
+            type = findNodeType(node->type);
+            if (type == nullptr) {
+                mDocument.fail(*json.find("type"),
+                               "unknown node type " + quote(node->type) + ", see --list-nodes",
+                               errorName(vexa::NODE_NOT_FOUND));
+            }
+        });
+        forEach(json, "configs", JsonValue::OBJECT, [&](const JsonValue& config) {
             const std::string& value = mDocument.scalar(config);
-            const ConfigKey* const key = type->find(config.key);  // the node refuses unknown ones
+            // The node refuses unknown keys.
+            const ConfigKey* const key = type != nullptr ? type->find(config.key) : nullptr;
             const bool isFile = key != nullptr && key->isFile;
             node->configs[config.key] = isFile ? (mFolder / value).string() : value;
-        }
+        });
         node->inputPorts = readPorts(json, "inputs", &mInputs);
         node->outputPorts = readPorts(json, "outputs", &mOutputs);
-        for (const JsonValue& entry : mDocument.items(json, "entries", JsonValue::ARRAY)) {
-            node->entries.push_back(readEntry(entry));
-        }
-        mInfo.nodes.push_back(std::move(node));
+        forEach(json, "entries", JsonValue::ARRAY,
+                [&](const JsonValue& entry) { node->entries.push_back(readEntry(entry)); });
+    }
+
+    // Attempts `action` for each item of the array or object `key` of `json`.
+    template <typename Action>
+    void forEach(const JsonValue& json, const std::string& key, JsonValue::Kind kind,
+                 Action action) {
+        attempt([&] {
+            for (const JsonValue& item : mDocument.items(json, key, kind)) {
+                attempt([&] { action(item); });
+            }
+        });
     }
 
     std::vector<VXNodeDescriptor::PortInfo> readPorts(const JsonValue& node, const std::string& key,
                                                       Ports* ports) {
         std::vector<VXNodeDescriptor::PortInfo> infos;
-        for (const JsonValue& json : mDocument.items(node, key, JsonValue::ARRAY)) {
+        forEach(node, key, JsonValue::ARRAY, [&](const JsonValue& json) {
             mDocument.expectObject(json, {"name", "format"});
             const std::string& name = mDocument.name(json, "name");
             const std::string& format = mDocument.name(json, "format");
-            const auto [port, isNew] = ports->insert({name, {mInfo.nodes.size(), format, &json}});
+            const auto [port, isNew] =
+                ports->insert({name, {mInfo.nodes.size() - 1, format, &json}});
             if (!isNew) {
                 mDocument.fail(*json.find("name"),
                                port->second.json->where + " is named " + quote(name) + ", too");
             }
             infos.push_back({name, format});
-        }
+        });
         return infos;
     }
 
@@ -131,36 +195,40 @@ private:
             mDocument.fail(list, "no output port is named " + quote(list.key));
         }
         for (const JsonValue& target : mDocument.expect(list, JsonValue::ARRAY).items) {
-            const auto input = mInputs.find(mDocument.expect(target, JsonValue::STRING).text);
-            if (input == mInputs.end()) {
-                mDocument.fail(target, "no input port is named " + quote(target.text));
-            }
-            connect(target, &output->second, &input->second);
-            mInfo.connections[list.key].push_back(target.text);
+            attempt([&] { readConnection(target, list.key, &output->second); });
         }
+    }
+
+    void readConnection(const JsonValue& target, const std::string& from, Port* output) {
+        const auto input = mInputs.find(mDocument.expect(target, JsonValue::STRING).text);
+        if (input == mInputs.end()) {
+            mDocument.fail(target, "no input port is named " + quote(target.text));
+        }
+        connect(target, output, &input->second);
+        mInfo.connections[from].push_back(target.text);
     }
 
     void connect(const JsonValue& target, Port* output, Port* input) {
         if (input->connected) {
             mDocument.fail(target, "input port " + quote(target.text) + " is connected already");
         }
+        output->connected = true;
+        input->connected = true;
+        mUpstream[input->node].push_back(output->node);
         if (output->format != input->format) {
             mDocument.fail(target,
                            "an output of " + quote(output->format) + " cannot feed input port " +
                                quote(target.text) + " of " + quote(input->format),
                            errorName(vexa::GRAPH_BUILD_FAIL));
         }
-        output->connected = true;
-        input->connected = true;
-        mUpstream[input->node].push_back(output->node);
     }
 
     // A node whose port leads nowhere would wait for ever, or work for nobody.
-    void checkAllConnected() const {
+    void checkAllConnected() {
         for (const Ports* ports : {&mInputs, &mOutputs}) {
             for (const auto& [name, port] : *ports) {
                 if (!port.connected) {
-                    mDocument.fail(*port.json, "port " + quote(name) + " is not connected");
+                    note(*port.json, "", "port " + quote(name) + " is not connected");
                 }
             }
         }
@@ -183,19 +251,77 @@ private:
         (*done)[node] = true;
     }
 
+    // ---- What lets a run never move ----
+
+    // A node may have (largest downstream total delay + batch + 2) works out, but never more than its
+    // pool has slots. Fewer slots only pace it, as long as every work comes back without a further one.
+    // Nodes that keep works until more follow take that many slots out of use for ever.
+    void checkSlots(const VXGraphInfo& info, size_t node) {
+        const uint64_t slots = numberOf(*info.nodes[node], "slots", kDefaultSlots);
+        const uint64_t kept = keptBehind(info, node);
+        if (slots > kept) return;
+        note(*mNodes[node], "slots",
+             "a pool of " + std::to_string(slots) + " buffers, of which the nodes behind it keep " +
+                 std::to_string(kept) + ": the run could not move");
+    }
+
+    // The most buffers of `node`'s pool that are kept on one way downstream.
+    uint64_t keptBehind(const VXGraphInfo& info, size_t node) const {
+        uint64_t most = 0;
+        for (size_t next = 0; next < info.nodes.size(); ++next) {
+            const auto& feeders = mUpstream[next];
+            if (std::find(feeders.begin(), feeders.end(), node) == feeders.end()) continue;
+            const VXNodeDescriptor& descriptor = *info.nodes[next];
+            const NodeType* const type = findNodeType(descriptor.type);
+            if (type == nullptr || type->find("slots") != nullptr) continue;  // has its own buffers
+            const uint64_t kept =
+                type->name == "transform/delay" ? numberOf(descriptor, "frames", 0) : 0;
+            most = std::max(most, kept + keptBehind(info, next));
+        }
+        return most;
+    }
+
+    // A config that is no number is the node's to refuse.
+    static uint64_t numberOf(const VXNodeDescriptor& node, const std::string& key,
+                             uint64_t preset) {
+        const auto config = node.configs.find(key);
+        if (config == node.configs.end()) return preset;
+        try {
+            return parseNumber(config->second, 0, UINT32_MAX);
+        } catch (const Failure&) {
+            return preset;
+        }
+    }
+
     const JsonDocument mDocument;
     const std::filesystem::path mFolder;
     VXGraphInfo mInfo;
     std::set<std::string> mNodeNames;
     Ports mInputs;
     Ports mOutputs;
+    std::vector<const JsonValue*> mNodes;        // by node number
     std::vector<std::vector<size_t>> mUpstream;  // by node number: the nodes that feed it
+    bool mAcyclic = false;
+    std::vector<Failure> mFailures;
 };
 
 }  // namespace
 
 VXGraphInfo readGraphFile(const std::string& path) {
-    return GraphReader(path).read();
+    GraphReader reader(path);
+    VXGraphInfo info = reader.read();
+    if (!reader.failures().empty()) throw reader.failures().front();
+    return info;
+}
+
+std::vector<Failure> checkGraphFile(const std::string& path) {
+    try {
+        GraphReader reader(path);
+        reader.checkFurther(reader.read());
+        return reader.failures();
+    } catch (const Failure& failure) {  // no JSON
+        return {failure};
+    }
 }
 
 void overrideConfig(VXGraphInfo* graph, const std::string& assignment) {

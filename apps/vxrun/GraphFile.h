@@ -1,9 +1,12 @@
 // GraphFile: the description of a graph as a JSON file (docs/graph-file.md).
 #pragma once
 
+#include "Failure.h"
+
 #include <VXGraph.h>
 
 #include <string>
+#include <vector>
 
 namespace vxrun {
 
@@ -14,6 +17,11 @@ namespace vxrun {
 // NODE_NOT_FOUND for an unknown node type, GRAPH_BUILD_FAIL for a connection between different
 // formats, else CORRUPT_DESCR. Nothing has been built by then.
 vexa::VXGraphInfo readGraphFile(const std::string& path);
+
+// Everything that is wrong with the graph file `path`, in such failures: what readGraphFile() refuses,
+// what its nodes would refuse in their descriptions, and what lets a run prove nothing or never move.
+// Opens no other file.
+std::vector<Failure> checkGraphFile(const std::string& path);
 
 // Sets one config by an option's text "NODE.KEY=VALUE". A Failure when it is none, or the graph has
 // no such node.

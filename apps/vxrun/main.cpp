@@ -182,6 +182,15 @@ void record(const Options& options, vexa::VXGraphInfo* graph, Evidence* evidence
     evidence->expectNoCheck();
 }
 
+// Prints all that is wrong with a graph file. 0 when nothing is.
+int check(const std::string& graph) {
+    const auto failures = checkGraphFile(graph);
+    for (const Failure& failure : failures) console::line(failure.what());
+    std::printf("check: mistakes=%zu\n", failures.size());
+    constexpr int kBadDescription = 2;
+    return failures.empty() ? 0 : kBadDescription;
+}
+
 // Everything of a run that may throw. `decodes`: the graph is that of `vxrun decode`.
 void run(const Options& options, bool decodes, Evidence* evidence) {
     if (options.graph.empty() != decodes) {
@@ -221,6 +230,11 @@ int start(int argc, char** argv) {
     addOptions(&app, &options);
     const CLI::App* const decode = addDecode(&app, &options.decode);
     const CLI::App* const suite = addSuite(&app, &options.suite);
+    CLI::App* const checking =
+        app.add_subcommand("check", "Tells all that is wrong with a graph file, and runs nothing");
+    checking->add_option("graph", options.graph, "The graph file")
+        ->type_name("GRAPH.json")
+        ->required();
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -236,6 +250,7 @@ int start(int argc, char** argv) {
     }
     console::setQuiet(options.quiet || options.suite.quiet);
     console::setColor(options.color);
+    if (checking->parsed()) return check(options.graph);
     const bool decodes = decode->parsed();
     // The MD5 is the last line on standard output.
     if (decodes) evidence.printTo(stderr);

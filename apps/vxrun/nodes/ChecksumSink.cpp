@@ -135,6 +135,7 @@ extern const NodeType kChecksumSink = {
      {"print_md5", false, "true: the MD5 of the whole stream goes to standard output"},
      {"dump_bad", true, "a folder for the frames that differ, as PNG and raw"},
      {"dump_limit", false, "how many frames to write there, default 8"}},
-    makeNode<ChecksumSink>};
+    makeNode<ChecksumSink>,
+    "expect"};
 
 }  // namespace vxrun

@@ -191,6 +191,7 @@ extern const NodeType kCompareSink = {
      {"ahead", false, "frames that one input may be ahead of the other, default 16"},
      {"dump_bad", true, "a folder for the frames that differ, as PNG and raw"},
      {"dump_limit", false, "how many frames to write there, default 8"}},
-    makeNode<CompareSink>};
+    makeNode<CompareSink>,
+    ""};
 
 }  // namespace vxrun

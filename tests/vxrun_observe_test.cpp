@@ -1,0 +1,355 @@
+// How vxrun ends, and what it tells about a run on the way: snapshots, progress, traces, checks.
+#include <Evidence.h>
+#include <sys/stat.h>
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "support/TestNodes.h"
+#include "support/Vxrun.h"
+
+namespace {
+
+using namespace vxrun_test;
+using Json = nlohmann::json;
+
+class VxrunObserved : public Vxrun {
+protected:
+    // A pipe that holds `content` and never ends, as long as the test has it open.
+    int makePipe(const std::string& content) const {
+        EXPECT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+        const int writer = open(path("pipe").c_str(), O_RDWR | O_CLOEXEC);
+        EXPECT_EQ(write(writer, content.data(), content.size()), ssize_t(content.size()));
+        return writer;
+    }
+    // The first frame, and the start of another that never comes.
+    static std::string frameAndAHalf() { return y4m("W6 H4", 36, 1) + "FRAME\n"; }
+
+    // Asks `process` for snapshots until one says `text`; false when none ever does.
+    static bool askUntil(Process& process, const std::string& text) {
+        constexpr int kEnough = 20000;
+        for (int i = 0; i < kEnough && process.err.find(text) == std::string::npos; ++i) {
+            process.err.clear();
+            process.kill(SIGUSR1);
+            if (!process.waitForError("  pool of 'reader': ")) return false;
+        }
+        return process.err.find(text) != std::string::npos;
+    }
+
+    std::vector<std::string> files(const std::string& folder) const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(path(folder))) {
+            names.push_back(entry.path().filename());
+        }
+        return names;
+    }
+};
+
+// Catches: a way to end with a wrong exit code or verdict, one that hangs or crashes, and one that
+// passes without evidence.
+TEST_F(VxrunObserved, EveryWayToEnd) {
+    makeClip();
+    const std::string clip = contentOf(path("clip.y4m"));
+    const std::string list = contentOf(path("clip.framemd5"));
+    const std::string lastRow = list.substr(list.rfind("\n0,") + 1);
+    writeFile(path("cut.y4m"), clip.substr(0, clip.size() - 1));
+    writeFile(path("bad.framemd5"), replaced(list, "36, ", "37, "));
+    writeFile(path("short.framemd5"), replaced(list, lastRow, ""));
+    writeFile(path("long.framemd5"), list + lastRow);
+    writeFile(path("alpha.y4m"), "YUV4MPEG2 W6 H4 C444alpha\n");
+    const int writer = makePipe("");
+    const std::vector<std::string> endless = {"reader.file=/dev/zero", "check.expect="};
+    struct Case {
+        const char *what, *by;             // in the graph
+        std::vector<std::string> configs;  // to set
+        std::string verdict;
+        int exit;
+        std::vector<std::string> options = {};
+        int signal = 0;
+    };
+    const char *const type = "source/y4m", *const blocks = "source/file";
+    const Case cases[] = {
+        {"", "", {}, "PASS", 0},
+        {"", "", {"check.expect=" + path("bad.framemd5")}, "CRC_MISMATCH", 1},
+        {"", "", {"check.expect=" + path("short.framemd5")}, "CRC_MISMATCH", 1},
+        {"", "", {"check.expect=" + path("long.framemd5")}, "CRC_MISMATCH", 1},
+        {"", "", {"check.expect="}, "NOTHING_CHECKED", 4},
+        {"", "", {"reader.file=" + path("cut.y4m")}, "NODE_FAIL_FATAL", 3},
+        {"", "", {"reader.file=" + path("none")}, "NODE_FAIL_INIT", 3},
+        {"", "", {"reader.file=" + path("alpha.y4m")}, "NOT_SUPPORTED", 77},
+        {"", "", {"copy.allocator=dmabuf", "check.allocator=xcodec2"}, "GRAPH_BUILD_FAIL", 3},
+        {"[\"check.in\"]", "[]", {}, "CORRUPT_DESCR", 2},
+        {"transform/passthrough", "transform/magic", {}, "NODE_NOT_FOUND", 2},
+        {"", "", {}, "BAD_OPTION", 2, {"--nosuch"}},
+        {"", "", {"reader.file=" + path("pipe")}, "STALL", 124, {"--stall", "0.3"}},
+        {"", "", {"reader.file=" + path("pipe")}, "TIMEOUT", 124, {"--timeout", "0.3"}},
+        {type, blocks, endless, "TIMEOUT", 124, {"--timeout", "0.3", "--stall", "0"}},
+        {type, blocks, endless, "SIGINT", 130, {}, SIGINT},
+        {type, blocks, endless, "SIGTERM", 143, {}, SIGTERM},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.verdict + " " + (c.configs.empty() ? c.what : c.configs.front()));
+        std::vector<std::string> command = {VXRUN_BINARY, graph("linear", c.what, c.by), "--log",
+                                            "8"};
+        command.insert(command.end(), c.options.begin(), c.options.end());
+        for (const std::string& config : c.configs) {
+            command.insert(command.end(), {"--set", config});
+        }
+        Process process(command);
+        if (c.signal != 0) {
+            ASSERT_TRUE(process.waitForError("Wait for completion")) << process.err;
+            process.kill(c.signal);
+        }
+        EXPECT_EQ(process.wait(), c.exit) << process.err;
+        EXPECT_EQ(process.out.rfind("verdict: " + c.verdict + " frames=", 0), 0u) << process.out;
+    }
+    close(writer);
+}
+
+// Catches: a run that counts as passed although a sink has not seen its last frame.
+TEST(VxrunEvidence, NoPassBeforeTheLastFrame) {
+    vxrun::Evidence evidence;
+    ScriptedNode node("g.sink", describe("t", "sink", {"in"}, {}));
+    vxrun::NodeRecord& record = evidence.addNode(node, "sink", "", true);
+    record.checking = true;
+    record.checked = 1;
+    EXPECT_EQ(evidence.verdict(), "NO_END_OF_STREAM");
+    EXPECT_EQ(evidence.printVerdict(), 1);
+    record.endOfStream = true;
+    EXPECT_EQ(evidence.verdict(), "PASS");
+    EXPECT_EQ(evidence.fail("NODE_FAIL_ASYNC"), true);  // a failed start
+    EXPECT_EQ(evidence.printVerdict(), 3);
+    evidence.removeNode(record);
+    EXPECT_TRUE(evidence.nodes().empty());
+}
+
+// Catches: a snapshot that waits for the node that blocks, shows it wrongly, ends the run or is no DOT.
+TEST_F(VxrunObserved, SnapshotsOnRequest) {
+    makeClip();
+    const int writer = makePipe(frameAndAHalf());
+    const std::string dots = path("new/dots");
+    Process process({VXRUN_BINARY,
+                     graph("linear", "\"name\": \"linear\"", "\"name\": \"a\\\"\\\\\""), "--stall",
+                     "0", "--dot", dots, "--set", "reader.file=" + path("pipe"), "--set",
+                     "check.expect=", "--log", "8"});
+    ASSERT_TRUE(process.waitForError("Wait for completion")) << process.err;
+    ASSERT_TRUE(askUntil(process,
+                         "  node 'check': running, 1 frames; pending 0, downstream 0 of 3; "
+                         "port 'check.in' queued 0"))
+        << process.err;
+    ASSERT_TRUE(askUntil(process, "  node 'reader': running, processing, 1 frames; pending 0, "))
+        << process.err;
+    EXPECT_TRUE(askUntil(process, "  pool of 'reader': free 7, out 1, on the way 1\n"))
+        << process.err;
+    const std::string rest(36, 'x');
+    EXPECT_EQ(write(writer, rest.data(), rest.size()), ssize_t(rest.size()));
+    close(writer);
+    EXPECT_EQ(process.wait(), 4) << process.err;
+    EXPECT_EQ(process.out, "verdict: NOTHING_CHECKED frames=2 checked=0 first_bad=-\n");
+
+    std::set<std::string> reasons;
+    for (const std::string& file : files("new/dots")) {
+        EXPECT_EQ(file.rfind("0.00.", 0), 0u) << file;
+        if (!reasons.insert(file.substr(file.find('-'))).second) continue;
+        const Result drawn = run({"dot", "-Tsvg", dots + "/" + file});
+        if (drawn.exit == -1000 || drawn.exit == 127) continue;  // no such program
+        EXPECT_EQ(drawn.exit, 0) << drawn.err;
+        EXPECT_EQ(drawn.err, "");
+        EXPECT_NE(drawn.out.find(">a&quot;\\"), std::string::npos) << drawn.out;
+        EXPECT_NE(drawn.out.find(">check.in<"), std::string::npos) << drawn.out;
+    }
+    EXPECT_EQ(reasons, (std::set<std::string>{"-start.dot", "-request.dot"}));
+}
+
+// Catches: a stall or an error that leaves no picture of what stood where.
+TEST_F(VxrunObserved, SnapshotsOfTrouble) {
+    makeClip();
+    const int writer = makePipe(frameAndAHalf());
+    const std::string clip = contentOf(path("clip.y4m"));
+    writeFile(path("cut.y4m"), clip.substr(0, clip.size() - 1));
+    for (const auto& [file, reason] :
+         {std::pair(path("pipe"), "stall"), std::pair(path("cut.y4m"), "error")}) {
+        SCOPED_TRACE(file);
+        const Result result = vxrun({graph("linear"), "--stall", "1", "--dot", path(reason),
+                                     "--set", "reader.file=" + file});
+        EXPECT_NE(result.err.find("\n  graph 'linear' at 0.00."), std::string::npos) << result.err;
+        EXPECT_NE(result.err.find("\n  node 'check': "), std::string::npos) << result.err;
+        int pictures = 0;
+        for (const std::string& name : files(reason)) {
+            pictures += name.find(std::string("-") + reason + ".dot") != std::string::npos;
+        }
+        EXPECT_EQ(pictures, 1);
+    }
+    close(writer);
+}
+
+// Catches: a block without a key, with a wrong count or not at the end; output behind the verdict.
+TEST_F(VxrunObserved, WritesProgress) {
+    makeClip();
+    writeFile(path("bad.framemd5"), replaced(contentOf(path("clip.framemd5")), "36, ", "37, "));
+    for (const std::string& target : {path("progress"), std::string("1")}) {
+        const Result result = vxrun({graph("linear"), "--progress", target, "--set",
+                                     "check.expect=" + path("bad.framemd5")});
+        std::string verdict = "verdict: CRC_MISMATCH frames=4 checked=4 first_bad=0\n";
+        std::string blocks = contentOf(path("progress"));
+        if (target == "1") {
+            ASSERT_GE(result.out.size(), verdict.size());
+            blocks = result.out.substr(0, result.out.size() - verdict.size());
+            verdict = result.out.substr(blocks.size());
+        }
+        EXPECT_EQ(verdict, "verdict: CRC_MISMATCH frames=4 checked=4 first_bad=0\n");
+        std::map<std::string, std::string> block;
+        std::istringstream lines(blocks);
+        for (std::string line; std::getline(lines, line);) {
+            block[line.substr(0, line.find('='))] = line.substr(line.find('=') + 1);
+            if (line != "progress=continue") continue;
+            for (const char* key : {"frame", "fps", "frames_checked", "mismatches", "elapsed_us"}) {
+                EXPECT_EQ(block.count(key), 1u) << key;
+            }
+            block.clear();
+        }
+        EXPECT_EQ(block["progress"], "end");
+        EXPECT_EQ(block["frame"] + block["frames_checked"] + block["mismatches"], "441");
+    }
+}
+
+// Catches: a trace that is no JSON, after a kill, too; events that are lost, have no counterpart, or
+// overlap in one row.
+TEST_F(VxrunObserved, WritesTraces) {
+    makeClip();
+    EXPECT_EQ(vxrun({graph("fanout"), "--trace", path("trace")}).exit, 0);
+    std::map<std::string, int> counts;
+    std::map<int, double> ends;  // by row, of its last span
+    std::map<std::pair<std::string, int>, int> frames;
+    for (const Json& event : Json::parse(contentOf(path("trace")), nullptr, false)) {
+        const std::string phase = event["ph"];
+        ++counts[phase + " " + event["name"].get<std::string>()];
+        EXPECT_GE(event["ts"].get<double>(), 0.0);
+        if (phase == "b" || phase == "e") {
+            frames[{event["cat"], event["id"]}] += phase == "b" ? 1 : -1;
+        } else if (phase == "X") {
+            EXPECT_GE(event["ts"].get<double>(), ends[event["tid"]]);
+            ends[event["tid"]] = event["ts"].get<double>() + event["dur"].get<double>();
+        } else if (event["name"] == "pool.reader") {
+            EXPECT_LE(event["args"]["free"], 8);
+        }
+    }
+    EXPECT_EQ(frames.size(), 4u);
+    for (const auto& [frame, open] : frames) EXPECT_EQ(open, 0);
+    EXPECT_EQ(counts["i end of stream"], static_cast<int>(ends.size()));
+    EXPECT_GE(counts["X process"], static_cast<int>(ends.size()));
+    EXPECT_EQ(counts["M thread_name"], static_cast<int>(ends.size()));
+    EXPECT_EQ(counts["C pool.reader"], 8);
+
+    Process killed({VXRUN_BINARY, graph("linear", "source/y4m", "source/file"), "--trace",
+                    path("killed"), "--set", "reader.file=/dev/zero", "--set",
+                    "check.expect=", "--log", "8"});
+    ASSERT_TRUE(killed.waitForError("Wait for completion")) << killed.err;
+    ASSERT_TRUE(askUntil(killed, "  node 'check': running, "));
+    ASSERT_TRUE(killed.waitForError("  pool of 'reader': "));
+    killed.kill(SIGKILL);
+    EXPECT_EQ(killed.wait(), -SIGKILL);
+    const Json events = Json::parse(contentOf(path("killed")), nullptr, false);
+    ASSERT_TRUE(events.is_array());
+    EXPECT_GT(events.size(), 3u);
+}
+
+// Catches: a mistake that hides others, one without its place, a clean graph that is blamed.
+TEST_F(VxrunObserved, ChecksTellEverything) {
+    makeClip();
+    for (const std::string name : {"linear", "fanout", "decode"}) {
+        const Result result = vxrun({"check", VXRUN_GRAPHS_DIR "/" + name + ".json"});
+        EXPECT_EQ(result.out + result.err, "check: mistakes=0\n");
+        EXPECT_EQ(result.exit, 0);
+    }
+    writeFile(path("bad.json"), R"({ "name": "", "speed": 1,
+"nodes": [
+{ "name": "a", "type": "source/y4m", "configs": { "file": [1], "fyle": 1 },
+  "outputs": [ { "name": "a.out", "format": "video/raw" }, { "name": "x" } ] },
+{ "name": "a", "type": "transform/magic", "inputs": [ { "name": "b.in", "format": "x" } ],
+  "entries": [ { "frame": -1 }, { "frame": 1, "kind": "x" } ] },
+7,
+{ "type": "transform/passthrough", "inputs": [ { "name": "c.in", "format": "video/raw" } ],
+  "outputs": [ { "name": "c.out", "format": "video/raw" },
+               { "name": "d.out", "format": "video/raw" } ] },
+{ "name": "e", "type": "sink/checksum", "configs": { "allocator": "heap" },
+  "inputs": [ { "name": "e.in", "format": "video/raw" } ] } ],
+"connections": { "a.out": ["b.in", "f"], "c.out": ["c.in"], "g": [] } }
+)");
+    const char* const mistakes[] = {
+        ":1:24: speed: unknown key",
+        ":1:11: name: expected a name",
+        ":3:59: nodes[0].configs.file: expected a string",
+        ":4:60: nodes[0].outputs[1]: missing key 'format'",
+        ":5:11: nodes[1].name: another node",
+        ":5:24: nodes[1].type: unknown node type",
+        ":6:27: nodes[1].entries[0].frame: expected a number",
+        ":6:55: nodes[1].entries[1].kind: expected 'command'",
+        ":7:1: nodes[2]: expected an object",
+        ":8:1: nodes[3]: missing key 'name'",
+        ":13:28: connections.a.out[0]: an output of 'video/raw' cannot feed",
+        ":13:36: connections.a.out[1]: no input port",
+        ":13:66: connections.g: no output port",
+        ":10:16: nodes[3].outputs[1]: port 'd.out' is not connected",
+        ":12:15: nodes[4].inputs[0]: port 'e.in' is not connected",
+        ":13:16: connections: the nodes form a cycle",
+        ":3:72: nodes[0].configs.fyle: unknown config",
+        ":8:1: nodes[3]: a transform/passthrough has 1 output",
+        ":11:67: nodes[4].configs.allocator: config 'allocator'",
+        ":2:10: nodes: no sink checks anything",
+    };
+    const Result result = vxrun({"check", path("bad.json")});
+    EXPECT_EQ(result.exit, 2);
+    for (const char* mistake : mistakes) {
+        EXPECT_NE(result.err.find("bad.json" + std::string(mistake)), std::string::npos) << mistake;
+    }
+    EXPECT_EQ(result.out, "check: mistakes=" + std::to_string(std::size(mistakes)) + "\n")
+        << result.err;
+    EXPECT_EQ(vxrun({"check", path("none")}).exit, 2);
+}
+
+// Catches: colours in a file, or none where they are asked for.
+TEST_F(VxrunObserved, Colors) {
+    makeClip();
+    struct Case {
+        std::vector<std::string> environment;
+        const char* option;
+        bool painted;
+    };
+    const Case cases[] = {
+        {{}, "auto", false},
+        {{}, "always", true},
+        {{"CLICOLOR_FORCE=1"}, "auto", true},
+        {{"CLICOLOR_FORCE=0"}, "auto", false},
+        {{"CLICOLOR_FORCE=1", "NO_COLOR=1"}, "auto", false},
+        {{"CLICOLOR_FORCE=1"}, "never", false},
+        {{"NO_COLOR=1"}, "always", true},
+    };
+    for (const Case& c : cases) {
+        Process process({VXRUN_BINARY, graph("linear"), "--color", c.option}, c.environment);
+        EXPECT_EQ(process.wait(), 0);
+        EXPECT_EQ(process.out, std::string("verdict: ") +
+                                   (c.painted ? "\033[32mPASS\033[m" : "PASS") +
+                                   " frames=4 checked=4 first_bad=-\n");
+    }
+}
+
+// Catches: a target that cannot be written and is ignored, or noticed only after the run.
+TEST_F(VxrunObserved, RefusesBadTargets) {
+    makeClip();
+    const std::pair<const char*, const char*> cases[] = {
+        {"--progress", "99"},
+        {"--progress", "/nonexistent/x"},
+        {"--trace", "/nonexistent/x"},
+        {"--dot", "/dev/null/x"},
+        {"--stall", "-1"},
+        {"--color", "sometimes"},
+    };
+    for (const auto& [option, value] : cases) {
+        expectFailure(vxrun({graph("linear"), option, value}), 2,
+                      std::string("BAD_OPTION") + kNothing, option);
+    }
+}
+
+}  // namespace
