@@ -245,9 +245,14 @@ TEST_F(VxrunObserved, WritesTraces) {
     Process killed({VXRUN_BINARY, graph("linear", "source/y4m", "source/file"), "--trace",
                     path("killed"), "--set", "reader.file=/dev/zero", "--set",
                     "check.expect=", "--log", "8"});
-    ASSERT_TRUE(killed.waitForError("Wait for completion")) << killed.err;
-    ASSERT_TRUE(askUntil(killed, "  node 'check': running, "));
-    ASSERT_TRUE(killed.waitForError("  pool of 'reader': "));
+    ASSERT_TRUE(killed.waitForError("mDownstreamWorksTracker.size(1)")) << killed.err;
+    for (int i = 0; i < 2;
+         ++i) {  // the second snapshot comes after the first one's events are written
+        killed.err.clear();
+        ASSERT_TRUE(askUntil(killed, "  node 'check': running, "));
+    }
+    killed.kill(SIGSTOP);  // no write is under way when it has stopped
+    ASSERT_GT(waitpid(-1, nullptr, WUNTRACED), 0);
     killed.kill(SIGKILL);
     EXPECT_EQ(killed.wait(), -SIGKILL);
     const Json events = Json::parse(contentOf(path("killed")), nullptr, false);

@@ -89,6 +89,7 @@ void Trace::flush() {
 
 // Each write ends with the bracket that closes the array; the next one begins on it.
 void Trace::flushLocked() {
+    if (mBuffer.empty()) return;
     const std::string text = mBuffer + "\n]\n";
     const ssize_t got = pwrite(mFile, text.data(), text.size(), mWritten);
     if (got == static_cast<ssize_t>(text.size())) {

@@ -16,7 +16,8 @@ namespace vxrun {
 
 // Life     one per process, made before the graph; it outlives every node.
 // Threads  any.
-// Owns     the file, which is a complete JSON array at every moment, also after a kill.
+// Owns     the file, which is a complete JSON array after every write. A kill in the middle of one may
+//          cost the closing bracket, which trace viewers can do without.
 class Trace {
 public:
     using Clock = std::chrono::steady_clock;
