@@ -226,7 +226,7 @@ ChecksumList readChecksumList(const std::string& path) {
     const std::string text = readTextFile(path, kMaxListSize);
     const size_t start = text.find_first_not_of(" \t\r\n");
     const bool isJson = start != text.npos && text[start] == '{';
-    const ChecksumList list = isJson ? readJson(path) : parseLines(path, text);
+    ChecksumList list = isJson ? readJson(path) : parseLines(path, text);
     if (list.rows.empty()) throw Failure(path + ": no row in the list");
     return list;
 }

@@ -109,6 +109,7 @@ public:
         : mVector(*vector),
           mDeadline(mStart + std::chrono::duration_cast<Clock::duration>(limit) + kGrace) {
         std::vector<char*> arguments;
+        arguments.reserve(command.size() + 1);
         for (const auto& text : command) arguments.push_back(const_cast<char*>(text.c_str()));
         arguments.push_back(nullptr);
         posix_spawn_file_actions_t actions;
