@@ -235,7 +235,11 @@ TEST_F(VxrunDecoding, RefusesBadFilesAndConfigs) {
         {"good.ivf", {"threads=0"}, 3, "NODE_FAIL_INIT", "expected a number from 1 to 64, got '0'"},
         {"good.ivf", {"tolerate_errors=1"}, 3, "NODE_FAIL_INIT", "expected true or false, got '1'"},
         {"good.ivf", {"options=nosuch=1"}, 3, "NODE_FAIL_FATAL", "has no option 'nosuch'"},
-        {"good.ivf", {"options=nosuch"}, 3, "NODE_FAIL_FATAL", "with the options 'nosuch': "},
+        {"good.ivf",
+         {"options=nosuch"},
+         3,
+         "NODE_FAIL_FATAL",
+         "expected key=value:key=value, got 'nosuch'"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.line);

@@ -16,9 +16,11 @@ extern const NodeType kY4mSource;
 extern const NodeType kFileSource;
 extern const NodeType kBitstreamSource;
 extern const NodeType kDecoder;
+extern const NodeType kEncoder;
 extern const NodeType kPassthrough;
 extern const NodeType kDelay;
 extern const NodeType kFence;
+extern const NodeType kConvert;
 extern const NodeType kChecksumSink;
 extern const NodeType kCompareSink;
 extern const NodeType kFileSink;
@@ -26,8 +28,9 @@ extern const NodeType kNullSink;
 
 const std::vector<const NodeType*>& nodeTypes() {
     static const std::vector<const NodeType*> types = {
-        &kY4mSource, &kFileSource,   &kBitstreamSource, &kDecoder,  &kPassthrough, &kDelay,
-        &kFence,     &kChecksumSink, &kCompareSink,     &kFileSink, &kNullSink};
+        &kY4mSource,   &kFileSource, &kBitstreamSource, &kDecoder, &kEncoder,
+        &kPassthrough, &kConvert,    &kDelay,           &kFence,   &kChecksumSink,
+        &kCompareSink, &kFileSink,   &kNullSink};
     return types;
 }
 
@@ -67,6 +70,30 @@ bool NodeType::checks(const VXNodeDescriptor& node) const {
     return config != node.configs.end() && !config->second.empty();
 }
 
+// What is wrong with an entry; empty when nothing is.
+static std::string mistakeOf(const NodeType& type, const VXNodeDescriptor::ConfigEntry& entry) {
+    const auto nameOf = [](uint32_t kind, const std::string& key) {
+        const bool command = kind == VXNodeDescriptor::ConfigEntry::COMMAND;
+        return (command ? "command '" : "tuning '") + key + "'";
+    };
+    const std::string text = std::string(entry.alternate != 0 ? "alternate " : "") +
+                             nameOf(entry.kind, entry.key) + " at frame " +
+                             std::to_string(entry.frameIndex);
+    std::string known = type.entries.empty() ? " no entries" : "";
+    for (const EntryKey& key : type.entries) {
+        if (key.kind == entry.kind && key.name == entry.key && entry.alternate == 0) {
+            try {
+                parseNumber(entry.value, key.low, key.high);
+                return "";
+            } catch (const Failure& failure) {
+                return text + ": " + failure.what();
+            }
+        }
+        known += (known.empty() ? " " : ", ") + nameOf(key.kind, key.name);
+    }
+    return text + ": a " + type.name + " takes" + known;
+}
+
 std::vector<std::pair<std::string, std::string>> mistakesOf(const NodeType& type,
                                                             const VXNodeDescriptor& node) {
     std::vector<std::pair<std::string, std::string>> mistakes;
@@ -92,6 +119,10 @@ std::vector<std::pair<std::string, std::string>> mistakesOf(const NodeType& type
         mistakes.emplace_back("allocator", "config 'allocator': expected dmabuf or xcodec2, got " +
                                                quote(allocator->second));
     }
+    for (const auto& entry : node.entries) {
+        const std::string mistake = mistakeOf(type, entry);
+        if (!mistake.empty()) mistakes.emplace_back("", mistake);
+    }
     return mistakes;
 }
 
@@ -101,7 +132,7 @@ NodeFactory::NodeFactory(const NodeType& type, Evidence& evidence)
 void NodeFactory::createNode(const std::string& name, std::unique_ptr<VXNodeDescriptor> descriptor,
                              std::unique_ptr<VXNode>* node) {
     const auto mistakes = mistakesOf(mType, *descriptor);
-    *node = mType.make({mType, name, descriptor->name, descriptor->entries.size(),
+    *node = mType.make({mType, name, descriptor->name, descriptor->entries,
                         mistakes.empty() ? "" : mistakes.front().second, std::move(descriptor),
                         mEvidence});
 }
@@ -114,7 +145,7 @@ AppNode::AppNode(NodeArguments arguments)
       mEvidence(arguments.evidence),
       mRecord(
           mEvidence.addNode(*this, arguments.nodeName, config("allocator"), mType.outputs == 0)),
-      mEntries(arguments.entries),
+      mEntries(std::move(arguments.entries)),
       mMistake(std::move(arguments.mistake)) {
     if (gTrace != nullptr) gTrace->nameRow(mRecord.number, arguments.fullName);
 }
@@ -127,7 +158,6 @@ std::vector<std::string> AppNode::getPreferredAllocatorTypes() {
 VXError AppNode::onSetup(bool beforeFence) {
     return guarded(NODE_FAIL_INIT, [=] {
         if (!mMistake.empty()) throw Failure(mMistake);
-        if (mEntries > 0) throw Failure("a " + mType.name + " takes no entries");
         constexpr uint64_t kLongest = 3600000;
         mBeforeFence = beforeFence;
         mFenceDelay = static_cast<unsigned>(numberConfig("fence_ms", 0, kLongest, 1));

@@ -28,6 +28,15 @@ struct ConfigKey {
     std::string help;
 };
 
+// A per-frame entry that a node type takes: a number in [low, high].
+struct EntryKey {
+    uint32_t kind;  // of vexa::VXNodeDescriptor::ConfigEntry
+    std::string name;
+    uint64_t low;
+    uint64_t high;
+    std::string help;
+};
+
 struct NodeType;
 
 // What a node is made from.
@@ -35,8 +44,8 @@ struct NodeArguments {
     const NodeType& type;
     std::string fullName;  // "graph.node"
     std::string nodeName;  // as the description has it
-    size_t entries;        // per-frame entries in the description
-    std::string mistake;   // the first of mistakesOf() it, if any
+    std::vector<vexa::VXNodeDescriptor::ConfigEntry> entries;
+    std::string mistake;  // the first of mistakesOf() it, if any
     std::unique_ptr<vexa::VXNodeDescriptor> descriptor;
     Evidence& evidence;
 };
@@ -48,6 +57,7 @@ struct NodeType {
     size_t outputs;
     std::vector<ConfigKey> configs;
     std::unique_ptr<vexa::VXNode> (*make)(NodeArguments arguments);
+    std::vector<EntryKey> entries = {};
 
     // A node of this type checks what it gets when it has this config; "" for always.
     const char* checksWith = nullptr;
@@ -135,6 +145,10 @@ protected:
     // A config that is true or false; false when it was not given.
     bool flagConfig(const std::string& key);
 
+    // The entries of the description, each of which the type takes, with a value that is in its range.
+    // What applies to a frame is up to configStore() to tell.
+    const std::vector<vexa::VXNodeDescriptor::ConfigEntry>& entries() const { return mEntries; }
+
     // Counts a frame; the last one, too, as the end of the stream.
     void countFrame(const vexa::VXFrameInfo& frame);
     // Counts frame `number` as one that differs, is missing or is too much.
@@ -170,7 +184,7 @@ private:
     const NodeType& mType;
     Evidence& mEvidence;
     NodeRecord& mRecord;
-    const size_t mEntries;
+    const std::vector<vexa::VXNodeDescriptor::ConfigEntry> mEntries;
     const std::string mMistake;     // in the description
     std::shared_ptr<Route> mRoute;  // null without an output port
     bool mBeforeFence = false;

@@ -85,6 +85,10 @@ void OutputFile::write(const void* data, size_t size) {
     if (std::fwrite(data, 1, size, mFile.get()) != size) fail();
 }
 
+void OutputFile::seek(uint64_t offset) {
+    if (fseeko(mFile.get(), static_cast<off_t>(offset), SEEK_SET) != 0) fail();
+}
+
 void OutputFile::commit() {
     if (std::fflush(mFile.get()) != 0) fail();
     if (std::rename(mPartPath.c_str(), mPath.c_str()) != 0) fail();

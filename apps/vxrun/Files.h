@@ -54,6 +54,8 @@ public:
 
     void write(const void* data, size_t size);
     void write(const std::string& text) { write(text.data(), text.size()); }
+    // Moves to byte `offset` from the start; the next bytes go there.
+    void seek(uint64_t offset);
     void commit();
 
 private:

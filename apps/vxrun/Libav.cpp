@@ -1,6 +1,14 @@
 #include "Libav.h"
 
+#include "Failure.h"
+
+extern "C" {
+#include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
+}
+
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 namespace vxrun {
@@ -9,6 +17,114 @@ std::string libavText(int error) {
     char text[AV_ERROR_MAX_STRING_SIZE] = "";
     av_strerror(error, text, sizeof text);
     return text;
+}
+
+LibavOptions::LibavOptions(const std::string& text) : mText(text) {
+    const int result = av_dict_parse_string(&mOptions, text.c_str(), "=", ":", 0);
+    if (result == 0) return;
+    av_dict_free(&mOptions);
+    throw Failure("config 'options': expected key=value:key=value, got " + quote(text));
+}
+
+void LibavOptions::preset(const char* key, const std::string& value) {
+    if (!value.empty()) av_dict_set(&mOptions, key, value.c_str(), AV_DICT_DONT_OVERWRITE);
+}
+
+void LibavOptions::check(int result, const std::string& who) const {
+    if (result < 0) {
+        throw Failure(who + " does not open" +
+                      (mText.empty() ? "" : " with the options " + quote(mText)) + ": " +
+                      libavText(result));
+    }
+    const AVDictionaryEntry* const left = av_dict_get(mOptions, "", nullptr, AV_DICT_IGNORE_SUFFIX);
+    if (left != nullptr) {
+        throw Failure("config 'options': " + who + " has no option " + quote(left->key));
+    }
+}
+
+PictureFormat formatOf(AVPixelFormat pixels, int width, int height) {
+    const AVPixFmtDescriptor* const known = av_pix_fmt_desc_get(pixels);
+    if (known == nullptr) throw Failure("a picture of no known pixel format");
+    const int depth = known->comp[0].depth;
+    const int bytes = depth > 8 ? 2 : 1;
+    constexpr uint64_t kOtherwise = AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_BITSTREAM |
+                                    AV_PIX_FMT_FLAG_HWACCEL | AV_PIX_FMT_FLAG_ALPHA |
+                                    AV_PIX_FMT_FLAG_FLOAT;
+    bool fits = (known->nb_components == 1 || known->nb_components == 3) && depth >= 8 &&
+                depth <= 16 && (known->flags & kOtherwise) == 0 &&
+                (bytes == 1 || (known->flags & AV_PIX_FMT_FLAG_BE) == 0);
+    for (int i = 0; i < known->nb_components; ++i) {
+        const AVComponentDescriptor& component = known->comp[i];
+        fits = fits && component.depth == depth && component.step == bytes &&
+               component.offset == 0 && component.shift == 0;
+    }
+    if (!fits || av_pix_fmt_count_planes(pixels) != known->nb_components) {
+        throw Failure(std::string("the pixel format ") + known->name + " is not supported",
+                      "NOT_SUPPORTED");
+    }
+    PictureFormat format;
+    format.width = static_cast<uint32_t>(width);
+    format.height = static_cast<uint32_t>(height);
+    format.planes = known->nb_components;
+    format.chromaDivX = 1u << known->log2_chroma_w;
+    format.chromaDivY = 1u << known->log2_chroma_h;
+    format.bytesPerSample = static_cast<uint32_t>(bytes);
+    format.depth = static_cast<uint32_t>(depth);
+    format.pixels = known->name;
+    return format;
+}
+
+Libav<AVFrame> newPicture(const PictureFormat& format) {
+    auto picture = made(av_frame_alloc());
+    picture->format = av_get_pix_fmt(format.pixels.c_str());
+    picture->width = static_cast<int>(format.width);
+    picture->height = static_cast<int>(format.height);
+    if (picture->format == AV_PIX_FMT_NONE) {
+        throw Failure("no pixel format " + quote(format.pixels), "NOT_SUPPORTED");
+    }
+    if (av_frame_get_buffer(picture.get(), 0) < 0) throw std::bad_alloc();
+    return picture;
+}
+
+void copyPicture(const AVFrame& picture, const Payload& payload) {
+    int i = 0;
+    for (const Payload::Plane& plane : payload.planes()) {
+        av_image_copy_plane(plane.data, static_cast<int>(plane.stride), picture.data[i],
+                            picture.linesize[i], static_cast<int>(plane.rowBytes),
+                            static_cast<int>(plane.rows));
+        ++i;
+    }
+}
+
+Libav<AVFrame> pictureOf(const vexa::VXSharedWork& work, const StreamInfo** stream) {
+    const auto buffer = work.payload<vexa::VXGraphicBuffer>();
+    *stream = infoOf<StreamInfo>(work.frameInfo());
+    if (buffer == nullptr || *stream == nullptr) throw Failure("a work without a picture");
+    auto picture = newPicture((*stream)->picture);
+    const Payload payload(*buffer, **stream);
+    int i = 0;
+    for (const Payload::Plane& plane : payload.planes()) {
+        av_image_copy_plane(picture->data[i], picture->linesize[i], plane.data,
+                            static_cast<int>(plane.stride), static_cast<int>(plane.rowBytes),
+                            static_cast<int>(plane.rows));
+        ++i;
+    }
+    return picture;
+}
+
+Libav<AVPacket> unitOf(const Payload& payload, const vexa::VXFrameInfo& frame,
+                       const BitstreamInfo** stream) {
+    *stream = infoOf<BitstreamInfo>(frame);
+    const auto* const info = infoOf<UnitInfo>(frame);
+    if (*stream == nullptr || info == nullptr) {
+        throw Failure("a work without an access unit of a source/bitstream or codec/encoder");
+    }
+    auto packet = made(av_packet_alloc());
+    const Payload::Plane& bytes = payload.planes().front();
+    if (av_new_packet(packet.get(), static_cast<int>(bytes.rowBytes)) < 0) throw std::bad_alloc();
+    std::memcpy(packet->data, bytes.data, bytes.rowBytes);
+    if (av_packet_copy_props(packet.get(), info->properties.get()) < 0) throw std::bad_alloc();
+    return packet;
 }
 
 void CodecLog::attach(AVCodecContext* codec) {

@@ -35,6 +35,10 @@ size_t PictureFormat::size() const {
     return sum;
 }
 
+std::string PictureFormat::text() const {
+    return std::to_string(width) + "x" + std::to_string(height) + " " + pixels;
+}
+
 bool PictureFormat::operator!=(const PictureFormat& other) const {
     const auto members = [](const PictureFormat& f) {
         return std::tie(f.width, f.height, f.planes, f.chromaDivX, f.chromaDivY, f.bytesPerSample,

@@ -36,6 +36,8 @@ struct PictureFormat {
     size_t rows(uint32_t plane) const;
     // The visible bytes of one picture.
     size_t size() const;
+    // For an error line: "35x27 yuv420p".
+    std::string text() const;
     bool operator!=(const PictureFormat& other) const;
 };
 
@@ -89,16 +91,15 @@ public:
     static uint32_t surfaceWidth(const PictureFormat& format);
     static uint32_t surfaceHeight(const PictureFormat& format);
 
-    size_t size() const;  // visible bytes
-
-    // One plane; a row of it begins every `stride` bytes.
     struct Plane {
         uint8_t* data;
-        size_t stride;
+        size_t stride;    // bytes from row to row
         size_t rowBytes;  // visible bytes of a row
         size_t rows;
     };
     const std::vector<Plane>& planes() const { return mPlanes; }
+
+    size_t size() const;  // visible bytes
 
     // Calls visit(row, bytes) for every visible row, plane by plane, top to bottom, without padding.
     template <typename Visitor>

@@ -2,6 +2,7 @@
 
 #include "Failure.h"
 
+#include <algorithm>
 #include <numeric>
 #include <sstream>
 
@@ -97,6 +98,32 @@ StreamInfo parseY4mHeader(const std::string& line) {
     stream.codec = "rawvideo";
     stream.duration = 1;
     return stream;
+}
+
+std::string y4mHeader(const StreamInfo& stream) {
+    const PictureFormat& picture = stream.picture;
+    // FFmpeg's names for full range are formats of their own.
+    const bool full = picture.pixels.compare(0, 4, "yuvj") == 0;
+    const std::string pixels = full ? "yuv" + picture.pixels.substr(4) : picture.pixels;
+    const auto ratio = [](uint64_t num, uint64_t den) {
+        return std::to_string(num) + ":" + std::to_string(den);
+    };
+    StreamInfo known;
+    for (const std::string sampling : {"420", "422", "444", "411", "mono"}) {
+        for (const std::string depth : {"", "9", "10", "12", "14", "16"}) {
+            const std::string mark = sampling != "mono" && !depth.empty() ? "p" : "";
+            const std::string text = sampling + mark + depth;
+            parseColourSpace(text, &known);
+            if (known.picture.pixels != pixels) continue;
+            return std::string(kMagic) + " W" + std::to_string(picture.width) + " H" +
+                   std::to_string(picture.height) + " F" +
+                   ratio(stream.timeBase.den,
+                         stream.timeBase.num * std::max<uint64_t>(stream.duration, 1)) +
+                   " Ip A" + ratio(stream.sar.num, stream.sar.num == 0 ? 0 : stream.sar.den) +
+                   " C" + text + (full ? " XCOLORRANGE=FULL" : "") + "\n";
+        }
+    }
+    throw Failure("Y4M has no pictures of " + quote(picture.pixels), "NOT_SUPPORTED");
 }
 
 namespace {

@@ -12,6 +12,10 @@ namespace vxrun {
 // expected; its verdict is NOT_SUPPORTED for a colour space that exists but is not handled.
 StreamInfo parseY4mHeader(const std::string& line);
 
+// The header line, with its line feed, for pictures of `stream`. A Failure with the verdict NOT_SUPPORTED
+// for those that Y4M does not have.
+std::string y4mHeader(const StreamInfo& stream);
+
 // Every failure is a Failure that names the file, the frame and the byte offset.
 //
 // Use      nextFrame(), and while it is true readFrame().

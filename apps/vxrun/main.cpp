@@ -142,6 +142,9 @@ void listNodes() {
                 std::printf("    %-18s %s\n", config.name.c_str(), config.help.c_str());
             }
         }
+        for (const EntryKey& entry : type->entries) {
+            std::printf("    entry %-12s %s\n", entry.name.c_str(), entry.help.c_str());
+        }
     }
 }
 

@@ -31,17 +31,18 @@ private:
 
     void openFile() {
         // A file is a file, whatever its name looks like, and fetches nothing from elsewhere.
-        AVDictionary* options = nullptr;
-        av_dict_set(&options, "protocol_whitelist", "file", 0);
+        LibavOptions options(config("options"));
+        av_dict_set(options.get(), "protocol_whitelist", "file", 0);
         AVFormatContext* file = nullptr;
-        const int result = avformat_open_input(&file, ("file:" + mPath).c_str(), nullptr, &options);
-        av_dict_free(&options);
+        const int result =
+            avformat_open_input(&file, ("file:" + mPath).c_str(), nullptr, options.get());
         mFile.reset(file);
         // "tty" takes any text for a video, by the file's name.
         const bool unknown = result == AVERROR_INVALIDDATA ||
                              (result == 0 && std::strcmp(file->iformat->name, "tty") == 0);
         if (unknown) throw Failure(mPath + ": no video file that libavformat can read");
         check(result);
+        options.check(0, std::string("the demuxer ") + file->iformat->name);
         check(avformat_find_stream_info(file, nullptr));
     }
 
@@ -106,10 +107,6 @@ private:
         if (result < 0 && result != AVERROR_EOF) throw Failure(mPath + ": " + libavText(result));
     }
 
-    static Rational rational(const AVRational& value) {
-        return {static_cast<uint64_t>(value.num), static_cast<uint64_t>(value.den)};
-    }
-
     std::string mPath;
     Libav<AVFormatContext> mFile;
     AVStream* mVideo = nullptr;  // of mFile
@@ -126,7 +123,8 @@ extern const NodeType kBitstreamSource = {
     "the access units of a video file",
     0,
     1,
-    {{"file", true, "the file to read: MP4, Matroska, IVF, Annex B, ..."}},
+    {{"file", true, "the file to read: MP4, Matroska, IVF, Annex B, ..."},
+     {"options", false, "of the demuxer: key=value:key=value"}},
     makeNode<BitstreamSource>};
 
 }  // namespace vxrun

@@ -136,6 +136,7 @@ extern const NodeType kChecksumSink = {
      {"dump_bad", true, "a folder for the frames that differ, as PNG and raw"},
      {"dump_limit", false, "how many frames to write there, default 8"}},
     makeNode<ChecksumSink>,
+    {},
     "expect"};
 
 }  // namespace vxrun

@@ -192,6 +192,7 @@ extern const NodeType kCompareSink = {
      {"dump_bad", true, "a folder for the frames that differ, as PNG and raw"},
      {"dump_limit", false, "how many frames to write there, default 8"}},
     makeNode<CompareSink>,
+    {},
     ""};
 
 }  // namespace vxrun
