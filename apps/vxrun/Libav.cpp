@@ -38,7 +38,7 @@ void LibavOptions::check(int result, const std::string& who) const {
     }
     const AVDictionaryEntry* const left = av_dict_get(mOptions, "", nullptr, AV_DICT_IGNORE_SUFFIX);
     if (left != nullptr) {
-        throw Failure("config 'options': " + who + " has no option " + quote(left->key));
+        throw Failure(who + " has no option " + quote(left->key));
     }
 }
 
@@ -86,14 +86,26 @@ Libav<AVFrame> newPicture(const PictureFormat& format) {
     return picture;
 }
 
-void copyPicture(const AVFrame& picture, const Payload& payload) {
+namespace {
+
+enum class Direction { TO_PAYLOAD, TO_PICTURE };
+
+void copy(const Payload& payload, const AVFrame& picture, Direction direction) {
     int i = 0;
     for (const Payload::Plane& plane : payload.planes()) {
-        av_image_copy_plane(plane.data, static_cast<int>(plane.stride), picture.data[i],
-                            picture.linesize[i], static_cast<int>(plane.rowBytes),
-                            static_cast<int>(plane.rows));
+        std::pair to(plane.data, static_cast<int>(plane.stride));
+        std::pair from(picture.data[i], picture.linesize[i]);
+        if (direction == Direction::TO_PICTURE) std::swap(to, from);
+        av_image_copy_plane(to.first, to.second, from.first, from.second,
+                            static_cast<int>(plane.rowBytes), static_cast<int>(plane.rows));
         ++i;
     }
+}
+
+}  // namespace
+
+void copyPicture(const AVFrame& picture, const Payload& payload) {
+    copy(payload, picture, Direction::TO_PAYLOAD);
 }
 
 Libav<AVFrame> pictureOf(const vexa::VXSharedWork& work, const StreamInfo** stream) {
@@ -101,14 +113,7 @@ Libav<AVFrame> pictureOf(const vexa::VXSharedWork& work, const StreamInfo** stre
     *stream = infoOf<StreamInfo>(work.frameInfo());
     if (buffer == nullptr || *stream == nullptr) throw Failure("a work without a picture");
     auto picture = newPicture((*stream)->picture);
-    const Payload payload(*buffer, **stream);
-    int i = 0;
-    for (const Payload::Plane& plane : payload.planes()) {
-        av_image_copy_plane(picture->data[i], picture->linesize[i], plane.data,
-                            static_cast<int>(plane.stride), static_cast<int>(plane.rowBytes),
-                            static_cast<int>(plane.rows));
-        ++i;
-    }
+    copy(Payload(*buffer, **stream), *picture, Direction::TO_PICTURE);
     return picture;
 }
 

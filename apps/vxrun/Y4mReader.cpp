@@ -123,7 +123,8 @@ std::string y4mHeader(const StreamInfo& stream) {
                    " C" + text + (full ? " XCOLORRANGE=FULL" : "") + "\n";
         }
     }
-    throw Failure("Y4M has no pictures of " + quote(picture.pixels), "NOT_SUPPORTED");
+    throw Failure("Y4M does not take " + stream.codec + " " + quote(picture.pixels),
+                  "NOT_SUPPORTED");
 }
 
 namespace {

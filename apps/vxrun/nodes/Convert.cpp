@@ -22,6 +22,7 @@ public:
 
 private:
     void open() override {
+        CodecLog::takeOver();
         constexpr uint64_t kMaxSide = 65535;
         mWidth = static_cast<int>(numberConfig("width", 1, kMaxSide, 0));
         mHeight = static_cast<int>(numberConfig("height", 1, kMaxSide, 0));

@@ -10,19 +10,14 @@ extern "C" {
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <set>
 
 namespace vxrun {
 namespace {
 
 constexpr uint64_t kMaxBitrate = INT_MAX;
 constexpr uint64_t kMaxQuality = 31;
-
-// Entries that only some encoders heed in mid-stream; the others would ignore them without a word.
-const struct {
-    const char* key;
-    std::vector<std::string> encoders;
-} kRare[] = {{"bitrate", {"libx264", "libx264rgb"}},
-             {"quality", {"mpeg1video", "mpeg2video", "mpeg4", "mjpeg"}}};
+using Entry = vexa::VXNodeDescriptor::ConfigEntry;
 
 class Encoder final : public CodecNode {
 public:
@@ -43,26 +38,15 @@ private:
         numberConfig("threads", 1, kMaxThreads, 1);
         slots();
         LibavOptions(config("options"));
-        for (const auto& entry : entries()) {
-            for (const auto& [key, encoders] : kRare) {
-                if (entry.key == key &&
-                    std::find(encoders.begin(), encoders.end(), name) == encoders.end()) {
-                    throw Failure("entry '" + entry.key + "': " + name + " does not heed it",
-                                  "NOT_SUPPORTED");
-                }
-            }
-        }
     }
 
     bool feed(const vexa::VXSharedWork& work, uint64_t number) override {
         const StreamInfo* stream = nullptr;
         const auto picture = pictureOf(work, &stream);
         if (mContext == nullptr) openCodec(*stream);
-        if (stream->picture != mStream->picture) {
+        if (stream->picture != mFormat) {
             throw Failure("frame " + std::to_string(number) + " is " + stream->picture.text() +
-                          " after " + mStream->picture.text() +
-                          ": an encoder takes one size and "
-                          "format");
+                          " after " + mFormat.text() + ": an encoder takes one size and format");
         }
         picture->pts = static_cast<int64_t>(work.frameInfo().timestamp);
         picture->quality = mContext->global_quality;
@@ -74,12 +58,13 @@ private:
                 mContext->bit_rate = static_cast<int64_t>(parseNumber(value, 1, kMaxBitrate));
             } else {
                 picture->pict_type = AV_PICTURE_TYPE_I;
+                mForced.insert(picture->pts);
             }
         }
         check(avcodec_send_frame(mContext.get(), picture.get()));
         // Encoders do not say how many pictures they keep, so it is counted.
-        mDelay = std::max(mDelay, number + 1 - mUnits);
-        setTotalDelay(mDelay);
+        mDelay = std::max(mDelay, static_cast<int64_t>(number + 1 - mUnits));
+        setTotalDelay(static_cast<uint64_t>(mDelay));
         return true;
     }
 
@@ -94,6 +79,12 @@ private:
         check(result);
         if (packet->size == 0) return receive();  // only tells something of the stream
         ++mUnits;
+        if (mForced.erase(packet->pts) != 0 && (packet->flags & AV_PKT_FLAG_KEY) == 0) {
+            failCheck(vexa::INFO_VALIDATION_FAIL,
+                      std::string("the encoder ") + mCodec->name +
+                          " made no key frame of the picture with timestamp " +
+                          std::to_string(packet->pts));
+        }
         const size_t size = static_cast<size_t>(packet->size);
         if (mPool == nullptr || size > mBlock) {
             while (mBlock < size) mBlock *= 2;
@@ -130,7 +121,7 @@ private:
         mContext = made(avcodec_alloc_context3(mCodec));
         mContext->width = static_cast<int>(stream.picture.width);
         mContext->height = static_cast<int>(stream.picture.height);
-        mContext->pix_fmt = pixelFormat(stream.picture.pixels);
+        mContext->pix_fmt = av_get_pix_fmt(stream.picture.pixels.c_str());
         mContext->time_base = rational(stream.timeBase);
         if (stream.duration > 0) {
             mStream->frameRate = av_inv_q(mContext->time_base);
@@ -143,39 +134,33 @@ private:
         const int result = avcodec_open2(mContext.get(), mCodec, options.get());
         const std::string logged = mLog.take();
         options.check(result, logged.empty() ? name : name + " (" + logged + ")");
-        for (const auto& entry : entries()) {
-            if (entry.key == "quality" && (mContext->flags & AV_CODEC_FLAG_QSCALE) == 0) {
-                throw Failure(
-                    "tuning 'quality': needs the config 'options' with flags=+qscale and "
-                    "global_quality");
-            }
+        for (const Entry& entry : entries()) {
+            if (heeds(entry)) continue;
+            throw Failure(
+                "entry '" + entry.key + "': " + name + ", as it is set up, does not heed it",
+                "NOT_SUPPORTED");
         }
-        describe(stream);
-    }
-
-    AVPixelFormat pixelFormat(const std::string& name) const {
-        const AVPixelFormat wanted = av_get_pix_fmt(name.c_str());
-        std::string known;
-        for (const auto* format = mCodec->pix_fmts; format != nullptr && *format >= 0; ++format) {
-            if (*format == wanted) return wanted;
-            known += std::string(" ") + av_get_pix_fmt_name(*format);
-        }
-        if (mCodec->pix_fmts == nullptr) return wanted;
-        throw Failure(std::string("the encoder ") + mCodec->name + " does not take " + name +
-                          " without a transform/convert, but:" + known,
-                      "NOT_SUPPORTED");
-    }
-
-    void describe(const StreamInfo& stream) {
         if (avcodec_parameters_from_context(mStream->parameters.get(), mContext.get()) < 0) {
             throw std::bad_alloc();
         }
-        mStream->media = stream.media;
+        mFormat = stream.picture;
+        static_cast<StreamInfo&>(*mStream) = stream;
         mStream->codec = avcodec_get_name(mCodec->id);
-        mStream->picture = stream.picture;
+        mStream->picture.pixels.clear();
         mStream->timeBase = rational(mContext->time_base);
-        mStream->sar = stream.sar;
-        mStream->duration = stream.duration;
+    }
+
+    // Most encoders would ignore these entries in mid-stream without a word.
+    bool heeds(const Entry& entry) const {
+        const std::string name = std::string(" ") + mCodec->name + " ";
+        if (entry.key == "quality") {
+            return (mContext->flags & AV_CODEC_FLAG_QSCALE) != 0 &&
+                   std::strstr(" mpeg1video mpeg2video mpeg4 mjpeg ", name.c_str()) != nullptr;
+        }
+        if (entry.key != "bitrate") return true;
+        const int64_t limit = mContext->rc_buffer_size > 0 ? mContext->rc_max_rate : 0;
+        return name == " libx264 " && mContext->bit_rate > 0 &&
+               parseNumber(entry.value, 1, kMaxBitrate) <= static_cast<uint64_t>(limit);
     }
 
     void check(int result) {
@@ -189,14 +174,14 @@ private:
     const AVCodec* mCodec = nullptr;
     // [event thread]
     Libav<AVCodecContext> mContext;  // from the first picture on
+    PictureFormat mFormat;           // of all pictures
     const std::shared_ptr<BitstreamInfo> mStream = std::make_shared<BitstreamInfo>();
+    std::set<int64_t> mForced;  // timestamps of pictures that are to become key frames
     std::shared_ptr<Pool> mPool;
     size_t mBlock = 1 << 16;  // bytes of the pool's blocks
     uint64_t mUnits = 0;      // that came out
-    uint64_t mDelay = 1;      // the most pictures that were in it at once
+    int64_t mDelay = 1;       // the most pictures that were in it at once
 };
-
-using Entry = vexa::VXNodeDescriptor::ConfigEntry;
 
 }  // namespace
 

@@ -6,6 +6,7 @@
 #include "Y4mReader.h"
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <optional>
 
@@ -58,7 +59,7 @@ private:
         track->time_base = rational(stream.timeBase);
         track->avg_frame_rate = stream.frameRate;
         track->sample_aspect_ratio = rational(stream.sar);
-        check(avformat_write_header(mContext, nullptr));
+        check(avformat_write_header(mContext, nullptr), " does not take " + stream.codec);
         // A plain stream has its headers within. An encoder gives them apart.
         if ((mContext->oformat->flags & AVFMT_GLOBALHEADER) != 0) return;
         const uint8_t* const headers = track->codecpar->extradata;
@@ -72,9 +73,9 @@ private:
         }
     }
 
-    void check(int result) const {
+    void check(int result, const std::string& what = "") const {
         if (result >= 0) return;
-        throw Failure(std::string("the container ") + mContext->oformat->name + ": " +
+        throw Failure(std::string("the container ") + mContext->oformat->name + what + ": " +
                       (mError.empty() ? libavText(result) : mError));
     }
 
@@ -114,36 +115,24 @@ private:
     void open() override {
         const std::string path = requiredConfig("file");
         mContainer = config("container");
-        if (mContainer.empty()) mContainer = containerOf(std::filesystem::path(path).extension());
-        const AVOutputFormat* const format =
-            isOwn() ? nullptr : av_guess_format(mContainer.c_str(), nullptr, nullptr);
-        if (!isOwn() && (format == nullptr || (format->flags & AVFMT_NOFILE) != 0)) {
-            throw Failure(
-                "config 'container': expected raw, y4m or one that libavformat writes, "
-                "got " +
-                quote(mContainer));
+        const std::string extension = std::filesystem::path(path).extension();
+        const bool known = std::strstr(" .y4m .ivf .264 .h264 .265 .hevc .obu .mp4 .mkv ",
+                                       (" " + extension + " ").c_str()) != nullptr;
+        if (mContainer.empty()) mContainer = known ? extension.substr(1) : "raw";
+        const AVOutputFormat* format = nullptr;
+        if (mContainer != "raw" && mContainer != "y4m") {
+            // The name of a muxer, or else an extension that it has.
+            format = av_guess_format(mContainer.c_str(), ("x." + mContainer).c_str(), nullptr);
+            if (format == nullptr || (format->flags & AVFMT_NOFILE) != 0) {
+                throw Failure(
+                    "config 'container': expected raw, y4m or one that libavformat writes, got " +
+                    quote(mContainer));
+            }
         }
         CodecLog::takeOver();
         mFile.emplace(path);
         if (format != nullptr) mMuxer.emplace(*format, &*mFile);
     }
-
-    static std::string containerOf(const std::string& extension) {
-        for (const auto& [known, container] : {std::pair(".y4m", "y4m"),
-                                               {".ivf", "ivf"},
-                                               {".264", "h264"},
-                                               {".h264", "h264"},
-                                               {".265", "hevc"},
-                                               {".hevc", "hevc"},
-                                               {".obu", "obu"},
-                                               {".mp4", "mp4"},
-                                               {".mkv", "matroska"}}) {
-            if (extension == known) return container;
-        }
-        return "raw";
-    }
-
-    bool isOwn() const { return mContainer == "raw" || mContainer == "y4m"; }
 
     void consume(const Payload& payload, const StreamInfo& stream,
                  const vexa::VXFrameInfo& frame) override {
