@@ -48,21 +48,15 @@ std::string poolText(const PoolRecord& pool) {
     return text;
 }
 
-std::string escaped(const std::string& text) {
-    std::string result = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') result += '\\';
-        result += static_cast<unsigned char>(c) < ' ' ? '?' : c;
-    }
-    return result + "\"";
-}
-
-// A label of several lines; each one is justified to the left.
+// A label of several lines, each justified to the left.
 std::string label(const std::vector<std::string>& lines) {
     std::string text = "\"";
     for (const std::string& line : lines) {
-        const std::string quoted = escaped(line);
-        text += quoted.substr(1, quoted.size() - 2) + "\\l";
+        for (const char c : line) {
+            if (c == '"' || c == '\\') text += '\\';
+            text += static_cast<unsigned char>(c) < ' ' ? '?' : c;
+        }
+        text += "\\l";
     }
     return text + "\"";
 }
@@ -120,8 +114,7 @@ std::string SnapshotMaker::dot(const std::string& title) const {
         lines[pool->name].push_back("pool: " + poolText(*pool));
     }
 
-    std::string text = "digraph " + escaped(mName) +
-                       " {\n  rankdir=LR;\n  labelloc=t;\n  label=" + escaped(title) +
+    std::string text = "digraph graph_ {\n  rankdir=LR;\n  labelloc=t;\n  label=" + label({title}) +
                        ";\n  node [shape=box, style=filled, fontsize=9];\n  edge [fontsize=9];\n";
     std::map<std::string, std::string> inputIds;
     for (size_t i = 0; i < mNodes.size(); ++i) {
@@ -134,7 +127,7 @@ std::string SnapshotMaker::dot(const std::string& title) const {
                                  const char* color) {
             const std::string portId = id + kind + std::to_string(number);
             text +=
-                "    " + portId + " [label=" + escaped(port) + ", fillcolor=\"" + color + "\"];\n";
+                "    " + portId + " [label=" + label({port}) + ", fillcolor=\"" + color + "\"];\n";
             return portId;
         };
         for (size_t p = 0; p < node.inputs.size(); ++p) {
