@@ -300,6 +300,31 @@ TEST_F(VxrunObserved, ChecksTellEverything) {
     EXPECT_EQ(vxrun({"check", path("none")}).exit, 2);
 }
 
+// Catches: a pool that is called too small and is not, or the other way round; a stalled run that does
+// not tell who has the buffers.
+TEST_F(VxrunObserved, ChecksKnowWhatCannotMove) {
+    writeFile(path("clip.y4m"), y4m("W6 H4 F25:1", 36, 12));
+    for (const bool moves : {true, false}) {
+        SCOPED_TRACE(moves);
+        const std::string file = graph("linear", "\"transform/passthrough\"",
+                                       "\"transform/delay\", \"configs\": { \"frames\": " +
+                                           std::string(moves ? "7" : "8") + " }");
+        const Result checked = vxrun({"check", file});
+        const Result ran = vxrun({file, "--set", "check.expect=", "--stall", moves ? "0" : "1"});
+        EXPECT_EQ(checked.out, moves ? "check: mistakes=0\n" : "check: mistakes=1\n");
+        EXPECT_EQ(ran.exit, moves ? 4 : 124) << ran.err;
+        if (moves) continue;
+        EXPECT_NE(
+            checked.err.find("graph.json:4:5: nodes[0]: a pool of 8 buffers, of which the nodes "
+                             "behind it keep 8: the run could not move"),
+            std::string::npos)
+            << checked.err;
+        EXPECT_NE(ran.err.find("\n  pool of 'reader': free 0, out 8, copy holds 8\n"),
+                  std::string::npos)
+            << ran.err;
+    }
+}
+
 // Catches: colours in a file, or none where they are asked for.
 TEST_F(VxrunObserved, Colors) {
     makeClip();
