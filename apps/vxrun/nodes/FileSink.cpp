@@ -37,7 +37,7 @@ public:
     void add(const Payload& payload, const vexa::VXFrameInfo& frame) {
         const BitstreamInfo* stream = nullptr;
         const auto packet = unitOf(payload, frame, &stream);
-        if (mContext->nb_streams == 0) begin(*stream, *packet);
+        if (mContext->nb_streams == 0) begin(*stream, packet.get());
         av_packet_rescale_ts(packet.get(), rational(stream->timeBase),
                              mContext->streams[0]->time_base);
         packet->stream_index = 0;
@@ -51,7 +51,7 @@ public:
     }
 
 private:
-    void begin(const BitstreamInfo& stream, const AVPacket& first) {
+    void begin(const BitstreamInfo& stream, AVPacket* first) {
         AVStream* const track = avformat_new_stream(mContext, nullptr);
         if (track == nullptr) throw std::bad_alloc();
         check(avcodec_parameters_copy(track->codecpar, stream.parameters.get()));
@@ -60,17 +60,21 @@ private:
         track->avg_frame_rate = stream.frameRate;
         track->sample_aspect_ratio = rational(stream.sar);
         check(avformat_write_header(mContext, nullptr), " does not take " + stream.codec);
-        // A plain stream has its headers within. An encoder gives them apart.
+        // Where a container has no place for headers they stand in the stream. An encoder gives them
+        // apart.
         if ((mContext->oformat->flags & AVFMT_GLOBALHEADER) != 0) return;
         const uint8_t* const headers = track->codecpar->extradata;
-        const int size = track->codecpar->extradata_size;
+        const int size = track->codecpar->extradata_size, bytes = first->size;
         const bool startCode = size > 4 && headers[0] == 0 && headers[1] == 0 &&
                                (headers[2] == 1 || (headers[2] == 0 && headers[3] == 1));
-        const uint8_t* const data = first.data;
-        if (startCode &&
-            std::search(data, data + first.size, headers, headers + size) == data + first.size) {
-            avio_write(mContext->pb, headers, size);
+        const uint8_t* const end = first->data + bytes;
+        if (!startCode ||
+            std::search<const uint8_t*>(first->data, end, headers, headers + size) != end) {
+            return;
         }
+        if (av_grow_packet(first, size) < 0) throw std::bad_alloc();
+        std::memmove(first->data + size, first->data, static_cast<size_t>(bytes));
+        std::memcpy(first->data, headers, static_cast<size_t>(size));
     }
 
     void check(int result, const std::string& what = "") const {
