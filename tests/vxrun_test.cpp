@@ -3,6 +3,8 @@
 
 #include <sys/stat.h>
 
+#include <nlohmann/json.hpp>
+
 namespace {
 
 using namespace vxrun_test;
@@ -72,6 +74,17 @@ TEST_F(Vxrun, ReadsAnyFileInChunks) {
         EXPECT_EQ(result.out, verdict.str()) << result.err;
         EXPECT_EQ(contentOf(path("own")), contentOf(path("framemd5")));
     }
+}
+
+// Catches: first frames that are lost since their node starts after the one that feeds it.
+TEST_F(Vxrun, NodesMayStandInAnyOrder) {
+    makeClip();
+    const std::string text = contentOf(VXRUN_GRAPHS_DIR "/linear.json");
+    auto description = nlohmann::json::parse(text);
+    std::reverse(description["nodes"].begin(), description["nodes"].end());
+    writeFile(path("graph.json"), description.dump());
+    const Result result = vxrun({path("graph.json"), "--timeout", "50"});
+    EXPECT_EQ(result.out, "verdict: PASS frames=4 checked=4 first_bad=-\n") << result.err;
 }
 
 // Catches: a sink that misses frames beside others, rows out of order in a written file, a file left
@@ -382,7 +395,8 @@ TEST_F(Vxrun, RefusesBadConfigs) {
         {"check.expect=" + path("nothing"), path("nothing") + ":1: expected '0, dts, pts, dur"},
         {"check.expect=" + path("mixed"), path("mixed") + ":2: MD5 and CRC rows in one list"},
         {"check.expect=/dev/zero", "/dev/zero: larger than 67108864 bytes"},
-        {"check.format=sha", "config 'format': expected framemd5, framecrc, md5, md5-list or json, got 'sha'"},
+        {"check.format=sha",
+         "config 'format': expected framemd5, framecrc, md5, md5-list or json, got 'sha'"},
         {"writer.file=/nonexistent/x", "/nonexistent/x.part: No such file or directory"},
         {"writer.file=/tmp", "/tmp: not a regular file"},
         {"writer.file=" + path("pipe"), path("pipe") + ": not a regular file"},

@@ -58,6 +58,15 @@ public:
         if (!anyChecking && nodes != nullptr) note(*nodes, "", "no sink checks anything");
     }
 
+    // The nodes of a description without mistakes, those that feed others first: nodes start from the last
+    // one to the first, and one that has not started loses what it is sent.
+    VXGraphInfo inOrder(VXGraphInfo info) const {
+        auto nodes = std::move(info.nodes);
+        info.nodes.clear();
+        for (const size_t node : mOrder) info.nodes.push_back(std::move(nodes[node]));
+        return info;
+    }
+
     const std::vector<Failure>& failures() const { return mFailures; }
 
 private:
@@ -235,7 +244,7 @@ private:
     }
 
     // Walks upstream from `node`, depth first. `path` leads from the start of the walk to here.
-    void checkAcyclic(size_t node, std::vector<size_t>* path, std::vector<bool>* done) const {
+    void checkAcyclic(size_t node, std::vector<size_t>* path, std::vector<bool>* done) {
         if (std::find(path->begin(), path->end(), node) != path->end()) {
             std::string names = mInfo.nodes[node]->name;
             for (auto step = path->rbegin(); *step != node; ++step) {
@@ -249,6 +258,7 @@ private:
         for (const size_t upstream : mUpstream[node]) checkAcyclic(upstream, path, done);
         path->pop_back();
         (*done)[node] = true;
+        mOrder.push_back(node);
     }
 
     // ---- What lets a run never move ----
@@ -301,6 +311,7 @@ private:
     Ports mOutputs;
     std::vector<const JsonValue*> mNodes;        // by node number
     std::vector<std::vector<size_t>> mUpstream;  // by node number: the nodes that feed it
+    std::vector<size_t> mOrder;                  // node numbers, upstream first
     bool mAcyclic = false;
     std::vector<Failure> mFailures;
 };
@@ -311,7 +322,7 @@ VXGraphInfo readGraphFile(const std::string& path) {
     GraphReader reader(path);
     VXGraphInfo info = reader.read();
     if (!reader.failures().empty()) throw reader.failures().front();
-    return info;
+    return reader.inOrder(std::move(info));
 }
 
 std::vector<Failure> checkGraphFile(const std::string& path) {
