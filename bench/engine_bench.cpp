@@ -8,10 +8,8 @@
 #include <sys/resource.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <future>
-#include <mutex>
 #include <thread>
 
 using namespace graphs;
@@ -57,34 +55,7 @@ private:
     std::chrono::duration<double> mTotal{0};
 };
 
-// ---- Baseline: a mutex and a condition variable -----------------------------------------------
-
-template <typename T>
-class PlainQueue {
-public:
-    explicit PlainQueue(size_t depth = SIZE_MAX) : mDepth(depth) {}
-    void push(T item) {
-        std::unique_lock<std::mutex> lock(mLock);
-        mRoom.wait(lock, [this] { return mItems.size() < mDepth; });
-        mItems.push_back(std::move(item));
-        mFilled.notify_one();
-    }
-    T pop() {
-        std::unique_lock<std::mutex> lock(mLock);
-        mFilled.wait(lock, [this] { return !mItems.empty(); });
-        T item = std::move(mItems.front());
-        mItems.pop_front();
-        mRoom.notify_one();
-        return item;
-    }
-
-private:
-    const size_t mDepth;
-    std::mutex mLock;
-    std::condition_variable mFilled, mRoom;
-    std::deque<T> mItems;
-};
-
+using floors::PlainQueue;
 using Item = std::shared_ptr<int>;
 
 // ---- Graphs -----------------------------------------------------------------------------------
@@ -229,7 +200,7 @@ void postToPlainQueue(benchmark::State& state) {
     const int producers = static_cast<int>(state.range(0));
     Report report(state, kWorks * producers, 1);
     for (auto _ : state) {
-        PlainQueue<Item> queue;
+        PlainQueue<Item> queue(SIZE_MAX);
         std::promise<void> seen;
         std::thread consumer([&] {
             for (int64_t left = kWorks * producers; left > 0; --left) queue.pop();

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -17,12 +18,10 @@
 #include <mutex>
 #include <thread>
 #include <utility>
-#include <vector>
 
 namespace floors {
 
 using Clock = std::chrono::steady_clock;
-using Item = std::shared_ptr<int>;  // what travels: small and counted
 
 // ---- Yield, then futex ------------------------------------------------------------------------
 
@@ -97,62 +96,34 @@ private:
     alignas(64) T mItems[Depth];
 };
 
-// ---- Whole runs -------------------------------------------------------------------------------
+// ---- Mutex and condition variable ---------------------------------------------------------------
 
-// Sends `items` items through a chain of `stages` bare actors, a thread each, at most four in flight
-// per hop. `work()` is done by every stage for every item.
-template <typename Work>
-void runChain(int stages, int64_t items, const Work& work) {
-    std::deque<Ring<Item>> rings(static_cast<size_t>(stages) - 1);
-    std::vector<std::thread> threads;
-    threads.emplace_back([&] {
-        for (int64_t i = 0; i < items; ++i) {
-            work();
-            rings.front().push(std::make_shared<int>(0));
-        }
-        rings.front().push(nullptr);
-    });
-    for (size_t i = 1; i < rings.size(); ++i) {
-        threads.emplace_back([&, i] {
-            while (Item item = rings[i - 1].pop()) {
-                work();
-                rings[i].push(std::move(item));
-            }
-            rings[i].push(nullptr);
-        });
+// What one would write first; pushes wait while it is full.
+template <typename T>
+class PlainQueue {
+public:
+    explicit PlainQueue(size_t depth = 4) : mDepth(depth) {}
+    void push(T item) {
+        std::unique_lock<std::mutex> lock(mLock);
+        mRoom.wait(lock, [this] { return mItems.size() < mDepth; });
+        mItems.push_back(std::move(item));
+        mFilled.notify_one();
     }
-    while (rings.back().pop() != nullptr) work();
-    for (auto& thread : threads) thread.join();
-}
-
-inline void runChain(int stages, int64_t items) {
-    runChain(stages, items, [] {});
-}
-
-// Sends one item back and forth `trips` times between this thread and another; calls `onTrip()` after
-// each.
-template <typename OnTrip>
-void runRoundTrips(int64_t trips, const OnTrip& onTrip) {
-    Ring<Item> there;
-    Ring<Item> back;
-    std::thread other([&] {
-        while (Item item = there.pop()) back.push(std::move(item));
-    });
-    Item item = std::make_shared<int>(0);
-    for (int64_t i = 0; i < trips; ++i) {
-        there.push(std::move(item));
-        item = back.pop();
-        onTrip();
+    T pop() {
+        std::unique_lock<std::mutex> lock(mLock);
+        mFilled.wait(lock, [this] { return !mItems.empty(); });
+        T item = std::move(mItems.front());
+        mItems.pop_front();
+        mRoom.notify_one();
+        return item;
     }
-    there.push(nullptr);
-    other.join();
-}
 
-inline void createAndJoinThreads(int count) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i) threads.emplace_back([] {});
-    for (auto& thread : threads) thread.join();
-}
+private:
+    const size_t mDepth;
+    std::mutex mLock;
+    std::condition_variable mFilled, mRoom;
+    std::deque<T> mItems;
+};
 
 // ---- Free list --------------------------------------------------------------------------------
 

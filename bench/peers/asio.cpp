@@ -1,0 +1,120 @@
+// Boost.Asio: an io_context with one thread per stage, and items that are posted from one to the next.
+#include <boost/asio.hpp>
+#include <deque>
+#include <functional>
+
+#include "Peer.h"
+
+namespace {
+
+using namespace peer;
+
+// Runs what is posted to it until it goes.
+class Loop {
+public:
+    ~Loop() {
+        mKeep.reset();
+        mThread.join();
+    }
+    template <typename Function>
+    void post(Function function) {
+        boost::asio::post(mContext, std::move(function));
+    }
+
+private:
+    boost::asio::io_context mContext{1};  // for one thread
+    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> mKeep{
+        mContext.get_executor()};
+    std::thread mThread{[this] { mContext.run(); }};
+};
+
+// Sends on what waits while there is room downstream. Who has done with an item of a full hop has the
+// sender try again, which costs less than telling it of every item.
+struct Stage {
+    Stage* previous = nullptr;
+    Stage* next = nullptr;
+    std::atomic<int> inFlight{0};
+    std::deque<Item> waiting;
+    int64_t toSend = 0;  // the source's
+    int64_t us = 0;
+    Arrivals* arrivals = nullptr;  // the sink's
+    Loop loop;                     // ends before the rest goes
+
+    void receive(Item item) {
+        waiting.push_back(std::move(item));
+        pump();
+    }
+    void pump() {
+        while ((toSend > 0 || !waiting.empty()) && (!next || inFlight < kInFlight)) {
+            Item item;
+            if (toSend > 0) {
+                --toSend;
+                item = makeItem();
+            } else {
+                item = std::move(waiting.front());
+                waiting.pop_front();
+            }
+            compute(us);
+            if (next) {
+                ++inFlight;
+                next->loop.post([stage = next, item = std::move(item)]() mutable {
+                    stage->receive(std::move(item));
+                });
+            } else {
+                arrivals->one();
+            }
+            if (previous && previous->inFlight.fetch_sub(1) == kInFlight) {
+                previous->loop.post([stage = previous] { stage->pump(); });
+            }
+        }
+    }
+};
+
+void chain(const Options& options) {
+    perItem(options, [&](int64_t count) {
+        Arrivals arrivals(count);
+        std::deque<Stage> stages(static_cast<size_t>(options.n));
+        for (size_t i = 0; i < stages.size(); ++i) {
+            if (i > 0) stages[i].previous = &stages[i - 1];
+            if (i + 1 < stages.size()) stages[i].next = &stages[i + 1];
+            stages[i].us = options.us;
+        }
+        stages.back().arrivals = &arrivals;
+        stages.front().loop.post([&] {
+            stages.front().toSend = count;
+            stages.front().pump();
+        });
+        const double ns = arrivals.wait();
+        while (!stages.empty()) stages.pop_back();  // nobody posts to the last any more
+        return ns;
+    });
+}
+
+void postItems(const Options& options) {
+    Arrivals* arrivals = nullptr;
+    Loop loop;
+    perPost(options, &arrivals,
+            [&] { loop.post([&arrivals, item = makeItem()] { arrivals->one(); }); });
+}
+
+void roundTrip(const Options& options) {
+    RoundTrips trips(options);
+    std::function<void(Item)> send;
+    Loop here, there;
+    send = [&](Item item) {
+        trips.sent();
+        there.post([&, item = std::move(item)]() mutable {
+            here.post([&, item = std::move(item)]() mutable {
+                if (trips.received()) send(std::move(item));
+            });
+        });
+    };
+    here.post([&] { send(makeItem()); });
+    trips.report();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return peer::run(argc, argv, {{"chain", chain}, {"post", postItems}, {"roundtrip", roundTrip}});
+}

@@ -1,0 +1,349 @@
+// libvxbase: the same work as its peers do, through graphs of nodes (default flow control: kInFlight
+// works on their way over one hop), events and pools; and what only the library itself can tell.
+#include <VXBuffer.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <deque>
+#include <filesystem>
+#include <fstream>
+
+#include "../Graphs.h"
+#include "Peer.h"
+
+namespace {
+
+using namespace peer;
+using namespace vexa;
+
+// ---- Graphs -----------------------------------------------------------------------------------
+
+// What the one graph that runs just now does.
+struct Plan {
+    Plan(int64_t w, int64_t sinks) : works(w) {
+        for (int64_t i = 0; i < sinks; ++i) arrivals.emplace_back(works);
+        sCurrent = this;
+    }
+    // ns from the first work to the last, at the slowest sink.
+    double wait() {
+        double ns = 0;
+        for (auto& sink : arrivals) ns = std::max(ns, sink.wait());
+        return ns;
+    }
+
+    static inline Plan* sCurrent = nullptr;
+    int64_t works;                  // from the source
+    int64_t us = 0;                 // of arithmetic in each node, per work
+    int64_t pauseUs = 0;            // of sleep in the source, per work
+    RoundTrips* trips = nullptr;    // one work at a time; the next when the last has come back
+    std::deque<Arrivals> arrivals;  // one for each sink
+    size_t sinks = 0;               // set up so far
+    Arrivals started{1};            // the source, which starts last
+};
+
+class Node : public graphs::Node {
+public:
+    using graphs::Node::Node;
+    ~Node() override { teardown(); }
+
+protected:
+    VXError onSetup(bool beforeFence) override {
+        if (outputPortInfos().empty()) mArrivals = &mPlan.arrivals[mPlan.sinks++];
+        return graphs::Node::onSetup(beforeFence);
+    }
+    VXError onProcess(std::list<std::shared_ptr<VXSharedWork>> inputs,
+                      std::list<std::unique_ptr<VXWork>>* outputs) override {
+        for (size_t i = 0; i < inputs.size(); ++i) {
+            compute(mPlan.us);
+            if (mArrivals) mArrivals->one();
+        }
+        return graphs::Node::onProcess(std::move(inputs), outputs);
+    }
+
+    Plan& mPlan = *Plan::sCurrent;
+
+private:
+    Arrivals* mArrivals = nullptr;  // a sink's
+};
+
+class Source : public Node {
+public:
+    using Node::Node;
+    ~Source() override { teardown(); }
+
+    VXError countAvailablePendingInputWorks(unsigned long, unsigned long* actualCount,
+                                            bool* hasEOS) override {
+        // Asked after the release of the work that is out.
+        if (mOut && mPlan.arrivals[0].count() == mSent) {
+            mOut = false;
+            if (!mPlan.trips->received()) mPlan.works = mSent;
+        }
+        *actualCount = !mOut && mSent < mPlan.works ? 1 : 0;
+        *hasEOS = mSent + 1 == mPlan.works;
+        return VX_OK;
+    }
+    VXError getPendingInputWorks(unsigned long,
+                                 std::list<std::shared_ptr<VXSharedWork>>* works) override {
+        if (mPlan.pauseUs > 0) usleep(static_cast<useconds_t>(mPlan.pauseUs));
+        VXFrameInfo info;
+        if (++mSent == mPlan.works) info.flags = VXFrameInfo::FLAG_END_OF_STREAM;
+        works->push_back(std::make_shared<VXSharedWork>(VXAuxInfo(), info));
+        if (mPlan.trips) {
+            mOut = true;
+            mPlan.trips->sent();
+        }
+        return VX_OK;
+    }
+
+protected:
+    VXError onStart() override {
+        mPlan.started.one();
+        return VX_OK;
+    }
+    VXError onProcess(std::list<std::shared_ptr<VXSharedWork>> inputs,
+                      std::list<std::unique_ptr<VXWork>>* outputs) override {
+        const VXError result = Node::onProcess(std::move(inputs), outputs);
+        for (auto& work : *outputs) work->setPayload(makeItem());
+        return result;
+    }
+
+private:
+    int64_t mSent = 0;
+    bool mOut = false;  // of a round trip: the work is on its way
+};
+
+// In place of the plainest nodes.
+graphs::Factory<Node> gNodes("bench/node");
+graphs::Factory<Source> gSources("bench/source");
+
+// A graph that runs from here to the end of its scope.
+class Run {
+public:
+    explicit Run(VXGraphInfo info) : mGraph(VXGraph::BuildFromGraphInfo(info, mListener)) {
+        if (mGraph == nullptr) fail("no graph");
+        mGraph->runAsync();
+    }
+    ~Run() { mGraph->stop(); }
+
+private:
+    struct Listener final : VXGraph::Listener {
+        void onGraphError(std::string message) override { fail(message.c_str()); }
+        void onGraphComplete() override {}
+    };
+    const std::shared_ptr<Listener> mListener = std::make_shared<Listener>();
+    const std::shared_ptr<VXGraph> mGraph;
+};
+
+VXGraphInfo chainOf(int64_t nodes) {
+    return graphs::chain(static_cast<int>(nodes));
+}
+
+VXGraphInfo fanOutTo(int64_t sinks) {
+    VXGraphInfo info{"bench", {}, {}};
+    graphs::add(&info, "bench/source", 0, false, true);
+    for (int i = 1; i <= sinks; ++i) {
+        graphs::add(&info, "bench/node", i, true, false);
+        info.connections["n0.out"].push_back("n" + std::to_string(i) + ".in");
+    }
+    return info;
+}
+
+// ---- Works --------------------------------------------------------------------------------------
+
+double runChain(const Options& options, int64_t count) {
+    Plan plan(count, 1);
+    plan.us = options.us;
+    const Run run(chainOf(options.n));
+    return plan.wait();
+}
+
+void chain(const Options& options) {
+    perItem(options, [&](int64_t count) { return runChain(options, count); });
+}
+
+void fanOut(const Options& options) {
+    perItem(options, [&](int64_t count) {
+        Plan plan(count, options.n);
+        const Run run(fanOutTo(options.n));
+        return plan.wait();
+    });
+}
+
+// There with a work, back with its release.
+void roundTrip(const Options& options) {
+    RoundTrips trips(options);
+    Plan plan(INT64_MAX, 0);
+    plan.arrivals.emplace_back(Arrivals::kAnyNumber);
+    plan.trips = &trips;
+    {
+        const Run run(chainOf(2));
+        trips.wait();
+    }
+    trips.report();
+}
+
+// Build, start, stop and destroy.
+void lifeCycle(const Options& options) {
+    perItem(
+        options,
+        [&](int64_t count) {
+            const int64_t from = nowNs();
+            for (int64_t i = 0; i < count; ++i) {
+                Plan plan(0, 1);
+                const Run run(chainOf(options.n));
+                plan.started.wait();
+            }
+            return static_cast<double>(nowNs() - from);
+        },
+        10);
+}
+
+// ---- What a graph does to the rest of the system ------------------------------------------------
+
+// How often the threads of this process, but for the calling one, have gone to sleep or been switched
+// out so far.
+int64_t switchesOfOthers() {
+    int64_t switches = 0;
+    const std::string self = std::to_string(gettid());
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (task.path().filename() == self) continue;
+        std::ifstream status(task.path() / "status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.find("ctxt_switches:") != std::string::npos) {
+                switches += std::atoll(line.c_str() + line.find(':') + 1);
+            }
+        }
+    }
+    return switches;
+}
+
+// A graph in which nothing moves: context switches of all its threads within a second.
+void idle(const Options& options) {
+    Plan plan(0, 1);
+    const Run run(chainOf(options.n));
+    plan.started.wait();
+    std::this_thread::sleep_for(
+        std::chrono::milliseconds(200));  // until what starting took is over
+    const int64_t before = switchesOfOthers();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    report(options, "switches", static_cast<double>(switchesOfOthers() - before));
+}
+
+int64_t processorNs() {
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return time.tv_sec * int64_t{1000000000} + time.tv_nsec;
+}
+
+// Works at the pace of a decoder, which leaves every thread asleep in between: the processor time
+// of the whole process per work, which is the graph's (and the source's own sleep).
+void paced(const Options& options) {
+    Plan plan(std::max<int64_t>(10, options.ms / 5), 1);
+    plan.pauseUs = 5000;
+    const int64_t works = plan.works;
+    const Run run(chainOf(options.n));
+    plan.started.wait();
+    const int64_t from = processorNs();
+    plan.wait();
+    report(options, "cpu_ns_per_item",
+           static_cast<double>(processorNs() - from) / static_cast<double>(works));
+}
+
+// Log gates on a work's way over one hop, and what a closed one costs (with its loop).
+void gates(const Options& options) {
+    static std::atomic<int64_t> sMessages{0};
+    constexpr int64_t kWorks = 10000, kGates = 100000000;
+    __android_log_set_logger([](const __android_log_message*) { ++sMessages; });
+    gVXLogLevel = 0xff;
+    runChain(options, kWorks);
+    gVXLogLevel = 0;
+    report(options, "gates_per_hop",
+           static_cast<double>(sMessages) / kWorks / static_cast<double>(options.n - 1));
+    constexpr char kLogTag[] = "bench";
+    const int64_t from = nowNs();
+    for (int64_t i = 0; i < kGates; ++i) VX_LOGT("%s", kLogTag);
+    report(options, "ns_per_gate", static_cast<double>(nowNs() - from) / kGates);
+}
+
+// ---- Events and pools alone ---------------------------------------------------------------------
+
+// A queue, and a handler that calls a function for every event.
+class Receiver {
+public:
+    template <typename Function>
+    Receiver(const char* name, Function function)
+        : mQueue(std::make_shared<xc2::EventQueue>(name)),
+          mHandler(std::make_shared<Handler<Function>>(function)) {
+        mQueue->start(0);
+        mHandler->attach(mQueue);
+    }
+    ~Receiver() { mQueue->stop(); }
+    void post(std::shared_ptr<xc2::Event> event) { mHandler->postAsync(std::move(event)); }
+
+private:
+    template <typename Function>
+    struct Handler : virtual xc2::EventHandler {
+        explicit Handler(Function f) : function(std::move(f)) {}
+        xc2::XC2Status onEvent(std::shared_ptr<xc2::Event> event) override {
+            function(std::move(event));
+            return xc2::XC2_OK;
+        }
+        Function function;
+    };
+    const std::shared_ptr<xc2::EventQueue> mQueue;
+    const std::shared_ptr<xc2::EventHandler> mHandler;
+};
+
+using EventPtr = std::shared_ptr<xc2::Event>;
+
+void post(const Options& options) {
+    Arrivals* arrivals = nullptr;
+    Receiver receiver("bench", [&](const EventPtr&) { arrivals->one(); });
+    perPost(options, &arrivals, [&] { receiver.post(std::make_shared<xc2::Event>(1)); });
+}
+
+void roundTripOfEvents(const Options& options) {
+    RoundTrips trips(options);
+    Receiver* sender = nullptr;
+    Receiver there("there", [&](EventPtr event) { sender->post(std::move(event)); });
+    const auto send = [&](EventPtr event) {
+        trips.sent();
+        there.post(std::move(event));
+    };
+    bool first = true;
+    Receiver here("here", [&](EventPtr event) {
+        if (std::exchange(first, false) || trips.received()) send(std::move(event));
+    });
+    sender = &here;
+    here.post(std::make_shared<xc2::Event>(1));
+    trips.report();
+}
+
+void pool(const Options& options, const char* backEnd) {
+    const auto pool = VXLinearBufferPool::Create(backEnd, DEFAULT);
+    pool->setMaxSlots(kInFlight);
+    pool->setSize(4096);
+    perItem(options, [&](int64_t count) {
+        return onThreads(options, count / options.n, [&] {
+            std::shared_ptr<VXBuffer> buffer;
+            if (pool->fetch(&buffer) != VX_OK) fail("no buffer");
+        });
+    });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return peer::run(argc, argv,
+                     {{"chain", chain},
+                      {"fanout", fanOut},
+                      {"roundtrip", roundTrip},
+                      {"roundtrip_events", roundTripOfEvents},
+                      {"post", post},
+                      {"pool", [](const Options& options) { pool(options, "xcodec2"); }},
+                      {"pool_dmabuf", [](const Options& options) { pool(options, "dmabuf"); }},
+                      {"lifecycle", lifeCycle},
+                      {"idle", idle},
+                      {"paced", paced},
+                      {"gates", gates}});
+}
