@@ -133,8 +133,9 @@ def chains():
         chain(f"chain of {n}, two cores", f"n={n}", 4, 4, 2.5)
     for n in 3, 5, 9:
         chain(f"chain of {n}, one core", f"n={n}", 2, 2, 2.5, cores=1)
-    chain("chain of 5 beside 2 busy threads", "n=5 busy=2", 1, 1, None)
-    chain("chain of 5, 20 us of work per node", "n=5 us=20", 1, 1, None)
+    # Never slower: the rest is noise.
+    chain("chain of 5 beside 2 busy threads", "n=5 busy=2", 0.95, 0.95, None)
+    chain("chain of 5, 20 us of work per node", "n=5 us=20", 0.95, 0.95, None)
     compare("fan-out to 4", "vxbase fanout n=4", {
         "GStreamer": ("gstreamer fanout n=4", "times", 4),
         "mutex + condvar": ("floors fanout_plain n=4", "times", None),
@@ -335,3 +336,5 @@ else:
     print(f"{markdown()}\n\n{sum(checks)} of {len(checks)} targets met; {ROUNDS} rounds")
 for name in sorted(missing):
     print(f"left out: {name}, which was not there when the benchmarks were built")
+if args.smoke and missing:
+    sys.exit(1)

@@ -1,17 +1,27 @@
 #!/usr/bin/env bash
-# Builds the benchmarks and runs them: works per second, ns per work and hop, context switches per
-# work, each beside the baseline of the same program.
+# Builds the benchmarks and compares libvxbase with its peers on the same work: prints a table of
+# medians, ranges and ratios, and writes results.json and results.svg to build/release/bench.
 #
-#   scripts/bench.sh [--smoke] [BENCHMARK OPTION...]    --smoke: every benchmark once, briefly
+#   scripts/bench.sh [--quick] [--rounds N] [--only TEXT]    --quick: within a minute
+#   scripts/bench.sh --engine [BENCHMARK OPTION...]          the library's own benchmarks
+#   scripts/bench.sh --smoke                                 everything once, briefly
 source "$(dirname "$0")/lib.sh"
 
-need "${build_packages[@]}" libbenchmark-dev
+peers=(libgstreamer1.0-dev libglib2.0-dev libboost-dev libtbb-dev)
+need "${build_packages[@]}" libbenchmark-dev python3 "${peers[@]}"
 build release
-options=(--benchmark_counters_tabular=true)
-if [ "${1:-}" = --smoke ]; then
-    shift
-    options+=(--benchmark_min_time=0.001)
-fi
-for program in build/release/bench/*_bench; do
-    "$program" "${options[@]}" "$@"
-done
+
+engine() {
+    local program
+    for program in build/release/bench/*_bench; do
+        "$program" --benchmark_counters_tabular=true "$@"
+    done
+}
+case ${1:-} in
+    --engine) engine "${@:2}" ;;
+    --smoke)
+        engine --benchmark_min_time=0.001
+        bench/compare.py --smoke
+        ;;
+    *) bench/compare.py "$@" ;;
+esac
