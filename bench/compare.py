@@ -3,7 +3,7 @@
 
 Every row of the table is one piece of work. The programs that do it take turns (A B A B ...), one
 process each, and each ratio is one of medians out of the same run. Prints the table as Markdown and
-writes it to the folder of the programs as results.json and results.svg.
+writes it as results.md, results.json and results.svg to the bench folder of the build.
 """
 import argparse
 import html
@@ -42,24 +42,23 @@ rows = []
 
 # ---- Measuring -----------------------------------------------------------------------------------
 
-def execute(command, cores=2, preload=None):
+def execute(command, cores=2):
     """Runs one process on so many cores; returns {metric: value} of what it prints, and what it took."""
-    environment = dict(os.environ, **({"LD_PRELOAD": str(preload)} if preload else {}))
+    words = ["timeout", "1200", *map(str, command)]
     begin = time.monotonic()
-    process = subprocess.Popen([str(part) for part in command], stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
-                               text=True, env=environment,
+    process = subprocess.Popen(words, stdout=subprocess.PIPE, stdin=subprocess.DEVNULL, text=True,
                                preexec_fn=lambda: os.sched_setaffinity(0, CPUS[:cores]))
     output = process.stdout.read()
     _, status, usage = os.wait4(process.pid, 0)
     seconds = time.monotonic() - begin
     process.returncode = os.waitstatus_to_exitcode(status)
     if process.returncode != 0:
-        sys.exit(f"failed with {process.returncode}: {' '.join(map(str, command))}")
+        sys.exit(f"failed with {process.returncode}: {' '.join(words)}")
     values = {"seconds": seconds, "processor": usage.ru_utime + usage.ru_stime, "rss": usage.ru_maxrss}
     for line in output.splitlines():
-        words = line.split()
-        if len(words) == 3:
-            values[words[1]] = float(words[2])
+        name = line.split()  # of the workload, of the metric; the value
+        if len(name) == 3:
+            values[name[1]] = float(name[2])
     return values
 
 
@@ -178,7 +177,7 @@ def graph():
     if wanted(title):
         def allocations(nodes, works):
             command = peer(f"vxbase chain n={nodes} count={works}")
-            return execute(command, preload=PROGRAMS / "count_malloc.so")["allocations"]
+            return execute(["env", f"LD_PRELOAD={PROGRAMS}/count_malloc.so", *command])["allocations"]
         few, many = 2000, 10000
         per_work = [(allocations(n, many) - allocations(n, few)) / (many - few) for n in (3, 9)]
         add(title, "", {OWN: [(per_work[1] - per_work[0]) / 6]}, [(None, "is", 6)], bars=False)
@@ -203,7 +202,7 @@ def growth():
 
 
 def video():
-    title = "vxrun, 1080p H.264 to framemd5, 2 decoder threads"
+    title = "vxrun, a frame of 1080p H.264 to framemd5, 2 decoder threads"
     if not wanted(title):
         return
     clip, sums, written = (OUT / f"clip{FRAMES}.mp4", OUT / f"clip{FRAMES}.framemd5", OUT / "written.framemd5")
@@ -263,7 +262,7 @@ def limit(check):
 
 
 def ratio(check):
-    return "" if check["kind"] == "is" else f"{check['ratio']:.2f} times {'as fast' if check['kind'] == 'times' else 'it'}"
+    return "" if check["kind"] == "is" else f"{check['ratio']:.2f} times as {'fast' if check['kind'] == 'times' else 'much'}"
 
 
 def markdown():
@@ -326,15 +325,15 @@ if not rows:
     sys.exit("no such row")
 (OUT / "results.json").write_text(json.dumps({
     "date": time.strftime("%Y-%m-%d %H:%M:%S %z"), "machine": platform.processor() or platform.machine(),
-    "kernel": platform.release(), "cores": len(CPUS), "rounds": ROUNDS, "ms": MS, "frames": FRAMES,
+    "kernel": platform.release(), "load": os.getloadavg(), "cores": len(CPUS), "rounds": ROUNDS, "ms": MS, "frames": FRAMES,
     "missing": sorted(missing), "rows": rows}, indent=1) + "\n")
 (OUT / "results.svg").write_text(svg())
 checks = [check["met"] for row in rows for check in row["checks"] if check["met"] is not None]
-if args.smoke:
-    print(f"smoke run: {len(rows)} rows ran; one short measurement says nothing")
-else:
-    print(f"{markdown()}\n\n{sum(checks)} of {len(checks)} targets met; {ROUNDS} rounds")
+summary = f"{sum(checks)} of {len(checks)} targets met; {ROUNDS} rounds of {MS} ms per measurement; "
+summary += f"Linux {platform.release()}, {len(CPUS)} cores, load {os.getloadavg()[1]:.1f} at the end"
 for name in sorted(missing):
-    print(f"left out: {name}, which was not there when the benchmarks were built")
+    summary += f"\n\nLeft out, since it was not there when the benchmarks were built: {name}"
+(OUT / "results.md").write_text(f"{markdown()}\n\n{summary}\n")
+print(f"smoke run: {len(rows)} rows" if args.smoke else (OUT / "results.md").read_text())
 if args.smoke and missing:
-    sys.exit(1)
+    sys.exit(f"not built: {', '.join(sorted(missing))}")

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Builds the benchmarks and compares libvxbase with its peers on the same work: prints a table of
-# medians, ranges and ratios, and writes results.json and results.svg to build/release/bench.
+# medians, ranges and ratios, and writes results.md, results.json and results.svg to build/release/bench.
 #
 #   scripts/bench.sh [--quick] [--rounds N] [--only TEXT]    --quick: within a minute
 #   scripts/bench.sh --engine [BENCHMARK OPTION...]          the library's own benchmarks

@@ -12,9 +12,11 @@ using namespace peer;
 // Runs what is posted to it until it goes.
 class Loop {
 public:
-    ~Loop() {
+    ~Loop() { end(); }
+    // What is still posted afterwards is dropped.
+    void end() {
         mKeep.reset();
-        mThread.join();
+        if (mThread.joinable()) mThread.join();
     }
     template <typename Function>
     void post(Function function) {
@@ -38,7 +40,7 @@ struct Stage {
     int64_t toSend = 0;  // the source's
     int64_t us = 0;
     Arrivals* arrivals = nullptr;  // the sink's
-    Loop loop;                     // ends before the rest goes
+    Loop loop;
 
     void receive(Item item) {
         waiting.push_back(std::move(item));
@@ -85,7 +87,8 @@ void chain(const Options& options) {
             stages.front().pump();
         });
         const double ns = arrivals.wait();
-        while (!stages.empty()) stages.pop_back();  // nobody posts to the last any more
+        for (Stage& stage : stages)
+            stage.loop.end();  // before one goes that another still posts to
         return ns;
     });
 }

@@ -304,17 +304,15 @@ void post(const Options& options) {
 
 void roundTripOfEvents(const Options& options) {
     RoundTrips trips(options);
-    Receiver* sender = nullptr;
-    Receiver there("there", [&](EventPtr event) { sender->post(std::move(event)); });
-    const auto send = [&](EventPtr event) {
-        trips.sent();
-        there.post(std::move(event));
-    };
+    Receiver* other = nullptr;
     bool first = true;
     Receiver here("here", [&](EventPtr event) {
-        if (std::exchange(first, false) || trips.received()) send(std::move(event));
+        if (!std::exchange(first, false) && !trips.received()) return;
+        trips.sent();
+        other->post(std::move(event));
     });
-    sender = &here;
+    Receiver there("there", [&](EventPtr event) { here.post(std::move(event)); });  // ends first
+    other = &there;
     here.post(std::make_shared<xc2::Event>(1));
     trips.report();
 }
