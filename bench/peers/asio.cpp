@@ -30,12 +30,12 @@ private:
     std::thread mThread{[this] { mContext.run(); }};
 };
 
-// Sends on what waits while there is room downstream. Who has done with an item of a full hop has the
-// sender try again, which costs less than telling it of every item.
+// Sends on what waits while there is room downstream, and tells the sender of each item that it is done,
+// as nodes do. To tell it only when a full hop has room again is as fast.
 struct Stage {
     Stage* previous = nullptr;
     Stage* next = nullptr;
-    std::atomic<int> inFlight{0};
+    int inFlight = 0;
     std::deque<Item> waiting;
     int64_t toSend = 0;  // the source's
     int64_t us = 0;
@@ -44,6 +44,10 @@ struct Stage {
 
     void receive(Item item) {
         waiting.push_back(std::move(item));
+        pump();
+    }
+    void release() {
+        --inFlight;
         pump();
     }
     void pump() {
@@ -65,9 +69,7 @@ struct Stage {
             } else {
                 arrivals->one();
             }
-            if (previous && previous->inFlight.fetch_sub(1) == kInFlight) {
-                previous->loop.post([stage = previous] { stage->pump(); });
-            }
+            if (previous) previous->loop.post([stage = previous] { stage->release(); });
         }
     }
 };
