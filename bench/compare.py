@@ -284,7 +284,7 @@ def svg():
     bar, name_width, length, column = 13, 130, 230, 620
     shown = [row for row in rows if row["bars"]]
     heights = [bar * len(row["series"]) + 28 for row in shown]
-    parts, x, y, bottom = [], 10, 40, 0
+    parts, x, y, bottom = [], 10, 40, 40
     def text(at_x, at_y, what, extra=""):
         parts.append(f'<text x="{at_x:.0f}" y="{at_y:.0f}" {extra}>{html.escape(what)}</text>')
     for row, height in zip(shown, heights):
