@@ -389,7 +389,7 @@ void Source::process(const SharedWorks& inputs, Works* outputs) {
         mEnded = true;  // also if something is thrown below
         if (mNext == nullptr) throw Failure("no memory for a buffer");
         auto work = std::make_unique<VXWork>();
-        fill(mNext.get(), &work->frameInfo());
+        fill(mNext, &work->frameInfo());
         attach(work.get(), fenced(std::move(mNext), work->frameInfo()));
         VXFrameInfo& frame = outputs->emplace_back(std::move(work))->frameInfo();
         mEnded = !hasNext();  // may throw: then the frame before the trouble is sent on
@@ -405,7 +405,7 @@ void Sink::process(const SharedWorks& inputs, Works*) {
         const auto buffer = bufferOf(*work);
         const StreamInfo* const stream = infoOf<StreamInfo>(work->frameInfo());
         if (buffer == nullptr || stream == nullptr) throw Failure("a work without a payload");
-        consume(Payload(*buffer, *stream), *stream, work->frameInfo());
+        consume(Payload(buffer, *stream), *stream, work->frameInfo());
         const bool last = (work->frameInfo().flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0;
         if (last) finish();
         countFrame(work->frameInfo());

@@ -215,7 +215,7 @@ protected:
     void makeBlockPool(size_t bytes);
 
     // Fills the next frame: buffer, timestamp, infos.
-    virtual void fill(vexa::VXBuffer* buffer, vexa::VXFrameInfo* frame) = 0;
+    virtual void fill(const std::shared_ptr<vexa::VXBuffer>& buffer, vexa::VXFrameInfo* frame) = 0;
     // True when another frame follows the one filled last.
     virtual bool hasNext() = 0;
 

@@ -83,15 +83,16 @@ void CodecNode::givePicture(std::shared_ptr<AVFrame> picture, std::shared_ptr<St
             Pool::ofPictures(allocatorType(), mFormat, slots(), newPoolRecord(), scheduleSelf());
     }
     frame.mInfos.push_back(stream);
-    give(mPictures, std::move(frame),
-         [picture, stream](VXBuffer* buffer) { copyPicture(*picture, Payload(*buffer, *stream)); });
+    give(mPictures, std::move(frame), [picture, stream](const std::shared_ptr<VXBuffer>& buffer) {
+        copyPicture(*picture, Payload(buffer, *stream));
+    });
 }
 
 void CodecNode::send() {
     Output output = std::move(mOutputs.front());
     mOutputs.pop_front();  // gone also if something is thrown below
     if (mBuffer == nullptr) throw Failure("no memory for a buffer");
-    output.fill(mBuffer.get());
+    output.fill(mBuffer);
     Works works;
     VXWork& work = *works.emplace_back(std::make_unique<VXWork>());
     work.frameInfo() = std::move(output.frame);

@@ -41,7 +41,7 @@ protected:
     virtual void finish(bool nothing);
 
     // Output: `fill` writes the contents into a buffer of `pool`; it is called once, when one is free.
-    using Fill = std::function<void(vexa::VXBuffer*)>;
+    using Fill = std::function<void(const std::shared_ptr<vexa::VXBuffer>&)>;
     void give(std::shared_ptr<Pool> pool, vexa::VXFrameInfo frame, Fill fill);
     // The same for a picture of the format that `stream` tells; `frame` gets `stream`, too.
     void givePicture(std::shared_ptr<AVFrame> picture, std::shared_ptr<StreamInfo> stream,

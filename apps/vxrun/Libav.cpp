@@ -113,7 +113,7 @@ Libav<AVFrame> pictureOf(const vexa::VXSharedWork& work, const StreamInfo** stre
     *stream = infoOf<StreamInfo>(work.frameInfo());
     if (buffer == nullptr || *stream == nullptr) throw Failure("a work without a picture");
     auto picture = newPicture((*stream)->picture);
-    copy(Payload(*buffer, **stream), *picture, Direction::TO_PICTURE);
+    copy(Payload(buffer, **stream), *picture, Direction::TO_PICTURE);
     return picture;
 }
 

@@ -1,6 +1,7 @@
 #include "Payload.h"
 
 #include "Failure.h"
+#include "Pool.h"
 
 #include <sys/mman.h>
 
@@ -70,18 +71,18 @@ uint32_t Payload::surfaceHeight(const PictureFormat& format) {
     return static_cast<uint32_t>(rows);
 }
 
-Payload::Payload(VXBuffer& buffer, const StreamInfo& stream)
-    : mMapping(buffer.map()),
-      mIsPicture(dynamic_cast<VXGraphicBuffer*>(&buffer) != nullptr),
+Payload::Payload(const std::shared_ptr<VXBuffer>& buffer, const StreamInfo& stream)
+    : mMapping(Pool::mappingOf(buffer)),
+      mIsPicture(dynamic_cast<VXGraphicBuffer*>(buffer.get()) != nullptr),
       mFormat(stream.picture) {
     uint8_t* data = mMapping->vaddr();
     if (data == MAP_FAILED) throw Failure("a buffer cannot be mapped: " + errnoText(errno));
-    const auto* surface = dynamic_cast<const VXGraphicBuffer*>(&buffer);
+    const auto* surface = dynamic_cast<const VXGraphicBuffer*>(buffer.get());
     if (surface == nullptr) {
-        mPlanes.push_back({data + buffer.offset(), buffer.size(), buffer.size(), 1});
+        mPlanes.push_back({data + buffer->offset(), buffer->size(), buffer->size(), 1});
         mFormat = {};
         mFormat.planes = 1;
-        mFormat.width = static_cast<uint32_t>(buffer.size());
+        mFormat.width = static_cast<uint32_t>(buffer->size());
         mFormat.height = 1;
         return;
     }

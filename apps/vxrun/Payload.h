@@ -77,11 +77,11 @@ void attach(vexa::VXWork* work, std::shared_ptr<vexa::VXBuffer> buffer);
 //
 // Life     a view: the buffer outlives it. Pictures are written before their work is sent, and only
 //          read from then on.
-// Owns     a mapping of the buffer.
+// Owns     a share of the buffer's mapping.
 class Payload {
 public:
     // A Failure when the buffer cannot be mapped or is too small for the stream's pictures.
-    Payload(vexa::VXBuffer& buffer, const StreamInfo& stream);
+    Payload(const std::shared_ptr<vexa::VXBuffer>& buffer, const StreamInfo& stream);
 
     // Of the picture; a block counts as one row of samples of 8 bits.
     const PictureFormat& format() const { return mFormat; }
@@ -111,7 +111,7 @@ public:
     }
 
 private:
-    const std::unique_ptr<vexa::VXBuffer::Mapping> mMapping;
+    const std::shared_ptr<vexa::VXBuffer::Mapping> mMapping;
     const bool mIsPicture;
     PictureFormat mFormat;
     std::vector<Plane> mPlanes;

@@ -23,6 +23,7 @@ void traceFree(const PoolRecord& record) {
 struct Pool::GiveBack {
     std::shared_ptr<Pool> pool;
     std::shared_ptr<VXBuffer> held;
+    std::shared_ptr<VXBuffer::Mapping> mapping;
 
     void operator()(VXBuffer*) {
         pool->mRecord.gotBack();  // first: once it is back, the node may take it
@@ -35,6 +36,11 @@ struct Pool::GiveBack {
 PoolRecord* Pool::recordOf(const std::shared_ptr<VXBuffer>& buffer) {
     const auto* const giveBack = std::get_deleter<GiveBack>(buffer);
     return giveBack != nullptr ? &giveBack->pool->mRecord : nullptr;
+}
+
+std::shared_ptr<VXBuffer::Mapping> Pool::mappingOf(const std::shared_ptr<VXBuffer>& buffer) {
+    const auto* const giveBack = std::get_deleter<GiveBack>(buffer);
+    return giveBack != nullptr ? giveBack->mapping : buffer->map();
 }
 
 std::shared_ptr<Pool> Pool::ofPictures(const std::string& allocator, const PictureFormat& format,
@@ -96,11 +102,14 @@ VXError Pool::take(std::shared_ptr<VXBuffer>* buffer) {
     }
     if (status != VX_OK) return status;
     taken->setFilledRange(0, mBytes);
-    mRecord.took(mMade.insert(taken.get()).second);
+    const auto [made, isNew] = mMade.try_emplace(taken->uid());
+    if (isNew) made->second = taken->map();
+    mRecord.took(isNew);
     traceFree(mRecord);
 
     VXBuffer* const raw = taken.get();
-    *buffer = std::shared_ptr<VXBuffer>(raw, GiveBack{shared_from_this(), std::move(taken)});
+    *buffer = std::shared_ptr<VXBuffer>(
+        raw, GiveBack{shared_from_this(), std::move(taken), made->second});
     return VX_OK;
 }
 

@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             if (buffer == nullptr) {
                 vxrun::Pool::ofPictures("xcodec2", format, 1, record, [] {})->fetch(&buffer);
             }
-            reader.readFrame(vxrun::Payload(*buffer, reader.stream()));
+            reader.readFrame(vxrun::Payload(buffer, reader.stream()));
         }
     } catch (const vxrun::Failure&) {  // every other exception is a fault
     }

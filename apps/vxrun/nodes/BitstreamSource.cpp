@@ -62,8 +62,8 @@ private:
         mStream->sar = rational(av_guess_sample_aspect_ratio(mFile.get(), mVideo, nullptr));
     }
 
-    void fill(vexa::VXBuffer* buffer, vexa::VXFrameInfo* frame) override {
-        Payload(*buffer, *mStream).forEachRow([this](uint8_t* row, size_t) {
+    void fill(const std::shared_ptr<vexa::VXBuffer>& buffer, vexa::VXFrameInfo* frame) override {
+        Payload(buffer, *mStream).forEachRow([this](uint8_t* row, size_t) {
             std::memcpy(row, mNext->data, static_cast<size_t>(mNext->size));
         });
         buffer->setFilledRange(0, static_cast<size_t>(mNext->size));

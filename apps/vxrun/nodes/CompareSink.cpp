@@ -107,7 +107,7 @@ private:
         const auto buffer = bufferOf(*of.works.front());
         const auto* const stream = infoOf<StreamInfo>(of.works.front()->frameInfo());
         if (buffer == nullptr || stream == nullptr) throw Failure("a work without a payload");
-        return std::make_unique<Payload>(*buffer, *stream);
+        return std::make_unique<Payload>(buffer, *stream);
     }
 
     void compare(const Payload& got, const Payload& wanted) {

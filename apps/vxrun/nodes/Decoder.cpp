@@ -66,7 +66,7 @@ private:
         if (!obey(number)) return false;
         const BitstreamInfo* stream = nullptr;
         // A copy, since decoders read on behind the end of what they are given.
-        const auto packet = unitOf(Payload(*buffer, {}), unit.frameInfo(), &stream);
+        const auto packet = unitOf(Payload(buffer, {}), unit.frameInfo(), &stream);
         if (mContext == nullptr) openCodec(*stream);
         if ((packet->flags & AV_PKT_FLAG_CORRUPT) != 0) noteError("a damaged access unit");
         const int result = avcodec_send_packet(mContext.get(), packet.get());

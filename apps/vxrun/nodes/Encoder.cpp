@@ -96,10 +96,11 @@ private:
         vexa::VXFrameInfo frame;
         frame.timestamp = static_cast<uint64_t>(std::max<int64_t>(packet->pts, 0));
         frame.mInfos = {mStream, unit};
-        give(mPool, std::move(frame), [packet, size](vexa::VXBuffer* buffer) {
-            std::memcpy(Payload(*buffer, {}).planes().front().data, packet->data, size);
-            buffer->setFilledRange(0, size);
-        });
+        give(mPool, std::move(frame),
+             [packet, size](const std::shared_ptr<vexa::VXBuffer>& buffer) {
+                 std::memcpy(Payload(buffer, {}).planes().front().data, packet->data, size);
+                 buffer->setFilledRange(0, size);
+             });
         return Progress::GAVE;
     }
 

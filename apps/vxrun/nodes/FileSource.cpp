@@ -26,9 +26,9 @@ private:
         makeBlockPool(mChunk);
     }
 
-    void fill(vexa::VXBuffer* buffer, vexa::VXFrameInfo* frame) override {
+    void fill(const std::shared_ptr<vexa::VXBuffer>& buffer, vexa::VXFrameInfo* frame) override {
         size_t got = 0;
-        Payload(*buffer, *mStream).forEachRow([&](uint8_t* row, size_t bytes) {
+        Payload(buffer, *mStream).forEachRow([&](uint8_t* row, size_t bytes) {
             got += mFile->read(row, bytes);
         });
         buffer->setFilledRange(0, got);

@@ -22,8 +22,8 @@ private:
         makePicturePool(mStream->picture);
     }
 
-    void fill(vexa::VXBuffer* buffer, vexa::VXFrameInfo* frame) override {
-        mReader->readFrame(Payload(*buffer, *mStream));
+    void fill(const std::shared_ptr<vexa::VXBuffer>& buffer, vexa::VXFrameInfo* frame) override {
+        mReader->readFrame(Payload(buffer, *mStream));
         frame->timestamp = mTimestamp++;
         frame->mInfos.push_back(mStream);
     }
