@@ -11,9 +11,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <typeinfo>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -45,8 +45,8 @@ public:
     template <typename T>
     VXError get(const std::string& key, T* val) const {
         VX_FAIL_IF(val == nullptr, VX_BAD_VALUE);
-        const auto entry = mEntries.find(key);
-        if (entry == mEntries.end()) return VX_NOT_FOUND;
+        const Entry* entry = find(key);
+        if (entry == nullptr) return VX_NOT_FOUND;
         const T* stored = valueOf<T>(*entry);
         if (stored == nullptr) return VX_ERROR;
         *val = *stored;
@@ -56,17 +56,35 @@ public:
 protected:
     static constexpr char kLogTag[] = "Vexa:VXNode";
 
+    struct Entry {
+        template <typename T>
+        Entry(const std::string& k, T&& v) : key(k), value(std::forward<T>(v)) {}
+        std::string key;
+        std::any value;
+    };
+
+    const Entry* find(const std::string& key) const {
+        if (mFirst.has_value() && mFirst->key == key) return &*mFirst;
+        for (const Entry& entry : mMore) {
+            if (entry.key == key) return &entry;
+        }
+        return nullptr;
+    }
+
     // The value of `entry`; null, with a message, when it has another type.
     template <typename T>
-    static const T* valueOf(const std::pair<const std::string, std::any>& entry) {
-        const T* value = std::any_cast<T>(&entry.second);
+    static const T* valueOf(const Entry& entry) {
+        const T* value = std::any_cast<T>(&entry.value);
         if (value == nullptr) {
-            VX_LOGE("VXAuxInfo::get : %s stored with different type !", entry.first.c_str());
+            VX_LOGE("VXAuxInfo::get : %s stored with different type !", entry.key.c_str());
         }
         return value;
     }
 
-    std::unordered_map<std::string, std::any> mEntries;
+    // In place of a hash map, which would be five allocations and half of a hop: most works hold the
+    // library's own "_res_id" alone, and few ever hold more than a handful.
+    std::optional<Entry> mFirst;
+    std::vector<Entry> mMore;
 };
 
 // VXEditableAuxInfo: aux info that its one owner may write.
@@ -82,16 +100,18 @@ public:
     //   VX_ERROR  the key holds a value of another type, which stays
     template <typename T>
     VXError put(const std::string& key, T value) {
-        const auto entry = mEntries.find(key);
-        if (entry == mEntries.end()) {
-            mEntries.emplace(key, std::move(value));
-            return VX_OK;
+        if (auto* entry = const_cast<Entry*>(find(key))) {
+            if (valueOf<T>(*entry) == nullptr) {
+                VX_LOGE("VXAuxInfo: cannot overwrite '%s' stored with a different type!",
+                        key.c_str());
+                return VX_ERROR;
+            }
+            entry->value = std::move(value);
+        } else if (!mFirst.has_value()) {
+            mFirst.emplace(key, std::move(value));
+        } else {
+            mMore.emplace_back(key, std::move(value));
         }
-        if (valueOf<T>(*entry) == nullptr) {
-            VX_LOGE("VXAuxInfo: cannot overwrite '%s' stored with a different type!", key.c_str());
-            return VX_ERROR;
-        }
-        entry->second = std::move(value);
         return VX_OK;
     }
 };
@@ -194,7 +214,9 @@ public:
     std::shared_ptr<VXSharedWork> share(Tracker tracker) {
         std::shared_ptr<VXSharedWork> shared(
             new VXSharedWork(*this, mFrameInfo),
-            [tracker](VXSharedWork* work) mutable { tracker.onRelease(work); });
+            [tracker = std::move(tracker)](VXSharedWork* work) mutable {
+                tracker.onRelease(work);
+            });
         shared->mPayload = std::exchange(mPayload, {});
         return shared;
     }
