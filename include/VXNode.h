@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -441,6 +440,7 @@ protected:
     std::shared_ptr<Handler> handler();
 
 private:
+    std::weak_ptr<Handler> weakHandler();
     std::shared_ptr<VXListener> listener();
     std::shared_ptr<Regulator> regulator();
     VXError post(std::shared_ptr<xc2::Event> event);
@@ -485,6 +485,7 @@ class VX_EXPORT VXNode::DownstreamWorkTracker {
 public:
     explicit DownstreamWorkTracker(std::weak_ptr<Handler> handler) : mHandler(std::move(handler)) {}
     DownstreamWorkTracker(const DownstreamWorkTracker&) = default;
+    DownstreamWorkTracker(DownstreamWorkTracker&&) = default;
     DownstreamWorkTracker& operator=(const DownstreamWorkTracker&) = default;
 
     virtual ~DownstreamWorkTracker();
@@ -555,8 +556,8 @@ private:
     const uint64_t mBatchSize;
     std::unordered_map<std::string, uint64_t> mPortDelays;
     std::atomic<uint64_t> mWorkIdCounter{0};
-    std::set<uint64_t> mDownstreamWorksTracker;
-    std::atomic<uint64_t> mOutstanding{0};  // the tracker's size, for other threads
+    std::vector<uint64_t> mDownstreamWorksTracker;  // in order, and short: cheaper than a set
+    std::atomic<uint64_t> mOutstanding{0};          // the tracker's size, for other threads
     std::atomic<uint64_t> mMaxDownstreamWorks{2};
     uint64_t mFrameCounter = 0;
 };

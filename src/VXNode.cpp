@@ -133,7 +133,8 @@ VXError VXOutputPort::sendWorks(std::list<std::shared_ptr<VXSharedWork>> works) 
     VX_LOGT("[%s] sendWorks", name().c_str());
     for (const std::shared_ptr<VXInputPort>& port : mDownstreamPorts) {
         VX_LOGT("[%s] Sending works to downstream [%s]", name().c_str(), port->name().c_str());
-        const VXError ret = port->queueWorks(works);
+        const bool last = &port == &mDownstreamPorts.back();  // gets the list itself
+        const VXError ret = last ? port->queueWorks(std::move(works)) : port->queueWorks(works);
         if (ret != VX_OK) return ret;
     }
     return VX_OK;
@@ -396,6 +397,12 @@ VXNode::Status VXNode::status() {
 }
 
 std::shared_ptr<VXNode::Handler> VXNode::handler() {
+    VXLocker lock(mLock);
+    return mHandler;
+}
+
+// Two counts less to write than by way of handler().
+std::weak_ptr<VXNode::Handler> VXNode::weakHandler() {
     VXLocker lock(mLock);
     return mHandler;
 }
@@ -781,9 +788,9 @@ VXError VXNode::Regulator::registerDownstreamWork(std::unique_ptr<VXWork> proces
     VX_FAIL_IF(workToDispatch == nullptr, VX_BAD_VALUE);
     const unsigned long id = ++mWorkIdCounter;
     processedWork->put<unsigned long>("_res_id", id);
-    *workToDispatch = processedWork->share(DownstreamWorkTracker(mNode.handler()));
+    *workToDispatch = processedWork->share(DownstreamWorkTracker(mNode.weakHandler()));
     VX_FAIL_IF(*workToDispatch == nullptr, VX_NO_MEMORY);
-    mDownstreamWorksTracker.insert(id);
+    mDownstreamWorksTracker.push_back(id);
     mOutstanding.store(mDownstreamWorksTracker.size(), std::memory_order_relaxed);
     return VX_OK;
 }
@@ -797,9 +804,13 @@ VXError VXNode::Regulator::registerInputWork(std::shared_ptr<VXSharedWork> input
 }
 
 VXError VXNode::Regulator::releaseDownstreamWork(unsigned long id) {
-    const bool known = mDownstreamWorksTracker.erase(id) != 0;
-    mOutstanding.store(mDownstreamWorksTracker.size(), std::memory_order_relaxed);
-    if (known) return VX_OK;
+    const auto known =
+        std::lower_bound(mDownstreamWorksTracker.begin(), mDownstreamWorksTracker.end(), id);
+    if (known != mDownstreamWorksTracker.end() && *known == id) {
+        mDownstreamWorksTracker.erase(known);
+        mOutstanding.store(mDownstreamWorksTracker.size(), std::memory_order_relaxed);
+        return VX_OK;
+    }
     VX_LOGW("[%s] Downstream released untracked work (id: %llu)", name().c_str(),
             static_cast<unsigned long long>(id));
     return VX_NOT_FOUND;
