@@ -6,8 +6,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <iterator>
 #include <map>
 #include <new>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -17,15 +19,15 @@ namespace xc2 {
 
 Bundle::Storable::~Storable() = default;
 
-// One by one: left to themselves the links would be destroyed recursively.
 Bundle::~Bundle() {
+    for (uint32_t i = 0; i < mCount; ++i) mInline[i].entry.~Entry();
+    // One by one: left to themselves the links would be destroyed recursively.
     while (mSpilled != nullptr) mSpilled = std::move(mSpilled->next);
 }
 
 const Bundle::Item* Bundle::find(const std::string& key) const {
-    for (const auto& entry : mInline) {
-        if (!entry.has_value()) return nullptr;
-        if (entry->key == key) return &entry->item;
+    for (uint32_t i = 0; i < mCount; ++i) {
+        if (mInline[i].entry.key == key) return &mInline[i].entry.item;
     }
     for (const Spilled* spilled = mSpilled.get(); spilled != nullptr;
          spilled = spilled->next.get()) {
@@ -39,12 +41,11 @@ XC2Status Bundle::store(const std::string& key, Item&& item) {
         const_cast<Item&>(*old) = std::move(item);
         return XC2_OK;
     }
-    for (auto& entry : mInline) {
-        if (entry.has_value()) continue;
-        entry.emplace(Entry{key, std::move(item)});
+    if (mCount < std::size(mInline)) {
+        new (&mInline[mCount++].entry) Entry(key, std::move(item));
         return XC2_OK;
     }
-    std::unique_ptr<Spilled> spilled(new (std::nothrow) Spilled{{key, std::move(item)}, nullptr});
+    std::unique_ptr<Spilled> spilled(new (std::nothrow) Spilled(key, std::move(item)));
     if (spilled == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, "Vexa:VXNode", "failed to emplace : %s",
                             key.c_str());
@@ -280,7 +281,7 @@ void EventQueue::Core::run() {
         lock.unlock();
         while (mNext < mBatch.size()) {  // stop() on this thread empties mBatch
             Delivery delivery = std::move(mBatch[mNext++]);
-            const XC2Status status = delivery.handler->onEvent(delivery.event);
+            const XC2Status status = delivery.handler->onEvent(std::move(delivery.event));
             finish(delivery, status);
         }
         mBatch.clear();
@@ -357,8 +358,9 @@ XC2Status EventHandler::post(std::shared_ptr<Event> event, std::shared_ptr<Event
                              unsigned int delay) {
     if (event == nullptr) return XC2_BAD_VALUE;
     EventQueue::Core* core = mCore.load(std::memory_order_acquire);
-    std::shared_ptr<EventHandler> self = weak_from_this().lock();
-    if (core == nullptr || self == nullptr) return XC2_BAD_STATE;
+    if (core == nullptr) return XC2_BAD_STATE;
+    std::shared_ptr<EventHandler> self = mSelf.lock();
+    if (self == nullptr) return XC2_BAD_STATE;
     return core->post({std::move(self), std::move(event), std::move(reply)},
                       std::chrono::milliseconds(delay));
 }
@@ -366,6 +368,7 @@ XC2Status EventHandler::post(std::shared_ptr<Event> event, std::shared_ptr<Event
 void EventHandler::attach(std::shared_ptr<EventQueue> queue) {
     std::lock_guard<std::mutex> lock(mLock);
     if (queue != nullptr && std::find(mCores.begin(), mCores.end(), queue->mCore) == mCores.end()) {
+        if (mCores.empty()) mSelf = weak_from_this();
         mCores.push_front(queue->mCore);
     }
     mCore.store(queue != nullptr ? queue->mCore.get() : nullptr, std::memory_order_release);

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -126,10 +125,12 @@ private:
     };
 
     struct Entry {
-        std::string key;
+        Entry(const std::string& k, Item&& i) : key(k), item(std::move(i)) {}
+        const std::string key;
         Item item;
     };
     struct Spilled {
+        Spilled(const std::string& k, Item&& i) : entry(k, std::move(i)) {}
         Entry entry;
         std::unique_ptr<Spilled> next;
     };
@@ -137,8 +138,17 @@ private:
     const Item* find(const std::string& key) const;
     XC2Status store(const std::string& key, Item&& item);
 
-    std::optional<Entry> mInline[2];    // filled from the front
+    // Not optional<Entry>: what an event with one item touches lies together, in two cache lines
+    // fewer to be carried from one core to the other.
+    union Room {
+        Room() {}
+        ~Room() {}
+        Entry entry;
+    };
+
+    uint32_t mCount = 0;                // of mInline, from the front
     std::unique_ptr<Spilled> mSpilled;  // the third item and all after it, newest first
+    Room mInline[2];
 };
 
 // Event: an id, fixed at construction, and its bundle. Made as a shared object; the queue keeps a
