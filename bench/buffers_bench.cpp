@@ -8,10 +8,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
-#include <list>
 #include <memory>
-#include <mutex>
+
+#include "floors.h"
 
 using namespace vexa;
 
@@ -73,40 +74,17 @@ void plainMalloc(benchmark::State& state, size_t size) {
     }
 }
 
-// The least that recycles: no limit, no owner, no back-end.
-class FreeList {
-public:
-    explicit FreeList(size_t size) {
-        for (size_t i = 0; i < kSlots; ++i) mFree.push_back(std::malloc(size));
-    }
-    ~FreeList() {
-        for (void* memory : mFree) std::free(memory);
-    }
-    void* take() {
-        std::lock_guard<std::mutex> lock(mLock);
-        void* memory = mFree.front();
-        mFree.pop_front();
-        return memory;
-    }
-    void give(void* memory) {
-        std::lock_guard<std::mutex> lock(mLock);
-        mFree.push_back(memory);
-    }
-
-private:
-    std::mutex mLock;
-    std::list<void*> mFree;
-};
-std::unique_ptr<FreeList> sFreeList;
-
-void freeList(benchmark::State& state, size_t size) {
-    if (state.thread_index() == 0) sFreeList = std::make_unique<FreeList>(size);
+// The least that recycles: no limit, no back-end.
+template <size_t kSize>
+void freeList(benchmark::State& state) {
+    using List = floors::FreeList<std::array<char, kSize>>;
+    static std::unique_ptr<List> list;
+    if (state.thread_index() == 0) list = std::make_unique<List>(kSlots);
     for (auto _ : state) {
-        void* memory = sFreeList->take();
+        auto memory = list->fetch();
         benchmark::DoNotOptimize(memory);
-        sFreeList->give(memory);
     }
-    if (state.thread_index() == 0) sFreeList.reset();
+    if (state.thread_index() == 0) list.reset();
 }
 
 // ---- Mappings ---------------------------------------------------------------------------------
@@ -151,14 +129,14 @@ void anonymousMapAndTouch(benchmark::State& state, size_t size) {
     BENCHMARK_CAPTURE(function, __VA_ARGS__)->Threads(1)->Threads(2)->UseRealTime()
 
 FETCH_BENCHMARK(plainMalloc, 4KiB, kSmall);
-FETCH_BENCHMARK(freeList, 4KiB, kSmall);
+BENCHMARK_TEMPLATE(freeList, kSmall)->Threads(1)->Threads(2)->UseRealTime();
 FETCH_BENCHMARK(linear, 4KiB_dmabuf_recycled, "dmabuf", true);
 FETCH_BENCHMARK(linear, 4KiB_dmabuf_fresh, "dmabuf", false);
 FETCH_BENCHMARK(linear, 4KiB_xcodec2_recycled, "xcodec2", true);
 FETCH_BENCHMARK(linear, 4KiB_xcodec2_fresh, "xcodec2", false);
 
 FETCH_BENCHMARK(plainMalloc, 4K10bit, kPicture);
-FETCH_BENCHMARK(freeList, 4K10bit, kPicture);
+BENCHMARK_TEMPLATE(freeList, kPicture)->Threads(1)->Threads(2)->UseRealTime();
 FETCH_BENCHMARK(picture, 4K10bit_dmabuf_recycled, "dmabuf", true);
 FETCH_BENCHMARK(picture, 4K10bit_dmabuf_fresh, "dmabuf", false);
 FETCH_BENCHMARK(picture, 4K10bit_xcodec2_recycled, "xcodec2", true);

@@ -4,6 +4,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <string_view>
 
 namespace vexa {
@@ -173,9 +174,12 @@ void VXBufferPool::Stash::reset() {
 }
 
 // The owner of a buffer in use, which brings it back here. Fatal, and meant to be, when no shared
-// pointer holds this stash.
+// pointer holds this stash. Weak from the start: a strong reference between would be two more counts
+// that the threads of one pool fight for.
 std::shared_ptr<VXBuffer> VXBufferPool::Stash::share(VXBuffer* buf) {
-    return std::shared_ptr<VXBuffer>(buf, Tracker(shared_from_this()));
+    std::weak_ptr<Stash> self = weak_from_this();
+    if (self.expired()) std::abort();
+    return std::shared_ptr<VXBuffer>(buf, Tracker(std::move(self)));
 }
 
 size_t VXBufferPool::Stash::total() const {
