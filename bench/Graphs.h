@@ -49,19 +49,18 @@ class Source : public Node {
 public:
     using Node::Node;
     ~Source() override { teardown(); }
-    static inline int64_t sCount = 0;  // works of every source
-    static inline bool sEnds = true;   // the last of them ends the stream
+    static inline int64_t sCount = 0;
 
     VXError countAvailablePendingInputWorks(unsigned long, unsigned long* actualCount,
                                             bool* hasEOS) override {
         *actualCount = mNext < sCount ? 1 : 0;
-        *hasEOS = sEnds && mNext + 1 == sCount;
+        *hasEOS = mNext + 1 == sCount;
         return VX_OK;
     }
     VXError getPendingInputWorks(unsigned long,
                                  std::list<std::shared_ptr<VXSharedWork>>* works) override {
         VXFrameInfo info;
-        if (++mNext == sCount && sEnds) info.flags = VXFrameInfo::FLAG_END_OF_STREAM;
+        if (++mNext == sCount) info.flags = VXFrameInfo::FLAG_END_OF_STREAM;
         works->push_back(std::make_shared<VXSharedWork>(VXAuxInfo(), info));
         return VX_OK;
     }

@@ -82,16 +82,6 @@ void chainOfNodes(benchmark::State& state) {
     }
 }
 
-void chainOfActors(benchmark::State& state) {
-    const int stages = static_cast<int>(state.range(0));
-    Report report(state, kWorks, stages - 1);
-    for (auto _ : state) {
-        report.begin();
-        floors::runChain(stages, kWorks);
-        report.end();
-    }
-}
-
 void chainOfPlainQueues(benchmark::State& state) {
     const int stages = static_cast<int>(state.range(0));
     Report report(state, kWorks, stages - 1);
@@ -275,46 +265,12 @@ void roundTripOfPlainQueues(benchmark::State& state) {
     }
 }
 
-void roundTripOfActors(benchmark::State& state) {
-    Report report(state, kWorks, 2);
-    for (auto _ : state) {
-        report.begin();
-        floors::runRoundTrips(kWorks, [] {});
-        report.end();
-    }
-}
-
-// ---- Life ---------------------------------------------------------------------------------------
-
-constexpr int kNodes = 9;
-
-// From the description to the last destructor; no work goes through.
-void lifeOfGraph(benchmark::State& state) {
-    Source::sCount = 0;
-    for (auto _ : state) {
-        auto listener = std::make_shared<Listener>();
-        VXGraphInfo info = chain(kNodes);
-        const auto graph = VXGraph::BuildFromGraphInfo(info, listener);
-        graph->runAsync();
-        graph->stop();
-    }
-}
-
-// The nodes' threads and the graph's.
-void lifeOfThreads(benchmark::State& state) {
-    for (auto _ : state) floors::createAndJoinThreads(kNodes + 1);
-}
-
-// Each engine row is followed by its baselines.
+// Each engine row is followed by its baseline.
 BENCHMARK(postEvents)->Arg(1)->Arg(2)->Arg(4)->UseManualTime();
 BENCHMARK(postToPlainQueue)->Arg(1)->Arg(2)->Arg(4)->UseManualTime();
 BENCHMARK(roundTripOfEvents)->UseManualTime();
-BENCHMARK(roundTripOfActors)->UseManualTime();
 BENCHMARK(roundTripOfPlainQueues)->UseManualTime();
-BENCHMARK(lifeOfGraph)->UseRealTime();
-BENCHMARK(lifeOfThreads)->UseRealTime();
 BENCHMARK(chainOfNodes)->Arg(3)->Arg(5)->Arg(9)->UseManualTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(chainOfActors)->Arg(3)->Arg(5)->Arg(9)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(chainOfPlainQueues)
     ->Arg(3)
     ->Arg(5)
