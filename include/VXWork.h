@@ -8,6 +8,7 @@
 #include <VXUtils.h>
 
 #include <any>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -150,6 +151,11 @@ public:
         : VXAuxInfo(auxInfo), mFrameInfo(frameInfo) {}
     ~VXSharedWork() override;
 
+    // A work's memory has room for the control block of its shared pointer, and goes with the last of
+    // the two: one allocation, and what a release touches lies together.
+    static void* operator new(size_t size);
+    static void operator delete(void* work);
+
     const VXFrameInfo& frameInfo() const { return mFrameInfo; }
 
     // The payload; empty when there is none or it was set with another type.
@@ -160,6 +166,38 @@ public:
 
 private:
     friend class VXWork;
+
+    // Lies in front of every work that was made by new.
+    struct alignas(std::max_align_t) Home {
+        void leave();
+
+        std::atomic<int> residents{1};
+        alignas(void*) unsigned char control[72];  // a tracker of more than a few words has no room
+    };
+    // Puts the control block into the work's home, or, when it is too large, elsewhere.
+    template <typename T>
+    struct ControlAllocator {
+        using value_type = T;
+        explicit ControlAllocator(Home* h) : home(h) {}
+        template <typename U>
+        ControlAllocator(const ControlAllocator<U>& other) : home(other.home) {}
+
+        T* allocate(size_t count) {
+            if (!kFits) return static_cast<T*>(::operator new(count * sizeof(T)));
+            home->residents.store(2, std::memory_order_relaxed);  // nobody else knows it yet
+            return reinterpret_cast<T*>(home->control);
+        }
+        void deallocate(T* memory, size_t) {
+            if (!kFits) return ::operator delete(memory);
+            home->leave();
+        }
+        bool operator==(const ControlAllocator& other) const { return home == other.home; }
+        bool operator!=(const ControlAllocator& other) const { return home != other.home; }
+
+        static constexpr bool kFits =
+            sizeof(T) <= sizeof(Home::control) && alignof(T) <= alignof(void*);
+        Home* home;
+    };
 
     // The payload with the type that it was set with. Both works hold one; sharing moves it.
     class Payload {
@@ -212,11 +250,14 @@ public:
     // once then and has to delete the work.
     template <typename Tracker>
     std::shared_ptr<VXSharedWork> share(Tracker tracker) {
+        auto* work = new VXSharedWork(*this, mFrameInfo);
+        auto* home = reinterpret_cast<VXSharedWork::Home*>(work) - 1;
         std::shared_ptr<VXSharedWork> shared(
-            new VXSharedWork(*this, mFrameInfo),
-            [tracker = std::move(tracker)](VXSharedWork* work) mutable {
-                tracker.onRelease(work);
-            });
+            work,
+            [tracker = std::move(tracker)](VXSharedWork* released) mutable {
+                tracker.onRelease(released);
+            },
+            VXSharedWork::ControlAllocator<VXSharedWork>(home));
         shared->mPayload = std::exchange(mPayload, {});
         return shared;
     }

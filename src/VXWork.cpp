@@ -1,6 +1,7 @@
 #include <VXWork.h>
 
 #include <cstring>
+#include <new>
 
 namespace vexa {
 
@@ -22,6 +23,23 @@ size_t memcpy_s(void* dst, size_t dstSize, const void* src, size_t count) {
     }
     std::memcpy(dst, src, count);
     return count;
+}
+
+// The last to leave need not count.
+void VXSharedWork::Home::leave() {
+    if (residents.load(std::memory_order_acquire) == 1 ||
+        residents.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        this->~Home();
+        ::operator delete(this);
+    }
+}
+
+void* VXSharedWork::operator new(size_t size) {
+    return new (::operator new(sizeof(Home) + size)) Home() + 1;
+}
+
+void VXSharedWork::operator delete(void* work) {
+    (static_cast<Home*>(work) - 1)->leave();
 }
 
 // Destructors stand here so that each type's virtual table and identity exist once, in this library.
