@@ -73,6 +73,7 @@ public:
     struct VX_EXPORT WorkInfo : public xc2::Bundle::Storable {
         ~WorkInfo() override;
         std::list<std::shared_ptr<VXSharedWork>> works;
+        VXInputPort* port = nullptr;  // where it was queued; good as long as that port's node is
     };
 
     VXInputPort(const std::string& name, const Format& format,
@@ -104,9 +105,13 @@ public:
     uint64_t inputDelay();
     uint64_t totalDelay();
 
-    // Works that were queued here and that the node has not dealt with: those that wait in its event
-    // queue, and the batch that it is handling. Costs nothing but the count itself.  [any thread]
-    uint64_t queuedWorks() const { return mQueued->load(std::memory_order_relaxed); }
+    // Works that were queued here and that the node has not taken yet.  [any thread]
+    uint64_t queuedWorks() const {
+        const uint64_t taken = mTaken.load(std::memory_order_acquire);
+        return mQueued.load(std::memory_order_relaxed) - taken;
+    }
+    // The node has taken `works` works that were queued here.  [the node's event thread]
+    void noteTaken(size_t works) { mTaken.fetch_add(works, std::memory_order_release); }
 
 private:
     using DelayReport = void (DelayObserver::*)(const std::string&, unsigned long);
@@ -116,9 +121,10 @@ private:
     std::weak_ptr<DelayObserver> mObserver VX_GUARDED_BY(mLock);  // the upstream output port
     uint64_t mInputDelay = 1;                                     // both guarded by mLock
     uint64_t mTotalDelay = 1;
-    // Shared with the batches under way, which may outlive the port.
-    const std::shared_ptr<std::atomic<uint64_t>> mQueued =
-        std::make_shared<std::atomic<uint64_t>>(0);
+    // All that were ever queued, and taken. Two counts on cache lines of their own: the sender writes
+    // one, the node the other.
+    alignas(64) std::atomic<uint64_t> mQueued{0};
+    alignas(64) std::atomic<uint64_t> mTaken{0};
 };
 
 // VXOutputPort: sends works to any number of input ports, and combines their delays by maximum.

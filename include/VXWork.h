@@ -46,7 +46,7 @@ public:
     template <typename T>
     VXError get(const std::string& key, T* val) const {
         VX_FAIL_IF(val == nullptr, VX_BAD_VALUE);
-        const Entry* entry = find(key);
+        const Entries::Entry* entry = mEntries.find(key);
         if (entry == nullptr) return VX_NOT_FOUND;
         const T* stored = valueOf<T>(*entry);
         if (stored == nullptr) return VX_ERROR;
@@ -57,24 +57,45 @@ public:
 protected:
     static constexpr char kLogTag[] = "Vexa:VXNode";
 
-    struct Entry {
-        template <typename T>
-        Entry(const std::string& k, T&& v) : key(k), value(std::forward<T>(v)) {}
-        std::string key;
-        std::any value;
-    };
+    // The entries by key. In place of a hash map, which would be five allocations and half of a hop: most
+    // works hold the library's own "_res_id" alone, and few ever hold more than a handful.
+    class Entries {
+    public:
+        struct Entry {
+            template <typename T>
+            Entry(const std::string& k, T&& v) : key(k), value(std::forward<T>(v)) {}
+            std::string key;
+            std::any value;
+        };
 
-    const Entry* find(const std::string& key) const {
-        if (mFirst.has_value() && mFirst->key == key) return &*mFirst;
-        for (const Entry& entry : mMore) {
-            if (entry.key == key) return &entry;
+        const Entry* find(const std::string& key) const {
+            if (mFirst.has_value() && mFirst->key == key) return &*mFirst;
+            for (const Entry& entry : mMore) {
+                if (entry.key == key) return &entry;
+            }
+            return nullptr;
         }
-        return nullptr;
-    }
+        Entry* find(const std::string& key) {
+            return const_cast<Entry*>(std::as_const(*this).find(key));
+        }
+        // Adds a key that is not there.
+        template <typename T>
+        void emplace(const std::string& key, T&& value) {
+            if (!mFirst.has_value()) {
+                mFirst.emplace(key, std::forward<T>(value));
+            } else {
+                mMore.emplace_back(key, std::forward<T>(value));
+            }
+        }
+
+    private:
+        std::optional<Entry> mFirst;
+        std::vector<Entry> mMore;
+    };
 
     // The value of `entry`; null, with a message, when it has another type.
     template <typename T>
-    static const T* valueOf(const Entry& entry) {
+    static const T* valueOf(const Entries::Entry& entry) {
         const T* value = std::any_cast<T>(&entry.value);
         if (value == nullptr) {
             VX_LOGE("VXAuxInfo::get : %s stored with different type !", entry.key.c_str());
@@ -82,10 +103,7 @@ protected:
         return value;
     }
 
-    // In place of a hash map, which would be five allocations and half of a hop: most works hold the
-    // library's own "_res_id" alone, and few ever hold more than a handful.
-    std::optional<Entry> mFirst;
-    std::vector<Entry> mMore;
+    Entries mEntries;
 };
 
 // VXEditableAuxInfo: aux info that its one owner may write.
@@ -101,18 +119,16 @@ public:
     //   VX_ERROR  the key holds a value of another type, which stays
     template <typename T>
     VXError put(const std::string& key, T value) {
-        if (auto* entry = const_cast<Entry*>(find(key))) {
-            if (valueOf<T>(*entry) == nullptr) {
-                VX_LOGE("VXAuxInfo: cannot overwrite '%s' stored with a different type!",
-                        key.c_str());
-                return VX_ERROR;
-            }
-            entry->value = std::move(value);
-        } else if (!mFirst.has_value()) {
-            mFirst.emplace(key, std::move(value));
-        } else {
-            mMore.emplace_back(key, std::move(value));
+        Entries::Entry* entry = mEntries.find(key);
+        if (entry == nullptr) {
+            mEntries.emplace(key, std::move(value));
+            return VX_OK;
         }
+        if (valueOf<T>(*entry) == nullptr) {
+            VX_LOGE("VXAuxInfo: cannot overwrite '%s' stored with a different type!", key.c_str());
+            return VX_ERROR;
+        }
+        entry->value = std::move(value);
         return VX_OK;
     }
 };

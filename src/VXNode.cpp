@@ -40,27 +40,12 @@ VXError VXInputPort::acceptConnection(const Format& format, std::weak_ptr<DelayO
     return VX_OK;
 }
 
-namespace {
-
-// A batch that counts as queued as long as its event lives: until it is handled, refused or dropped.
-struct QueuedWorks final : public VXInputPort::WorkInfo {
-    QueuedWorks(std::list<std::shared_ptr<VXSharedWork>> batch,
-                std::shared_ptr<std::atomic<uint64_t>> counter)
-        : count(batch.size()), queued(std::move(counter)) {
-        works = std::move(batch);
-        queued->fetch_add(count, std::memory_order_relaxed);
-    }
-    ~QueuedWorks() override { queued->fetch_sub(count, std::memory_order_relaxed); }
-
-    const uint64_t count;
-    const std::shared_ptr<std::atomic<uint64_t>> queued;
-};
-
-}  // namespace
-
 VXError VXInputPort::queueWorks(std::list<std::shared_ptr<VXSharedWork>> works) {
     if (mHandler == nullptr) return VX_NO_INIT;
-    std::shared_ptr<WorkInfo> workInfo = std::make_shared<QueuedWorks>(std::move(works), mQueued);
+    auto workInfo = std::make_shared<WorkInfo>();
+    workInfo->works = std::move(works);
+    workInfo->port = this;
+    mQueued.fetch_add(workInfo->works.size(), std::memory_order_relaxed);
     VX_LOGT("[%s] posting EVENT_DO_WORK with %zu works", name().c_str(), workInfo->works.size());
     auto event = std::make_shared<xc2::Event>(VXNode::EVENT_DO_WORK);
     event->info().put("works", std::move(workInfo));
@@ -388,7 +373,9 @@ VXNode::Status VXNode::status() {
             status.capacity = mRegulator->capacity();
         }
         for (const auto& port : mInputPorts) {
-            status.inputPorts.push_back({port->name(), port->queuedWorks()});
+            // A node that has stopped has dropped what it had not taken.
+            const bool stopped = status.state == STOPPED || status.state == TORN_DOWN;
+            status.inputPorts.push_back({port->name(), stopped ? 0 : port->queuedWorks()});
         }
     }
     VXLocker lock(mPendingInputLock);
@@ -547,6 +534,7 @@ VXError VXNode::handleMessage(std::shared_ptr<xc2::Event> event) {
             VX_FAIL_IF(event->info().get("works", &workInfo) != xc2::XC2_OK, VX_ERROR);
             VX_FAIL_IF(workInfo == nullptr, VX_ERROR);
             if (workInfo->works.empty()) return VX_OK;
+            if (workInfo->port != nullptr) workInfo->port->noteTaken(workInfo->works.size());
             {
                 VXLocker lock(mPendingInputLock);
                 mPendingInputWorks.splice(mPendingInputWorks.end(), workInfo->works);

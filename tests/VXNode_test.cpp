@@ -500,7 +500,7 @@ TEST_F(NodeTest, StatusTellsWhereWorksAre) {
     ASSERT_EQ(node->start(listener), VX_OK);
     for (uint64_t i = 0; i < 10; ++i) EXPECT_EQ(input->queueWorks({makeInput(i)}), VX_OK);
     ASSERT_TRUE(tally.waitFor("processing"));
-    expectStatus(*node, VXNode::RUNNING, 10, 0, 0, 4);
+    expectStatus(*node, VXNode::RUNNING, 9, 0, 0, 4);
     const auto drain = [&](int times) {
         node->handler()->postAsync(makeEvent(VXNode::EVENT_DRAIN));
         return tally.waitFor("drained", times);
