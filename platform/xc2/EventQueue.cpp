@@ -358,9 +358,8 @@ XC2Status EventHandler::post(std::shared_ptr<Event> event, std::shared_ptr<Event
                              unsigned int delay) {
     if (event == nullptr) return XC2_BAD_VALUE;
     EventQueue::Core* core = mCore.load(std::memory_order_acquire);
-    if (core == nullptr) return XC2_BAD_STATE;
-    std::shared_ptr<EventHandler> self = mSelf.lock();
-    if (self == nullptr) return XC2_BAD_STATE;
+    std::shared_ptr<EventHandler> self = weak_from_this().lock();
+    if (core == nullptr || self == nullptr) return XC2_BAD_STATE;
     return core->post({std::move(self), std::move(event), std::move(reply)},
                       std::chrono::milliseconds(delay));
 }
@@ -368,7 +367,6 @@ XC2Status EventHandler::post(std::shared_ptr<Event> event, std::shared_ptr<Event
 void EventHandler::attach(std::shared_ptr<EventQueue> queue) {
     std::lock_guard<std::mutex> lock(mLock);
     if (queue != nullptr && std::find(mCores.begin(), mCores.end(), queue->mCore) == mCores.end()) {
-        if (mCores.empty()) mSelf = weak_from_this();
         mCores.push_front(queue->mCore);
     }
     mCore.store(queue != nullptr ? queue->mCore.get() : nullptr, std::memory_order_release);

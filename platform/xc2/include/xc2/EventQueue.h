@@ -105,10 +105,7 @@ private:
                    unsigned int delay);
 
     std::atomic<EventQueue::Core*> mCore{nullptr};  // where posts go; kept alive by mCores
-    // Written by the first attach(), read by posts behind mCore: weak_from_this() makes a copy, which
-    // is two more counts for each post to fight for.
-    std::weak_ptr<EventHandler> mSelf;
-    std::mutex mLock;  // attach() against attach()
+    std::mutex mLock;                               // attach() against attach()
     // Guarded by mLock. Everything ever attached to, until the handler dies: a post may still be
     // inside a former one, and to count such posts would cost each of them more than this.
     std::forward_list<std::shared_ptr<EventQueue::Core>> mCores;
