@@ -187,8 +187,13 @@ private:
     struct alignas(std::max_align_t) Home {
         void leave();
 
+        static constexpr size_t kRoom = 72;  // a tracker of more than a few words has none
+        static constexpr size_t kAlign = alignof(void*);
+        static constexpr bool fits(size_t size, size_t align) {
+            return size <= kRoom && align <= kAlign;
+        }
         std::atomic<int> residents{1};
-        alignas(void*) unsigned char control[72];  // a tracker of more than a few words has no room
+        alignas(kAlign) unsigned char control[kRoom];
     };
     // Puts the control block into the work's home, or, when it is too large, elsewhere.
     template <typename T>
@@ -210,8 +215,7 @@ private:
         bool operator==(const ControlAllocator& other) const { return home == other.home; }
         bool operator!=(const ControlAllocator& other) const { return home != other.home; }
 
-        static constexpr bool kFits =
-            sizeof(T) <= sizeof(Home::control) && alignof(T) <= alignof(void*);
+        static constexpr bool kFits = Home::fits(sizeof(T), alignof(T));
         Home* home;
     };
 

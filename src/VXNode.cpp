@@ -116,13 +116,16 @@ VXError VXOutputPort::connectTo(std::shared_ptr<VXInputPort> downstream) {
 
 VXError VXOutputPort::sendWorks(std::list<std::shared_ptr<VXSharedWork>> works) {
     VX_LOGT("[%s] sendWorks", name().c_str());
-    for (const std::shared_ptr<VXInputPort>& port : mDownstreamPorts) {
-        VX_LOGT("[%s] Sending works to downstream [%s]", name().c_str(), port->name().c_str());
-        const bool last = &port == &mDownstreamPorts.back();  // gets the list itself
-        const VXError ret = last ? port->queueWorks(std::move(works)) : port->queueWorks(works);
+    const auto send = [this](VXInputPort& port, std::list<std::shared_ptr<VXSharedWork>> batch) {
+        VX_LOGT("[%s] Sending works to downstream [%s]", name().c_str(), port.name().c_str());
+        return port.queueWorks(std::move(batch));
+    };
+    if (mDownstreamPorts.empty()) return VX_OK;
+    for (auto port = mDownstreamPorts.begin(); port != std::prev(mDownstreamPorts.end()); ++port) {
+        const VXError ret = send(**port, works);
         if (ret != VX_OK) return ret;
     }
-    return VX_OK;
+    return send(*mDownstreamPorts.back(), std::move(works));  // the last one gets the list itself
 }
 
 void VXOutputPort::onInputDelayChanged(const std::string& inputPortName, unsigned long delay) {

@@ -1,6 +1,7 @@
 #include "FrameDiff.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -70,12 +71,12 @@ FrameDiff::FrameDiff(const Payload& got, const Payload& wanted, uint32_t toleran
         mFormats = "got " + formatText(got) + ", wanted " + formatText(wanted);
         return;
     }
-    static const char* const kNames[] = {"Y", "Cb", "Cr"};
+    static constexpr std::array<const char*, 3> kNames = {"Y", "Cb", "Cr"};
     for (size_t p = 0; p < got.planes().size(); ++p) {
         const Payload::Plane& a = got.planes()[p];
         const Payload::Plane& b = wanted.planes()[p];
         Plane& plane = mPlanes.emplace_back();
-        plane.name = got.isPicture() ? kNames[p] : "byte";
+        plane.name = got.isPicture() ? kNames.at(p) : "byte";
         plane.samples = a.rows * a.rowBytes / got.format().bytesPerSample;
         for (size_t y = 0; y < a.rows; ++y) {
             const uint8_t* const rowA = a.data + y * a.stride;
@@ -172,12 +173,12 @@ std::string FrameDiff::text(const std::vector<double>& figures) const {
 std::string FrameDiff::text() const {
     if (!sameFormat()) return mFormats;
     std::string counts;
-    const Plane* first = nullptr;
+    const Plane* first = &mPlanes.front();
     uint32_t largest = 0;
     for (const Plane& plane : mPlanes) {
         counts += (counts.empty() ? "" : ", ") + plane.name + " " + std::to_string(plane.wrong) +
                   " of " + std::to_string(plane.samples);
-        if (first == nullptr && plane.wrong > 0) first = &plane;
+        if (first->wrong == 0) first = &plane;
         largest = std::max(largest, plane.largest);
     }
     const std::string values =

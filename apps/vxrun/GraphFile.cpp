@@ -321,7 +321,7 @@ private:
 VXGraphInfo readGraphFile(const std::string& path) {
     GraphReader reader(path);
     VXGraphInfo info = reader.read();
-    if (!reader.failures().empty()) throw reader.failures().front();
+    if (!reader.failures().empty()) throw Failure(reader.failures().front());
     return reader.inOrder(std::move(info));
 }
 

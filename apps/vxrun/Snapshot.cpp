@@ -125,7 +125,7 @@ std::string SnapshotMaker::dot(const std::string& title) const {
         text += "  subgraph cluster_" + id + " {\n    label=" + label(its) + ";\n";
         const auto addPort = [&](const std::string& port, size_t number, const char* kind,
                                  const char* color) {
-            const std::string portId = id + kind + std::to_string(number);
+            std::string portId = id + kind + std::to_string(number);
             text +=
                 "    " + portId + " [label=" + label({port}) + ", fillcolor=\"" + color + "\"];\n";
             return portId;

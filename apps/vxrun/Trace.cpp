@@ -106,6 +106,7 @@ TracedFrame::TracedFrame(std::string makerName, size_t makerNumber, uint64_t fra
     gTrace->frame("b", number, maker, id);
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): without memory there is nobody to tell
 TracedFrame::~TracedFrame() {
     if (gTrace != nullptr) gTrace->frame("e", number, maker, id);
 }

@@ -66,7 +66,7 @@ extern Trace* gTrace;
 // TracedFrame: travels with a frame's infos, and so lasts from its maker until its last holder.
 struct TracedFrame final : public vexa::VXInfo {
     TracedFrame(std::string makerName, size_t makerNumber, uint64_t frameId);
-    ~TracedFrame() override;
+    ~TracedFrame() override;  // NOLINT(bugprone-exception-escape): see there
 
     const std::string maker;
     const size_t number;

@@ -112,7 +112,7 @@ std::string y4mHeader(const StreamInfo& stream) {
     for (const std::string sampling : {"420", "422", "444", "411", "mono"}) {
         for (const std::string depth : {"", "9", "10", "12", "14", "16"}) {
             const std::string mark = sampling != "mono" && !depth.empty() ? "p" : "";
-            const std::string text = sampling + mark + depth;
+            const std::string text = std::string(sampling).append(mark).append(depth);
             parseColourSpace(text, &known);
             if (known.picture.pixels != pixels) continue;
             return std::string(kMagic) + " W" + std::to_string(picture.width) + " H" +
