@@ -35,7 +35,9 @@ void VXSharedWork::Home::leave() {
 }
 
 void* VXSharedWork::operator new(size_t size) {
-    return new (::operator new(sizeof(Home) + size)) Home() + 1;
+    void* const memory = ::operator new(sizeof(Home) + size);
+    Home* const home = new (memory) Home();
+    return home + 1;
 }
 
 void VXSharedWork::operator delete(void* work) {
