@@ -10,7 +10,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const FuzzFile file(data, size);
     try {
         vxrun::Y4mReader reader(file.path());
-        vxrun::PoolRecord record("fuzz");
+        vxrun::PoolRecord record("fuzz", 1);
         std::shared_ptr<vexa::VXBuffer> buffer;
         while (reader.nextFrame()) {
             const vxrun::PictureFormat& format = reader.stream().picture;
