@@ -7,6 +7,8 @@
 // noisy minute hits them all.
 //
 //     event_shapes [rounds [milliseconds per measurement]]
+#include "BusyThreads.h"
+
 #include <linux/futex.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -339,27 +341,6 @@ private:
 };
 
 // ---- Measuring --------------------------------------------------------------------------------
-
-// Threads that take the processor from the chain, as a codec's own do.
-class BusyThreads {
-public:
-    explicit BusyThreads(int count) {
-        for (int i = 0; i < count; ++i) {
-            mThreads.emplace_back([this] {
-                while (!mStop.load(std::memory_order_relaxed)) {
-                }
-            });
-        }
-    }
-    ~BusyThreads() {
-        mStop = true;
-        for (auto& thread : mThreads) thread.join();
-    }
-
-private:
-    std::atomic<bool> mStop{false};
-    std::vector<std::thread> mThreads;
-};
 
 struct Shape {
     const char* name;

@@ -45,11 +45,14 @@ VXError VXInputPort::queueWorks(std::list<std::shared_ptr<VXSharedWork>> works) 
     auto workInfo = std::make_shared<WorkInfo>();
     workInfo->works = std::move(works);
     workInfo->port = this;
-    mQueued.fetch_add(workInfo->works.size(), std::memory_order_relaxed);
+    const uint64_t count = workInfo->works.size();
+    mQueued.fetch_add(count, std::memory_order_relaxed);  // before the node can have taken them
     VX_LOGT("[%s] posting EVENT_DO_WORK with %zu works", name().c_str(), workInfo->works.size());
     auto event = std::make_shared<xc2::Event>(VXNode::EVENT_DO_WORK);
     event->info().put("works", std::move(workInfo));
-    mHandler->postAsync(std::move(event));
+    if (mHandler->postAsync(std::move(event)) != xc2::XC2_OK) {
+        mQueued.fetch_sub(count, std::memory_order_relaxed);  // dropped
+    }
     return VX_OK;
 }
 

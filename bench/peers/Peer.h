@@ -7,6 +7,8 @@
 // reference-counted. At most kInFlight items are on their way over one hop.
 #pragma once
 
+#include "../BusyThreads.h"
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -112,27 +114,6 @@ inline void compute(int64_t us) {
     }();
     if (us > 0) spin(static_cast<int64_t>(static_cast<double>(us) * sStepsPerUs));
 }
-
-// Threads that take processor time from everything else, as a codec's own do.
-class BusyThreads {
-public:
-    explicit BusyThreads(int64_t count) {
-        for (int64_t i = 0; i < count; ++i) {
-            mThreads.emplace_back([this] {
-                while (!mStop.load(std::memory_order_relaxed)) {
-                }
-            });
-        }
-    }
-    ~BusyThreads() {
-        mStop = true;
-        for (auto& thread : mThreads) thread.join();
-    }
-
-private:
-    std::atomic<bool> mStop{false};
-    std::vector<std::thread> mThreads;
-};
 
 // Calls run(count), which moves so many items and returns the ns that they took: first with `few`, as
 // a warm-up that tells how many fit into options.ms, then for the record.
