@@ -11,10 +11,12 @@
 #include <xc2/Event.h>
 
 #include <atomic>
+#include <cstddef>
 #include <forward_list>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #pragma GCC visibility push(default)
 
@@ -55,6 +57,16 @@ private:
     friend class EventHandler;
     class Core;
     class Reply;
+
+    // One handler's place at this queue.
+    struct Attachment {
+        explicit Attachment(std::shared_ptr<Core> c) : core(std::move(c)) {}
+        const std::shared_ptr<Core> core;
+        // Both guarded by the core's lock. Counted there, not by references of the events: those would
+        // be written by poster and queue in turns, each time on another core.
+        size_t inFlight = 0;                    // events posted and not yet done with
+        std::shared_ptr<EventHandler> handler;  // held while there are any
+    };
 
     const std::shared_ptr<Core> mCore;  // shared with the thread and the handlers
 };
@@ -104,11 +116,11 @@ private:
     XC2Status post(std::shared_ptr<Event> event, std::shared_ptr<EventQueue::Reply> reply,
                    unsigned int delay);
 
-    std::atomic<EventQueue::Core*> mCore{nullptr};  // where posts go; kept alive by mCores
-    std::mutex mLock;                               // attach() against attach()
+    std::atomic<EventQueue::Attachment*> mAttachment{nullptr};  // where posts go; of mAttachments
+    std::mutex mLock;                                           // attach() against attach()
     // Guarded by mLock. Everything ever attached to, until the handler dies: a post may still be
     // inside a former one, and to count such posts would cost each of them more than this.
-    std::forward_list<std::shared_ptr<EventQueue::Core>> mCores;
+    std::forward_list<EventQueue::Attachment> mAttachments;
 };
 
 }  // namespace xc2
