@@ -34,7 +34,7 @@ OUT = args.build / "bench"
 ROUNDS = args.rounds or (1 if args.smoke else 3 if args.quick else 5)
 MS = 1 if args.smoke else 40 if args.quick else 300
 MANY = 10_000 if args.smoke else 300_000 if args.quick else 10_000_000  # works of the long run
-FRAMES = 10 if args.smoke else 40 if args.quick else 300
+FRAMES = 10 if args.smoke else 80 if args.quick else 300
 CPUS = sorted(os.sched_getaffinity(0))
 missing = set()
 rows = []
@@ -126,6 +126,8 @@ def chains():
             "Asio": (f"asio chain {options}", "times", asio),
             "oneTBB": (f"onetbb chain {options}", "times", None),
             "mutex + condvar": (f"floors chain_plain {options}", "times", None),
+            "its rules alone": (f"rules chain {options}", "time", None),
+            "its events alone": (f"rules chain_events {options}", "time", None),
             "bare actor": (f"floors chain {options}", "time", actor)}, cores)
 
     for n in 3, 5, 9:
@@ -138,6 +140,7 @@ def chains():
     compare("fan-out to 4", "vxbase fanout n=4", {
         "GStreamer": ("gstreamer fanout n=4", "times", 4),
         "mutex + condvar": ("floors fanout_plain n=4", "times", None),
+        "its rules alone": ("rules fanout n=4", "time", None),
         "bare actor": ("floors fanout n=4", "time", None)})
 
 
@@ -161,12 +164,14 @@ def pools():
         for n in 1, 2:
             compare(f"pool, {back_end}, {n} thread{'s' if n > 1 else ''}", f"vxbase {workload} n={n}", {
                 "GStreamer": (f"gstreamer pool n={n}", "times", 3),
+                "its rules alone": (f"rules pool n={n}", "time", None),
                 "free list": (f"floors pool n={n}", "time", 1.2)})
 
 
 def graph():
     compare("9-node graph built, started, stopped, destroyed", "vxbase lifecycle n=9",
-            {"10 threads": ("floors threads n=10", "time", 2)})
+            {"its threads alone": ("rules lifecycle n=9", "time", None),
+             "10 threads": ("floors threads n=10", "time", 2)})
 
     title = "idle graph of 9 nodes, context switches in a second"
     if wanted(title):
@@ -202,30 +207,34 @@ def growth():
 
 
 def video():
-    title = "vxrun, a frame of 1080p H.264 to framemd5, 2 decoder threads"
-    if not wanted(title):
+    title = "vxrun, a frame of 1080p H.264 to framemd5"
+    share = "graph's share of vxrun's processor time, %"
+    if not wanted(title) and not wanted(share):
         return
     clip, sums, written = (OUT / f"clip{FRAMES}.mp4", OUT / f"clip{FRAMES}.framemd5", OUT / "written.framemd5")
     ffmpeg = ["ffmpeg", "-nostdin", "-v", "error", "-y"]
-    def list_sums(target):
-        return [*ffmpeg, "-threads", 2, "-i", clip, "-an", "-f", "framemd5", target]
+    def list_sums(target, threads):
+        return [*ffmpeg, "-threads", threads, "-i", clip, "-an", "-f", "framemd5", target]
     if not clip.exists():
         part = clip.with_suffix(".part.mp4")
         execute([*ffmpeg, "-f", "lavfi", "-i", "testsrc2=size=1920x1080:rate=30", "-vf", "noise=alls=8:allf=t",
                  "-frames:v", FRAMES, "-c:v", "libx264", "-preset", "veryfast", "-pix_fmt", "yuv420p", part])
         part.rename(clip)
-    execute(list_sums(sums))
-    vxrun = [args.build / "apps/vxrun/vxrun", ROOT / "apps/vxrun/graphs/decode.json", "--quiet",
-             "--set", f"reader.file={clip}", "--set", "decoder.threads=2", "--set", f"check.expect={sums}"]
-    # vxrun fails when one checksum of ffmpeg's list differs.
-    values = measure(title, {OWN: vxrun, "ffmpeg": list_sums(written)}, ["seconds", "processor"])
-    scaled = {label: [s * 1e9 / FRAMES for s in all_] for label, all_ in values["seconds"].items()}
-    add(title, "ns", scaled, [("ffmpeg", "times", 1.2)])
+    execute(list_sums(sums, 2))
+    for threads in 1, 2:
+        vxrun = [args.build / "apps/vxrun/vxrun", ROOT / "apps/vxrun/graphs/decode.json", "--quiet", "--set",
+                 f"reader.file={clip}", "--set", f"decoder.threads={threads}", "--set", f"check.expect={sums}"]
+        # vxrun fails when one checksum of ffmpeg's list differs.
+        row = f"{title}, {threads} decoder thread{'s' if threads > 1 else ''}"
+        values = measure(row, {OWN: vxrun, "ffmpeg": list_sums(written, threads)}, ["seconds", "processor"])
+        scaled = {metric: {label: [s * 1e9 / FRAMES for s in all_] for label, all_ in values[metric].items()}
+                  for metric in values}
+        add(row, "ns", scaled["seconds"], [("ffmpeg", "times", 1.2)])
+        add(row + ", processor time", "ns", scaled["processor"], [("ffmpeg", "times", None)])
 
-    title = "graph's share of vxrun's processor time, %"
-    paced = measure(title, {OWN: peer("vxbase paced n=3")}, ["cpu_ns_per_item"])["cpu_ns_per_item"][OWN]
-    frame = statistics.median(values["processor"][OWN]) * 1e9 / FRAMES
-    add(title, "", {OWN: [100 * ns / frame for ns in paced]}, [(None, "is", 2)], bars=False)
+    paced = measure(share, {OWN: peer("vxbase paced n=3")}, ["cpu_ns_per_item"])["cpu_ns_per_item"][OWN]
+    frame = statistics.median(scaled["processor"][OWN])
+    add(share, "", {OWN: [100 * ns / frame for ns in paced]}, [(None, "is", 2)], bars=False)
 
 
 def gates():

@@ -3,7 +3,7 @@
 # medians, ranges and ratios, and writes results.md, results.json and results.svg to build/release/bench.
 #
 #   scripts/bench.sh [--quick] [--rounds N] [--only TEXT]    --quick: within a minute
-#   scripts/bench.sh --engine [BENCHMARK OPTION...]          the library's own benchmarks
+#   scripts/bench.sh --buffers [BENCHMARK OPTION...]         what a buffer costs, recycled and fresh
 #   scripts/bench.sh --smoke                                 everything once, briefly
 source "$(dirname "$0")/lib.sh"
 
@@ -11,16 +11,11 @@ peers=(libgstreamer1.0-dev libglib2.0-dev libboost-dev libtbb-dev)
 need "${build_packages[@]}" libbenchmark-dev python3 "${peers[@]}"
 build release
 
-engine() {
-    local program
-    for program in build/release/bench/*_bench; do
-        "$program" --benchmark_counters_tabular=true "$@"
-    done
-}
+buffers() { build/release/bench/buffers_bench --benchmark_counters_tabular=true "$@"; }
 case ${1:-} in
-    --engine) engine "${@:2}" ;;
+    --buffers) buffers "${@:2}" ;;
     --smoke)
-        engine --benchmark_min_time=0.001
+        buffers --benchmark_min_time=0.001
         bench/compare.py --smoke
         ;;
     *) bench/compare.py "$@" ;;

@@ -1,6 +1,7 @@
 // libvxbase: the same work as its peers do, through graphs of nodes (default flow control: kInFlight
 // works on their way over one hop), events and pools; and what only the library itself can tell.
 #include <VXBuffer.h>
+#include <VXGraph.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -8,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "../Graphs.h"
 #include "Peer.h"
 
 namespace {
@@ -41,24 +41,38 @@ struct Plan {
     Arrivals started{1};            // the source, which starts last
 };
 
-class Node : public graphs::Node {
+class Node : public VXNode {
 public:
-    using graphs::Node::Node;
+    using VXNode::VXNode;
     ~Node() override { teardown(); }
 
 protected:
-    VXError onSetup(bool beforeFence) override {
-        if (outputPortInfos().empty()) mArrivals = &mPlan.arrivals[mPlan.sinks++];
-        return graphs::Node::onSetup(beforeFence);
+    VXError onSetup(bool) override {
+        for (const auto& port : inputPortInfos()) addInputPort(port.name, {port.format});
+        for (const auto& port : outputPortInfos()) addOutputPort(port.name, {port.format});
+        if (outputPorts().empty()) mArrivals = &mPlan.arrivals[mPlan.sinks++];
+        return VX_OK;
     }
+    VXError onStart() override { return VX_OK; }
+    VXError onStop() override { return VX_OK; }
     VXError onProcess(std::list<std::shared_ptr<VXSharedWork>> inputs,
                       std::list<std::unique_ptr<VXWork>>* outputs) override {
-        for (size_t i = 0; i < inputs.size(); ++i) {
+        for (const auto& input : inputs) {
             compute(mPlan.us);
-            if (mArrivals) mArrivals->one();
+            if (mArrivals == nullptr) {
+                auto work = std::make_unique<VXWork>();
+                work->frameInfo() = input->frameInfo();
+                work->setPayload(input->payload<int>());
+                outputs->push_back(std::move(work));
+            } else {
+                mArrivals->one();
+                if (input->frameInfo().flags & VXFrameInfo::FLAG_END_OF_STREAM) signalComplete();
+            }
         }
-        return graphs::Node::onProcess(std::move(inputs), outputs);
+        return VX_OK;
     }
+    void onDrain() override {}
+    void onFlush() override {}
 
     Plan& mPlan = *Plan::sCurrent;
 
@@ -112,9 +126,16 @@ private:
     bool mOut = false;  // of a round trip: the work is on its way
 };
 
-// In place of the plainest nodes.
-graphs::Factory<Node> gNodes("bench/node");
-graphs::Factory<Source> gSources("bench/source");
+template <typename T>
+struct Factory : VXNodeBaseFactory {
+    using VXNodeBaseFactory::VXNodeBaseFactory;
+    void createNode(const std::string& name, std::unique_ptr<VXNodeDescriptor> descriptor,
+                    std::unique_ptr<VXNode>* node) override {
+        *node = std::make_unique<T>(name, std::move(descriptor));
+    }
+};
+Factory<Node> gNodes("bench/node");
+Factory<Source> gSources("bench/source");
 
 // A graph that runs from here to the end of its scope.
 class Run {
@@ -134,16 +155,36 @@ private:
     const std::shared_ptr<VXGraph> mGraph;
 };
 
+void add(VXGraphInfo* info, const char* type, int64_t number, bool input, bool output) {
+    const std::string name = "n" + std::to_string(number);
+    auto descriptor = std::make_unique<VXNodeDescriptor>();
+    descriptor->type = type;
+    descriptor->name = name;
+    if (input) descriptor->inputPorts.push_back({name + ".in", "bench"});
+    if (output) descriptor->outputPorts.push_back({name + ".out", "bench"});
+    info->nodes.push_back(std::move(descriptor));
+}
+
+void connect(VXGraphInfo* info, int64_t from, int64_t to) {
+    info->connections["n" + std::to_string(from) + ".out"].push_back("n" + std::to_string(to) +
+                                                                     ".in");
+}
+
 VXGraphInfo chainOf(int64_t nodes) {
-    return graphs::chain(static_cast<int>(nodes));
+    VXGraphInfo info{"bench", {}, {}};
+    for (int64_t i = 0; i < nodes; ++i) {
+        add(&info, i == 0 ? "bench/source" : "bench/node", i, i > 0, i + 1 < nodes);
+        if (i > 0) connect(&info, i - 1, i);
+    }
+    return info;
 }
 
 VXGraphInfo fanOutTo(int64_t sinks) {
     VXGraphInfo info{"bench", {}, {}};
-    graphs::add(&info, "bench/source", 0, false, true);
-    for (int i = 1; i <= sinks; ++i) {
-        graphs::add(&info, "bench/node", i, true, false);
-        info.connections["n0.out"].push_back("n" + std::to_string(i) + ".in");
+    add(&info, "bench/source", 0, false, true);
+    for (int64_t i = 1; i <= sinks; ++i) {
+        add(&info, "bench/node", i, true, false);
+        connect(&info, 0, i);
     }
     return info;
 }
