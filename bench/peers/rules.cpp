@@ -28,9 +28,12 @@ enum Depth { EVENTS_ONLY, AND_WORKS, AND_LOCKS };
 template <Depth depth>
 class Stage final : public virtual xc2::EventHandler {
 public:
-    // The first one makes `works` items, the last one counts them.
-    Stage(int64_t works, Arrivals* arrivals)
-        : mQueue(std::make_shared<xc2::EventQueue>("bench")), mLeft(works), mArrivals(arrivals) {}
+    // The first one makes `works` items, the last one counts them; each computes for `us`.
+    Stage(int64_t us, int64_t works, Arrivals* arrivals)
+        : mQueue(std::make_shared<xc2::EventQueue>("bench")),
+          mUs(us),
+          mLeft(works),
+          mArrivals(arrivals) {}
 
     void start() {
         mQueue->start(0);
@@ -122,6 +125,7 @@ private:
             if constexpr (depth == EVENTS_ONLY) {
                 if (input != nullptr) release(*mUpstream, input->id);
             }
+            compute(mUs);
             if (mArrivals != nullptr) mArrivals->one();
             if (!mDownstream.empty()) items.push_back(std::move(item));
         }
@@ -161,6 +165,7 @@ private:
     Works mPending;
     std::vector<uint64_t> mOut;
     uint64_t mIds = 0;
+    const int64_t mUs;
     int64_t mLeft;
     Arrivals* const mArrivals;
 };
@@ -169,8 +174,9 @@ private:
 template <Depth depth>
 class Stages {
 public:
+    explicit Stages(const Options& options) : mUs(options.us) {}
     std::shared_ptr<Stage<depth>> add(int64_t works, Arrivals* arrivals) {
-        return mStages.emplace_back(std::make_shared<Stage<depth>>(works, arrivals));
+        return mStages.emplace_back(std::make_shared<Stage<depth>>(mUs, works, arrivals));
     }
     void run() {
         for (const auto& stage : mStages) stage->start();
@@ -181,6 +187,7 @@ public:
     }
 
 private:
+    const int64_t mUs;
     std::vector<std::shared_ptr<Stage<depth>>> mStages;
 };
 
@@ -188,7 +195,7 @@ template <Depth depth>
 void chain(const Options& options) {
     perItem(options, [&](int64_t count) {
         Arrivals arrivals(count);
-        Stages<depth> stages;
+        Stages<depth> stages(options);
         auto last = stages.add(count, nullptr);
         for (int64_t i = 1; i < options.n; ++i) {
             const auto next = stages.add(0, i + 1 == options.n ? &arrivals : nullptr);
@@ -203,7 +210,7 @@ void chain(const Options& options) {
 void fanOut(const Options& options) {
     perItem(options, [&](int64_t count) {
         std::deque<Arrivals> arrivals;
-        Stages<AND_LOCKS> stages;
+        Stages<AND_LOCKS> stages(options);
         const auto first = stages.add(count, nullptr);
         for (int64_t i = 0; i < options.n; ++i) {
             first->connectTo(stages.add(0, &arrivals.emplace_back(count)));
@@ -228,7 +235,7 @@ void lifeCycle(const Options& options) {
                 std::vector<std::thread> waiters;
                 for (int k = 0; k < 2; ++k) waiters.emplace_back([] {});
                 {
-                    Stages<AND_LOCKS> stages;
+                    Stages<AND_LOCKS> stages(options);
                     for (int64_t k = 0; k <= options.n; ++k) {
                         const auto stage = stages.add(0, nullptr);
                         stage->start();
