@@ -22,7 +22,7 @@ COLOURS = {OWN: "#d62728", "GStreamer": "#1f77b4", "Asio": "#2ca02c", "oneTBB": 
            "ffmpeg": "#1f77b4"}  # floors and the like are grey
 
 parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-parser.add_argument("--quick", action="store_true", help="within a minute: three rounds of short measurements")
+parser.add_argument("--quick", action="store_true", help="about a minute: three rounds of short measurements")
 parser.add_argument("--smoke", action="store_true", help="everything once, as briefly as possible: no figures")
 parser.add_argument("--rounds", type=int, help="rounds (default 5; 3 with --quick)")
 parser.add_argument("--only", default="", metavar="TEXT", help="only rows whose title contains TEXT")

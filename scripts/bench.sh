@@ -2,7 +2,7 @@
 # Builds the benchmarks and compares libvxbase with its peers on the same work: prints a table of
 # medians, ranges and ratios, and writes results.md, results.json and results.svg to build/release/bench.
 #
-#   scripts/bench.sh [--quick] [--rounds N] [--only TEXT]    --quick: within a minute
+#   scripts/bench.sh [--quick] [--rounds N] [--only TEXT]    --quick: about a minute
 #   scripts/bench.sh --buffers [BENCHMARK OPTION...]         what a buffer costs, recycled and fresh
 #   scripts/bench.sh --smoke                                 everything once, briefly
 source "$(dirname "$0")/lib.sh"
