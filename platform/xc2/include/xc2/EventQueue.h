@@ -31,8 +31,8 @@ class EventHandler;
 //          runs stops itself.
 // Threads  start(), stop(): any, also several at once. The last release may come on the queue's own
 //          thread. Posting threads may still be inside a post while the queue goes.
-// Owns     its thread and the events in it, which in turn keep their handlers alive; never a
-//          handler that has no event waiting.
+// Owns     its thread and the events in it, which in turn keep their handlers alive: until a waiter
+//          goes on, more events come or the thread goes to sleep, whichever is first after the last.
 class EventQueue {
 public:
     // The thread gets the name; the kernel keeps 15 characters of it.
