@@ -170,6 +170,22 @@ TEST_F(VxrunObserved, SnapshotsOnRequest) {
     }
 }
 
+// Catches: a request for a snapshot that ends vxrun when it comes before the run.
+TEST_F(VxrunObserved, EarlyRequestsDoNoHarm) {
+    makeClip();
+    const std::string text = contentOf(graph("linear"));
+    ASSERT_EQ(mkfifo(path("graph").c_str(), 0600), 0);
+    Process process({VXRUN_BINARY, path("graph")});
+    int file = -1;  // until vxrun reads it
+    for (const auto end = Clock::now() + kLimit; file < 0 && Clock::now() < end;) {
+        file = open(path("graph").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    }
+    process.kill(SIGUSR1);
+    EXPECT_EQ(write(file, text.data(), text.size()), ssize_t(text.size()));
+    close(file);
+    EXPECT_EQ(process.wait(), 0) << process.err;
+}
+
 // Catches: a block without a key, with a wrong count or not at the end; output behind the verdict.
 TEST_F(VxrunObserved, WritesProgress) {
     makeClip();

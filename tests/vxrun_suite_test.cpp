@@ -43,7 +43,7 @@ TEST_F(VxrunGoldens, RecordsWhatItThenExpects) {
         SCOPED_TRACE(c.file);
         writeFile(path("clip.y4m"), clip);
         std::vector<std::string> command = {graph("linear"), "--record", path(c.file)};
-        if (!c.format.empty()) command.insert(command.end(), {"--record-format", c.format});
+        if (!c.format.empty()) command.insert(command.end(), {"--set", "check.format=" + c.format});
         const Result made = vxrun(command);
         EXPECT_EQ(made.out, "verdict: DONE frames=4 checked=0 first_bad=-\n") << made.err;
         EXPECT_EQ(made.exit, 0);
@@ -73,7 +73,7 @@ TEST_F(VxrunGoldens, RecordsWhatItThenExpects) {
 TEST_F(VxrunGoldens, ReadsWhatOthersPublish) {
     makeClip();
     ASSERT_EQ(vxrun({graph("linear"), "--record", path("a.md5")}).exit, 0);
-    ASSERT_EQ(vxrun({graph("linear"), "--record", path("b"), "--record-format", "md5"}).exit, 0);
+    ASSERT_EQ(vxrun({graph("linear"), "--record", path("b"), "--set", "check.format=md5"}).exit, 0);
     const std::string whole = contentOf(path("b")).substr(4, 32);
     std::string upper = whole, frames, json;
     for (char& c : upper) c = static_cast<char>(std::toupper(c));
@@ -228,8 +228,11 @@ TEST_F(VxrunSuite, DecodesInOneLine) {
     const std::string done = "verdict: DONE frames=30 checked=0 first_bad=-\n";
     const Case cases[] = {
         {{clip}, 0, done},
-        {{clip, "--md5", "-o", path("a.yuv"), "--codec", "mpeg2video", "--threads", "2"}, 0, done},
-        {{clip, "--format", "yuv420p", "--allocator", "dmabuf"}, 0, done},
+        {{clip, "--md5", "-o", path("a.yuv"), "--codec", "mpeg2video", "--set",
+          "decoder.threads=2"},
+         0,
+         done},
+        {{clip, "--format", "yuv420p", "--set", "decoder.allocator=dmabuf"}, 0, done},
         {{clip, "--format", "None", "--codec", "MPEG-2"}, 69, "no decoder 'MPEG-2'"},
         {{clip, "--format", "yuv420p10le"}, 69, "the pictures are yuv420p, not 'yuv420p10le'"},
         {{clip, "--codec", "h266", "--unsupported-exit", "77"}, 77, "NOT_SUPPORTED"},
@@ -256,7 +259,8 @@ TEST_F(VxrunSuite, DecodesInOneLine) {
     const Result damaged = vxrun({"decode", path("damaged.m2v")});
     EXPECT_EQ(damaged.exit, 1) << damaged.err;
     EXPECT_EQ(damaged.out.size(), 33u);
-    const Result tolerant = vxrun({"decode", path("damaged.m2v"), "--tolerate-errors"});
+    const Result tolerant =
+        vxrun({"decode", path("damaged.m2v"), "--set", "decoder.tolerate_errors=true"});
     EXPECT_EQ(tolerant.exit, 0) << tolerant.err;
     EXPECT_EQ(tolerant.out, damaged.out);
 }
@@ -325,6 +329,8 @@ TEST_F(VxrunSuite, EndsWithACode) {
         {mMd5, "", {"--shard", "2"}, 2, "--shard: expected a number from 1 to 1000000, got ''"},
         {mMd5, "", {"--csv", "/nonexistent/a"}, 2, "/nonexistent/a.part: No such file"},
         {mMd5, "", {"--output", "/dev/null/a"}, 2, "/dev/null/a"},
+        {mMd5, "", {"--trace", "a"}, 2, "suite excludes --trace"},
+        {mMd5, "", {"--set", "decoder.threads=0"}, 1, "expected a number from 1 to 64, got '0'"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.line);
@@ -400,6 +406,10 @@ TEST_F(VxrunSuite, EndsWhatDoesNotEnd) {
         EXPECT_EQ(rest.rfind("S.mpeg2video/stuck error DID_NOT_FINISH;S.mpeg2video/good ;", 0), 0u)
             << rest;
         EXPECT_EQ(process.out.find("verdict: ") != std::string::npos, c.signal != SIGKILL);
+        // Readers of the pipe: none any more, or soon.
+        pollfd readers = {open(path("S/stuck/pipe").c_str(), O_WRONLY | O_NONBLOCK), 0, 0};
+        EXPECT_TRUE(readers.fd < 0 || poll(&readers, 1, 20000) == 1) << "its processes live on";
+        close(readers.fd);
     }
 }
 

@@ -219,7 +219,8 @@ TEST_F(VxrunDecoding, RefusesBadFilesAndConfigs) {
     writeFile(path("text.txt"), "This is no video.\n");
     const std::string noise = y4m("", 100000, 1);
     writeFile(path("noise"), noise);
-    writeFile(path("broken.ivf"), good.substr(0, 32 + 12) + noise.substr(20, 60000));
+    const size_t first = static_cast<uint8_t>(good[32]) + (static_cast<uint8_t>(good[33]) << 8u);
+    writeFile(path("broken.ivf"), good.substr(0, 32 + 12) + noise.substr(20, first));
     // The size of the first access unit: more than there is memory for.
     std::string huge = good;
     huge.replace(32, 4, "\xff\xff\xff\xff");

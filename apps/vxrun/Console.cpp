@@ -1,9 +1,10 @@
 #include "Console.h"
 
+#include "Text.h"
+
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 
 namespace vxrun::console {
 namespace {
@@ -12,18 +13,12 @@ std::atomic<bool> sQuiet{false};
 std::atomic<Color> sColor{Color::AUTO};
 
 bool onTerminal() {
-    static const bool terminal = isatty(STDERR_FILENO) == 1;
-    return terminal;
+    return isatty(STDERR_FILENO) == 1;
 }
 
 void print(const std::string& text) {
     // Nothing sensible can be done when standard error is gone.
-    if (write(STDERR_FILENO, text.data(), text.size()) < 0) return;
-}
-
-std::string variable(const char* name) {
-    const char* const value = std::getenv(name);
-    return value != nullptr ? value : "";
+    if (sQuiet || write(STDERR_FILENO, text.data(), text.size()) < 0) return;
 }
 
 bool hasColor(int fd) {
@@ -34,13 +29,10 @@ bool hasColor(int fd) {
     return variable("CLICOLOR") != "0" && variable("TERM") != "dumb" && isatty(fd) == 1;
 }
 
-void printLine(const std::string& text) {
-    print((onTerminal() ? "\r\033[K" : "") + text + "\n");
-}
-
 }  // namespace
 
-void setColor(Color color) {
+void set(bool quiet, Color color) {
+    sQuiet = quiet;
     sColor = color;
 }
 
@@ -48,19 +40,14 @@ std::string painted(const std::string& text, bool good, int fd) {
     return hasColor(fd) ? (good ? "\033[32m" : "\033[31m") + text + "\033[m" : text;
 }
 
-void setQuiet(bool quiet) {
-    sQuiet = quiet;
-}
-
 void line(const std::string& text) {
-    if (sQuiet) return;
     std::string clean;
     for (const char c : text) clean += static_cast<unsigned char>(c) < ' ' ? '?' : c;
-    printLine(painted(clean, false, STDERR_FILENO));
+    note(painted(clean, false, STDERR_FILENO));
 }
 
 void note(const std::string& text) {
-    if (!sQuiet) printLine(text);
+    print((onTerminal() ? "\r\033[K" : "") + text + "\n");
 }
 
 bool showsProgress() {

@@ -7,12 +7,11 @@
 
 namespace vxrun::console {
 
-// Silences line(), note() and progress().
-void setQuiet(bool quiet);
-
 // When to use colours. AUTO: on a terminal that has them, unless the environment says otherwise.
 enum class Color { AUTO, ALWAYS, NEVER };
-void setColor(Color color);
+
+// `quiet` silences everything here.
+void set(bool quiet, Color color);
 
 // `text` in red, or in green when it is `good`, if what is written to `fd` is to have colours.
 std::string painted(const std::string& text, bool good, int fd);

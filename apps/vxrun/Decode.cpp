@@ -1,45 +1,37 @@
 #include "Decode.h"
 
-#include <map>
-#include <utility>
-
 namespace vxrun {
 
 using vexa::VXGraphInfo;
 using vexa::VXNodeDescriptor;
 
 VXGraphInfo decodeGraph(const DecodeOptions& options) {
+    constexpr char kUnits[] = "video/bitstream", kPictures[] = "video/raw";
     VXGraphInfo graph;
     graph.name = "decode";
-    // Adds a node that is fed by `upstream` and takes `takes`; empty texts: it has no such port.
-    const auto add = [&](const std::string& type, const std::string& name,
-                         std::map<std::string, std::string> configs, const std::string& upstream,
-                         const std::string& takes, const std::string& gives) {
+    // Adds a node with a port for what it takes and one for what it gives; returns its configs.
+    const auto add = [&](const char* type, const std::string& name, const char* takes,
+                         const char* gives) -> auto& {
         auto node = std::make_unique<VXNodeDescriptor>();
         node->type = type;
         node->name = name;
-        for (auto& [key, value] : configs) node->configs[key] = std::move(value);
-        if (!takes.empty()) {
-            node->inputPorts.push_back({name + ".in", takes});
-            graph.connections[upstream + ".out"].push_back(name + ".in");
-        }
-        if (!gives.empty()) node->outputPorts.push_back({name + ".out", gives});
-        graph.nodes.push_back(std::move(node));
+        if (takes != nullptr) node->inputPorts.push_back({name + ".in", takes});
+        if (gives != nullptr) node->outputPorts.push_back({name + ".out", gives});
+        return graph.nodes.emplace_back(std::move(node))->configs;
     };
     const bool anyFormat = options.format == "None" || options.format == "Unknown";
-    add("source/bitstream", "reader", {{"file", options.input}, {"allocator", options.allocator}},
-        "", "", "video/bitstream");
-    add("codec/decoder", "decoder",
-        {{"codec", options.codec},
-         {"format", anyFormat ? "" : options.format},
-         {"threads", std::to_string(options.threads)},
-         {"tolerate_errors", options.tolerateErrors ? "true" : "false"}},
-        "reader", "video/bitstream", "video/raw");
+    add("source/bitstream", "reader", nullptr, kUnits)["file"] = options.input;
+    add("codec/decoder", "decoder", kUnits, kPictures) = {
+        {"codec", options.codec}, {"format", anyFormat ? "" : options.format}};
+    graph.connections["reader.out"] = {"decoder.in"};
+    auto& sinks = graph.connections["decoder.out"];
     if (!options.output.empty()) {
-        add("sink/file", "writer", {{"file", options.output}}, "decoder", "video/raw", "");
+        add("sink/file", "writer", kPictures, nullptr)["file"] = options.output;
+        sinks.push_back("writer.in");
     }
     if (options.md5 || options.output.empty()) {
-        add("sink/checksum", "md5", {{"print_md5", "true"}}, "decoder", "video/raw", "");
+        add("sink/checksum", "md5", kPictures, nullptr)["print_md5"] = "true";
+        sinks.push_back("md5.in");
     }
     return graph;
 }

@@ -3,7 +3,6 @@
 
 #include <VXGraph.h>
 
-#include <cstdint>
 #include <string>
 
 namespace vxrun {
@@ -14,13 +13,10 @@ struct DecodeOptions {
     bool md5 = false;    // print the MD5 of the raw video; without an output it is printed anyway
     std::string format;  // the pixel format to insist on; empty, "None", "Unknown": any
     std::string codec;
-    std::string allocator;
-    uint32_t threads = 1;
-    bool tolerateErrors = false;
-    int unsupportedExit = 69;  // EX_UNAVAILABLE, as runners of conformance suites expect it
 };
 
-// source/bitstream -> codec/decoder -> sink/file, sink/checksum or both.
+// source/bitstream -> codec/decoder -> sink/file, sink/checksum or both: the nodes reader, decoder,
+// writer and md5.
 vexa::VXGraphInfo decodeGraph(const DecodeOptions& options);
 
 }  // namespace vxrun

@@ -101,6 +101,9 @@ public:
         uint64_t queued;  // works that wait for it, in its queue and pending
     };
 
+    // The verdict line goes to `out`.
+    explicit Evidence(std::FILE* out = stdout) : mOut(out) {}
+
     // A record for a new node; lives as long as this object. The node is watched until removeNode(),
     // which its destructor calls.
     NodeRecord& addNode(vexa::VXNode& node, const std::string& name, const std::string& allocator,
@@ -114,10 +117,8 @@ public:
     bool fail(const std::string& word);
 
     // Says that the run has another purpose than a comparison: one that compares nothing and does not
-    // fail is DONE.
+    // fail is DONE. Before the run.
     void expectNoCheck() { mChecks = false; }
-    // Has the verdict line go to `out`; both before the run.
-    void printTo(std::FILE* out) { mOut = out; }
 
     // The verdict as of now: the first error, else what the sinks' records allow to say.
     std::string verdict() const;
@@ -145,8 +146,8 @@ private:
     std::deque<NodeRecord> mNodes;  // guarded by mLock; the records themselves are not
     std::deque<PoolRecord> mPools;  // likewise
     std::string mFirstError;        // guarded by mLock
-    bool mChecks = true;            // as these two were set before the run
-    std::FILE* mOut = stdout;
+    bool mChecks = true;            // as it was set before the run
+    std::FILE* const mOut;
 };
 
 // The exit code that goes with the word of a verdict.

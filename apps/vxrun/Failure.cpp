@@ -5,6 +5,10 @@
 
 namespace vxrun {
 
+Failure badOption(const std::string& option, const std::string& text) {
+    return Failure("vxrun: " + option + ": " + text, "BAD_OPTION");
+}
+
 std::string quote(const std::string& text) {
     constexpr size_t kShown = 60;
     std::string shown = "'";

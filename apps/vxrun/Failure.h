@@ -23,6 +23,9 @@ private:
     std::string mVerdict;
 };
 
+// What to throw for an option that is no good: "vxrun: OPTION: text", the verdict BAD_OPTION.
+Failure badOption(const std::string& option, const std::string& text);
+
 // `text` for an error line: in quotes, shortened, with a '?' for what cannot be printed.
 std::string quote(const std::string& text);
 

@@ -2,6 +2,8 @@
 
 #include "Failure.h"
 
+#include <fcntl.h>
+
 #include <cerrno>
 #include <filesystem>
 
@@ -97,6 +99,25 @@ void OutputFile::commit() {
 
 void OutputFile::fail() {
     throw Failure(mPath + ": " + errnoText(errno));
+}
+
+void writeTextFile(const std::string& path, const std::string& text) {
+    OutputFile file(path);
+    file.write(text);
+    file.commit();
+}
+
+void makeFolder(const std::string& option, const std::string& path) {
+    std::error_code error;
+    std::filesystem::create_directories(path, error);
+    if (error) throw badOption(option, path + ": " + error.message());
+}
+
+int openOutput(const std::string& option, const std::string& path) {
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK;
+    const int file = ::open(path.c_str(), flags, 0666);
+    if (file < 0) throw badOption(option, path + ": " + errnoText(errno));
+    return file;
 }
 
 }  // namespace vxrun

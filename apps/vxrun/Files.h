@@ -66,4 +66,12 @@ private:
     FileHandle mFile;
 };
 
+// Writes a file as a whole.
+void writeTextFile(const std::string& path, const std::string& text);
+
+// For what an option names, which the Failure then does, too: makes a folder where there is none; opens
+// a file that is overwritten, and returns its descriptor.
+void makeFolder(const std::string& option, const std::string& path);
+int openOutput(const std::string& option, const std::string& path);
+
 }  // namespace vxrun

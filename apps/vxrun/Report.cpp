@@ -2,6 +2,7 @@
 
 #include "Failure.h"
 #include "Files.h"
+#include "Text.h"
 
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -69,7 +70,7 @@ pugi::xml_node addSuite(pugi::xml_node parent, const char* kind, const std::stri
     set(node, "tests", std::to_string(sums.total));
     set(node, "failures", std::to_string(sums.failed));
     set(node, "errors", std::to_string(sums.errors));
-    set(node, "time", decimal(sums.seconds));
+    set(node, "time", decimal(sums.seconds, 3));
     return node;
 }
 
@@ -79,7 +80,7 @@ void addCase(pugi::xml_node parent, const Suite& suite, const Vector& vector) {
     set(node, "classname",
         suite.name + codec + (vector.profile.empty() ? "" : "." + vector.profile));
     set(node, "name", vector.name);
-    set(node, "time", decimal(vector.seconds));
+    set(node, "time", decimal(vector.seconds, 3));
     if (vector.state == Vector::SUCCESS) return;
     if (vector.state == Vector::NOT_RUN || vector.state == Vector::NOT_SUPPORTED) {
         node.append_child("skipped");
@@ -166,7 +167,7 @@ std::string csvReport(const Suite& suite) {
     std::string report = "Vector Name,Result,Time (s),Profile\n";
     for (const Vector& vector : suite.vectors) {
         report += csvField(vector.name) + "," + stateName(vector.state) + "," +
-                  decimal(vector.seconds) + "," + csvField(vector.profile) + "\n";
+                  decimal(vector.seconds, 3) + "," + csvField(vector.profile) + "\n";
     }
     return report;
 }
@@ -191,7 +192,7 @@ std::string markdownReport(const Suite& suite) {
         report += markdownRow(vector.name, stateName(vector.state));
     }
     report +=
-        markdownRow("TOTAL", ratio(sums)) + markdownRow("TOTAL TIME", decimal(sums.seconds) + "s");
+        markdownRow("TOTAL", ratio(sums)) + markdownRow("TOTAL TIME", decimal(sums.seconds, 3) + "s");
     const auto profiles = sumsByProfile(suite);
     if (profiles.empty()) return report;
     report += "\n" + markdownRow("Profile", decoderName(suite)) + "|-|-|\n";
@@ -237,12 +238,6 @@ std::string profileTable(const Suite& suite) {
     for (const auto& [profile, sums] : profiles) add(profile, sums);
     add("all", suite.sums());
     return table.str();
-}
-
-std::string decimal(double seconds, int digits) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%.*f", digits, seconds);
-    return text;
 }
 
 }  // namespace vxrun

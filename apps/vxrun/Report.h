@@ -22,7 +22,4 @@ void writeReports(const ReportFiles& files, const Suite& suite);
 // The table of sums for each profile, as text for a terminal.
 std::string profileTable(const Suite& suite);
 
-// `seconds` with `digits` digits after the stop, in any locale's despite.
-std::string decimal(double seconds, int digits = 3);
-
 }  // namespace vxrun

@@ -1,0 +1,38 @@
+// Text: what the lines and files of vxrun are put together with.
+#pragma once
+
+#include <cstdlib>
+#include <iomanip>
+#include <sstream>
+#include <string>
+
+namespace vxrun {
+
+// The parts one after another, as a stream writes them.
+template <typename... Parts>
+std::string concat(const Parts&... parts) {
+    std::ostringstream stream;
+    (stream << ... << parts);
+    return stream.str();
+}
+
+// The texts of `list` with ", " between them.
+template <typename List>
+std::string joined(const List& list) {
+    std::string text;
+    for (const std::string& item : list) text += (text.empty() ? "" : ", ") + item;
+    return text;
+}
+
+// `value` with `digits` digits after the stop.
+inline std::string decimal(double value, int digits) {
+    return concat(std::fixed, std::setprecision(digits), value);
+}
+
+// A variable of the environment; empty when it is not set.
+inline std::string variable(const char* name) {
+    const char* const value = std::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+}  // namespace vxrun
