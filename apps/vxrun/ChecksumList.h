@@ -5,8 +5,6 @@
 #include "Files.h"
 #include "Payload.h"
 
-#include <nlohmann/json_fwd.hpp>
-
 #include <memory>
 #include <string>
 #include <vector>
@@ -68,21 +66,20 @@ extern const char kMd5OfNothing[];
 // FFmpeg writes with -fflags +bitexact.
 class ChecksumWriter {
 public:
-    ChecksumWriter(const std::string& path, ChecksumFormat format);
-    ~ChecksumWriter();
+    ChecksumWriter(const std::string& path, ChecksumFormat format) : mFile(path), mFormat(format) {}
 
     // Adds a frame; a Failure when it is empty.
     void add(const Payload& payload, const StreamInfo& stream, uint64_t timestamp);
     void commit();
 
 private:
-    void addToJson(const StreamInfo& stream, const std::string& hash);
-
     OutputFile mFile;
     const ChecksumFormat mFormat;
     uint64_t mFrames = 0;
-    Md5 mWhole;                                     // MD5
-    std::unique_ptr<nlohmann::ordered_json> mJson;  // JSON
+    Md5 mWhole;  // MD5
+    // JSON
+    StreamInfo mFirst;  // the stream as it was at its first frame
+    std::vector<std::string> mHashes;
 };
 
 }  // namespace vxrun

@@ -101,10 +101,14 @@ void OutputFile::fail() {
     throw Failure(mPath + ": " + errnoText(errno));
 }
 
-void writeTextFile(const std::string& path, const std::string& text) {
-    OutputFile file(path);
-    file.write(text);
-    file.commit();
+void writeTextFile(const std::string& option, const std::string& path, const std::string& text) {
+    try {
+        OutputFile file(path);
+        file.write(text);
+        file.commit();
+    } catch (const Failure& failure) {
+        throw badOption(option, failure.what());
+    }
 }
 
 void makeFolder(const std::string& option, const std::string& path) {

@@ -66,11 +66,9 @@ private:
     FileHandle mFile;
 };
 
-// Writes a file as a whole.
-void writeTextFile(const std::string& path, const std::string& text);
-
-// For what an option names, which the Failure then does, too: makes a folder where there is none; opens
-// a file that is overwritten, and returns its descriptor.
+// For what an option names, which the Failure then does, too: writes a file as a whole; makes a folder
+// where there is none; opens a file that is overwritten, and returns its descriptor.
+void writeTextFile(const std::string& option, const std::string& path, const std::string& text);
 void makeFolder(const std::string& option, const std::string& path);
 int openOutput(const std::string& option, const std::string& path);
 

@@ -15,7 +15,7 @@ namespace vxrun {
 //
 // A Failure "file:line:column: place: text" for the first thing that is wrong. Its verdict is
 // NODE_NOT_FOUND for an unknown node type, GRAPH_BUILD_FAIL for a connection between different
-// formats, else CORRUPT_DESCR. Nothing has been built by then.
+// formats, else none, which is CORRUPT_DESCR to a run. Nothing has been built by then.
 vexa::VXGraphInfo readGraphFile(const std::string& path);
 
 // Everything that is wrong with the graph file `path`, in such failures: what readGraphFile() refuses,

@@ -2,12 +2,13 @@
 
 #include "Failure.h"
 #include "Files.h"
+#include "Text.h"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <iterator>
 #include <set>
+#include <sstream>
 #include <string_view>
 #include <utility>
 
@@ -27,44 +28,15 @@ std::string got(const JsonValue& value) {
     return std::string(", got ") + name(value.kind);
 }
 
-// The parser tells its handler no positions, so it reads through an iterator that leaves word of how
-// far it has come.
-class TrackingIterator {
-public:
-    using iterator_category = std::input_iterator_tag;
-    using value_type = char;
-    using difference_type = std::ptrdiff_t;
-    using pointer = const char*;
-    using reference = const char&;
-
-    TrackingIterator(const char* at, const char** reached) : mAt(at), mReached(reached) {}
-
-    reference operator*() const { return *mAt; }
-    TrackingIterator& operator++() {
-        *mReached = ++mAt;
-        return *this;
-    }
-    bool operator==(const TrackingIterator& other) const { return mAt == other.mAt; }
-    bool operator!=(const TrackingIterator& other) const { return mAt != other.mAt; }
-
-private:
-    const char* mAt;
-    const char** mReached;
-};
-
 }  // namespace
 
-// Builder: the parser's handler. Each call comes when the parser has read just its token (a number:
-// one byte more), so the token began at the first byte after the last one that is no separator.
+// Builder: the parser's handler. The parser tells it no positions, but where it has come to in the stream
+// that it reads says it: each call comes when the parser has read just its token (a number: one byte
+// more), so the token began at the first byte after the last one that is no separator.
 class JsonDocument::Builder {
 public:
-    explicit Builder(JsonDocument* document)
-        : mDocument(*document), mText(document->mText), mReached(mText.data()) {}
-
-    void parse() {
-        const char* const end = mText.data() + mText.size();
-        nlohmann::json::sax_parse(TrackingIterator(mText.data(), &mReached),
-                                  TrackingIterator(end, &mReached), this);
+    explicit Builder(JsonDocument* document) : mDocument(*document), mStream(document->mText) {
+        nlohmann::json::sax_parse(mStream, this);
     }
 
     bool null() { return add(JsonValue::NULL_VALUE, "null"); }
@@ -78,7 +50,7 @@ public:
     bool start_array(size_t) { return open(JsonValue::ARRAY); }
     bool key(const std::string& text) {
         mKey = text;
-        mLastEnd = mReached;
+        mLastEnd = reached();
         return true;
     }
     bool end_object() {
@@ -90,7 +62,7 @@ public:
     }
     bool end_array() {
         mOpen.pop_back();
-        mLastEnd = mReached;
+        mLastEnd = reached();
         return true;
     }
     // The place is that of the last byte read.
@@ -100,8 +72,7 @@ public:
         const std::string text = error.what();
         const size_t colon = text.find(": ");
         const size_t start = colon != std::string::npos ? colon : text.find("] ");
-        mDocument.failAt(position - std::min<size_t>(position, 1), text.substr(start + 2),
-                         "CORRUPT_DESCR");
+        mDocument.failAt(position - std::min<size_t>(position, 1), text.substr(start + 2));
     }
 
 private:
@@ -115,9 +86,9 @@ private:
         }
         JsonValue* const value =
             mOpen.empty() ? &mDocument.mRoot : &mOpen.back()->items.emplace_back();
-        const size_t from = static_cast<size_t>(mLastEnd - mText.data());
-        mLastEnd = mReached;
-        *value = {kind, text, {}, mKey, mText.find_first_not_of(" \t\r\n,:]}", from), where};
+        const size_t start = mDocument.mText.find_first_not_of(" \t\r\n,:]}", mLastEnd);
+        *value = {kind, text, {}, mKey, start, where};
+        mLastEnd = reached();
         return value;
     }
 
@@ -133,12 +104,16 @@ private:
         return true;
     }
 
+    // How far the parser has read.
+    size_t reached() {
+        return static_cast<size_t>(mStream.rdbuf()->pubseekoff(0, std::ios::cur, std::ios::in));
+    }
+
     JsonDocument& mDocument;
-    const std::string& mText;
-    const char* mReached;                 // how far the parser has read
-    const char* mLastEnd = mText.data();  // where the last token ended
-    std::vector<JsonValue*> mOpen;        // arrays and objects that are not closed, outermost first
-    std::string mKey;                     // of the member that comes next
+    std::istringstream mStream;
+    size_t mLastEnd = 0;            // where the last token ended
+    std::vector<JsonValue*> mOpen;  // arrays and objects that are not closed, outermost first
+    std::string mKey;               // of the member that comes next
 };
 
 const JsonValue* JsonValue::find(const std::string& name) const {
@@ -150,7 +125,7 @@ const JsonValue* JsonValue::find(const std::string& name) const {
 
 JsonDocument::JsonDocument(const std::string& path, std::string rootName)
     : mPath(path), mRootName(std::move(rootName)), mText(readTextFile(path, kMaxSize)) {
-    Builder(this).parse();
+    Builder builder(this);
 }
 
 const JsonValue& JsonDocument::expect(const JsonValue& value, JsonValue::Kind kind) const {
@@ -162,9 +137,7 @@ const JsonValue& JsonDocument::expectObject(const JsonValue& value,
                                             const std::vector<std::string>& keys) const {
     for (const JsonValue& item : expect(value, JsonValue::OBJECT).items) {
         if (std::find(keys.begin(), keys.end(), item.key) != keys.end()) continue;
-        std::string known;
-        for (const std::string& key : keys) known += (known.empty() ? "" : ", ") + key;
-        fail(item, "unknown key, expected one of " + known);
+        fail(item, "unknown key, expected one of " + joined(keys));
     }
     return value;
 }
@@ -207,8 +180,7 @@ void JsonDocument::failAt(size_t offset, const std::string& text,
     const size_t lastFeed = before.rfind('\n');
     const size_t line = 1 + static_cast<size_t>(std::count(before.begin(), before.end(), '\n'));
     const size_t column = before.size() - (lastFeed == before.npos ? 0 : lastFeed + 1) + 1;
-    throw Failure(mPath + ":" + std::to_string(line) + ":" + std::to_string(column) + ": " + text,
-                  verdict);
+    throw Failure(concat(mPath, ":", line, ":", column, ": ", text), verdict);
 }
 
 }  // namespace vxrun

@@ -21,7 +21,7 @@ struct JsonValue {
     const JsonValue* find(const std::string& name) const;
 };
 
-// Every failure is a Failure "file:line:column: where: text" with the verdict CORRUPT_DESCR.
+// Every failure is a Failure "file:line:column: where: text".
 //
 // Threads  any number of readers at once.
 class JsonDocument {
@@ -49,13 +49,13 @@ public:
                                         JsonValue::Kind kind) const;
 
     [[noreturn]] void fail(const JsonValue& value, const std::string& text,
-                           const std::string& verdict = "CORRUPT_DESCR") const;
+                           const std::string& verdict = {}) const;
 
 private:
     class Builder;
 
     [[noreturn]] void failAt(size_t offset, const std::string& text,
-                             const std::string& verdict) const;
+                             const std::string& verdict = {}) const;
 
     const std::string mPath;
     const std::string mRootName;

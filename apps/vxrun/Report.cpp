@@ -1,6 +1,5 @@
 #include "Report.h"
 
-#include "Failure.h"
 #include "Files.h"
 #include "Text.h"
 
@@ -11,11 +10,9 @@
 #include <pugixml.hpp>
 
 #include <algorithm>
-#include <cstdio>
 #include <ctime>
-#include <iomanip>
 #include <map>
-#include <sstream>
+#include <regex>
 
 namespace vxrun {
 namespace {
@@ -38,16 +35,10 @@ std::string decoderName(const Suite& suite) {
 // characters, U+FFFE and U+FFFF.
 std::string xmlText(const std::string& text) {
     using nlohmann::json;
+    static const std::regex forbidden(
+        "[\\x00-\\x08\\x0b\\x0c\\x0e-\\x1f]|\xEF\xBF\xBE|\xEF\xBF\xBF");
     const std::string quoted = json(text).dump(-1, ' ', false, json::error_handler_t::ignore);
-    std::string clean = json::parse(quoted).get<std::string>();
-    const auto forbidden = [](const char c) {
-        return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\n' && c != '\r';
-    };
-    clean.erase(std::remove_if(clean.begin(), clean.end(), forbidden), clean.end());
-    for (const char* const bytes : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"}) {
-        for (size_t at; (at = clean.find(bytes)) != clean.npos;) clean.erase(at, 3);
-    }
-    return clean;
+    return std::regex_replace(json::parse(quoted).get<std::string>(), forbidden, "");
 }
 
 std::string now() {
@@ -59,58 +50,55 @@ std::string now() {
     return text;
 }
 
-void set(pugi::xml_node node, const char* attribute, const std::string& value) {
-    node.append_attribute(attribute) = xmlText(value).c_str();
-}
+using Attributes = std::vector<std::pair<const char*, std::string>>;
 
-pugi::xml_node addSuite(pugi::xml_node parent, const char* kind, const std::string& name,
-                        const Sums& sums) {
+pugi::xml_node add(pugi::xml_node parent, const char* kind, const Attributes& attributes) {
     pugi::xml_node node = parent.append_child(kind);
-    set(node, "name", name);
-    set(node, "tests", std::to_string(sums.total));
-    set(node, "failures", std::to_string(sums.failed));
-    set(node, "errors", std::to_string(sums.errors));
-    set(node, "time", decimal(sums.seconds, 3));
+    for (const auto& [name, value] : attributes) {
+        node.append_attribute(name) = xmlText(value).c_str();
+    }
     return node;
 }
 
 void addCase(pugi::xml_node parent, const Suite& suite, const Vector& vector) {
-    pugi::xml_node node = parent.append_child("testcase");
     const std::string codec = suite.codec.empty() ? "" : "." + suite.codec;
-    set(node, "classname",
-        suite.name + codec + (vector.profile.empty() ? "" : "." + vector.profile));
-    set(node, "name", vector.name);
-    set(node, "time", decimal(vector.seconds, 3));
-    if (vector.state == Vector::SUCCESS) return;
+    const std::string profile = vector.profile.empty() ? "" : "." + vector.profile;
+    pugi::xml_node node = add(parent, "testcase",
+                              {{"classname", suite.name + codec + profile},
+                               {"name", vector.name},
+                               {"time", decimal(vector.seconds, 3)}});
     if (vector.state == Vector::NOT_RUN || vector.state == Vector::NOT_SUPPORTED) {
         node.append_child("skipped");
-    } else {
+    } else if (vector.state != Vector::SUCCESS) {
         const bool isRunning = vector.state == Vector::RUNNING;
         const std::string message = isRunning ? "did not finish" : vector.message;
-        pugi::xml_node bad = node.append_child(vector.state == Vector::FAIL ? "failure" : "error");
-        set(bad, "type", isRunning ? "DID_NOT_FINISH" : vector.type);
-        set(bad, "message", message);
-        bad.text() = xmlText(message).c_str();  // some readers show this, some the attribute
+        add(node, vector.state == Vector::FAIL ? "failure" : "error",
+            {{"type", isRunning ? "DID_NOT_FINISH" : vector.type}, {"message", message}})
+            .text() = xmlText(message).c_str();  // some readers show this, some the attribute
     }
-    if (!vector.log.empty()) node.append_child("system-err").text() = xmlText(vector.log).c_str();
+    if (vector.state != Vector::SUCCESS && !vector.log.empty()) {
+        node.append_child("system-err").text() = xmlText(vector.log).c_str();
+    }
 }
 
 std::string junitReport(const Suite& suite) {
-    pugi::xml_document document;
-    pugi::xml_node declaration = document.append_child(pugi::node_declaration);
-    set(declaration, "version", "1.0");
-    set(declaration, "encoding", "UTF-8");
     const Sums sums = suite.sums();
-    pugi::xml_node root = addSuite(document, "testsuites", "vxrun", sums);
-    pugi::xml_node node = addSuite(root, "testsuite", suite.name, sums);
-    set(node, "skipped", std::to_string(sums.skipped()));
-    set(node, "timestamp", now());
+    Attributes attributes = {{"name", "vxrun"},
+                             {"tests", std::to_string(sums.total)},
+                             {"failures", std::to_string(sums.failed)},
+                             {"errors", std::to_string(sums.errors)},
+                             {"time", decimal(sums.seconds, 3)}};
+    pugi::xml_document document;
+    pugi::xml_node root = add(document, "testsuites", attributes);
     char host[256] = "";
     gethostname(host, sizeof host - 1);
-    set(node, "hostname", host);
-    pugi::xml_node property = node.append_child("properties").append_child("property");
-    set(property, "name", "decoder");
-    set(property, "value", decoderName(suite));
+    attributes.front().second = suite.name;
+    attributes.insert(
+        attributes.end(),
+        {{"skipped", std::to_string(sums.skipped())}, {"timestamp", now()}, {"hostname", host}});
+    pugi::xml_node node = add(root, "testsuite", attributes);
+    add(node.append_child("properties"), "property",
+        {{"name", "decoder"}, {"value", decoderName(suite)}});
     for (const Vector& vector : suite.vectors) addCase(node, suite, vector);
     // Not through a stream, whose class is a matter of the standard library in use.
     struct Writer final : pugi::xml_writer {
@@ -157,86 +145,74 @@ std::string jsonReport(const Suite& suite) {
     return report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-std::string csvField(std::string text) {
+std::string csvField(const std::string& text) {
     if (text.find_first_of(",\"\r\n") == text.npos) return text;
-    for (size_t at = 0; (at = text.find('"', at)) != text.npos; at += 2) text.insert(at, 1, '"');
-    return '"' + text + '"';
+    return concat(std::quoted(text, '"', '"'));
 }
 
 std::string csvReport(const Suite& suite) {
     std::string report = "Vector Name,Result,Time (s),Profile\n";
     for (const Vector& vector : suite.vectors) {
-        report += csvField(vector.name) + "," + stateName(vector.state) + "," +
-                  decimal(vector.seconds, 3) + "," + csvField(vector.profile) + "\n";
+        report += concat(csvField(vector.name), ",", stateName(vector.state), ",",
+                         decimal(vector.seconds, 3), ",", csvField(vector.profile), "\n");
     }
     return report;
 }
 
 // A row of a table; what would end the cell or the row is kept from it.
 std::string markdownRow(const std::string& first, const std::string& second) {
-    std::string row;
-    for (const std::string* cell : {&first, &second}) {
-        row += '|';
-        for (const char c : *cell) row += c == '|' ? "\\|" : c == '\n' ? " " : std::string(1, c);
-    }
-    return row + "|\n";
+    static const std::regex bar("\\|"), feed("\n");
+    const auto cell = [](const std::string& text) {
+        return std::regex_replace(std::regex_replace(text, bar, "\\|"), feed, " ");
+    };
+    return "|" + cell(first) + "|" + cell(second) + "|\n";
 }
 
 std::string markdownReport(const Suite& suite) {
-    const Sums sums = suite.sums();
-    const auto ratio = [](const Sums& part) {
-        return std::to_string(part.passed) + "/" + std::to_string(part.total);
-    };
-    std::string report = markdownRow("Test", decoderName(suite)) + "|-|-|\n";
+    const std::string decoder = decoderName(suite);
+    std::string vectors = markdownRow("Test", decoder) + "|-|-|\n", table;
     for (const Vector& vector : suite.vectors) {
-        report += markdownRow(vector.name, stateName(vector.state));
+        vectors += markdownRow(vector.name, stateName(vector.state));
     }
-    report +=
-        markdownRow("TOTAL", ratio(sums)) + markdownRow("TOTAL TIME", decimal(sums.seconds, 3) + "s");
-    const auto profiles = sumsByProfile(suite);
-    if (profiles.empty()) return report;
-    report += "\n" + markdownRow("Profile", decoderName(suite)) + "|-|-|\n";
-    for (const auto& [profile, part] : profiles) report += markdownRow(profile, ratio(part));
-    return report;
-}
-
-void write(const std::string& path, const std::string& text) {
-    try {
-        OutputFile file(path);
-        file.write(text);
-        file.commit();
-    } catch (const Failure& failure) {
-        throw Failure(failure.what(), "BAD_OPTION");
+    const auto ratio = [](const Sums& part) { return concat(part.passed, "/", part.total); };
+    const Sums sums = suite.sums();
+    vectors += markdownRow("TOTAL", ratio(sums)) +
+               markdownRow("TOTAL TIME", decimal(sums.seconds, 3) + "s");
+    for (const auto& [profile, part] : sumsByProfile(suite)) {
+        if (table.empty()) table = "\n" + markdownRow("Profile", decoder) + "|-|-|\n";
+        table += markdownRow(profile, ratio(part));
     }
+    return vectors + table;
 }
 
 }  // namespace
 
 void writeReports(const ReportFiles& files, const Suite& suite) {
-    if (!files.junit.empty()) write(files.junit, junitReport(suite));
-    if (!files.json.empty()) write(files.json, jsonReport(suite));
-    if (!files.csv.empty()) write(files.csv, csvReport(suite));
-    if (!files.markdown.empty()) write(files.markdown, markdownReport(suite));
+    if (!files.junit.empty()) writeTextFile("--junit", files.junit, junitReport(suite));
+    if (!files.json.empty()) writeTextFile("--json", files.json, jsonReport(suite));
+    if (!files.csv.empty()) writeTextFile("--csv", files.csv, csvReport(suite));
+    if (!files.markdown.empty()) writeTextFile("--markdown", files.markdown, markdownReport(suite));
 }
 
 std::string profileTable(const Suite& suite) {
-    const auto profiles = sumsByProfile(suite);
+    std::vector<std::pair<std::string, Sums>> rows;
+    for (const auto& [profile, sums] : sumsByProfile(suite)) {
+        rows.emplace_back(profile.empty() ? "-" : profile, sums);
+    }
+    rows.emplace_back("all", suite.sums());
     size_t width = 7;  // of "profile"
-    for (const auto& row : profiles) width = std::max(width, row.first.size());
+    for (const auto& row : rows) width = std::max(width, row.first.size());
     std::ostringstream table;
-    const auto add = [&](const std::string& name, const Sums& sums) {
-        table << std::left << std::setw(static_cast<int>(width)) << (name.empty() ? "-" : name)
-              << std::right;
+    table << "profile" << std::string(width - 7, ' ')
+          << "     total    passed    failed    errors   skipped   seconds\n";
+    for (const auto& [name, sums] : rows) {
+        table << name << std::string(width - name.size(), ' ');
         for (const size_t sum :
              {sums.total, sums.passed, sums.failed, sums.errors, sums.skipped()}) {
             table << std::setw(10) << sum;
         }
         table << std::setw(10) << decimal(sums.seconds, 1) << "\n";
-    };
-    table << "profile" << std::string(width - 7, ' ')
-          << "     total    passed    failed    errors   skipped   seconds\n";
-    for (const auto& [profile, sums] : profiles) add(profile, sums);
-    add("all", suite.sums());
+    }
     return table.str();
 }
 

@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
-#include <iterator>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -23,14 +23,11 @@ std::string lowerCase(std::string text) {
 
 // "H.264" and the like as libavcodec calls them.
 std::string codecName(const std::string& codec) {
-    if (codec == "None" || codec == "Dummy") return {};
-    if (codec == "H.265") return "hevc";
-    if (codec == "H.266") return "vvc";
-    std::string name = lowerCase(codec);
-    name.erase(std::remove(name.begin(), name.end(), '.'), name.end());
-    const size_t video = name.find("_video");
-    if (video != name.npos) name.erase(video);
-    return name == "mpeg2" ? "mpeg2video" : name;
+    static const std::map<std::string, std::string> names = {
+        {"None", ""},      {"Dummy", ""},    {"MPEG2_VIDEO", "mpeg2video"}, {"H.264", "h264"},
+        {"H.265", "hevc"}, {"H.266", "vvc"}, {"MPEG4_VIDEO", "mpeg4"}};
+    const auto name = names.find(codec);
+    return name != names.end() ? name->second : lowerCase(codec);
 }
 
 // SuiteReader: one walk over the document.
@@ -49,15 +46,14 @@ public:
         text(root, "description", "");
         mDocument.items(root, "failing_test_vectors", JsonValue::ARRAY);
         mSuite.testMethod = text(root, "test_method", "md5");
-        if (mSuite.testMethod != "md5" && mSuite.testMethod != "pixel" &&
-            mSuite.testMethod != "sample") {
+        const std::set<std::string> methods = {"md5", "pixel", "sample"};
+        if (methods.count(mSuite.testMethod) == 0) {
             mDocument.fail(*root.find("test_method"),
                            "expected md5, pixel or sample, got " + quote(mSuite.testMethod));
         }
-        if (root.find("negative_test") != nullptr) {
-            const auto& negative = mDocument.member(root, "negative_test", JsonValue::BOOLEAN);
-            mSuite.negative = negative.text == "true";
-        }
+        mSuite.negative =
+            root.find("negative_test") != nullptr &&
+            mDocument.member(root, "negative_test", JsonValue::BOOLEAN).text == "true";
         std::set<std::string> names;
         for (const auto& json : mDocument.member(root, "test_vectors", JsonValue::ARRAY).items) {
             readVector(json);
@@ -133,28 +129,21 @@ const char* stateName(Vector::State state) {
 
 void filterVectors(Suite* suite, const std::string& filter) {
     if (filter.empty()) return;
-    std::vector<std::string> wanted, unwanted;
-    auto* globs = &wanted;
-    std::istringstream parts(filter);
-    for (std::string glob; std::getline(parts, glob, ':');) {
-        const bool isNegative = glob.rfind('-', 0) == 0;
-        if (isNegative) globs = &unwanted;
-        globs->push_back(glob.substr(isNegative ? 1 : 0));
-    }
-    if (wanted.empty()) wanted = {"*"};
-    const auto matches = [&](const Vector& vector, const std::vector<std::string>& globs) {
-        return std::any_of(globs.begin(), globs.end(), [&](const std::string& glob) {
-            const std::string full = suite->name + "." + vector.name;
-            return fnmatch(glob.c_str(), vector.name.c_str(), 0) == 0 ||
-                   fnmatch(glob.c_str(), full.c_str(), 0) == 0;
-        });
+    const auto isOut = [&](const Vector& vector) {
+        const std::string full = suite->name + "." + vector.name;
+        bool negative = false, wanted = filter.front() == '-';
+        std::istringstream globs(filter);
+        for (std::string glob; std::getline(globs, glob, ':');) {
+            negative = negative || glob.rfind('-', 0) == 0;
+            const char* const pattern = glob.c_str() + (glob.rfind('-', 0) == 0 ? 1 : 0);
+            const bool matches = fnmatch(pattern, vector.name.c_str(), 0) == 0 ||
+                                 fnmatch(pattern, full.c_str(), 0) == 0;
+            if (matches) wanted = !negative;
+        }
+        return !wanted;
     };
     auto& vectors = suite->vectors;
-    vectors.erase(std::remove_if(vectors.begin(), vectors.end(),
-                                 [&](const Vector& vector) {
-                                     return !matches(vector, wanted) || matches(vector, unwanted);
-                                 }),
-                  vectors.end());
+    vectors.erase(std::remove_if(vectors.begin(), vectors.end(), isOut), vectors.end());
 }
 
 void shardVectors(Suite* suite, size_t index, size_t total) {

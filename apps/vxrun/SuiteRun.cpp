@@ -294,8 +294,8 @@ int runSuite(SuiteOptions options, double timeout,
     }
     if (options.resources.empty()) throw Failure("vxrun: no --resources given", "BAD_OPTION");
     if (options.reports.junit.empty()) options.reports.junit = junitFile(suite);
-    const std::string status = variable("GTEST_SHARD_STATUS_FILE");
-    if (!status.empty()) writeTextFile(status, "");
+    constexpr char kStatus[] = "GTEST_SHARD_STATUS_FILE";
+    if (!variable(kStatus).empty()) writeTextFile(kStatus, variable(kStatus), "");
     const int signal = SuiteRun(options, timeout, decode, &suite).run();
     const Sums sums = suite.sums();
     const std::string word = verdictOf(sums, signal, anySelected);
