@@ -1,33 +1,22 @@
 #include "Alignment.h"
 
-extern "C" {
-#include <libavutil/mem.h>
-#include <libavutil/murmur3.h>
-}
+#include "Text.h"
 
-#include <new>
+#include <string_view>
 
 namespace vxrun {
-namespace {
-
-constexpr int kReach = 2;  // offsets that are tried, both ways
-constexpr size_t kMostPairs = 1000;
-
-}  // namespace
 
 std::string frameHash(const Payload& payload) {
-    constexpr size_t kSize = 16;
-    const std::unique_ptr<AVMurMur3, void (*)(void*)> state(av_murmur3_alloc(), av_free);
-    if (state == nullptr) throw std::bad_alloc();
-    av_murmur3_init(state.get());
-    payload.forEachRow(
-        [&](const uint8_t* row, size_t bytes) { av_murmur3_update(state.get(), row, bytes); });
-    uint8_t hash[kSize];
-    av_murmur3_final(state.get(), hash);
-    return std::string(hash, hash + kSize);
+    size_t hash = payload.size();
+    payload.forEachRow([&](const uint8_t* row, size_t bytes) {
+        const std::string_view text(reinterpret_cast<const char*>(row), bytes);
+        hash = hash * 0x9e3779b97f4a7c15u + std::hash<std::string_view>()(text);
+    });
+    return std::to_string(hash);
 }
 
 void Alignment::add(const std::string& got, const std::string& wanted, bool differs) {
+    constexpr size_t kMostPairs = 1000;
     if (mPairs.size() == kMostPairs) return;
     mPairs.push_back({got, wanted});
     if (!mDiffers && !differs && mPairs.size() > kReach) {
@@ -40,23 +29,22 @@ void Alignment::add(const std::string& got, const std::string& wanted, bool diff
 
 std::string Alignment::text() const {
     std::string equals;
-    for (const int offset : {-1, 1, -2, 2}) {
-        size_t pairs = 0;
-        size_t equalPairs = 0;
+    const uint64_t bad = mFirst + mFirstBad;
+    for (const int offset : {-1, 1, -kReach, kReach}) {
+        size_t pairs = 0, equalPairs = 0;
         for (size_t i = mFirstBad; mDiffers && i < mPairs.size(); ++i) {
             const size_t j = i + static_cast<size_t>(offset);  // wraps to something large
             if (j >= mPairs.size() || mPairs[i].got.empty() || mPairs[j].wanted.empty()) continue;
             ++pairs;
             if (mPairs[i].got != mPairs[j].wanted) continue;
             ++equalPairs;
-            if (i != mFirstBad || !equals.empty()) continue;
-            equals = "frame " + std::to_string(mFirst + i) + " is the wanted frame " +
-                     std::to_string(mFirst + j);
+            if (i == mFirstBad && equals.empty()) {
+                equals = concat("frame ", bad, " is the wanted frame ", mFirst + j);
+            }
         }
         if (pairs < 2 || equalPairs < pairs) continue;  // one may be chance
-        return "shifted by " + std::to_string(offset) + ": from frame " +
-               std::to_string(mFirst + mFirstBad) + " on, frame n is the wanted frame n" +
-               (offset > 0 ? "+" : "") + std::to_string(offset);
+        return concat("shifted by ", offset, ": from frame ", bad,
+                      " on, frame n is the wanted frame n", std::showpos, offset);
     }
     return equals;
 }

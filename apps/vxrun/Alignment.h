@@ -22,6 +22,8 @@ public:
     std::string text() const;
 
 private:
+    static constexpr int kReach = 2;  // offsets that are tried, both ways
+
     struct Pair {
         std::string got, wanted;
     };

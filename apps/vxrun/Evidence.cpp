@@ -1,47 +1,43 @@
 #include "Evidence.h"
 
 #include "Console.h"
+#include "Text.h"
 
 #include <VXUtils.h>
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cinttypes>
 #include <csignal>
-#include <cstdio>
-#include <map>
+#include <set>
 
 namespace vxrun {
 
 int exitCode(const std::string& verdict) {
-    static const std::map<std::string, int> codes = {
-        {"PASS", 0},
-        {"DONE", 0},
-        {"FAIL", 1},
-        {"CRC_MISMATCH", 1},
-        {"INFO_VALIDATION_FAIL", 1},
-        {"NO_END_OF_STREAM", 1},
-        {"BAD_OPTION", 2},
-        {"CORRUPT_DESCR", 2},
-        {"NODE_NOT_FOUND", 2},
-        {"NOTHING_CHECKED", 4},
-        {"NOT_SUPPORTED", 77},
-        {"SKIPPED", 77},
-        {"STALL", 124},
-        {"TIMEOUT", 124},
-        {"SIGINT", 128 + SIGINT},
-        {"SIGTERM", 128 + SIGTERM},
+    static const std::map<int, std::set<std::string>> codes = {
+        {0, {"PASS", "DONE"}},
+        {1, {"FAIL", "CRC_MISMATCH", "INFO_VALIDATION_FAIL", "NO_END_OF_STREAM"}},
+        {2, {"BAD_OPTION", "CORRUPT_DESCR", "NODE_NOT_FOUND"}},
+        {4, {"NOTHING_CHECKED"}},
+        {77, {"NOT_SUPPORTED", "SKIPPED"}},
+        {124, {"STALL", "TIMEOUT"}},
+        {128 + SIGINT, {"SIGINT"}},
+        {128 + SIGTERM, {"SIGTERM"}},
     };
-    constexpr int kCouldNotRun = 3;  // the library's other names
-    const auto code = codes.find(verdict);
-    return code != codes.end() ? code->second : kCouldNotRun;
+    for (const auto& [code, verdicts] : codes) {
+        if (verdicts.count(verdict) > 0) return code;
+    }
+    return 3;  // could not run: the library's other names
 }
 
 NodeRecord& Evidence::addNode(vexa::VXNode& node, const std::string& name,
                               const std::string& allocator, bool sink) {
     std::lock_guard<std::mutex> lock(mLock);
-    return mNodes.emplace_back(node, mNodes.size(), name, allocator, sink);
+    NodeRecord& record = mNodes.emplace_back();
+    record.node = &node;
+    record.number = mNodes.size() - 1;
+    record.name = name;
+    record.allocator = allocator;
+    record.sink = sink;
+    return record;
 }
 
 void Evidence::removeNode(NodeRecord& record) {
@@ -64,15 +60,12 @@ bool Evidence::fail(const std::string& word) {
 std::string Evidence::verdict() const {
     std::lock_guard<std::mutex> lock(mLock);
     if (!mFirstError.empty()) return mFirstError;
-    bool allEnded = true;
-    bool anyChecking = false;
-    bool allChecked = true;
+    bool anyChecking = false, allChecked = true;
     for (const NodeRecord& node : mNodes) {
-        if (node.sink && !node.endOfStream) allEnded = false;
-        if (node.checking) anyChecking = true;
-        if (node.checking && node.checked == 0) allChecked = false;
+        if (node.sink && !node.endOfStream) return "NO_END_OF_STREAM";
+        anyChecking = anyChecking || node.checking;
+        allChecked = allChecked && (!node.checking || node.checked > 0);
     }
-    if (!allEnded) return "NO_END_OF_STREAM";
     if (!anyChecking && !mChecks) return "DONE";
     return anyChecking && allChecked ? "PASS" : "NOTHING_CHECKED";
 }
@@ -85,16 +78,10 @@ Evidence::Totals Evidence::totals() const {
         totals.checked += node.checked;
         totals.mismatches += node.mismatches;
         totals.expected = std::max<uint64_t>(totals.expected, node.expected);
+        totals.moved += node.moved;
         totals.firstBad = std::min<uint64_t>(totals.firstBad, node.firstBad);
     }
     return totals;
-}
-
-uint64_t Evidence::moved() const {
-    std::lock_guard<std::mutex> lock(mLock);
-    uint64_t sum = 0;
-    for (const NodeRecord& node : mNodes) sum += node.moved;
-    return sum;
 }
 
 std::vector<Evidence::Moment> Evidence::nodes() const {
@@ -117,38 +104,39 @@ std::vector<const PoolRecord*> Evidence::pools() const {
     return pools;
 }
 
-std::string Evidence::unfinished() const {
+// What `textOf` says of each node; nothing where it is empty.
+template <typename TextOf>
+std::string Evidence::textOfNodes(TextOf textOf) const {
     std::lock_guard<std::mutex> lock(mLock);
-    std::string names;
+    std::vector<std::string> texts;
     for (const NodeRecord& node : mNodes) {
-        if (!node.endOfStream) names += (names.empty() ? "" : ", ") + node.name;
+        const std::string text = textOf(node);
+        if (!text.empty()) texts.push_back(text);
     }
-    return names;
+    return joined(texts);
+}
+
+std::string Evidence::unfinished() const {
+    return textOfNodes([](const auto& node) { return node.endOfStream ? "" : node.name; });
 }
 
 std::string Evidence::allocators() const {
-    std::lock_guard<std::mutex> lock(mLock);
-    std::string wishes;
-    for (const NodeRecord& node : mNodes) {
-        if (node.allocator.empty()) continue;
-        wishes += (wishes.empty() ? "" : ", ") + node.name + " wants " + node.allocator;
-    }
-    return wishes;
+    return textOfNodes([](const auto& node) {
+        return node.allocator.empty() ? "" : node.name + " wants " + node.allocator;
+    });
 }
 
 void Evidence::closePools(bool report) {
     for (const PoolRecord& pool : mPools) {  // nothing is added any more
-        const std::string line = "vxrun: pool of '" + pool.name +
-                                 "': made=" + std::to_string(pool.made) +
-                                 " recycled=" + std::to_string(pool.recycled) +
-                                 " high_water=" + std::to_string(pool.highWater) +
-                                 " left_out=" + std::to_string(pool.out);
+        const std::string line = concat("vxrun: pool of '", pool.name, "': made=", pool.made,
+                                        " recycled=", pool.recycled, " high_water=", pool.highWater,
+                                        " left_out=", pool.out);
         if (pool.out != 0) {
             console::line(line);
+            fail(errorName(vexa::NODE_FAIL_FATAL));
         } else if (report) {
             console::note(line);
         }
-        if (pool.out != 0) fail(errorName(vexa::NODE_FAIL_FATAL));
     }
 }
 
@@ -157,9 +145,10 @@ int Evidence::printVerdict() const {
     const Totals sums = totals();
     const std::string firstBad =
         sums.firstBad == NodeRecord::kNone ? "-" : std::to_string(sums.firstBad);
-    std::fprintf(mOut, "verdict: %s frames=%" PRIu64 " checked=%" PRIu64 " first_bad=%s\n",
-                 console::painted(word, exitCode(word) == 0, fileno(mOut)).c_str(), sums.frames,
-                 sums.checked, firstBad.c_str());
+    const std::string line =
+        concat("verdict: ", console::painted(word, exitCode(word) == 0, fileno(mOut)),
+               " frames=", sums.frames, " checked=", sums.checked, " first_bad=", firstBad, "\n");
+    std::fputs(line.c_str(), mOut);
     std::fflush(mOut);
     return exitCode(word);
 }

@@ -20,19 +20,13 @@ namespace vxrun {
 struct NodeRecord {
     static constexpr uint64_t kNone = UINT64_MAX;
 
-    NodeRecord(vexa::VXNode& itself, size_t itsNumber, std::string nodeName,
-               std::string allocatorType, bool isSink)
-        : node(&itself),
-          number(itsNumber),
-          name(std::move(nodeName)),
-          allocator(std::move(allocatorType)),
-          sink(isSink) {}
+    // As they were when the node was made.
+    vexa::VXNode* node = nullptr;  // null when it is gone; the evidence's lock guards it
+    size_t number = 0;             // from 0, in the order of the description
+    std::string name;
+    std::string allocator;  // the one it insists on, else empty
+    bool sink = false;      // it takes frames and gives none
 
-    vexa::VXNode* node;   // null when it is gone; the evidence's lock guards it
-    const size_t number;  // from 0, in the order of the description
-    const std::string name;
-    const std::string allocator;        // the one it insists on, else empty
-    const bool sink;                    // it takes frames and gives none
     std::atomic<bool> checking{false};  // it compares frames with an expectation
     std::atomic<uint64_t> frames{0};    // that came through the node
     std::atomic<uint64_t> checked{0};   // of these, compared
@@ -92,6 +86,7 @@ public:
         uint64_t checked = 0;  // over all sinks
         uint64_t mismatches = 0;
         uint64_t expected = 0;  // the most that any one sink is to take; 0 when nobody knows
+        uint64_t moved = 0;     // grows with every batch that moves anywhere
         uint64_t firstBad = NodeRecord::kNone;
     };
     // A node at one moment.
@@ -123,8 +118,7 @@ public:
     // The verdict as of now: the first error, else what the sinks' records allow to say.
     std::string verdict() const;
     Totals totals() const;
-    // Grows with every batch that moves anywhere.
-    uint64_t moved() const;
+    uint64_t moved() const { return totals().moved; }
     // The nodes that live, in the order of the description.
     std::vector<Moment> nodes() const;
     std::vector<const PoolRecord*> pools() const;
@@ -142,6 +136,9 @@ public:
     int printVerdict() const;
 
 private:
+    template <typename TextOf>
+    std::string textOfNodes(TextOf textOf) const;
+
     mutable std::mutex mLock;
     std::deque<NodeRecord> mNodes;  // guarded by mLock; the records themselves are not
     std::deque<PoolRecord> mPools;  // likewise

@@ -2,6 +2,8 @@
 
 #include "Console.h"
 #include "Failure.h"
+#include "Files.h"
+#include "Text.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -9,110 +11,88 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cmath>
-#include <cstdio>
 
 namespace vxrun {
 namespace {
 
-constexpr std::chrono::milliseconds kLiveStep(200);
-constexpr std::chrono::seconds kPlainStep(30);  // where a line cannot be replaced
-constexpr std::chrono::milliseconds kBlockStep(500);
+using Seconds = std::chrono::duration<double>;
 
-std::string decimal(double value, const char* format) {
-    char text[48];
-    std::snprintf(text, sizeof text, format, value);
-    return text;
-}
+constexpr std::chrono::milliseconds kLiveStep(200);
+constexpr std::chrono::milliseconds kPlainStep(30000);  // where a line cannot be replaced
+constexpr std::chrono::milliseconds kBlockStep(500);
 
 }  // namespace
 
 Progress::Progress(const std::string& target, const Evidence& evidence, Clock::time_point limit)
-    : mEvidence(evidence), mLimit(limit) {
-    mLineDue = mStart + (console::showsProgress() ? Clock::duration(kLiveStep) : kPlainStep);
-    if (target.empty()) return;
+    : mEvidence(evidence),
+      mLimit(limit),
+      mLineDue(mStart + (console::showsProgress() ? kLiveStep : kPlainStep)) {
     constexpr size_t kMaxDigits = 9;  // of a descriptor
-    if (target.find_first_not_of("0123456789") == std::string::npos &&
-        target.size() <= kMaxDigits) {
-        mTarget = std::stoi(target);
-        if (fcntl(mTarget, F_GETFD) < 0) mTarget = -1;
+    if (target.empty()) {
+        mBlockDue = Clock::time_point::max();
+    } else if (target.find_first_not_of("0123456789") != target.npos ||
+               target.size() > kMaxDigits) {
+        mTarget = openOutput("--progress", target);
     } else {
-        mTarget = open(target.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK, 0666);
-        mOwnsTarget = true;
-    }
-    if (mTarget < 0) {
-        throw Failure("vxrun: --progress: " + target + ": " + errnoText(errno), "BAD_OPTION");
+        mTarget = fcntl(std::stoi(target), F_DUPFD_CLOEXEC, 0);
+        if (mTarget < 0) throw badOption("--progress", target + ": " + errnoText(errno));
     }
 }
 
 Progress::~Progress() {
-    if (mOwnsTarget) close(mTarget);
-}
-
-double Progress::seconds() const {
-    return std::chrono::duration<double>(Clock::now() - mStart).count();
+    if (mTarget >= 0) close(mTarget);
 }
 
 void Progress::step() {
     const auto now = Clock::now();
-    if (mTarget >= 0 && now >= mBlockDue) {
+    if (now >= mBlockDue) {
         mBlockDue = now + kBlockStep;
-        writeBlock(false);
+        writeBlock("continue");
     }
     if (now < mLineDue) return;
-    if (console::showsProgress()) {
-        mLineDue = now + kLiveStep;
-        console::progress(lineText());
-    } else {
-        mLineDue = now + kPlainStep;
-        console::note("vxrun: " + lineText());
-    }
-}
-
-Progress::Clock::time_point Progress::next() const {
-    return mTarget >= 0 ? std::min(mLineDue, mBlockDue) : mLineDue;
+    const bool isLive = console::showsProgress();
+    mLineDue = now + (isLive ? kLiveStep : kPlainStep);
+    isLive ? console::progress(lineText()) : console::note("vxrun: " + lineText());
 }
 
 void Progress::finish() {
-    if (mTarget >= 0) writeBlock(true);
+    writeBlock("end");
     console::progress("");
 }
 
 std::string Progress::lineText() const {
     const auto totals = mEvidence.totals();
-    const double rate = static_cast<double>(totals.frames) / seconds();
-    const std::string mismatches = std::to_string(totals.mismatches) + " mismatches";
-    std::string text =
-        std::to_string(totals.frames) + " frames, " + std::to_string(totals.checked) +
-        " checked, " +
-        (totals.mismatches > 0 ? console::painted(mismatches, false, STDERR_FILENO) : mismatches);
-    double left = INFINITY;
-    if (totals.expected > totals.frames) {
-        left = static_cast<double>(totals.expected - totals.frames) / rate;
+    const auto now = Clock::now();
+    const double rate = static_cast<double>(totals.frames) / Seconds(now - mStart).count();
+    const std::string bad = concat(totals.mismatches, " mismatches");
+    std::string left;
+    if (totals.expected > totals.frames && totals.frames > 0) {
+        left = decimal(static_cast<double>(totals.expected - totals.frames) / rate, 0);
     } else if (mLimit != Clock::time_point::max()) {
-        left = std::chrono::duration<double>(mLimit - Clock::now()).count();
+        left = decimal(Seconds(std::max(mLimit, now) - now).count(), 0);
     }
-    if (std::isfinite(left)) text += ", " + decimal(std::max(left, 0.0), "%.0f s left");
-    return text + ", " + decimal(rate, "%.1f frames/s");
+    return concat(totals.frames, " frames, ", totals.checked, " checked, ",
+                  totals.mismatches > 0 ? console::painted(bad, false, STDERR_FILENO) : bad,
+                  left.empty() ? "" : ", " + left + " s left", ", ", decimal(rate, 1), " frames/s");
 }
 
-void Progress::writeBlock(bool last) {
+void Progress::writeBlock(const char* progress) {
+    if (mTarget < 0) return;
     const auto totals = mEvidence.totals();
-    const double elapsed = seconds();
-    std::string text = "frame=" + std::to_string(totals.frames) +
-                       "\nfps=" + decimal(static_cast<double>(totals.frames) / elapsed, "%.2f") +
-                       "\nframes_checked=" + std::to_string(totals.checked) +
-                       "\nmismatches=" + std::to_string(totals.mismatches) +
-                       "\nelapsed_us=" + decimal(elapsed * 1e6, "%.0f") + "\n";
+    const double elapsed = Seconds(Clock::now() - mStart).count();
+    std::string text =
+        concat("frame=", totals.frames,  //
+               "\nfps=", decimal(static_cast<double>(totals.frames) / elapsed, 2),
+               "\nframes_checked=", totals.checked, "\nmismatches=", totals.mismatches,
+               "\nelapsed_us=", decimal(elapsed * 1e6, 0), "\n");
     for (const auto& node : mEvidence.nodes()) {
-        text += "node." + node.record.name + ".queued=" + std::to_string(node.queued) + "\n";
+        text += concat("node.", node.record.name, ".queued=", node.queued, "\n");
     }
-    text += last ? "progress=end\n" : "progress=continue\n";
-    // A reader that does not read must not hold up the watchdog.
+    text += concat("progress=", progress, "\n");
+    // A reader that does not read must not hold up the watchdog, and a run is no worse when nobody reads
+    // any more.
     pollfd target = {mTarget, POLLOUT, 0};
-    if (poll(&target, 1, 0) != 1) return;
-    // Nor is a run any worse when nobody reads any more.
-    if (write(mTarget, text.data(), text.size()) < 0) mTarget = -1;
+    if (poll(&target, 1, 0) == 1 && write(mTarget, text.data(), text.size()) < 0) return;
 }
 
 }  // namespace vxrun

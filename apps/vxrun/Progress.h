@@ -24,23 +24,21 @@ public:
 
     // Shows what is due.
     void step();
-    // When step() is to be called again; Clock::time_point::max() for never.
-    Clock::time_point next() const;
+    // When step() is to be called again.
+    Clock::time_point next() const { return std::min(mLineDue, mBlockDue); }
     // Writes the last block and clears the line.
     void finish();
 
 private:
-    void writeBlock(bool last);
+    void writeBlock(const char* progress);
     std::string lineText() const;
-    double seconds() const;
 
-    int mTarget = -1;
-    bool mOwnsTarget = false;
     const Evidence& mEvidence;
     const Clock::time_point mLimit;
     const Clock::time_point mStart = Clock::now();
     Clock::time_point mLineDue;
     Clock::time_point mBlockDue = mStart;
+    int mTarget = -1;
 };
 
 }  // namespace vxrun

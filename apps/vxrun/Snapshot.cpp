@@ -3,8 +3,8 @@
 #include "Console.h"
 #include "Failure.h"
 #include "Files.h"
+#include "Text.h"
 
-#include <filesystem>
 #include <map>
 
 namespace vxrun {
@@ -13,39 +13,34 @@ namespace {
 // Such as 0.00.01.234.
 std::string clockText(std::chrono::milliseconds age) {
     const auto ms = age.count();
-    char text[48];
-    std::snprintf(text, sizeof text, "%d.%02d.%02d.%03d", static_cast<int>(ms / 3600000),
-                  static_cast<int>(ms / 60000 % 60), static_cast<int>(ms / 1000 % 60),
-                  static_cast<int>(ms % 1000));
-    return text;
+    const auto two = std::setw(2);
+    return concat(std::setfill('0'), ms / 3600000, ".", two, ms / 60000 % 60, ".", two,
+                  ms / 1000 % 60, ".", std::setw(3), ms % 1000);
 }
 
 std::string stateText(const Evidence::Moment& node) {
     static constexpr const char* kNames[] = {"created", "setting up", "set up",
                                              "running", "stopped",    "torn down"};
     const NodeRecord& record = node.record;
-    return std::string(kNames[node.status.state]) + (record.busy ? ", processing" : "") + ", " +
-           std::to_string(record.frames) + " frames" + (record.endOfStream ? ", ended" : "");
+    return concat(kNames[node.status.state], record.busy ? ", processing" : "", ", ", record.frames,
+                  " frames", record.endOfStream ? ", ended" : "");
 }
 
 std::string worksText(const Evidence::Moment& node) {
-    return "pending " + std::to_string(node.status.pendingInputs) + ", downstream " +
-           std::to_string(node.status.outstandingWorks) + " of " +
-           std::to_string(node.status.capacity);
+    return concat("pending ", node.status.pendingInputs, ", downstream ",
+                  node.status.outstandingWorks, " of ", node.status.capacity);
 }
 
 std::string poolText(const PoolRecord& pool) {
     const auto out = static_cast<int64_t>(pool.out);
-    std::string text = "free " + std::to_string(static_cast<int64_t>(pool.slots) - out) + ", out " +
-                       std::to_string(out);
+    std::string text = concat("free ", static_cast<int64_t>(pool.slots) - out, ", out ", out);
     int64_t elsewhere = out;
     for (const auto& [node, count] : pool.holders()) {
         if (count <= 0) continue;
-        text += ", " + node->name + " holds " + std::to_string(count);
+        text += concat(", ", node->name, " holds ", count);
         elsewhere -= count;
     }
-    if (elsewhere > 0) text += ", on the way " + std::to_string(elsewhere);
-    return text;
+    return elsewhere > 0 ? concat(text, ", on the way ", elsewhere) : text;
 }
 
 // A label of several lines, each justified to the left.
@@ -65,28 +60,26 @@ std::string label(const std::vector<std::string>& lines) {
 
 SnapshotMaker::SnapshotMaker(const vexa::VXGraphInfo& info, const Evidence& evidence,
                              std::string folder)
-    : mName(info.name),
-      mEvidence(evidence),
-      mFolder(std::move(folder)),
-      mConnections(info.connections) {
+    : mEvidence(evidence), mFolder(std::move(folder)) {
+    mInfo.name = info.name;
+    mInfo.connections = info.connections;
     for (const auto& node : info.nodes) {
-        mNodes.push_back({node->name, node->type, node->inputPorts, node->outputPorts});
+        mInfo.nodes.push_back(std::make_unique<vexa::VXNodeDescriptor>(*node));
     }
-    std::error_code error;
-    if (!mFolder.empty()) std::filesystem::create_directories(mFolder, error);
-    if (error) throw Failure("vxrun: --dot: " + mFolder + ": " + error.message(), "BAD_OPTION");
+    if (!mFolder.empty()) makeFolder("--dot", mFolder);
 }
 
 std::string SnapshotMaker::text(std::chrono::milliseconds age) const {
-    std::string text = "  graph '" + mName + "' at " + clockText(age) + ":";
+    std::string text = concat("  graph '", mInfo.name, "' at ", clockText(age), ":");
     for (const Evidence::Moment& node : mEvidence.nodes()) {
-        text += "\n  node '" + node.record.name + "': " + stateText(node) + "; " + worksText(node);
+        text +=
+            concat("\n  node '", node.record.name, "': ", stateText(node), "; ", worksText(node));
         for (const auto& port : node.status.inputPorts) {
-            text += "; port '" + port.name + "' queued " + std::to_string(port.queuedWorks);
+            text += concat("; port '", port.name, "' queued ", port.queuedWorks);
         }
     }
     for (const PoolRecord* pool : mEvidence.pools()) {
-        text += "\n  pool of '" + pool->name + "': " + poolText(*pool);
+        text += concat("\n  pool of '", pool->name, "': ", poolText(*pool));
     }
     return text;
 }
@@ -95,11 +88,10 @@ void SnapshotMaker::draw(std::chrono::milliseconds age, const std::string& reaso
     if (mFolder.empty()) return;
     const std::string time = clockText(age);
     try {
-        OutputFile file((std::filesystem::path(mFolder) / (time + "-" + reason + ".dot")).string());
-        file.write(dot(mName + ": " + reason + " at " + time));
-        file.commit();
+        writeTextFile("--dot", concat(mFolder, "/", time, "-", reason, ".dot"),
+                      dot(concat(mInfo.name, ": ", reason, " at ", time)));
     } catch (const Failure& failure) {
-        console::line(std::string("vxrun: --dot: ") + failure.what());
+        console::line(failure.what());
     }
 }
 
@@ -114,43 +106,36 @@ std::string SnapshotMaker::dot(const std::string& title) const {
         lines[pool->name].push_back("pool: " + poolText(*pool));
     }
 
-    std::string text = "digraph graph_ {\n  rankdir=LR;\n  labelloc=t;\n  label=" + label({title}) +
-                       ";\n  node [shape=box, style=filled, fontsize=9];\n  edge [fontsize=9];\n";
-    std::map<std::string, std::string> inputIds;
-    for (size_t i = 0; i < mNodes.size(); ++i) {
-        const Node& node = mNodes[i];
-        const std::string id = "n" + std::to_string(i);
-        auto& its = lines[node.name];
-        its.insert(its.begin(), {node.name, node.type});
-        text += "  subgraph cluster_" + id + " {\n    label=" + label(its) + ";\n";
-        const auto addPort = [&](const std::string& port, size_t number, const char* kind,
-                                 const char* color) {
-            std::string portId = id + kind + std::to_string(number);
-            text +=
-                "    " + portId + " [label=" + label({port}) + ", fillcolor=\"" + color + "\"];\n";
-            return portId;
-        };
-        for (size_t p = 0; p < node.inputs.size(); ++p) {
-            inputIds[node.inputs[p].name] = addPort(node.inputs[p].name, p, "_in", "#aaaaff");
+    std::ostringstream text;
+    text << "digraph graph_ {\n  rankdir=LR;\n  labelloc=t;\n  label=" << label({title})
+         << ";\n  node [shape=box, style=filled, fontsize=9];\n  edge [fontsize=9];\n";
+    std::map<std::string, std::string> inputs, outputs;  // the identifiers of ports
+    const auto addPorts = [&](const auto& ports, auto* ids, const char* kind, const char* color) {
+        for (const auto& port : ports) {
+            const std::string id = (*ids)[port.name] = concat(kind, ids->size());
+            text << "    " << id << " [label=" << label({port.name}) << ", fillcolor=\"" << color
+                 << "\"];\n";
         }
-        for (size_t p = 0; p < node.outputs.size(); ++p) {
-            addPort(node.outputs[p].name, p, "_out", "#ffaaaa");
-        }
-        text += "  }\n";
+    };
+    for (const auto& node : mInfo.nodes) {
+        auto& its = lines[node->name];
+        its.insert(its.begin(), {node->name, node->type});
+        text << "  subgraph cluster_" << inputs.size() + outputs.size()
+             << " {\n    label=" << label(its) << ";\n";
+        addPorts(node->inputPorts, &inputs, "in", "#aaaaff");
+        addPorts(node->outputPorts, &outputs, "out", "#ffaaaa");
+        text << "  }\n";
     }
-    for (size_t i = 0; i < mNodes.size(); ++i) {
-        for (size_t p = 0; p < mNodes[i].outputs.size(); ++p) {
-            const auto& output = mNodes[i].outputs[p];
-            const auto targets = mConnections.find(output.name);
-            if (targets == mConnections.end()) continue;
-            for (const std::string& input : targets->second) {
-                text += "  n" + std::to_string(i) + "_out" + std::to_string(p) + " -> " +
-                        inputIds[input] + " [label=" +
-                        label({output.format, std::to_string(queued[input]) + " queued"}) + "];\n";
+    for (const auto& node : mInfo.nodes) {
+        for (const auto& output : node->outputPorts) {
+            for (const std::string& input : mInfo.connections.at(output.name)) {
+                text << "  " << outputs[output.name] << " -> " << inputs[input]
+                     << " [label=" << label({output.format, concat(queued[input], " queued")})
+                     << "];\n";
             }
         }
     }
-    return text + "}\n";
+    return text.str() + "}\n";
 }
 
 }  // namespace vxrun

@@ -7,8 +7,6 @@
 
 #include <chrono>
 #include <string>
-#include <unordered_map>
-#include <vector>
 
 namespace vxrun {
 
@@ -30,17 +28,11 @@ public:
     void draw(std::chrono::milliseconds age, const std::string& reason) const;
 
 private:
-    struct Node {
-        std::string name, type;
-        std::vector<vexa::VXNodeDescriptor::PortInfo> inputs, outputs;
-    };
     std::string dot(const std::string& title) const;
 
-    const std::string mName;
+    vexa::VXGraphInfo mInfo;
     const Evidence& mEvidence;
     const std::string mFolder;
-    std::vector<Node> mNodes;
-    std::unordered_map<std::string, std::vector<std::string>> mConnections;
 };
 
 }  // namespace vxrun

@@ -65,11 +65,17 @@ std::string junitFile(const Suite& suite) {
 
 // ---- Processes --------------------------------------------------------------------------------
 
-FileHandle memoryFile() {
-    FileHandle file(fdopen(memfd_create("vxrun", MFD_CLOEXEC), "r"));
-    if (file == nullptr) throw Failure("vxrun: no memory file: " + errnoText(errno));
-    return file;
-}
+// The process of one vector.
+struct Child {
+    // What it says.
+    FileHandle out = FileHandle(fdopen(memfd_create("out", MFD_CLOEXEC), "r"));
+    FileHandle err = FileHandle(fdopen(memfd_create("err", MFD_CLOEXEC), "r"));
+    Vector* vector = nullptr;
+    pid_t pid = -1;
+    Clock::time_point start = Clock::now();
+    Clock::time_point deadline;  // for the next signal
+    int sent = 0;                // the last signal
+};
 
 // The last bytes of what was written to `file`.
 std::string contentOf(std::FILE* file) {
@@ -90,111 +96,54 @@ std::string textAfter(const std::string& start, const std::string& end, const st
     return text.substr(from, text.find(end, from) - from);
 }
 
-// Child: the process of one vector. Ended, if need be, when it is destroyed.
-class Child {
-public:
-    // `main` is all that the process does; `signals` are those that it blocks.
-    Child(Vector* vector, Clock::duration limit, const sigset_t& signals,
-          const std::function<int()>& main)
-        : mVector(*vector), mDeadline(mStart + limit) {
-        const pid_t parent = getpid();
-        mPid = fork();
-        if (mPid < 0) throw Failure("vxrun: no process: " + errnoText(errno), "NODE_FAIL_INIT");
-        mVector.state = Vector::RUNNING;
-        if (mPid > 0) return;
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        if (getppid() != parent) _exit(1);  // it ended before that
-        dup2(fileno(mOut.get()), STDOUT_FILENO);
-        dup2(fileno(mErr.get()), STDERR_FILENO);
-        pthread_sigmask(SIG_SETMASK, &signals, nullptr);
-        _exit(main());
-    }
-    ~Child() {
-        if (mPid <= 0) return;
-        kill(mPid, SIGKILL);
-        waitpid(mPid, nullptr, 0);
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    Vector& vector() { return mVector; }
-    Clock::time_point deadline() const { return mDeadline; }
-
-    // Sends SIGTERM, the next time SIGKILL.
-    void end() {
-        mSent = mSent == 0 ? SIGTERM : SIGKILL;
-        kill(mPid, mSent);
-        mDeadline = Clock::now() + kGrace;
-    }
-
-    // True when it is over; the vector then has its result, unless it was to be `abandoned`.
-    bool finish(bool negative, bool abandoned) {
-        int status = 0;
-        if (waitpid(mPid, &status, WNOHANG) != mPid) return false;
-        mPid = -1;
-        mVector.seconds = Seconds(Clock::now() - mStart).count();
-        if (!abandoned) judge(status, negative);
-        return true;
-    }
-
-private:
-    void set(Vector::State state, const std::string& type, const std::string& message) {
-        mVector.state = state;
-        mVector.type = type;
-        mVector.message = message;
-    }
-
-    void judge(int status, bool negative) {
-        if (mSent != 0) {
-            return set(Vector::TIMEOUT, "TIMEOUT",
-                       "ended after " + decimal(mVector.seconds, 1) + " s");
-        }
-        std::string& log = mVector.log = contentOf(mErr.get());
-        if (WIFSIGNALED(status)) {
-            const int number = WTERMSIG(status);
-            return set(Vector::ERROR, concat("SIGNAL_", number),
-                       concat("ended by a signal: ", strsignal(number)));
-        }
-        const std::string word = textAfter("verdict: ", " ", log);
-        const std::string message = textAfter("vxrun: ", "\n", log);
-        log.erase(std::min(log.rfind("verdict: "), log.size()));
-        const int code = WEXITSTATUS(status);
-        if (code == exitCode("NOT_SUPPORTED")) return set(Vector::NOT_SUPPORTED, word, message);
-        if (code == exitCode("TIMEOUT")) return set(Vector::TIMEOUT, word, message);
-        if (code != 0 && code != exitCode("FAIL")) return set(Vector::ERROR, word, message);
-        // The pictures decide, where it is known what they have to be: what a decoder calls an error
-        // in a stream that has none is no reason to fail.
-        const std::string md5 = textAfter("", "\n", contentOf(mOut.get()));
-        const bool isRight = mVector.md5.empty() ? code == 0 : md5 == mVector.md5;
-        if (isRight != negative) return set(Vector::SUCCESS, "", "");
+// What became of the vector of a process that has ended with `status`.
+void judge(const Child& child, int status, bool negative) {
+    Vector& vector = *child.vector;
+    vector.log = contentOf(child.err.get());
+    const std::string md5 = textAfter("", "\n", contentOf(child.out.get()));
+    const int code = WEXITSTATUS(status);
+    // The pictures decide, where it is known what they have to be: what a decoder calls an error in a
+    // stream that has none is no reason to fail.
+    const bool isRight = vector.md5.empty() ? code == 0 : md5 == vector.md5;
+    vector.type = textAfter("verdict: ", " ", vector.log);
+    vector.message = textAfter("vxrun: ", "\n", vector.log);
+    vector.log.erase(std::min(vector.log.rfind("verdict: "), vector.log.size()));
+    if (child.sent != 0) {
+        vector.state = Vector::TIMEOUT;
+        vector.type = "TIMEOUT";
+        vector.message = "ended after " + decimal(vector.seconds, 1) + " s";
+    } else if (WIFSIGNALED(status)) {
+        vector.state = Vector::ERROR;
+        vector.type = concat("SIGNAL_", WTERMSIG(status));
+        vector.message = concat("ended by a signal: ", strsignal(WTERMSIG(status)));
+    } else if (code == exitCode("NOT_SUPPORTED")) {
+        vector.state = Vector::NOT_SUPPORTED;
+    } else if (code == exitCode("TIMEOUT")) {
+        vector.state = Vector::TIMEOUT;
+    } else if (code != 0 && code != exitCode("FAIL")) {
+        vector.state = Vector::ERROR;
+    } else if (isRight != negative) {
+        vector.state = Vector::SUCCESS;
+        vector.message.clear();
+    } else {
+        vector.state = Vector::FAIL;
         if (negative) {
-            return set(Vector::FAIL, "UNEXPECTED_PASS", "decoded as if nothing was wrong");
+            vector.type = "UNEXPECTED_PASS";
+            vector.message = "decoded as if nothing was wrong";
+        } else if (!md5.empty()) {
+            vector.type = "CRC_MISMATCH";
+            vector.message = concat("expected MD5 ", vector.md5, ", got ", md5,
+                                    vector.message.empty() ? "" : "; ", vector.message);
         }
-        if (md5.empty()) return set(Vector::FAIL, word, message);
-        set(Vector::FAIL, "CRC_MISMATCH",
-            concat("expected MD5 ", mVector.md5, ", got ", md5, message.empty() ? "" : "; ",
-                   message));
     }
-
-    Vector& mVector;
-    const FileHandle mOut = memoryFile();
-    const FileHandle mErr = memoryFile();
-    const Clock::time_point mStart = Clock::now();
-    Clock::time_point mDeadline;  // for the next signal
-    pid_t mPid = -1;
-    int mSent = 0;  // the last signal
-};
+}
 
 // ---- The run ----------------------------------------------------------------------------------
 
 class SuiteRun {
 public:
-    SuiteRun(const SuiteOptions& options, double timeout,
-             const std::function<int(const DecodeOptions&)>& decode, Suite* suite)
-        : mOptions(options),
-          mLimit(std::chrono::duration_cast<Clock::duration>(Seconds(timeout)) + kGrace),
-          mDecode(decode),
-          mSuite(*suite) {
+    SuiteRun(const SuiteOptions& options, const DecodeFunction& decode, Suite* suite)
+        : mOptions(options), mDecode(decode), mSuite(*suite) {
         sigemptyset(&mSignals);
         for (const int number : {SIGCHLD, SIGINT, SIGTERM}) sigaddset(&mSignals, number);
         std::signal(SIGCHLD, SIG_DFL);  // whoever ignores it would not get the exit codes
@@ -227,7 +176,22 @@ private:
             options.output = fs::path(mOptions.output) / mSuite.name / (vector->name + ".out");
             makeFolder("--output", fs::path(options.output).parent_path());
         }
-        mChildren.emplace_back(vector, mLimit, mOldSignals, [&] { return mDecode(options); });
+        vector->state = Vector::RUNNING;
+        const pid_t parent = getpid();
+        Child& child = mChildren.emplace_back();
+        child.vector = vector;
+        child.deadline = child.start + kGrace +
+                         std::chrono::duration_cast<Clock::duration>(Seconds(mOptions.timeout));
+        if (child.out != nullptr && child.err != nullptr) child.pid = fork();
+        if (child.pid < 0)
+            throw Failure("vxrun: no process: " + errnoText(errno), "NODE_FAIL_INIT");
+        if (child.pid > 0) return;
+        prctl(PR_SET_PDEATHSIG, SIGKILL);   // however the suite ends, this ends with it
+        if (getppid() != parent) _exit(1);  // it ended before that
+        dup2(fileno(child.out.get()), STDOUT_FILENO);
+        dup2(fileno(child.err.get()), STDERR_FILENO);
+        pthread_sigmask(SIG_SETMASK, &mOldSignals, nullptr);
+        _exit(mDecode(options));
     }
 
     std::string inputOf(const Vector& vector) const {
@@ -246,15 +210,26 @@ private:
                 mSignal = number;
                 console::line("vxrun: ending what runs; once more kills it");
             }
-            mChildren.remove_if([&](Child& child) {
-                if (!child.finish(mSuite.negative, mSignal != 0)) {
-                    if (number == mSignal || Clock::now() >= child.deadline()) child.end();
-                    return false;
-                }
-                report(child.vector());
-                return true;
-            });
+            mChildren.remove_if([&](Child& child) { return hasEnded(&child, number == mSignal); });
         }
+    }
+
+    // True when a process has ended; its vector has a result then, unless the run was ended. One that has
+    // not is sent SIGTERM, the next time SIGKILL, when its time is over or if it `shallEnd`.
+    bool hasEnded(Child* child, bool shallEnd) {
+        int status = 0;
+        if (waitpid(child->pid, &status, WNOHANG) == child->pid) {
+            child->vector->seconds = Seconds(Clock::now() - child->start).count();
+            if (mSignal == 0) judge(*child, status, mSuite.negative);
+            report(*child->vector);
+            return true;
+        }
+        if (shallEnd || Clock::now() >= child->deadline) {
+            child->sent = child->sent == 0 ? SIGTERM : SIGKILL;
+            kill(child->pid, child->sent);
+            child->deadline = Clock::now() + kGrace;
+        }
+        return false;
     }
 
     void report(const Vector& vector) {
@@ -264,8 +239,7 @@ private:
     }
 
     const SuiteOptions& mOptions;
-    const Clock::duration mLimit;  // for a process
-    const std::function<int(const DecodeOptions&)>& mDecode;
+    const DecodeFunction& mDecode;
     Suite& mSuite;
     std::list<Child> mChildren;  // that run
     size_t mReported = 0;
@@ -284,19 +258,18 @@ std::string verdictOf(const Sums& sums, int signal, bool anySelected) {
 
 }  // namespace
 
-int runSuite(SuiteOptions options, double timeout,
-             const std::function<int(const DecodeOptions&)>& decode) {
+int runSuite(SuiteOptions options, const DecodeFunction& decode) {
     Suite suite = readSuite(options.file);
     const bool anySelected = selectVectors(options, &suite);
     if (options.list) {
         for (const Vector& vector : suite.vectors) std::printf("%s\n", vector.name.c_str());
         return 0;
     }
-    if (options.resources.empty()) throw Failure("vxrun: no --resources given", "BAD_OPTION");
+    if (options.resources.empty()) throw badOption("--resources", "missing");
     if (options.reports.junit.empty()) options.reports.junit = junitFile(suite);
     constexpr char kStatus[] = "GTEST_SHARD_STATUS_FILE";
     if (!variable(kStatus).empty()) writeTextFile(kStatus, variable(kStatus), "");
-    const int signal = SuiteRun(options, timeout, decode, &suite).run();
+    const int signal = SuiteRun(options, decode, &suite).run();
     const Sums sums = suite.sums();
     const std::string word = verdictOf(sums, signal, anySelected);
     std::printf("%sverdict: %s passed=%zu failed=%zu errors=%zu skipped=%zu\n",

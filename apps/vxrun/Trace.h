@@ -44,10 +44,8 @@ public:
     void flush();
 
 private:
-    nlohmann::json event(const char* phase, const std::string& name, size_t node) const;
-    double sinceStart(Clock::time_point time) const;
-    void write(const nlohmann::json& event);
-    void flushLocked();
+    void add(const char* phase, const std::string& name, size_t node, Clock::time_point time,
+             nlohmann::json more);
 
     const std::string mPath;
     const int mFile;
@@ -55,7 +53,6 @@ private:
     std::mutex mLock;
     std::string mBuffer = "[";  // guarded by mLock, as the rest is: not yet in the file
     int64_t mWritten = 0;       // bytes of the file that stay
-    bool mFirst = true;
     bool mFailed = false;
 };
 

@@ -224,10 +224,11 @@ int run(const Options& options) {
         }
         if (options.command == Options::CHECK) return check(options.graph);
         if (options.command == Options::SUITE) {
-            return runSuite(options.suite, options.run.timeout, [&](const DecodeOptions& vector) {
+            return runSuite(options.suite, [&](const DecodeOptions& vector) {
                 Options its = options;
                 its.command = Options::DECODE;
                 its.decode = vector;
+                its.run.timeout = options.suite.timeout;
                 its.unsupportedExit = exitCode("NOT_SUPPORTED");
                 its.quiet = false;
                 its.color = console::Color::NEVER;
@@ -263,7 +264,7 @@ int start(int argc, char** argv) {
                       : suite->parsed()    ? Options::SUITE
                       : checking->parsed() ? Options::CHECK
                                            : Options::GRAPH;
-    if (suite->parsed() && options.run.timeout == 0) options.run.timeout = 60;
+    if (options.run.timeout > 0) options.suite.timeout = options.run.timeout;
     return run(options);
 }
 
