@@ -50,16 +50,13 @@ protected:
 };
 
 // Catches: a way to end with a wrong exit code or verdict, one that hangs or crashes, one that passes
-// without evidence; trouble without a snapshot.
+// without evidence; trouble without a snapshot; a signal or time-out that does not stop in order.
 TEST_F(VxrunObserved, EveryWayToEnd) {
     makeClip();
     const std::string clip = contentOf(path("clip.y4m"));
     const std::string list = contentOf(path("clip.framemd5"));
-    const std::string lastRow = list.substr(list.rfind("\n0,") + 1);
     writeFile(path("cut.y4m"), clip.substr(0, clip.size() - 1));
     writeFile(path("bad.framemd5"), replaced(list, "36, ", "37, "));
-    writeFile(path("short.framemd5"), replaced(list, lastRow, ""));
-    writeFile(path("long.framemd5"), list + lastRow);
     writeFile(path("alpha.y4m"), "YUV4MPEG2 W6 H4 C444alpha\n");
     const int writer = makePipe("");
     const std::vector<std::string> endless = {"reader.file=/dev/zero", "check.expect="};
@@ -76,8 +73,6 @@ TEST_F(VxrunObserved, EveryWayToEnd) {
     const Case cases[] = {
         {"", "", {}, "PASS", 0},
         {"", "", {"check.expect=" + path("bad.framemd5")}, "CRC_MISMATCH", 1},
-        {"", "", {"check.expect=" + path("short.framemd5")}, "CRC_MISMATCH", 1},
-        {"", "", {"check.expect=" + path("long.framemd5")}, "CRC_MISMATCH", 1},
         {"", "", {"check.expect="}, "NOTHING_CHECKED", 4},
         {"", "", {"reader.file=" + path("cut.y4m")}, "NODE_FAIL_FATAL", 3, {}, "error"},
         {"", "", {"reader.file=" + path("none")}, "NODE_FAIL_INIT", 3},
@@ -109,6 +104,10 @@ TEST_F(VxrunObserved, EveryWayToEnd) {
         }
         EXPECT_EQ(process.wait(), c.exit) << process.err;
         EXPECT_EQ(process.out.rfind("verdict: " + c.verdict + " frames=", 0), 0u) << process.out;
+        if (c.configs == endless) {
+            EXPECT_NE(process.err.find("Handle Stop"), std::string::npos) << process.err;
+            EXPECT_EQ(process.err.find("the graph does not stop"), std::string::npos);
+        }
         if (c.snapshot == nullptr) continue;
         EXPECT_NE(process.err.find("\n  graph 'linear' at 0.00."), std::string::npos)
             << process.err;
@@ -364,23 +363,6 @@ TEST_F(VxrunObserved, Colors) {
         EXPECT_EQ(process.out, std::string("verdict: ") +
                                    (c.painted ? "\033[32mPASS\033[m" : "PASS") +
                                    " frames=4 checked=4 first_bad=-\n");
-    }
-}
-
-// Catches: a target that cannot be written and is ignored, or noticed only after the run.
-TEST_F(VxrunObserved, RefusesBadTargets) {
-    makeClip();
-    const std::pair<const char*, const char*> cases[] = {
-        {"--progress", "99"},
-        {"--progress", "/nonexistent/x"},
-        {"--trace", "/nonexistent/x"},
-        {"--dot", "/dev/null/x"},
-        {"--stall", "-1"},
-        {"--color", "sometimes"},
-    };
-    for (const auto& [option, value] : cases) {
-        expectFailure(vxrun({graph("linear"), option, value}), 2,
-                      std::string("BAD_OPTION") + kNothing, option);
     }
 }
 

@@ -70,11 +70,10 @@ void addCase(pugi::xml_node parent, const Suite& suite, const Vector& vector) {
     if (vector.state == Vector::NOT_RUN || vector.state == Vector::NOT_SUPPORTED) {
         node.append_child("skipped");
     } else if (vector.state != Vector::SUCCESS) {
-        const bool isRunning = vector.state == Vector::RUNNING;
-        const std::string message = isRunning ? "did not finish" : vector.message;
         add(node, vector.state == Vector::FAIL ? "failure" : "error",
-            {{"type", isRunning ? "DID_NOT_FINISH" : vector.type}, {"message", message}})
-            .text() = xmlText(message).c_str();  // some readers show this, some the attribute
+            {{"type", vector.type}, {"message", vector.message}})
+            .text() =
+            xmlText(vector.message).c_str();  // some readers show this, some the attribute
     }
     if (vector.state != Vector::SUCCESS && !vector.log.empty()) {
         node.append_child("system-err").text() = xmlText(vector.log).c_str();
@@ -85,8 +84,8 @@ std::string junitReport(const Suite& suite) {
     const Sums sums = suite.sums();
     Attributes attributes = {{"name", "vxrun"},
                              {"tests", std::to_string(sums.total)},
-                             {"failures", std::to_string(sums.failed)},
-                             {"errors", std::to_string(sums.errors)},
+                             {"failures", std::to_string(sums.of[Vector::FAIL])},
+                             {"errors", std::to_string(sums.errors())},
                              {"time", decimal(sums.seconds, 3)}};
     pugi::xml_document document;
     pugi::xml_node root = add(document, "testsuites", attributes);
@@ -120,15 +119,16 @@ std::string jsonReport(const Suite& suite) {
     const Sums sums = suite.sums();
     Json run = {{"decoder_name", decoderName(suite)},
                 {"total_tests", sums.total},
-                {"passed", sums.passed},
-                {"not_run", sums.notRun},
-                {"not_supported", sums.notSupported},
-                {"failed_error", sums.failed + sums.errors},
+                {"passed", sums.of[Vector::SUCCESS]},
+                {"not_run", sums.of[Vector::NOT_RUN]},
+                {"not_supported", sums.of[Vector::NOT_SUPPORTED]},
+                {"failed_error", sums.of[Vector::FAIL] + sums.errors()},
                 {"total_time", sums.seconds},
                 {"profile_stats", Json::object()},
                 {"vectors", Json::object()}};
     for (const auto& [profile, part] : sumsByProfile(suite)) {
-        run["profile_stats"][profile] = {{"passed", part.passed}, {"total", part.total}};
+        run["profile_stats"][profile] = {{"passed", part.of[Vector::SUCCESS]},
+                                         {"total", part.total}};
     }
     for (const Vector& vector : suite.vectors) {
         Json& entry = run["vectors"][vector.name];
@@ -174,7 +174,9 @@ std::string markdownReport(const Suite& suite) {
     for (const Vector& vector : suite.vectors) {
         vectors += markdownRow(vector.name, stateName(vector.state));
     }
-    const auto ratio = [](const Sums& part) { return concat(part.passed, "/", part.total); };
+    const auto ratio = [](const Sums& part) {
+        return concat(part.of[Vector::SUCCESS], "/", part.total);
+    };
     const Sums sums = suite.sums();
     vectors += markdownRow("TOTAL", ratio(sums)) +
                markdownRow("TOTAL TIME", decimal(sums.seconds, 3) + "s");
@@ -207,8 +209,8 @@ std::string profileTable(const Suite& suite) {
           << "     total    passed    failed    errors   skipped   seconds\n";
     for (const auto& [name, sums] : rows) {
         table << name << std::string(width - name.size(), ' ');
-        for (const size_t sum :
-             {sums.total, sums.passed, sums.failed, sums.errors, sums.skipped()}) {
+        for (const size_t sum : {sums.total, sums.of[Vector::SUCCESS], sums.of[Vector::FAIL],
+                                 sums.errors(), sums.skipped()}) {
             table << std::setw(10) << sum;
         }
         table << std::setw(10) << decimal(sums.seconds, 1) << "\n";

@@ -30,83 +30,73 @@ std::string codecName(const std::string& codec) {
     return name != names.end() ? name->second : lowerCase(codec);
 }
 
-// SuiteReader: one walk over the document.
-class SuiteReader {
-public:
-    explicit SuiteReader(const std::string& path) : mDocument(path, "suite") {}
+std::string text(const JsonDocument& document, const JsonValue& object, const char* key,
+                 const char* preset = "") {
+    return object.find(key) == nullptr ? preset
+                                       : document.member(object, key, JsonValue::STRING).text;
+}
 
-    Suite read() {
-        const JsonValue& root = mDocument.expectObject(
-            mDocument.root(),
-            {"name", "codec", "description", "test_vectors", "failing_test_vectors", "test_method",
-             "negative_test", "test_vectors_success", "test_vectors_not_run",
-             "test_vectors_not_supported", "time_taken"});
-        mSuite.name = fileName(root, "name");
-        mSuite.codec = codecName(mDocument.name(root, "codec"));
-        text(root, "description", "");
-        mDocument.items(root, "failing_test_vectors", JsonValue::ARRAY);
-        mSuite.testMethod = text(root, "test_method", "md5");
-        const std::set<std::string> methods = {"md5", "pixel", "sample"};
-        if (methods.count(mSuite.testMethod) == 0) {
-            mDocument.fail(*root.find("test_method"),
-                           "expected md5, pixel or sample, got " + quote(mSuite.testMethod));
-        }
-        mSuite.negative =
-            root.find("negative_test") != nullptr &&
-            mDocument.member(root, "negative_test", JsonValue::BOOLEAN).text == "true";
-        std::set<std::string> names;
-        for (const auto& json : mDocument.member(root, "test_vectors", JsonValue::ARRAY).items) {
-            readVector(json);
-            const std::string& name = mSuite.vectors.back().name;
-            if (names.insert(name).second) continue;
-            mDocument.fail(*json.find("name"), "another vector is named " + quote(name));
-        }
-        return std::move(mSuite);
+// A name that becomes part of paths, none of which may lead out of the folder given for it.
+std::string fileName(const JsonDocument& document, const JsonValue& object, const char* key) {
+    const std::filesystem::path path = document.name(object, key);
+    if (path.is_absolute() || std::find(path.begin(), path.end(), "..") != path.end()) {
+        document.fail(*object.find(key), "expected a name without '..', got " + quote(path));
     }
+    return path;
+}
 
-private:
-    void readVector(const JsonValue& json) {
-        mDocument.expectObject(json, {"name", "source", "source_checksum", "input_file",
-                                      "output_format", "result", "profile", "optional_params"});
-        Vector& vector = mSuite.vectors.emplace_back();
-        vector.name = fileName(json, "name");
-        vector.inputFile = fileName(json, "input_file");
-        vector.format = text(json, "output_format", "None");
-        vector.profile = text(json, "profile", "");
-        vector.md5 = lowerCase(text(json, "result", ""));
-        if (mSuite.testMethod != "md5" || (mSuite.negative && vector.md5.empty())) return;
-        const JsonValue& result = mDocument.member(json, "result", JsonValue::STRING);
-        if (vector.md5.size() != 32 ||
-            vector.md5.find_first_not_of("0123456789abcdef") != vector.md5.npos) {
-            mDocument.fail(result, "expected an MD5, got " + quote(result.text));
-        }
-        if (vector.md5 == kMd5OfNothing) mDocument.fail(result, "the MD5 of no data");
+Vector readVector(const JsonDocument& document, const JsonValue& json, const Suite& suite) {
+    document.expectObject(json, {"name", "source", "source_checksum", "input_file", "output_format",
+                                 "result", "profile", "optional_params"});
+    Vector vector;
+    vector.name = fileName(document, json, "name");
+    vector.inputFile = fileName(document, json, "input_file");
+    vector.format = text(document, json, "output_format", "None");
+    vector.profile = text(document, json, "profile");
+    vector.md5 = lowerCase(text(document, json, "result"));
+    const auto isSame = [&](const Vector& other) { return other.name == vector.name; };
+    if (std::any_of(suite.vectors.begin(), suite.vectors.end(), isSame)) {
+        document.fail(*json.find("name"), "another vector is named " + quote(vector.name));
     }
-
-    std::string text(const JsonValue& object, const char* key, const char* preset) const {
-        return object.find(key) == nullptr ? preset
-                                           : mDocument.member(object, key, JsonValue::STRING).text;
+    if (suite.testMethod != "md5" || (suite.negative && vector.md5.empty())) return vector;
+    const JsonValue& result = document.member(json, "result", JsonValue::STRING);
+    if (vector.md5.size() != 32 ||
+        vector.md5.find_first_not_of("0123456789abcdef") != vector.md5.npos) {
+        document.fail(result, "expected an MD5, got " + quote(result.text));
     }
-
-    // A name that becomes part of paths, none of which may lead out of the folder given for it.
-    std::string fileName(const JsonValue& object, const std::string& key) const {
-        const std::string& name = mDocument.name(object, key);
-        const std::filesystem::path path = name;
-        if (path.is_absolute() || std::find(path.begin(), path.end(), "..") != path.end()) {
-            mDocument.fail(*object.find(key), "expected a name without '..', got " + quote(name));
-        }
-        return name;
-    }
-
-    const JsonDocument mDocument;
-    Suite mSuite;
-};
+    if (vector.md5 == kMd5OfNothing) document.fail(result, "the MD5 of no data");
+    return vector;
+}
 
 }  // namespace
 
+Suite readSuite(const std::string& path) {
+    const JsonDocument document(path, "suite");
+    const JsonValue& root = document.expectObject(
+        document.root(), {"name", "codec", "description", "test_vectors", "failing_test_vectors",
+                          "test_method", "negative_test", "test_vectors_success",
+                          "test_vectors_not_run", "test_vectors_not_supported", "time_taken"});
+    Suite suite;
+    suite.name = fileName(document, root, "name");
+    suite.codec = codecName(document.name(root, "codec"));
+    text(document, root, "description");
+    document.items(root, "failing_test_vectors", JsonValue::ARRAY);
+    suite.testMethod = text(document, root, "test_method", "md5");
+    const std::set<std::string> methods = {"md5", "pixel", "sample"};
+    if (methods.count(suite.testMethod) == 0) {
+        document.fail(*root.find("test_method"),
+                      "expected md5, pixel or sample, got " + quote(suite.testMethod));
+    }
+    suite.negative = root.find("negative_test") != nullptr &&
+                     document.member(root, "negative_test", JsonValue::BOOLEAN).text == "true";
+    for (const auto& json : document.member(root, "test_vectors", JsonValue::ARRAY).items) {
+        suite.vectors.push_back(readVector(document, json, suite));
+    }
+    return suite;
+}
+
 void Sums::add(const Vector& vector) {
-    size_t* const sums[] = {&notRun, &errors, &passed, &failed, &errors, &errors, &notSupported};
-    ++*sums[vector.state];
+    ++of[vector.state];
     ++total;
     seconds += vector.seconds;
 }
@@ -117,13 +107,9 @@ Sums Suite::sums() const {
     return sums;
 }
 
-Suite readSuite(const std::string& path) {
-    return SuiteReader(path).read();
-}
-
 const char* stateName(Vector::State state) {
-    static constexpr const char* kNames[] = {"Not run", "Error", "Success",      "Fail",
-                                             "Timeout", "Error", "Not supported"};
+    static constexpr const char* kNames[] = {"Not run", "Success", "Fail",
+                                             "Timeout", "Error",   "Not supported"};
     return kNames[state];
 }
 
@@ -144,14 +130,6 @@ void filterVectors(Suite* suite, const std::string& filter) {
     };
     auto& vectors = suite->vectors;
     vectors.erase(std::remove_if(vectors.begin(), vectors.end(), isOut), vectors.end());
-}
-
-void shardVectors(Suite* suite, size_t index, size_t total) {
-    std::vector<Vector> part;
-    for (size_t i = index; i < suite->vectors.size(); i += total) {
-        part.push_back(std::move(suite->vectors[i]));
-    }
-    suite->vectors = std::move(part);
 }
 
 }  // namespace vxrun

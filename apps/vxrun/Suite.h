@@ -8,7 +8,7 @@ namespace vxrun {
 
 // One vector, and what came of it.
 struct Vector {
-    enum State { NOT_RUN, RUNNING, SUCCESS, FAIL, TIMEOUT, ERROR, NOT_SUPPORTED };
+    enum State { NOT_RUN, SUCCESS, FAIL, TIMEOUT, ERROR, NOT_SUPPORTED, STATES };
 
     // From the suite file.
     std::string name;
@@ -27,14 +27,11 @@ struct Vector {
 // How many vectors there are of each kind.
 struct Sums {
     void add(const Vector& vector);
-    size_t skipped() const { return notRun + notSupported; }
+    size_t errors() const { return of[Vector::ERROR] + of[Vector::TIMEOUT]; }
+    size_t skipped() const { return of[Vector::NOT_RUN] + of[Vector::NOT_SUPPORTED]; }
 
+    size_t of[Vector::STATES] = {};
     size_t total = 0;
-    size_t passed = 0;
-    size_t failed = 0;
-    size_t errors = 0;  // timeouts, and what has not finished, too
-    size_t notRun = 0;
-    size_t notSupported = 0;
     double seconds = 0;
 };
 
@@ -55,11 +52,8 @@ Suite readSuite(const std::string& path);
 // The name of a state as reports have it: "Success", "Not supported", ...
 const char* stateName(Vector::State state);
 
-// Leaves the vectors that `filter` selects and of these the ones with number index, index + total, ...
-//
-// `filter` is a list of globs, separated by colons; what matches one from the first "-" before a glob
-// on is left out. They match a vector's name, or suite.name. Empty: all.
+// Leaves the vectors that `filter` selects: a list of globs, separated by colons; what matches one from
+// the first "-" before a glob on is left out. They match a vector's name, or suite.name. Empty: all.
 void filterVectors(Suite* suite, const std::string& filter);
-void shardVectors(Suite* suite, size_t index, size_t total);
 
 }  // namespace vxrun

@@ -48,7 +48,12 @@ bool selectVectors(const SuiteOptions& options, Suite* suite) {
         constexpr uint64_t kMaxShards = 1'000'000;
         const uint64_t shards = parseNumber(total, 1, kMaxShards);
         const uint64_t first = given ? 1 : 0;
-        shardVectors(suite, parseNumber(index, first, shards - 1 + first) - first, shards);
+        std::vector<Vector> part;
+        for (uint64_t i = parseNumber(index, first, shards - 1 + first) - first;
+             i < suite->vectors.size(); i += shards) {
+            part.push_back(std::move(suite->vectors[i]));
+        }
+        suite->vectors = std::move(part);
     } catch (const Failure& failure) {
         throw badOption(given ? "--shard" : "GTEST_SHARD_INDEX, GTEST_TOTAL_SHARDS",
                         failure.what());
@@ -176,7 +181,9 @@ private:
             options.output = fs::path(mOptions.output) / mSuite.name / (vector->name + ".out");
             makeFolder("--output", fs::path(options.output).parent_path());
         }
-        vector->state = Vector::RUNNING;
+        vector->state = Vector::ERROR;  // as long as it runs
+        vector->type = "DID_NOT_FINISH";
+        vector->message = "did not finish";
         const pid_t parent = getpid();
         Child& child = mChildren.emplace_back();
         child.vector = vector;
@@ -251,8 +258,8 @@ private:
 // The verdict's word.
 std::string verdictOf(const Sums& sums, int signal, bool anySelected) {
     if (signal != 0) return signal == SIGINT ? "SIGINT" : "SIGTERM";
-    if (sums.failed + sums.errors > 0) return "FAIL";
-    if (sums.passed > 0) return "PASS";
+    if (sums.of[Vector::FAIL] + sums.errors() > 0) return "FAIL";
+    if (sums.of[Vector::SUCCESS] > 0) return "PASS";
     return anySelected ? "SKIPPED" : "NOTHING_CHECKED";  // that is a mistake in the selection
 }
 
@@ -273,8 +280,8 @@ int runSuite(SuiteOptions options, const DecodeFunction& decode) {
     const Sums sums = suite.sums();
     const std::string word = verdictOf(sums, signal, anySelected);
     std::printf("%sverdict: %s passed=%zu failed=%zu errors=%zu skipped=%zu\n",
-                profileTable(suite).c_str(), word.c_str(), sums.passed, sums.failed, sums.errors,
-                sums.skipped());
+                profileTable(suite).c_str(), word.c_str(), sums.of[Vector::SUCCESS],
+                sums.of[Vector::FAIL], sums.errors(), sums.skipped());
     std::fflush(stdout);
     return exitCode(word);
 }
