@@ -4,13 +4,11 @@
 
 #include <unistd.h>
 
-#include <atomic>
-
 namespace vxrun::console {
 namespace {
 
-std::atomic<bool> sQuiet{false};
-std::atomic<Color> sColor{Color::AUTO};
+bool sQuiet = false;
+std::string sColor = "auto";
 
 bool onTerminal() {
     return isatty(STDERR_FILENO) == 1;
@@ -22,7 +20,7 @@ void print(const std::string& text) {
 }
 
 bool hasColor(int fd) {
-    if (sColor != Color::AUTO) return sColor == Color::ALWAYS;
+    if (sColor != "auto") return sColor == "always";
     if (!variable("NO_COLOR").empty()) return false;
     const std::string force = variable("CLICOLOR_FORCE");
     if (!force.empty() && force != "0") return true;
@@ -31,7 +29,7 @@ bool hasColor(int fd) {
 
 }  // namespace
 
-void set(bool quiet, Color color) {
+void set(bool quiet, const std::string& color) {
     sQuiet = quiet;
     sColor = color;
 }

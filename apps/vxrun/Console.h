@@ -7,11 +7,9 @@
 
 namespace vxrun::console {
 
-// When to use colours. AUTO: on a terminal that has them, unless the environment says otherwise.
-enum class Color { AUTO, ALWAYS, NEVER };
-
-// `quiet` silences everything here.
-void set(bool quiet, Color color);
+// `quiet` silences everything here. `color`: "always", "never" or "auto": on a terminal that has them,
+// unless the environment says otherwise. Before other threads start.
+void set(bool quiet, const std::string& color);
 
 // `text` in red, or in green when it is `good`, if what is written to `fd` is to have colours.
 std::string painted(const std::string& text, bool good, int fd);

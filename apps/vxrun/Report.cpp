@@ -41,15 +41,6 @@ std::string xmlText(const std::string& text) {
     return std::regex_replace(json::parse(quoted).get<std::string>(), forbidden, "");
 }
 
-std::string now() {
-    const time_t time = std::time(nullptr);
-    std::tm parts{};
-    gmtime_r(&time, &parts);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
-    return text;
-}
-
 using Attributes = std::vector<std::pair<const char*, std::string>>;
 
 pugi::xml_node add(pugi::xml_node parent, const char* kind, const Attributes& attributes) {
@@ -89,12 +80,16 @@ std::string junitReport(const Suite& suite) {
                              {"time", decimal(sums.seconds, 3)}};
     pugi::xml_document document;
     pugi::xml_node root = add(document, "testsuites", attributes);
-    char host[256] = "";
-    gethostname(host, sizeof host - 1);
+    utsname system{};
+    uname(&system);
+    const time_t time = std::time(nullptr);
+    std::tm now{};
+    gmtime_r(&time, &now);
     attributes.front().second = suite.name;
-    attributes.insert(
-        attributes.end(),
-        {{"skipped", std::to_string(sums.skipped())}, {"timestamp", now()}, {"hostname", host}});
+    attributes.insert(attributes.end(),
+                      {{"skipped", std::to_string(sums.skipped())},
+                       {"timestamp", concat(std::put_time(&now, "%Y-%m-%dT%H:%M:%S"))},
+                       {"hostname", system.nodename}});
     pugi::xml_node node = add(root, "testsuite", attributes);
     add(node.append_child("properties"), "property",
         {{"name", "decoder"}, {"value", decoderName(suite)}});

@@ -37,13 +37,14 @@ bool selectVectors(const SuiteOptions& options, Suite* suite) {
     filterVectors(suite, options.filter.empty() ? variable("GTEST_FILTER") : options.filter);
     const bool any = !suite->vectors.empty();
     const bool given = !options.shard.empty();
-    const std::string totalShards = variable("GTEST_TOTAL_SHARDS");
-    if (!given && totalShards.empty()) return any;
-    std::istringstream shard(given ? options.shard
-                                   : variable("GTEST_SHARD_INDEX") + "/" + totalShards);
-    std::string index, total;
-    std::getline(shard, index, '/');
-    std::getline(shard, total);
+    std::string index = variable("GTEST_SHARD_INDEX"), total = variable("GTEST_TOTAL_SHARDS");
+    if (given) {
+        const size_t slash = std::min(options.shard.find('/'), options.shard.size() - 1);
+        index = options.shard.substr(0, slash);
+        total = options.shard.substr(slash + 1);
+    } else if (total.empty()) {
+        return any;
+    }
     try {
         constexpr uint64_t kMaxShards = 1'000'000;
         const uint64_t shards = parseNumber(total, 1, kMaxShards);
@@ -59,13 +60,6 @@ bool selectVectors(const SuiteOptions& options, Suite* suite) {
                         failure.what());
     }
     return any;
-}
-
-// "xml:FILE" or "xml:FOLDER/"; other kinds are GoogleTest's own.
-std::string junitFile(const Suite& suite) {
-    const std::string output = variable("GTEST_OUTPUT");
-    if (output.rfind("xml:", 0) != 0) return {};
-    return output.substr(4) + (output.back() == '/' ? suite.name + ".xml" : "");
 }
 
 // ---- Processes --------------------------------------------------------------------------------
@@ -273,7 +267,12 @@ int runSuite(SuiteOptions options, const DecodeFunction& decode) {
         return 0;
     }
     if (options.resources.empty()) throw badOption("--resources", "missing");
-    if (options.reports.junit.empty()) options.reports.junit = junitFile(suite);
+    // "xml:FILE" or "xml:FOLDER/"; other kinds are GoogleTest's own.
+    const std::string output = variable("GTEST_OUTPUT");
+    if (options.reports.junit.empty() && output.rfind("xml:", 0) == 0) {
+        options.reports.junit =
+            output.substr(4) + (output.back() == '/' ? suite.name + ".xml" : "");
+    }
     constexpr char kStatus[] = "GTEST_SHARD_STATUS_FILE";
     if (!variable(kStatus).empty()) writeTextFile(kStatus, variable(kStatus), "");
     const int signal = SuiteRun(options, decode, &suite).run();

@@ -12,7 +12,6 @@
 #include <cutils/properties.h>
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -21,20 +20,17 @@ namespace vxrun {
 namespace {
 
 struct Options {
-    enum { GRAPH, CHECK, DECODE, SUITE } command = GRAPH;
+    std::string command;  // the name of the subcommand; empty: a graph is to run
     std::string mistake;  // in the options themselves; empty: none
 
     std::string graph;
     std::vector<std::string> overrides;
     std::string record;
-    bool force = false;
     std::string logMask;
     std::string dumpFolder;
+    std::string color = "auto";
+    bool force = false, stats = false, quiet = false, listNodes = false;
     RunOptions run;
-    console::Color color = console::Color::AUTO;
-    bool stats = false;
-    bool quiet = false;
-    bool listNodes = false;
     DecodeOptions decode;
     int unsupportedExit = 69;  // EX_UNAVAILABLE, as runners of conformance suites expect it
     SuiteOptions suite;
@@ -78,19 +74,17 @@ void addOptions(CLI::App* app, Options* options) {
     add(app, "--progress FILE|FD", &run.progress, "Write progress as key=value blocks");
     add(app, "--trace FILE", &run.trace, "Write what happened when, for trace viewers");
     add(app, "--dot DIR", &run.dot, "Write pictures of the graph: at the start and of trouble");
-    const std::map<std::string, console::Color> colors = {{"auto", console::Color::AUTO},
-                                                          {"always", console::Color::ALWAYS},
-                                                          {"never", console::Color::NEVER}};
     add(app, "--color WHEN", &options->color, "Colours: always, never or auto (default)")
-        ->transform(CLI::CheckedTransformer(colors));
+        ->check(CLI::IsMember({"always", "never", "auto"}));
     app->add_flag("--stats", options->stats, "Print what every buffer pool has done");
     app->add_flag("--quiet", options->quiet, "Print the verdict only");
     app->add_flag("--list-nodes", options->listNodes, "List the node types and their configs");
 }
 
-CLI::App* addDecode(CLI::App* app, Options* options) {
+void addDecode(CLI::App* app, Options* options) {
     CLI::App* const decode = app->add_subcommand(
         "decode", "Decodes a video file; prints the MD5 of all its pictures, or writes them");
+    decode->fallthrough();
     DecodeOptions& its = options->decode;
     add(decode, "IN FILE", &its.input, "The file to decode")->required();
     add(decode, "-o,--output FILE", &its.output, "The raw video to write");
@@ -101,12 +95,12 @@ CLI::App* addDecode(CLI::App* app, Options* options) {
     add(decode, "--unsupported-exit CODE", &options->unsupportedExit,
         "Exit code for what is not supported, default 69")
         ->check(CLI::Range(0, 255));
-    return decode->fallthrough();
 }
 
-CLI::App* addSuite(CLI::App* app, SuiteOptions* options) {
+void addSuite(CLI::App* app, SuiteOptions* options) {
     CLI::App* const suite =
         app->add_subcommand("suite", "Decodes the vectors of a conformance suite");
+    suite->fallthrough();
     add(suite, "FILE SUITE.json", &options->file, "The suite")->required();
     add(suite, "--resources DIR", &options->resources, "Where the vectors' files are");
     add(suite, "--output DIR", &options->output, "Keep the raw video of every vector here");
@@ -123,7 +117,6 @@ CLI::App* addSuite(CLI::App* app, SuiteOptions* options) {
     for (const char* const option : {"--record", "--progress", "--trace", "--dot"}) {
         suite->excludes(app->get_option(option));
     }
-    return suite->fallthrough();
 }
 
 int listNodes() {
@@ -141,24 +134,20 @@ int listNodes() {
     return 0;
 }
 
-void setLogLevel(const Options& options) {
-    const std::string mask = options.logMask.empty() && options.quiet ? "0" : options.logMask;
-    if (!mask.empty()) property_set("vendor.vexa.log.msg", mask.c_str());
-    vexa::vxUpdateLogLevel();
-}
-
 // Makes the one sink/checksum of `graph` write a list to `path`.
 void record(const Options& options, const std::string& path, vexa::VXGraphInfo* graph) {
-    const auto isSink = [](const auto& node) { return node->type == "sink/checksum"; };
-    const auto sinks = std::count_if(graph->nodes.begin(), graph->nodes.end(), isSink);
-    if (sinks != 1) {
+    std::vector<vexa::VXNodeDescriptor*> sinks;
+    for (const auto& node : graph->nodes) {
+        if (node->type == "sink/checksum") sinks.push_back(node.get());
+    }
+    if (sinks.size() != 1) {
         throw badOption("--record",
-                        concat("the graph has ", sinks, " sink/checksum nodes, expected 1"));
+                        concat("the graph has ", sinks.size(), " sink/checksum nodes, expected 1"));
     }
     if (!options.force && std::filesystem::exists(options.record)) {
         throw badOption("--record", options.record + " exists; --force replaces it");
     }
-    auto& configs = (*std::find_if(graph->nodes.begin(), graph->nodes.end(), isSink))->configs;
+    auto& configs = sinks.front()->configs;
     configs["expect"] = "";
     configs["write"] = path;
     std::string& format = configs["format"];
@@ -175,7 +164,7 @@ int check(const std::string& graph) {
 
 // Builds and runs the graph, that of a file or of `vxrun decode`.
 void runGraph(const Options& options, Evidence* evidence) {
-    const bool decodes = options.command == Options::DECODE;
+    const bool decodes = options.command == "decode";
     vexa::VXGraphInfo graph = decodes ? decodeGraph(options.decode) : readGraphFile(options.graph);
     for (const std::string& assignment : options.overrides) overrideConfig(&graph, assignment);
     if (!options.dumpFolder.empty()) setWhereKnown(&graph, "dump_bad", options.dumpFolder);
@@ -189,7 +178,9 @@ void runGraph(const Options& options, Evidence* evidence) {
     for (const NodeType* type : nodeTypes()) {
         factories.push_back(std::make_unique<NodeFactory>(*type, *evidence));
     }
-    setLogLevel(options);
+    const std::string mask = options.logMask.empty() && options.quiet ? "0" : options.logMask;
+    if (!mask.empty()) property_set("vendor.vexa.log.msg", mask.c_str());
+    vexa::vxUpdateLogLevel();
     runGraph(std::move(graph), options.run, evidence);
     evidence->closePools(options.stats);
     if (options.record.empty()) return;
@@ -206,7 +197,7 @@ void runGraph(const Options& options, Evidence* evidence) {
 int run(const Options& options) {
     console::set(options.quiet, options.color);
     // The MD5 is the last line on standard output.
-    const bool decodes = options.command == Options::DECODE;
+    const bool decodes = options.command == "decode";
     Evidence evidence(decodes ? stderr : stdout);
     const auto fail = [&](const std::string& text, const std::string& verdict) {
         console::line(text);
@@ -215,23 +206,22 @@ int run(const Options& options) {
     try {
         if (!options.mistake.empty()) throw Failure("vxrun: " + options.mistake, "BAD_OPTION");
         if (options.listNodes) return listNodes();
-        const bool wantsGraph =
-            options.command == Options::GRAPH || options.command == Options::CHECK;
+        const bool wantsGraph = options.command.empty() || options.command == "check";
         if (options.graph.empty() == wantsGraph) {
             throw Failure(wantsGraph ? "vxrun: no graph file given, see --help"
                                      : "vxrun: unexpected " + quote(options.graph),
                           "BAD_OPTION");
         }
-        if (options.command == Options::CHECK) return check(options.graph);
-        if (options.command == Options::SUITE) {
+        if (options.command == "check") return check(options.graph);
+        if (options.command == "suite") {
             return runSuite(options.suite, [&](const DecodeOptions& vector) {
                 Options its = options;
-                its.command = Options::DECODE;
+                its.command = "decode";
                 its.decode = vector;
                 its.run.timeout = options.suite.timeout;
                 its.unsupportedExit = exitCode("NOT_SUPPORTED");
                 its.quiet = false;
-                its.color = console::Color::NEVER;
+                its.color = "never";
                 return run(its);
             });
         }
@@ -249,21 +239,20 @@ int start(int argc, char** argv) {
     Options options;
     CLI::App app("Runs a graph of nodes and says whether the test passed.", "vxrun");
     addOptions(&app, &options);
-    const CLI::App* const decode = addDecode(&app, &options);
-    const CLI::App* const suite = addSuite(&app, &options.suite);
-    CLI::App* const checking =
+    addDecode(&app, &options);
+    addSuite(&app, &options.suite);
+    CLI::App* const check =
         app.add_subcommand("check", "Tells all that is wrong with a graph file, and runs nothing");
-    add(checking, "graph GRAPH.json", &options.graph, "The graph file")->required();
+    add(check, "graph GRAPH.json", &options.graph, "The graph file")->required();
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
         options.mistake = error.what();
     }
-    options.command = decode->parsed()     ? Options::DECODE
-                      : suite->parsed()    ? Options::SUITE
-                      : checking->parsed() ? Options::CHECK
-                                           : Options::GRAPH;
+    for (const CLI::App* const command : app.get_subcommands()) {
+        options.command = command->get_name();
+    }
     if (options.run.timeout > 0) options.suite.timeout = options.run.timeout;
     return run(options);
 }
