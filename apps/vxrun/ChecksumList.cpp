@@ -13,10 +13,10 @@ extern "C" {
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cctype>
 #include <cinttypes>
 #include <cstdio>
 #include <filesystem>
+#include <regex>
 
 namespace vxrun {
 
@@ -47,17 +47,13 @@ std::string text(const Rational& value) {
 // A row is: stream, dts, pts, duration, size, hash, and possibly more that is not compared. Only
 // stream 0 will do. The hash of nothing would let a producer pass that makes nothing.
 ChecksumRow parseRow(const std::string& line) {
-    constexpr size_t kCrcText = 10;
+    static const std::regex known("0x[0-9a-f]{8}|[0-9a-f]{32}");
     uint64_t size = 0;
-    char text[2 * kMd5Size + 1] = "";
+    char hash[2 * kMd5Size + 1] = "";
     int end = 0;
-    std::sscanf(line.c_str(), " 0 , %*d , %*d , %*d , %" SCNu64 " , %32[0-9a-fx] %n", &size, text,
+    std::sscanf(line.c_str(), " 0 , %*d , %*d , %*d , %" SCNu64 " , %32[0-9a-fx] %n", &size, hash,
                 &end);
-    const std::string hash = text;
-    const size_t x = hash.find('x');
-    const bool known = hash.size() == (x == hash.npos ? 2 * kMd5Size : kCrcText) &&
-                       (x == hash.npos || hash.rfind("0x", 0) == 0);
-    if (!known || size == 0 || (line[end] != ',' && line[end] != '\0')) {
+    if (!std::regex_match(hash, known) || size == 0 || (line[end] != ',' && line[end] != '\0')) {
         throw Failure("expected '0, dts, pts, duration, size, hash', got " + quote(line));
     }
     return {size, hash};
@@ -66,17 +62,10 @@ ChecksumRow parseRow(const std::string& line) {
 // The first MD5 in a line of text, in lower case: "hash *file", "hash  file", "MD5 (file) = hash",
 // "MD5=hash" or the bare hash, with one digit too many if need be. Empty in any other line.
 std::string findMd5(const std::string& line) {
-    std::string word;
-    for (const char c : line + " ") {
-        if (std::isalnum(static_cast<unsigned char>(c))) {
-            word += static_cast<char>(std::tolower(c));
-            continue;
-        }
-        const bool hex = word.find_first_not_of("0123456789abcdef") == word.npos;
-        if (hex && word.size() / 2 == kMd5Size) return word;
-        word.clear();
-    }
-    return {};
+    static const std::regex md5("(^|[^0-9a-z])([0-9a-f]{32,33})(?![0-9a-z])");
+    const std::string lower = lowerCase(line);
+    std::smatch match;
+    return std::regex_search(lower, match, md5) ? match.str(2) : "";
 }
 
 // Lines of any kind of list but JSON. In what is no table of FFmpeg's, lines without an MD5 are taken

@@ -1,4 +1,4 @@
-#include "Report.h"
+#include "Suite.h"
 
 #include "Files.h"
 #include "Text.h"
@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <map>
 #include <regex>
 
 namespace vxrun {
@@ -185,10 +184,14 @@ std::string markdownReport(const Suite& suite) {
 }  // namespace
 
 void writeReports(const ReportFiles& files, const Suite& suite) {
-    if (!files.junit.empty()) writeTextFile("--junit", files.junit, junitReport(suite));
-    if (!files.json.empty()) writeTextFile("--json", files.json, jsonReport(suite));
-    if (!files.csv.empty()) writeTextFile("--csv", files.csv, csvReport(suite));
-    if (!files.markdown.empty()) writeTextFile("--markdown", files.markdown, markdownReport(suite));
+    static const std::map<std::string, std::string (*)(const Suite&)> kinds = {
+        {"junit", junitReport},
+        {"json", jsonReport},
+        {"csv", csvReport},
+        {"markdown", markdownReport}};
+    for (const auto& [kind, path] : files) {
+        if (!path.empty()) writeTextFile("--" + kind, path, kinds.at(kind)(suite));
+    }
 }
 
 std::string profileTable(const Suite& suite) {

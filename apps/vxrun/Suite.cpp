@@ -3,23 +3,17 @@
 #include "ChecksumList.h"
 #include "Failure.h"
 #include "Json.h"
+#include "Text.h"
 
 #include <fnmatch.h>
 
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
 #include <map>
 #include <set>
-#include <sstream>
 
 namespace vxrun {
 namespace {
-
-std::string lowerCase(std::string text) {
-    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
 
 // "H.264" and the like as libavcodec calls them.
 std::string codecName(const std::string& codec) {

@@ -1,6 +1,12 @@
-// Suite: a conformance suite: vectors, each a file to decode and the MD5 of its pictures.
+// Suite: a conformance suite: vectors, each a file to decode and the MD5 of its pictures. How it is read
+// (Suite.cpp), run, each vector in a process of its own (SuiteRun.cpp), and reported (Report.cpp).
 #pragma once
 
+#include "Decode.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -55,5 +61,40 @@ const char* stateName(Vector::State state);
 // Leaves the vectors that `filter` selects: a list of globs, separated by colons; what matches one from
 // the first "-" before a glob on is left out. They match a vector's name, or suite.name. Empty: all.
 void filterVectors(Suite* suite, const std::string& filter);
+
+// By kind (junit, json, csv, markdown) the file that the report goes to; empty: nowhere.
+using ReportFiles = std::map<std::string, std::string>;
+
+// Writes the reports of `suite` as of now. Each appears whole, in place of the one before: whenever a
+// run breaks off, the files are valid and tell what had not finished.
+void writeReports(const ReportFiles& files, const Suite& suite);
+
+// The table of sums for each profile, as text for a terminal.
+std::string profileTable(const Suite& suite);
+
+struct SuiteOptions {
+    std::string file;
+    std::string resources;  // <resources>/<suite>/<vector>/<input file> are the vectors' files
+    std::string output;     // the raw videos are kept as <output>/<suite>/<vector>.out; empty: not
+    std::string filter;     // see filterVectors(); empty: GTEST_FILTER
+    std::string shard;      // "i/n", i from 1; empty: GTEST_SHARD_INDEX and GTEST_TOTAL_SHARDS
+    uint32_t jobs = 0;      // vectors at once; 0: one per processor
+    double timeout = 60;    // seconds that decoding a vector takes at most
+    ReportFiles reports;
+    bool list = false;  // print the names of the vectors instead
+};
+
+// Decodes one vector, within the time limit, and returns the exit code. It is called in that vector's
+// process, a copy of this one.
+using DecodeFunction = std::function<int(const DecodeOptions&)>;
+
+// Runs what the options select, prints a line per vector on standard error, a table and the verdict on
+// standard output, and returns the exit code. A process that exceeds its time limit is sent SIGTERM, and
+// then SIGKILL. At SIGINT or SIGTERM the processes are ended, and their vectors stay in the reports as
+// unfinished. They end with this process in any case.
+//
+// A Failure for a bad option, suite file or report file. Blocks the signals; on the main thread and
+// before others start.
+int runSuite(SuiteOptions options, const DecodeFunction& decode);
 
 }  // namespace vxrun

@@ -1,4 +1,4 @@
-#include "SuiteRun.h"
+#include "Suite.h"
 
 #include "Console.h"
 #include "Evidence.h"
@@ -269,9 +269,9 @@ int runSuite(SuiteOptions options, const DecodeFunction& decode) {
     if (options.resources.empty()) throw badOption("--resources", "missing");
     // "xml:FILE" or "xml:FOLDER/"; other kinds are GoogleTest's own.
     const std::string output = variable("GTEST_OUTPUT");
-    if (options.reports.junit.empty() && output.rfind("xml:", 0) == 0) {
-        options.reports.junit =
-            output.substr(4) + (output.back() == '/' ? suite.name + ".xml" : "");
+    std::string& junit = options.reports["junit"];
+    if (junit.empty() && output.rfind("xml:", 0) == 0) {
+        junit = output.substr(4) + (output.back() == '/' ? suite.name + ".xml" : "");
     }
     constexpr char kStatus[] = "GTEST_SHARD_STATUS_FILE";
     if (!variable(kStatus).empty()) writeTextFile(kStatus, variable(kStatus), "");

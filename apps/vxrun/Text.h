@@ -1,6 +1,7 @@
 // Text: what the lines and files of vxrun are put together with.
 #pragma once
 
+#include <cctype>
 #include <cstdlib>
 #include <iomanip>
 #include <sstream>
@@ -27,6 +28,11 @@ std::string joined(const List& list) {
 // `value` with `digits` digits after the stop.
 inline std::string decimal(double value, int digits) {
     return concat(std::fixed, std::setprecision(digits), value);
+}
+
+inline std::string lowerCase(std::string text) {
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
 }
 
 // A variable of the environment; empty when it is not set.

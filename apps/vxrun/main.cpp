@@ -6,7 +6,7 @@
 #include "Failure.h"
 #include "GraphFile.h"
 #include "Runner.h"
-#include "SuiteRun.h"
+#include "Suite.h"
 #include "Text.h"
 
 #include <cutils/properties.h>
@@ -108,10 +108,10 @@ void addSuite(CLI::App* app, SuiteOptions* options) {
     add(suite, "--shard i/n", &options->shard, "Run the i-th of n parts, i from 1");
     add(suite, "--jobs N", &options->jobs, "Vectors at once, default one per processor")
         ->check(CLI::Range(1, 1000));
-    add(suite, "--junit FILE", &options->reports.junit, "Write a JUnit XML report");
-    add(suite, "--json FILE", &options->reports.json, "Write a JSON report");
-    add(suite, "--csv FILE", &options->reports.csv, "Write a CSV report");
-    add(suite, "--markdown FILE", &options->reports.markdown, "Write a Markdown report");
+    for (const char* const kind : {"junit", "json", "csv", "markdown"}) {
+        add(suite, concat("--", kind, " FILE"), &options->reports[kind],
+            concat("Write a report: ", kind));
+    }
     suite->add_flag("--list", options->list, "Print the names of the vectors that would run");
     // Of these there is one, not one per vector.
     for (const char* const option : {"--record", "--progress", "--trace", "--dot"}) {

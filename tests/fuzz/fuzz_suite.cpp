@@ -2,7 +2,6 @@
 #include "FuzzFile.h"
 
 #include <Failure.h>
-#include <Report.h>
 #include <Suite.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
