@@ -29,8 +29,8 @@ constexpr size_t kMaxListSize = 64 << 20;  // about 700,000 rows
 
 struct FormatName {
     ChecksumFormat format;
-    std::string name;
-    std::string extension;  // of files in this format; the first one has any other, too
+    const char* name;
+    const char* extension;  // of files in this format; the first one has any other, too
 };
 const FormatName kFormats[] = {{ChecksumFormat::FRAMEMD5, "framemd5", ".framemd5"},
                                {ChecksumFormat::FRAMECRC, "framecrc", ".framecrc"},
@@ -62,10 +62,17 @@ ChecksumRow parseRow(const std::string& line) {
 // The first MD5 in a line of text, in lower case: "hash *file", "hash  file", "MD5 (file) = hash",
 // "MD5=hash" or the bare hash, with one digit too many if need be. Empty in any other line.
 std::string findMd5(const std::string& line) {
-    static const std::regex md5("(^|[^0-9a-z])([0-9a-f]{32,33})(?![0-9a-z])");
-    const std::string lower = lowerCase(line);
-    std::smatch match;
-    return std::regex_search(lower, match, md5) ? match.str(2) : "";
+    std::string word;
+    for (const char c : lowerCase(line) + " ") {
+        if (std::isalnum(static_cast<unsigned char>(c))) {
+            word += c;
+            continue;
+        }
+        const bool hex = word.find_first_not_of("0123456789abcdef") == word.npos;
+        if (hex && word.size() / 2 == kMd5Size) return word;
+        word.clear();
+    }
+    return {};
 }
 
 // Lines of any kind of list but JSON. In what is no table of FFmpeg's, lines without an MD5 are taken
@@ -155,7 +162,7 @@ std::string jsonText(const StreamInfo& stream, const std::vector<std::string>& h
 
 ChecksumFormat checksumFormat(const std::string& name) {
     for (const FormatName& format : kFormats) {
-        if (format.name == name) return format.format;
+        if (name == format.name) return format.format;
     }
     throw Failure("expected framemd5, framecrc, md5, md5-list or json, got " + quote(name));
 }
@@ -163,7 +170,7 @@ ChecksumFormat checksumFormat(const std::string& name) {
 std::string checksumFormatOf(const std::string& path) {
     const std::string extension = std::filesystem::path(path).extension();
     for (const FormatName& format : kFormats) {
-        if (!extension.empty() && format.extension == extension) return format.name;
+        if (!extension.empty() && extension == format.extension) return format.name;
     }
     return kFormats[0].name;
 }

@@ -46,8 +46,8 @@ public:
     bool number_float(double, const std::string& text) { return add(JsonValue::NUMBER, text); }
     bool string(std::string& text) { return add(JsonValue::STRING, text); }
     bool binary(nlohmann::json::binary_t&) { return false; }  // not in text
-    bool start_object(size_t) { return open(JsonValue::OBJECT); }
-    bool start_array(size_t) { return open(JsonValue::ARRAY); }
+    bool start_object(size_t) { return add(JsonValue::OBJECT, ""); }
+    bool start_array(size_t) { return add(JsonValue::ARRAY, ""); }
     bool key(const std::string& text) {
         mKey = text;
         mLastEnd = reached();
@@ -76,31 +76,21 @@ public:
     }
 
 private:
-    JsonValue* append(JsonValue::Kind kind, const std::string& text) {
-        const bool isMember = !mOpen.empty() && mOpen.back()->kind == JsonValue::OBJECT;
-        std::string where = mDocument.mRootName;
-        if (isMember) {
-            where = mOpen.size() == 1 ? mKey : mOpen.back()->where + "." + mKey;
-        } else if (!mOpen.empty()) {
-            where = mOpen.back()->where + "[" + std::to_string(mOpen.back()->items.size()) + "]";
-        }
-        JsonValue* const value =
-            mOpen.empty() ? &mDocument.mRoot : &mOpen.back()->items.emplace_back();
-        const size_t start = mDocument.mText.find_first_not_of(" \t\r\n,:]}", mLastEnd);
-        *value = {kind, text, {}, mKey, start, where};
-        mLastEnd = reached();
-        return value;
-    }
-
     bool add(JsonValue::Kind kind, const std::string& text) {
-        append(kind, text);
-        return true;
-    }
-
-    bool open(JsonValue::Kind kind) {
-        JsonValue* const value = append(kind, "");
-        if (mOpen.size() == kMaxDepth) mDocument.fail(*value, "nested too deeply");
-        mOpen.push_back(value);  // stays where it is: its siblings come when it is closed
+        JsonValue* const parent = mOpen.empty() ? nullptr : mOpen.back();
+        std::string where = mDocument.mRootName;
+        if (parent != nullptr && parent->kind == JsonValue::OBJECT) {
+            where = mOpen.size() == 1 ? mKey : parent->where + "." + mKey;
+        } else if (parent != nullptr) {
+            where = concat(parent->where, "[", parent->items.size(), "]");
+        }
+        JsonValue& value = parent == nullptr ? mDocument.mRoot : parent->items.emplace_back();
+        const size_t start = mDocument.mText.find_first_not_of(" \t\r\n,:]}", mLastEnd);
+        value = {kind, text, {}, mKey, start, where};
+        mLastEnd = reached();
+        if (kind != JsonValue::ARRAY && kind != JsonValue::OBJECT) return true;
+        if (mOpen.size() == kMaxDepth) mDocument.fail(value, "nested too deeply");
+        mOpen.push_back(&value);  // stays where it is: its siblings come when it is closed
         return true;
     }
 

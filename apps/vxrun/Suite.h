@@ -4,10 +4,12 @@
 
 #include "Decode.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace vxrun {
@@ -78,8 +80,8 @@ struct SuiteOptions {
     std::string output;     // the raw videos are kept as <output>/<suite>/<vector>.out; empty: not
     std::string filter;     // see filterVectors(); empty: GTEST_FILTER
     std::string shard;      // "i/n", i from 1; empty: GTEST_SHARD_INDEX and GTEST_TOTAL_SHARDS
-    uint32_t jobs = 0;      // vectors at once; 0: one per processor
-    double timeout = 60;    // seconds that decoding a vector takes at most
+    uint32_t jobs = std::max(std::thread::hardware_concurrency(), 1u);  // vectors at once
+    double timeout = 60;  // seconds that decoding a vector takes at most
     ReportFiles reports;
     bool list = false;  // print the names of the vectors instead
 };

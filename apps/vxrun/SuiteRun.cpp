@@ -11,14 +11,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <list>
-#include <thread>
 
 namespace vxrun {
 namespace {
@@ -151,10 +149,9 @@ public:
 
     // The signal that ended it; else 0.
     int run() {
-        const size_t processors = std::max(std::thread::hardware_concurrency(), 1u);
-        const size_t jobs = mOptions.jobs == 0 ? processors : mOptions.jobs;
         for (size_t next = 0;;) {
-            while (mSignal == 0 && mChildren.size() < jobs && next < mSuite.vectors.size()) {
+            while (mSignal == 0 && mChildren.size() < mOptions.jobs &&
+                   next < mSuite.vectors.size()) {
                 start(&mSuite.vectors[next++]);
             }
             writeReports(mOptions.reports, mSuite);

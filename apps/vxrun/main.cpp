@@ -67,7 +67,7 @@ void addOptions(CLI::App* app, Options* options) {
         ->check(checkMask);
     add(app, "--timeout SECONDS", &run.timeout,
         "End the run after this time, with exit 124; the vectors of a suite: 60")
-        ->check(CLI::Range(0.001, 1e6));
+        ->check(CLI::Range(0.001, 1e9));
     add(app, "--stall SECONDS", &run.stall,
         "End the run when nothing has moved for this time, with exit 124; default 30, 0: never")
         ->check(CLI::Range(0.0, 1e9));
