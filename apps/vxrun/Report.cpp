@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <regex>
 
 namespace vxrun {
 namespace {
@@ -34,10 +33,14 @@ std::string decoderName(const Suite& suite) {
 // characters, U+FFFE and U+FFFF.
 std::string xmlText(const std::string& text) {
     using nlohmann::json;
-    static const std::regex forbidden(
-        "[\\x00-\\x08\\x0b\\x0c\\x0e-\\x1f]|\xEF\xBF\xBE|\xEF\xBF\xBF");
     const std::string quoted = json(text).dump(-1, ' ', false, json::error_handler_t::ignore);
-    return std::regex_replace(json::parse(quoted).get<std::string>(), forbidden, "");
+    std::string clean = json::parse(quoted).get<std::string>();
+    const auto forbidden = [](unsigned char c) { return c < ' ' && c != '\t' && c != '\n'; };
+    clean.erase(std::remove_if(clean.begin(), clean.end(), forbidden), clean.end());
+    for (const char* const bytes : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"}) {
+        for (size_t at; (at = clean.find(bytes)) != clean.npos;) clean.erase(at, 3);
+    }
+    return clean;
 }
 
 using Attributes = std::vector<std::pair<const char*, std::string>>;
@@ -155,11 +158,12 @@ std::string csvReport(const Suite& suite) {
 
 // A row of a table; what would end the cell or the row is kept from it.
 std::string markdownRow(const std::string& first, const std::string& second) {
-    static const std::regex bar("\\|"), feed("\n");
-    const auto cell = [](const std::string& text) {
-        return std::regex_replace(std::regex_replace(text, bar, "\\|"), feed, " ");
-    };
-    return "|" + cell(first) + "|" + cell(second) + "|\n";
+    std::string row;
+    for (const std::string* cell : {&first, &second}) {
+        row += '|';
+        for (const char c : *cell) row += c == '|' ? "\\|" : c == '\n' ? " " : std::string(1, c);
+    }
+    return row + "|\n";
 }
 
 std::string markdownReport(const Suite& suite) {
