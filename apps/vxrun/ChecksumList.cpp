@@ -257,7 +257,7 @@ void ChecksumWriter::addToJson(const StreamInfo& stream, const std::string& hash
     nlohmann::ordered_json& json = *mJson;
     if (mFrames == 1) {
         if (!stream.profile.empty()) json["profile"] = stream.profile;
-        json["bit_depth"] = stream.picture.depth;
+        json["bit_depth"] = stream.picture.depth();
         if (stream.timeBase.num != 0 && stream.duration != 0) {
             json["frame_rate"] = static_cast<double>(stream.timeBase.den) /
                                  static_cast<double>(stream.timeBase.num * stream.duration);

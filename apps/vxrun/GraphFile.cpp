@@ -52,7 +52,7 @@ public:
             if (type == nullptr) continue;
             for (const auto& [key, text] : mistakesOf(*type, node)) note(*mNodes[i], key, text);
             anyChecking = anyChecking || type->checks(node);
-            if (mAcyclic && type->find("slots") != nullptr) checkSlots(info, i);
+            if (mAcyclic && type->hasPool) checkSlots(info, i);
         }
         const JsonValue* const nodes = mDocument.root().find("nodes");
         if (!anyChecking && nodes != nullptr) note(*nodes, "", "no sink checks anything");
@@ -135,7 +135,7 @@ private:
             const std::string& value = mDocument.scalar(config);
             // The node refuses unknown keys.
             const ConfigKey* const key = type != nullptr ? type->find(config.key) : nullptr;
-            const bool isFile = key != nullptr && key->isFile;
+            const bool isFile = key != nullptr && key->value.kind == ConfigKind::FILE;
             node->configs[config.key] = isFile ? (mFolder / value).string() : value;
         });
         node->inputPorts = readPorts(json, "inputs", &mInputs);
@@ -267,7 +267,7 @@ private:
     // pool has slots. Fewer slots only pace it, as long as every work comes back without a further one.
     // Nodes that keep works until more follow take that many slots out of use for ever.
     void checkSlots(const VXGraphInfo& info, size_t node) {
-        const uint64_t slots = numberOf(*info.nodes[node], "slots", kDefaultSlots);
+        const uint64_t slots = numberOf(*info.nodes[node], "slots");
         const uint64_t kept = keptBehind(info, node);
         if (slots > kept) return;
         note(*mNodes[node], "slots",
@@ -283,24 +283,11 @@ private:
             if (std::find(feeders.begin(), feeders.end(), node) == feeders.end()) continue;
             const VXNodeDescriptor& descriptor = *info.nodes[next];
             const NodeType* const type = findNodeType(descriptor.type);
-            if (type == nullptr || type->find("slots") != nullptr) continue;  // has its own buffers
-            const uint64_t kept =
-                type->name == "transform/delay" ? numberOf(descriptor, "frames", 0) : 0;
+            if (type == nullptr || type->hasPool) continue;  // has its own buffers
+            const uint64_t kept = type->keeps(descriptor);
             most = std::max(most, kept + keptBehind(info, next));
         }
         return most;
-    }
-
-    // A config that is no number is the node's to refuse.
-    static uint64_t numberOf(const VXNodeDescriptor& node, const std::string& key,
-                             uint64_t preset) {
-        const auto config = node.configs.find(key);
-        if (config == node.configs.end()) return preset;
-        try {
-            return parseNumber(config->second, 0, UINT32_MAX);
-        } catch (const Failure&) {
-            return preset;
-        }
     }
 
     const JsonDocument mDocument;

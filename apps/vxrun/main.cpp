@@ -135,14 +135,12 @@ CLI::App* addSuite(CLI::App* app, SuiteOptions* options) {
 }
 
 void listNodes() {
-    for (const NodeType* type : nodeTypes()) {
-        std::printf("%-22s %s\n", type->name.c_str(), type->help.c_str());
-        for (const auto* configs : {&type->configs, &commonConfigs(type->inputs == 0)}) {
-            for (const ConfigKey& config : *configs) {
-                std::printf("    %-18s %s\n", config.name.c_str(), config.help.c_str());
-            }
+    for (const NodeType& type : nodeTypes()) {
+        std::printf("%-22s %s\n", type.name.c_str(), type.help.c_str());
+        for (const ConfigKey& config : type.configs) {
+            std::printf("    %-18s %s\n", config.name.c_str(), config.help.c_str());
         }
-        for (const EntryKey& entry : type->entries) {
+        for (const EntryKey& entry : type.entries) {
             std::printf("    entry %-12s %s\n", entry.name.c_str(), entry.help.c_str());
         }
     }
@@ -209,8 +207,8 @@ void run(const Options& options, bool decodes, Evidence* evidence) {
 
     // Before the log level is set: what registers here is no news to anyone.
     std::vector<std::unique_ptr<NodeFactory>> factories;
-    for (const NodeType* type : nodeTypes()) {
-        factories.push_back(std::make_unique<NodeFactory>(*type, *evidence));
+    for (const NodeType& type : nodeTypes()) {
+        factories.push_back(std::make_unique<NodeFactory>(type, *evidence));
     }
     setLogLevel(options);
     runGraph(std::move(graph), options.run, evidence);
