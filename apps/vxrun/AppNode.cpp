@@ -49,7 +49,11 @@ const ConfigKey* NodeType::find(const std::string& key) const {
 
 uint64_t NodeType::number(const std::string& key, const std::string& text) const {
     const ConfigKind& value = find(key)->value;
-    return text.empty() ? value.preset : parseNumber(text, value.low, value.high);
+    try {
+        return text.empty() ? value.preset : parseNumber(text, value.low, value.high);
+    } catch (const Failure&) {
+        return value.preset;
+    }
 }
 
 std::string configOf(const VXNodeDescriptor& node, const std::string& key) {

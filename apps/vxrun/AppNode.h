@@ -75,7 +75,8 @@ struct NodeType {
 
     // The config `key`; null when the type does not know it.
     const ConfigKey* find(const std::string& key) const;
-    // The value of the config `key`, a number, where it was given as `text`, which may be empty.
+    // The value of the config `key`, a number, given as `text`. Its preset where that is empty or, which is
+    // mistakesOf()'s to tell, no good.
     uint64_t number(const std::string& key, const std::string& text) const;
 };
 
