@@ -18,6 +18,8 @@ namespace vxrun {
 class Producer : public AppNode {
 public:
     static constexpr bool kHasPool = true;
+    // Each frame is kept until the next one is known.
+    static uint64_t keeps(const vexa::VXNodeDescriptor&) { return 1; }
 
     using AppNode::AppNode;
     vexa::VXError countAvailablePendingInputWorks(unsigned long maxCount,

@@ -91,12 +91,12 @@ public:
                 picture->pts = kept;
                 if (avcodec_send_frame(context.get(), picture.get()) < 0) break;
                 if (avcodec_receive_packet(context.get(), packet.get()) == 0) {
-                    return static_cast<uint64_t>(kept);
+                    return Producer::keeps(node) + static_cast<uint64_t>(kept);
                 }
             }
         } catch (const Failure&) {  // the node's to tell
         }
-        return 0;
+        return Producer::keeps(node);
     }
 
 private:
