@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
-#include <optional>
 #include <set>
 #include <vector>
 
@@ -49,7 +48,8 @@ public:
         bool anyChecking = false;
         for (Node& node : mNodes) {
             if (node.type == nullptr) continue;
-            node.keeps = node.type->keeps(*node.descriptor);
+            node.hasPool = node.type->hasPool;
+            node.keeps = static_cast<int64_t>(node.type->keeps(*node.descriptor));
             const auto mistakes = mistakesOf(*node.type, *node.descriptor);
             for (const auto& [key, text] : mistakes) note(*node.json, key, text);
             anyChecking = anyChecking || node.type->checks(*node.descriptor);
@@ -77,7 +77,8 @@ private:
         std::unique_ptr<VXNodeDescriptor> descriptor = std::make_unique<VXNodeDescriptor>();
         std::vector<size_t> upstream = {};  // the numbers of the nodes that feed it
         bool done = false;                  // checkAcyclic() has been behind it
-        uint64_t keeps = 0;                 // see NodeType
+        bool hasPool = false;               // these two: see NodeType
+        int64_t keeps = 0;
     };
     struct Port {
         size_t node;  // its number
@@ -261,50 +262,27 @@ private:
     // A node may have (largest downstream total delay + batch + 2) works out, but never more than its
     // pool has slots. Fewer slots only pace it, as long as every work comes back without a further one.
     // Nodes that keep works until more follow take that many slots out of use for ever.
-    void checkSlots(size_t node) {
-        if (mNodes[node].type == nullptr || !mNodes[node].type->hasPool) return;
-        const uint64_t slots = numberOf(*mNodes[node].descriptor, "slots");
-        const uint64_t kept = keptBehind(node, node, 0);
-        if (slots > kept) return;
-        note(*mNodes[node].json, "slots",
-             "a pool of " + std::to_string(slots) + " buffers, of which the nodes behind it keep " +
-                 std::to_string(kept) + ": the run could not move");
-    }
-
-    // Calls visit(number) for each node that `node` feeds.
-    template <typename Visitor>
-    void forEachFed(size_t node, Visitor visit) const {
-        for (size_t next = 0; next < mNodes.size(); ++next) {
-            const auto& feeders = mNodes[next].upstream;
-            if (std::find(feeders.begin(), feeders.end(), node) != feeders.end()) visit(next);
-        }
-    }
-
-    // The most buffers of the pool of `origin` that are kept behind `node`, when `kept` are before it. They
-    // end at nodes with pools of their own. One that brings streams together keeps those of one until
-    // those of the other have come the longest way.
-    uint64_t keptBehind(size_t node, size_t origin, uint64_t kept) const {
-        uint64_t most = kept;
-        forEachFed(node, [&](size_t next) {
-            const NodeType* const type = mNodes[next].type;
-            if (type == nullptr || type->hasPool) return;
-            most = std::max(most, type->inputs > 1
-                                      ? longestWay(origin, next).value_or(kept)
-                                      : keptBehind(next, origin, kept + mNodes[next].keeps));
-        });
-        return most;
-    }
-
-    // The most frames that are kept on a way from one node to another; none when there is no way.
-    std::optional<uint64_t> longestWay(size_t from, size_t to) const {
-        if (from == to) return 0;
-        std::optional<uint64_t> longest;
-        forEachFed(from, [&](size_t next) {
-            if (const auto way = longestWay(next, to)) {
-                longest = std::max(longest, std::optional(*way + mNodes[next].keeps));
+    // One that brings streams together keeps what has come by one way until the same has come by the longest.
+    void checkSlots(size_t origin) {
+        if (!mNodes[origin].hasPool) return;
+        std::vector<int64_t> kept(mNodes.size(), -1);  // frames, from `origin` to behind a node
+        std::vector<bool> gets(mNodes.size());         // whether a node gets buffers of this pool
+        kept[origin] = 0;
+        int64_t most = 0;
+        for (const size_t node : mOrder) {
+            for (const size_t upstream : mNodes[node].upstream) {
+                if (kept[upstream] < 0) continue;  // no way leads here
+                kept[node] = std::max(kept[node], kept[upstream] + mNodes[node].keeps);
+                const bool passesOn = gets[upstream] && !mNodes[upstream].hasPool;
+                gets[node] = gets[node] || passesOn || upstream == origin;
             }
-        });
-        return longest;
+            if (gets[node] && !mNodes[node].hasPool) most = std::max(most, kept[node]);
+        }
+        const uint64_t slots = numberOf(*mNodes[origin].descriptor, "slots");
+        if (slots > static_cast<uint64_t>(most)) return;
+        note(*mNodes[origin].json, "slots",
+             "a pool of " + std::to_string(slots) + " buffers, of which the nodes behind it keep " +
+                 std::to_string(most) + ": the run could not move");
     }
 
     const JsonDocument mDocument;

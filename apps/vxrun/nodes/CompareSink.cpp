@@ -103,38 +103,34 @@ private:
     // Either may be null.
     void compare(const Frame* got, const Frame* wanted) {
         const uint64_t frame = std::max(mStreams[GOT].frames, mStreams[WANTED].frames);
-        std::string wrong;  // of two frames
+        const bool isBad = got == nullptr || wanted == nullptr || differ(frame, *got, *wanted);
         if (got != nullptr) ++record().frames;
-        if (got != nullptr && wanted != nullptr) {
-            ++record().checked;
-            wrong =
-                judge(FrameDiff(*got, *wanted, static_cast<uint32_t>(numberConfig("tolerance"))));
-        }
-        const bool isBad = got == nullptr || wanted == nullptr || !wrong.empty();
         mAlignment.add(got != nullptr ? frameHash(*got) : "",
                        wanted != nullptr ? frameHash(*wanted) : "", isBad);
         if (!isBad) return;
         noteBad(frame);
-        if (!wrong.empty() && mBad++ == 0) {
-            failCheck(mError, "frame " + std::to_string(frame) + " (timestamp " +
-                                  std::to_string(got->info.timestamp) + "): " + wrong);
-        }
         if (got != nullptr) mBadFrames->add(frame, *got, wanted);
     }
 
-    // What is wrong with a frame; empty when nothing is.
-    std::string judge(const FrameDiff& difference) {
-        if (mFloor == 0 || !difference.sameFormat()) {
-            if (!difference.anyWrong()) return "";
-            return mBad == 0 ? difference.text() : "wrong, too";  // only the first one is shown
+    bool differ(uint64_t frame, const Frame& got, const Frame& wanted) {
+        ++record().checked;
+        const FrameDiff difference(got, wanted, static_cast<uint32_t>(numberConfig("tolerance")));
+        const bool measured = mFloor > 0 && difference.sameFormat();
+        bool isBad = difference.anyWrong();
+        std::string text;
+        if (measured) {
+            const auto figures = mMeasure == "psnr" ? difference.psnr() : difference.ssim();
+            isBad = figures.back() < mFloor;
+            text = mMeasure + " " + difference.text(figures);
+            if (figures.back() < mLowest) mLowestText = text + " in frame " + std::to_string(frame);
+            mLowest = std::min(mLowest, figures.back());
         }
-        const auto figures = mMeasure == "psnr" ? difference.psnr() : difference.ssim();
-        const std::string text = mMeasure + " " + difference.text(figures);
-        if (figures.back() < mLowest) {
-            mLowest = figures.back();
-            mLowestText = text + " in frame " + std::to_string(mStreams[GOT].frames);
+        if (isBad && mBad++ == 0) {  // only the first one is shown
+            text = measured ? text + " is below " + config(mMeasure) : difference.text();
+            failCheck(mError, "frame " + std::to_string(frame) + " (timestamp " +
+                                  std::to_string(got.info.timestamp) + "): " + text);
         }
-        return figures.back() < mFloor ? text + " is below " + config(mMeasure) : "";
+        return isBad;
     }
 
     void finish() {
