@@ -93,9 +93,8 @@ static std::string mistakeOf(const NodeType& type, const VXNodeDescriptor::Confi
         const bool command = kind == VXNodeDescriptor::ConfigEntry::COMMAND;
         return (command ? "command '" : "tuning '") + key + "'";
     };
-    const std::string text = std::string(entry.alternate != 0 ? "alternate " : "") +
-                             nameOf(entry.kind, entry.key) + " at frame " +
-                             std::to_string(entry.frameIndex);
+    const std::string text = words(entry.alternate != 0 ? "alternate " : "",
+                                   nameOf(entry.kind, entry.key), " at frame ", entry.frameIndex);
     std::string known = type.entries.empty() ? " no entries" : "";
     for (const EntryKey& key : type.entries) {
         if (key.kind == entry.kind && key.name == entry.key && entry.alternate == 0) {
@@ -116,8 +115,8 @@ std::vector<std::pair<std::string, std::string>> mistakesOf(const NodeType& type
     std::vector<std::pair<std::string, std::string>> mistakes;
     const auto checkCount = [&](const char* kind, size_t wanted, size_t got) {
         if (got == wanted) return;
-        mistakes.emplace_back("", "a " + type.name + " has " + std::to_string(wanted) + " " + kind +
-                                      " port(s), the description gives it " + std::to_string(got));
+        mistakes.emplace_back("", words("a ", type.name, " has ", wanted, " ", kind,
+                                        " port(s), the description gives it ", got));
     };
     checkCount("input", type.inputs, node.inputPorts.size());
     checkCount("output", type.outputs, node.outputPorts.size());

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -25,6 +26,14 @@ private:
 
 // `text` for an error line: in quotes, shortened, with a '?' for what cannot be printed.
 std::string quote(const std::string& text);
+
+// The parts of a line, one after another.
+template <typename... Parts>
+std::string words(const Parts&... parts) {
+    std::ostringstream text;
+    (text << ... << parts);
+    return text.str();
+}
 
 // The text of an errno number.
 std::string errnoText(int number);

@@ -1,12 +1,14 @@
 #include "FrameDiff.h"
 
+#include "Failure.h"
+
 extern "C" {
 #include <libavutil/intreadwrite.h>
 }
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
+
 #include <cstdlib>
 #include <cstring>
 #include <tuple>
@@ -15,7 +17,7 @@ namespace vxrun {
 namespace {
 
 std::string point(int64_t x, int64_t y) {
-    return "(" + std::to_string(x) + "," + std::to_string(y) + ")";
+    return words("(", x, ",", y, ")");
 }
 
 double peakOf(const PictureFormat& format) {
@@ -166,14 +168,11 @@ double FrameDiff::similarity(const Plane& plane) const {
 }
 
 std::string FrameDiff::text(const std::vector<double>& figures) const {
-    char number[32];
-    std::snprintf(number, sizeof number, "%.6g (", figures.back());
-    std::string text = number;
+    std::string planes;
     for (size_t p = 0; p < mPlanes.size(); ++p) {
-        std::snprintf(number, sizeof number, " %.6g", figures[p]);
-        text += (p == 0 ? "" : " ") + mPlanes[p].name + number;
+        planes += words(p == 0 ? "" : " ", mPlanes[p].name, " ", figures[p]);
     }
-    return text + ")";
+    return words(figures.back(), " (", planes, ")");
 }
 
 // ---- Evidence ---------------------------------------------------------------------------------
@@ -184,24 +183,22 @@ std::string FrameDiff::text() const {
     const Plane* found = &mPlanes.front();
     uint32_t largest = 0;
     for (const Plane& plane : mPlanes) {
-        counts += (counts.empty() ? "" : ", ") + plane.name + " " + std::to_string(plane.wrong) +
-                  " of " + std::to_string(plane.columns * plane.rows);
+        counts += words(counts.empty() ? "" : ", ", plane.name, " ", plane.wrong, " of ",
+                        plane.columns * plane.rows);
         if (found->wrong == 0) found = &plane;
         largest = std::max(largest, plane.largest);
     }
     const Plane& first = *found;
     const size_t at = first.at(first.x, first.y);
-    const std::string values =
-        " got " + std::to_string(first.got[at]) + " wanted " + std::to_string(first.wanted[at]);
-    std::string place = "byte " + std::to_string(first.x) + values;
+    const std::string values = words(" got ", first.got[at], " wanted ", first.wanted[at]);
+    std::string place = words("byte ", first.x, values);
     if (mFormat.isPicture()) {
-        place = "plane " + first.name + " x=" + std::to_string(first.x) +
-                " y=" + std::to_string(first.y) + values + ", 8x8 block " +
-                point(first.x / 8, first.y / 8) + ", 64x64 block " +
-                point(first.x / 64, first.y / 64);
+        place = words("plane ", first.name, " x=", first.x, " y=", first.y, values, ", 8x8 block ",
+                      point(first.x / 8, first.y / 8), ", 64x64 block ",
+                      point(first.x / 64, first.y / 64));
     }
-    return place + "; " + shape(first) + "; wrong samples: " + counts + "; largest difference " +
-           std::to_string(largest);
+    return words(place, "; ", shape(first), "; wrong samples: ", counts, "; largest difference ",
+                 largest);
 }
 
 std::string FrameDiff::shape(const Plane& first) const {
@@ -223,7 +220,7 @@ std::string FrameDiff::shape(const Plane& first) const {
     if (first.left == first.right) return "in one column";
     for (const size_t side : {8, 64}) {
         if (first.left / side == first.right / side && first.y / side == first.bottom / side) {
-            return "in one " + std::to_string(side) + "x" + std::to_string(side) + " block";
+            return words("in one ", side, "x", side, " block");
         }
     }
     return "from " + point(first.left, first.y) + " to " + point(first.right, first.bottom);
@@ -237,9 +234,8 @@ std::string FrameDiff::shift(const Plane& plane) {
             const bool edge = std::abs(dy) == reach;
             for (int dx = -reach; dx <= reach; dx += edge ? 1 : 2 * reach) {
                 if (!isShifted(plane, dx, dy)) continue;
-                const std::string sign[] = {dx < 0 ? "" : "+", dy < 0 ? "" : "+"};
-                return "shifted by " + point(dx, dy) + ": sample (x,y) is the wanted (x" + sign[0] +
-                       std::to_string(dx) + ",y" + sign[1] + std::to_string(dy) + ")";
+                return words("shifted by ", point(dx, dy), ": sample (x,y) is the wanted (x",
+                             std::showpos, dx, ",y", dy, ")");
             }
         }
     }

@@ -281,8 +281,8 @@ private:
         const uint64_t slots = numberOf(*mNodes[origin].descriptor, "slots");
         if (slots > static_cast<uint64_t>(most)) return;
         note(*mNodes[origin].json, "slots",
-             "a pool of " + std::to_string(slots) + " buffers, of which the nodes behind it keep " +
-                 std::to_string(most) + ": the run could not move");
+             words("a pool of ", slots, " buffers, of which the nodes behind it keep ", most,
+                   ": the run could not move"));
     }
 
     const JsonDocument mDocument;

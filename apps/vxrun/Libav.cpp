@@ -41,8 +41,8 @@ Libav<SwsContext> newScaler(const AVFrame& from, const AVFrame& to, const std::s
     }
     if (sws_init_context(scaler.get(), nullptr, nullptr) < 0) {
         const auto text = [](const AVFrame& picture) {
-            return std::to_string(picture.width) + "x" + std::to_string(picture.height) + " " +
-                   av_get_pix_fmt_name(static_cast<AVPixelFormat>(picture.format));
+            return words(picture.width, "x", picture.height, " ",
+                         av_get_pix_fmt_name(static_cast<AVPixelFormat>(picture.format)));
         };
         throw Failure("libswscale does not convert " + text(from) + " to " + text(to),
                       "NOT_SUPPORTED");

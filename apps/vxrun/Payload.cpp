@@ -39,8 +39,8 @@ size_t PictureFormat::size() const {
 }
 
 std::string PictureFormat::text() const {
-    if (!isPicture()) return std::to_string(size()) + " bytes";
-    return std::to_string(width) + "x" + std::to_string(height) + " " + description().name;
+    if (!isPicture()) return words(size(), " bytes");
+    return words(width, "x", height, " ", description().name);
 }
 
 bool PictureFormat::operator!=(const PictureFormat& other) const {

@@ -78,9 +78,8 @@ void Producer::finish(bool nothing) {
     if (nothing) throw Failure("nothing comes out", errorName(INFO_VALIDATION_FAIL));
     for (const auto& entry : entries()) {
         if (entry.frameIndex < mTaken) continue;
-        failCheck(INFO_VALIDATION_FAIL, "an entry '" + entry.key + "' is for frame " +
-                                            std::to_string(entry.frameIndex) + ", there are " +
-                                            std::to_string(mTaken));
+        failCheck(INFO_VALIDATION_FAIL, words("an entry '", entry.key, "' is for frame ",
+                                              entry.frameIndex, ", there are ", mTaken));
     }
 }
 

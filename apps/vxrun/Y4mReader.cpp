@@ -3,7 +3,7 @@
 #include "Failure.h"
 
 #include <algorithm>
-#include <regex>
+#include <map>
 #include <sstream>
 
 namespace vxrun {
@@ -25,21 +25,35 @@ Rational parseRatio(const std::string& text, Rational unknown) {
     return ratio.num == 0 || ratio.den == 0 ? unknown : ratio;
 }
 
-// "420jpeg", "444p10", "mono12": the sampling and, above 8 bits, the depth.
+// By the values of C without the place of the chroma samples: "420", "444p10", "mono12".
+const std::map<std::string, AVPixelFormat>& colourSpaces() {
+    static const std::map<std::string, AVPixelFormat> all = [] {
+        std::map<std::string, AVPixelFormat> known;
+        for (const std::string sampling : {"420", "422", "444", "411", "mono"}) {
+            for (const std::string depth : {"", "9", "10", "12", "14", "16"}) {
+                const bool mono = sampling == "mono";
+                const AVPixelFormat pixels = av_get_pix_fmt(
+                    words(mono ? "gray" : "yuv" + sampling + "p", depth, depth.empty() ? "" : "le")
+                        .c_str());
+                if (pixels == AV_PIX_FMT_NONE) continue;
+                known[words(sampling, mono || depth.empty() ? "" : "p", depth)] = pixels;
+            }
+        }
+        return known;
+    }();
+    return all;
+}
+
 AVPixelFormat parseColourSpace(const std::string& text) {
-    // jpeg, mpeg2 and paldv say where the chroma samples lie, which does not change their number.
-    static const std::regex known(
-        "(420|422|444|411)(?:jpeg|mpeg2|paldv|p(9|10|12|14|16))?|mono(\\d+)?");
-    std::smatch part;
     if (text == "444alpha") throw Failure("not supported", "NOT_SUPPORTED");
-    AVPixelFormat pixels = AV_PIX_FMT_NONE;
-    if (std::regex_match(text, part, known)) {
-        const std::string depth = part[2].str() + part[3].str();
-        const std::string name = part[1].matched ? "yuv" + part[1].str() + "p" : "gray";
-        pixels = av_get_pix_fmt((name + (depth.empty() ? "" : depth + "le")).c_str());
+    std::string sampling = text;
+    // These say where the chroma samples lie, which does not change their number.
+    for (const char* place : {"jpeg", "mpeg2", "paldv"}) {
+        if (text == text.substr(0, 3) + place) sampling = text.substr(0, 3);
     }
-    if (pixels == AV_PIX_FMT_NONE) throw Failure("unknown colour space");
-    return formatOf(pixels, 1, 1).pixels;
+    const auto found = colourSpaces().find(sampling);
+    if (found == colourSpaces().end()) throw Failure("unknown colour space");
+    return found->second;
 }
 
 void parseField(char letter, const std::string& value, StreamInfo* stream) {
@@ -80,30 +94,29 @@ StreamInfo parseHeader(const std::string& line) {
     if (stream.picture.height == 0) throw Failure("header has no height (H)");
     const size_t size = stream.picture.size();
     if (size <= kMaxFrame) return stream;
-    throw Failure("a frame of " + std::to_string(size) + " bytes is larger than 1 GiB");
+    throw Failure(words("a frame of ", size, " bytes is larger than 1 GiB"));
 }
 
 }  // namespace
 
 std::string y4mHeader(const StreamInfo& stream) {
-    // FFmpeg's names for full range (yuvj) are formats of their own.
-    static const std::regex known("yuv(j?)(420|422|444|411)p(?:(\\d+)le)?|gray(?:(\\d+)le)?");
-    std::smatch part;
     const PictureFormat& picture = stream.picture;
-    const std::string name = picture.isPicture() ? picture.description().name : "";
-    if (!std::regex_match(name, part, known)) {
-        throw Failure("Y4M does not take " + stream.codec + " " + quote(name), "NOT_SUPPORTED");
+    std::string pixels = picture.isPicture() ? picture.description().name : "";
+    // FFmpeg's names for full range are formats of their own.
+    const bool full = pixels.rfind("yuvj", 0) == 0;
+    if (full) pixels.erase(3, 1);
+    const auto& known = colourSpaces();
+    const auto space = std::find_if(known.begin(), known.end(), [&](const auto& entry) {
+        return av_get_pix_fmt_name(entry.second) == pixels;
+    });
+    if (space == known.end()) {
+        throw Failure("Y4M does not take " + stream.codec + " " + quote(pixels), "NOT_SUPPORTED");
     }
-    const std::string sampling = part[2].matched ? part[2].str() : "mono";
-    const std::string depth = (part[3].matched ? "p" : "") + part[3].str() + part[4].str();
-    const auto ratio = [](uint64_t num, uint64_t den) {
-        return std::to_string(num) + ":" + std::to_string(den);
-    };
-    const uint64_t num = stream.timeBase.num, den = stream.timeBase.den;
-    return kMagic + " W" + std::to_string(picture.width) + " H" + std::to_string(picture.height) +
-           " F" + ratio(den, num * std::max<uint64_t>(stream.duration, 1)) + " Ip A" +
-           ratio(stream.sar.num, stream.sar.num == 0 ? 0 : stream.sar.den) + " C" + sampling +
-           depth + (part[1].length() > 0 ? " XCOLORRANGE=FULL" : "") + "\n";
+    const uint64_t num = stream.timeBase.num * std::max<uint64_t>(stream.duration, 1);
+    const Rational sar = stream.sar.num == 0 ? Rational{0, 0} : stream.sar;
+    return words(kMagic, " W", picture.width, " H", picture.height, " F", stream.timeBase.den, ":",
+                 num, " Ip A", sar.num, ":", sar.den, " C", space->first,
+                 full ? " XCOLORRANGE=FULL" : "", "\n");
 }
 
 Y4mReader::Y4mReader(const std::string& path) : mFile(path) {
@@ -139,15 +152,13 @@ void Y4mReader::readFrame(const Payload& picture) {
     size_t got = 0;
     picture.forEachRow([&](uint8_t* row, size_t bytes) { got += mFile.read(row, bytes); });
     if (got != picture.size()) {
-        failFrame(offset, "truncated: expected " + std::to_string(picture.size()) + " bytes, got " +
-                              std::to_string(got));
+        failFrame(offset, words("truncated: expected ", picture.size(), " bytes, got ", got));
     }
     ++mFrame;
 }
 
 void Y4mReader::failFrame(uint64_t offset, const std::string& text) const {
-    mFile.fail("frame " + std::to_string(mFrame) + " at byte " + std::to_string(offset) + ": " +
-               text);
+    mFile.fail(words("frame ", mFrame, " at byte ", offset, ": ", text));
 }
 
 }  // namespace vxrun

@@ -55,9 +55,9 @@ private:
         if (!isBad) return;
         if (!surplus && mDiffering++ == 0) {
             const bool sizes = expected.size != 0 && got.size != expected.size;
-            mFirstDifference = "frame " + std::to_string(mFrames) + ": expected " +
-                               describe(expected, sizes) + ", got " + describe(got, sizes) +
-                               " (timestamp " + std::to_string(frame.info.timestamp) + ")";
+            mFirstDifference =
+                words("frame ", mFrames, ": expected ", describe(expected, sizes), ", got ",
+                      describe(got, sizes), " (timestamp ", frame.info.timestamp, ")");
         }
         noteBad(mFrames);
         mBadFrames->add(mFrames, frame, nullptr);
@@ -79,13 +79,13 @@ private:
         const size_t rows = mExpected->rows.size();
         std::string text;
         if (mDiffering > 0) {
-            text = std::to_string(mDiffering) + " of " + std::to_string(record().checked) +
-                   " frames differ, first is " + mFirstDifference;
+            text = words(mDiffering, " of ", record().checked, " frames differ, first is ",
+                         mFirstDifference);
         }
         if (mFrames != rows) {
             if (mFrames < rows) noteBad(mFrames);  // the surplus ones are noted
-            text += (text.empty() ? "" : "; ") + ("the stream has " + std::to_string(mFrames)) +
-                    " frames, " + mExpectPath + " has " + std::to_string(rows);
+            text += words(text.empty() ? "" : "; ", "the stream has ", mFrames, " frames, ",
+                          mExpectPath, " has ", rows);
         }
         if (text.empty()) return;
         for (size_t row = mFrames; row < rows; ++row) {
@@ -100,9 +100,9 @@ private:
         const ChecksumRow& expected = mExpected->rows.front();
         record().checked = mFrames;
         if (expected.matches({0, md5})) return;
-        failCheck(vexa::CRC_MISMATCH, "the MD5 of all " + std::to_string(mFrames) +
-                                          " frames differs: expected " + expected.hash + ", got " +
-                                          md5);
+        failCheck(vexa::CRC_MISMATCH,
+                  words("the MD5 of all ", mFrames, " frames differs: expected ", expected.hash,
+                        ", got ", md5));
     }
 
     std::optional<ChecksumList> mExpected;

@@ -66,8 +66,8 @@ private:
         char* end = nullptr;
         mFloor = std::strtod(text.c_str(), &end);
         if (*end == '\0' && mFloor > 0 && mFloor <= highest) return;
-        throw Failure("config '" + measure + "': expected a number above 0, at most " +
-                      std::to_string(static_cast<int>(highest)) + ", got " + quote(text));
+        throw Failure(words("config '", measure, "': expected a number above 0, at most ", highest,
+                            ", got ", quote(text)));
     }
 
     void process(const SharedWorks& inputs) override {
@@ -127,8 +127,8 @@ private:
         }
         if (isBad && mBad++ == 0) {  // only the first one is shown
             text = measured ? text + " is below " + config(mMeasure) : difference.text();
-            failCheck(mError, "frame " + std::to_string(frame) + " (timestamp " +
-                                  std::to_string(got.info.timestamp) + "): " + text);
+            failCheck(mError,
+                      words("frame ", frame, " (timestamp ", got.info.timestamp, "): ", text));
         }
         return isBad;
     }
@@ -140,11 +140,9 @@ private:
             console::line("vxrun: node '" + record().name + "': the lowest is " + mLowestText);
         }
         if (mBad > 0 || got != wanted) {
-            std::string text = std::to_string(mBad) + " of " + std::to_string(record().checked) +
-                               " frames are wrong, got " + std::to_string(got) + ", wanted " +
-                               std::to_string(wanted);
             const std::string alignment = mAlignment.text();
-            failCheck(mError, text + (alignment.empty() ? "" : "; " + alignment));
+            failCheck(mError, words(mBad, " of ", record().checked, " frames are wrong, got ", got,
+                                    ", wanted ", wanted, alignment.empty() ? "" : "; ", alignment));
         }
         record().endOfStream = true;
         signalComplete();

@@ -166,8 +166,8 @@ private:
                           errorName(vexa::INFO_VALIDATION_FAIL));
         }
         if (mErrors > 0 && !flagConfig("tolerate_errors")) {
-            failCheck(vexa::INFO_VALIDATION_FAIL, "errors in decoding: " + std::to_string(mErrors) +
-                                                      ", first at " + mFirstError);
+            failCheck(vexa::INFO_VALIDATION_FAIL,
+                      words("errors in decoding: ", mErrors, ", first at ", mFirstError));
         }
         Producer::finish(nothing);
     }
@@ -176,7 +176,7 @@ private:
     void noteError(const std::string& text) {
         const std::string wrong = mLog.take(text);
         if (mErrors++ > 0) return;
-        mFirstError = "frame " + std::to_string(mFrames) + ": " + wrong;
+        mFirstError = words("frame ", mFrames, ": ", wrong);
         if (!flagConfig("tolerate_errors")) noteBad(mFrames);
     }
 

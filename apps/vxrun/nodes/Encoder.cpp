@@ -110,8 +110,8 @@ private:
         const auto picture = frame.copy();
         if (mContext == nullptr) start(frame.stream);
         if (frame.format() != mFormat) {
-            throw Failure("frame " + std::to_string(number) + " is " + frame.format().text() +
-                          " after " + mFormat.text() + ": an encoder takes one size and format");
+            throw Failure(words("frame ", number, " is ", frame.format().text(), " after ",
+                                mFormat.text(), ": an encoder takes one size and format"));
         }
         picture->pts = static_cast<int64_t>(frame.info.timestamp);
         picture->quality = mContext->global_quality;
@@ -145,8 +145,8 @@ private:
         ++mUnits;
         if (mForced.erase(packet->pts) != 0 && (packet->flags & AV_PKT_FLAG_KEY) == 0) {
             failCheck(vexa::INFO_VALIDATION_FAIL,
-                      nameOf(*mCodec) + " made no key frame of the picture with timestamp " +
-                          std::to_string(packet->pts));
+                      words(nameOf(*mCodec), " made no key frame of the picture with timestamp ",
+                            packet->pts));
         }
         giveUnit(std::move(packet), mStream);
         return true;

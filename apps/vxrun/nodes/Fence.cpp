@@ -43,8 +43,7 @@ private:
     }
 
     [[noreturn]] void fail() {
-        throw Failure("frame " + std::to_string(record().frames) +
-                      ": the fence of its picture has not fired");
+        throw Failure(words("frame ", record().frames, ": the fence of its picture has not fired"));
     }
 
     // [event thread]
