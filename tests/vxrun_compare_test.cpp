@@ -2,10 +2,12 @@
 #include "support/Vxrun.h"
 
 #include <map>
+#include <nlohmann/json.hpp>
 
 namespace {
 
 using namespace vxrun_test;
+using Json = nlohmann::json;
 
 const std::vector<std::string> kInTime = {"--timeout", "50"};
 
@@ -36,25 +38,24 @@ protected:
     // so on, and "name.out".
     std::string graphOf(const std::string& nodes,
                         const std::map<std::string, std::string>& connections) const {
+        Json graph = {{"name", "g"}, {"nodes", Json::array()}, {"connections", Json::object()}};
         const auto port = [](const std::string& name) {
-            return R"({"format": "video/raw", "name": ")" + name + "\"}";
+            return Json{{"name", name}, {"format", "video/raw"}};
         };
         std::istringstream lines(nodes);
-        std::string name, type, text;
+        std::string name, type;
         for (int inputs = 0, outputs = 0; lines >> name >> type >> inputs >> outputs;) {
-            text += std::string(text.empty() ? "" : ", ") + R"({"name": ")" + name +
-                    R"(", "type": ")" + type + R"(", "inputs": [)";
+            Json node = {{"name", name}, {"type", type}};
             for (int i = 0; i < inputs; ++i) {
-                text += (i > 0 ? "," : "") + port(name + ".in" + std::to_string(i));
+                node["inputs"].push_back(port(name + ".in" + std::to_string(i)));
             }
-            text += "], \"outputs\": [" + (outputs > 0 ? port(name + ".out") : "") + "]}";
+            if (outputs > 0) node["outputs"].push_back(port(name + ".out"));
+            graph["nodes"].push_back(node);
         }
-        std::string ends;
         for (const auto& [from, to] : connections) {
-            ends += (ends.empty() ? "\"" : ", \"") + from + ".out\": [" + to + "]";
+            graph["connections"][from + ".out"] = Json::parse("[" + to + "]", nullptr, false);
         }
-        writeFile(path("graph.json"),
-                  R"({"name": "g", "nodes": [)" + text + "], \"connections\": {" + ends + "}}");
+        writeFile(path("graph.json"), graph.dump());
         return path("graph.json");
     }
 
@@ -366,8 +367,8 @@ TEST_F(VxrunCompare, CheckKnowsWhatWaitsForAnEncoder) {
     const std::string fenced =
         graphOf("a source/y4m 0 1  f transform/fence 1 1  b source/y4m 0 1  cmp sink/compare 2 0",
                 {{"a", R"("f.in0")"}, {"f", R"("cmp.in0")"}, {"b", R"("cmp.in1")"}});
-    writeFile(fenced, replaced(contentOf(fenced), "source/y4m\",",
-                               "source/y4m\", \"configs\": {\"slots\": 1},"));
+    writeFile(fenced, replaced(contentOf(fenced), R"("name":"a",)",
+                               R"("name":"a","configs":{"slots":1},)"));
     EXPECT_EQ(vxrun({"check", fenced}).out, "check: mistakes=0\n");
     writeFile(path("clip.y4m"), y4m("W6 H4 F25:1", 36, 20));
     const std::string clip = path("clip.y4m");
