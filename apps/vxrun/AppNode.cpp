@@ -122,15 +122,16 @@ std::vector<std::pair<std::string, std::string>> mistakesOf(const NodeType& type
     checkCount("output", type.outputs, node.outputPorts.size());
     for (const auto& [key, value] : node.configs) {
         const ConfigKey* const config = type.find(key);
-        std::string text =
-            "unknown config '" + key + "' = " + quote(value) + ", a " + type.name + " knows:";
-        if (config == nullptr) {
-            for (const ConfigKey& known : type.configs) text += " " + known.name;
-        } else {
+        if (config != nullptr) {
             const std::string mistake = value.empty() ? "" : mistakeOf(*config, value);
-            if (mistake.empty()) continue;
-            text = "config '" + key + "': " + mistake;
+            if (!mistake.empty()) {
+                mistakes.emplace_back(key, words("config '", key, "': ", mistake));
+            }
+            continue;
         }
+        std::string text =
+            words("unknown config '", key, "' = ", quote(value), ", a ", type.name, " knows:");
+        for (const ConfigKey& known : type.configs) text.append(" ").append(known.name);
         mistakes.emplace_back(key, text);
     }
     for (const auto& entry : node.entries) {
