@@ -2,10 +2,12 @@
 #include "support/Vxrun.h"
 
 #include <map>
+#include <nlohmann/json.hpp>
 
 namespace {
 
 using namespace vxrun_test;
+using Json = nlohmann::json;
 
 const std::vector<std::string> kInTime = {"--timeout", "50"};
 
@@ -36,25 +38,24 @@ protected:
     // so on, and "name.out".
     std::string graphOf(const std::string& nodes,
                         const std::map<std::string, std::string>& connections) const {
+        Json graph = {{"name", "g"}, {"nodes", Json::array()}, {"connections", Json::object()}};
         const auto port = [](const std::string& name) {
-            return R"({"format": "video/raw", "name": ")" + name + "\"}";
+            return Json{{"name", name}, {"format", "video/raw"}};
         };
         std::istringstream lines(nodes);
-        std::string name, type, text;
+        std::string name, type;
         for (int inputs = 0, outputs = 0; lines >> name >> type >> inputs >> outputs;) {
-            text += std::string(text.empty() ? "" : ", ") + R"({"name": ")" + name +
-                    R"(", "type": ")" + type + R"(", "inputs": [)";
+            Json node = {{"name", name}, {"type", type}};
             for (int i = 0; i < inputs; ++i) {
-                text += (i > 0 ? "," : "") + port(name + ".in" + std::to_string(i));
+                node["inputs"].push_back(port(name + ".in" + std::to_string(i)));
             }
-            text += "], \"outputs\": [" + (outputs > 0 ? port(name + ".out") : "") + "]}";
+            if (outputs > 0) node["outputs"].push_back(port(name + ".out"));
+            graph["nodes"].push_back(node);
         }
-        std::string ends;
         for (const auto& [from, to] : connections) {
-            ends += (ends.empty() ? "\"" : ", \"") + from + ".out\": [" + to + "]";
+            graph["connections"][from + ".out"] = Json::parse("[" + to + "]", nullptr, false);
         }
-        writeFile(path("graph.json"),
-                  R"({"name": "g", "nodes": [)" + text + "], \"connections\": {" + ends + "}}");
+        writeFile(path("graph.json"), graph.dump());
         return path("graph.json");
     }
 
@@ -121,6 +122,39 @@ TEST_F(VxrunCompare, TellsWhereAndInWhatShape) {
         expectLine(result, place.str());
         expectLine(result, c.line);
     }
+}
+
+// Catches: a wrong cropping offset that is not seen, seen with the wrong sign or size, or seen in a plain
+// picture, where every shift fits.
+TEST_F(VxrunCompare, TellsAShiftInSpace) {
+    struct Case {
+        int dx, dy;
+        const char* line;
+    };
+    const Case cases[] = {
+        {2, 1, "; shifted by (2,1): sample (x,y) is the wanted (x+2,y+1); wrong samples: Y "},
+        {0, -16, "; shifted by (0,-16): sample (x,y) is the wanted (x+0,y-16); "},
+        {-3, 0, "; shifted by (-3,0): "},
+        {17, 0, "; whole plane Y; "},
+    };
+    const Clip wanted(2);
+    const int width = Clip::kWidth, height = 80;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        Clip got = wanted;
+        for (int y = std::max(-c.dy, 0); y < std::min(height - c.dy, height); ++y) {
+            for (int x = std::max(-c.dx, 0); x < std::min(width - c.dx, width); ++x) {
+                got.frames[1][static_cast<size_t>(y * width + x)] =
+                    wanted.frames[1][static_cast<size_t>((y + c.dy) * width + x + c.dx)];
+            }
+        }
+        expectLine(compare(got, wanted), c.line);
+    }
+    Clip plain = wanted;
+    plain.frames[0].assign(plain.frames[0].size(), 100);
+    Clip edge = plain;
+    edge.frames[0].replace(0, Clip::kWidth, Clip::kWidth, 90);
+    expectLine(compare(edge, plain), "; in one row; ");
 }
 
 // Catches: frames too many or too few that go unnoticed, a shift that is not seen, or seen where there
@@ -306,6 +340,39 @@ TEST_F(VxrunCompare, UnevenBranchesDoNotStall) {
             {source});
     EXPECT_EQ(self.exit, 3);
     expectLine(self, "both inputs are connected to the output 'a.out'");
+}
+
+// Catches: a pool that holds fewer pictures than an encoder keeps back, which are all waiting to be compared
+// with what it makes of them, and that is called large enough; a fence that is said to keep pictures.
+TEST_F(VxrunCompare, CheckKnowsWhatWaitsForAnEncoder) {
+    const std::string file = path("transcode.json"),
+                      graph = contentOf(VXRUN_GRAPHS_DIR "/transcode.json");
+    if (!makeVideo("clip.264", "yuv420p", "libx264")) GTEST_SKIP() << "no ffmpeg program";
+    // Without B frames the decoder behind the encoder keeps none.
+    const auto with = [&](const char* slots) {
+        writeFile(file, replaced(replaced(graph, "threads=1", "threads=1:bf=0"), "\"slots\": 32",
+                                 std::string("\"slots\": ") + slots));
+    };
+    with("8");
+    Result checked = vxrun({"check", file});
+    EXPECT_EQ(checked.out, "check: mistakes=1\n");
+    expectLine(checked, "nodes[1].configs.slots: a pool of 8 buffers, of which the nodes behind");
+    EXPECT_EQ(vxrun({file, "--stall", "1"}).exit, 124);
+    with("16");
+    checked = vxrun({"check", file});
+    EXPECT_EQ(checked.out + checked.err, "check: mistakes=0\n");
+    EXPECT_EQ(vxrun({file, "--timeout", "50"}).exit, 0);
+
+    // All of these pass each picture on, sooner or later.
+    const std::string fenced =
+        graphOf("a source/y4m 0 1  f transform/fence 1 1  b source/y4m 0 1  cmp sink/compare 2 0",
+                {{"a", R"("f.in0")"}, {"f", R"("cmp.in0")"}, {"b", R"("cmp.in1")"}});
+    writeFile(fenced, replaced(contentOf(fenced), R"("name":"a",)",
+                               R"("name":"a","configs":{"slots":1},)"));
+    EXPECT_EQ(vxrun({"check", fenced}).out, "check: mistakes=0\n");
+    writeFile(path("clip.y4m"), y4m("W6 H4 F25:1", 36, 20));
+    const std::string clip = path("clip.y4m");
+    EXPECT_EQ(run(fenced, {"a.file=" + clip, "b.file=" + clip}).exit, 0);
 }
 
 // Catches: a fence that is not waited for, pictures out of order behind it, a fence that never fires

@@ -3,11 +3,13 @@
 #include <support/Vxrun.h>
 
 #include <map>
+#include <nlohmann/json.hpp>
 #include <numeric>
 
 namespace {
 
 using namespace vxrun_test;
+using Json = nlohmann::json;
 
 // The rows of a list without the columns up to the duration: size, checksum and, in framecrc, flags.
 std::vector<std::string> rowsOf(const std::string& list) {
@@ -54,49 +56,45 @@ protected:
             {"again", "codec/decoder"},      {"encoder", "codec/encoder"},
             {"check", "sink/checksum"},      {"file", "sink/file"},
             {"convert", "transform/convert"}};
-        std::map<std::string, std::string> configs, entries, feeds;
+        Json graph = {{"name", "g"}, {"nodes", Json::array()}, {"connections", Json::object()}};
+        std::string last;
+        std::istringstream names(nodes);
+        for (std::string name; names >> name;) {
+            Json node = {{"name", name}, {"type", types.at(name)}, {"configs", Json::object()}};
+            const auto port = [](const std::string& end, const std::string& maker) {
+                const bool units = maker == "reader" || maker == "encoder";
+                return Json{{"name", end}, {"format", units ? "video/bitstream" : "video/raw"}};
+            };
+            if (!last.empty()) {
+                node["inputs"].push_back(port(name + ".in", last));
+                graph["connections"][last + ".out"].push_back(name + ".in");
+            }
+            if (types.at(name).rfind("sink/", 0) != 0) {
+                node["outputs"].push_back(port(name + ".out", name));
+                node["configs"]["slots"] = 4;
+                last = name;
+            }
+            graph["nodes"].push_back(node);
+        }
         std::istringstream words(settings);
         for (std::string word; words >> word;) {
             const size_t dot = word.find('.'), equals = word.find('='),
                          mark = word.find_first_of(".@~");
-            const std::string node = word.substr(0, mark);
-            const std::string key = "\"" + word.substr(dot + 1, equals - dot - 1) + "\"";
-            const std::string value = "\"" + word.substr(equals + 1) + "\"";
-            if (mark == dot) {
-                configs[node] += "," + key + ":" + value;
-                continue;
+            const std::string key = word.substr(dot + 1, equals - dot - 1),
+                              value = word.substr(equals + 1);
+            for (Json& node : graph["nodes"]) {
+                if (node["name"] != word.substr(0, mark)) continue;
+                if (mark == dot) {
+                    node["configs"][key] = value;
+                } else {
+                    const int frame = std::stoi(word.substr(mark + 1));
+                    const char* const kind = word[mark] == '@' ? "command" : "tuning";
+                    node["entries"].push_back(
+                        {{"frame", frame}, {"kind", kind}, {"key", key}, {"value", value}});
+                }
             }
-            entries[node] += (entries[node].empty() ? "" : ",") +
-                             ("{\"frame\":" + word.substr(mark + 1, dot - mark - 1)) +
-                             ",\"kind\":\"" + (word[mark] == '@' ? "command" : "tuning") +
-                             "\",\"key\":" + key + ",\"value\":" + value + "}";
         }
-        std::string graph, connections, last;
-        std::istringstream names(nodes);
-        for (std::string name; names >> name;) {
-            const std::string type = types.at(name);
-            const bool sink = type.rfind("sink/", 0) == 0;
-            const auto ports = [](const std::string& direction, const std::string& node) {
-                const bool units = node == "reader" || node == "encoder";
-                return ",\"" + direction + ",\"format\":\"video/" + (units ? "bitstream" : "raw") +
-                       "\"}]";
-            };
-            graph += (graph.empty() ? "" : ",") + ("{\"name\":\"" + name) + "\",\"type\":\"" +
-                     type + "\",\"entries\":[" + entries[name] + "],\"configs\":{" +
-                     (configs[name] + (sink ? "" : ",\"slots\":4") + " ").substr(1) + "}";
-            if (!last.empty()) {
-                graph += ports("inputs\":[{\"name\":\"" + name + ".in\"", last);
-                feeds[last] += (feeds[last].empty() ? "\"" : ",\"") + name + ".in\"";
-            }
-            if (!sink) graph += ports("outputs\":[{\"name\":\"" + name + ".out\"", name);
-            if (!sink) last = name;
-            graph += "}";
-        }
-        for (const auto& [from, to] : feeds) {
-            connections += (connections.empty() ? "\"" : ",\"") + from + ".out\":[" + to + "]";
-        }
-        writeFile(path("transcode.json"), "{\"name\":\"g\",\"nodes\":[" + graph +
-                                              "],\"connections\":{" + connections + "}}");
+        writeFile(path("transcode.json"), graph.dump());
         return vxrun({path("transcode.json"), "--timeout", "50"});
     }
 };

@@ -2,6 +2,7 @@
 
 #include "Console.h"
 #include "Failure.h"
+#include "Text.h"
 #include "Trace.h"
 
 #include <algorithm>
@@ -12,62 +13,79 @@ using namespace vexa;
 
 // ---- Node types -------------------------------------------------------------------------------
 
-extern const NodeType kY4mSource;
-extern const NodeType kFileSource;
-extern const NodeType kBitstreamSource;
-extern const NodeType kDecoder;
-extern const NodeType kEncoder;
-extern const NodeType kPassthrough;
-extern const NodeType kDelay;
-extern const NodeType kFence;
-extern const NodeType kConvert;
-extern const NodeType kChecksumSink;
-extern const NodeType kCompareSink;
-extern const NodeType kFileSink;
-extern const NodeType kNullSink;
+static std::deque<NodeType>& types() {
+    static std::deque<NodeType> all;  // made when the first type is added
+    return all;
+}
 
-const std::vector<const NodeType*>& nodeTypes() {
-    static const std::vector<const NodeType*> types = {
-        &kY4mSource,   &kFileSource, &kBitstreamSource, &kDecoder, &kEncoder,
-        &kPassthrough, &kConvert,    &kDelay,           &kFence,   &kChecksumSink,
-        &kCompareSink, &kFileSink,   &kNullSink};
-    return types;
+bool addNodeType(NodeType type) {
+    auto& configs = type.configs;
+    configs.push_back({"allocator", kText, "insists on a buffer allocator: dmabuf or xcodec2"});
+    if (type.hasPool) {
+        configs.push_back({"slots", number(1, 1000, 8), "buffers of the node's pool, default 8"});
+        configs.push_back({"fence_ms", number(0, 3600000, 1),
+                           "before a transform/fence: when fences fire, default 1"});
+    }
+    types().push_back(std::move(type));
+    return true;
+}
+
+const std::deque<NodeType>& nodeTypes() {
+    return types();
 }
 
 const NodeType* findNodeType(const std::string& name) {
-    for (const NodeType* type : nodeTypes()) {
-        if (type->name == name) return type;
+    for (const NodeType& type : types()) {
+        if (type.name == name) return &type;
     }
     return nullptr;
-}
-
-const std::vector<ConfigKey>& commonConfigs(bool isSource) {
-    static const std::vector<ConfigKey> ofAny = {
-        {"allocator", false, "insists on a buffer allocator: dmabuf or xcodec2"}};
-    static const std::vector<ConfigKey> ofSources = {
-        ofAny.front(),
-        {"slots", false, "buffers of the node's pool, default 8"},
-        {"fence_ms", false, "before a transform/fence: when fences fire, default 1"}};
-    return isSource ? ofSources : ofAny;
 }
 
 const ConfigKey* NodeType::find(const std::string& key) const {
-    for (const auto* known : {&configs, &commonConfigs(inputs == 0)}) {
-        for (const ConfigKey& config : *known) {
-            if (config.name == key) return &config;
-        }
+    for (const ConfigKey& config : configs) {
+        if (config.name == key) return &config;
     }
     return nullptr;
+}
+
+uint64_t NodeType::number(const std::string& key, const std::string& text) const {
+    const ConfigKind& value = find(key)->value;
+    try {
+        return text.empty() ? value.preset : parseNumber(text, value.low, value.high);
+    } catch (const Failure&) {
+        return value.preset;
+    }
+}
+
+std::string configOf(const VXNodeDescriptor& node, const std::string& key) {
+    const auto config = node.configs.find(key);
+    return config != node.configs.end() ? config->second : "";
+}
+
+uint64_t numberOf(const VXNodeDescriptor& node, const std::string& key) {
+    return findNodeType(node.type)->number(key, configOf(node, key));
 }
 
 static bool isAllocator(const std::string& name) {
     return name == "dmabuf" || name == "xcodec2";
 }
 
-bool NodeType::checks(const VXNodeDescriptor& node) const {
-    if (checksWith == nullptr || *checksWith == '\0') return checksWith != nullptr;
-    const auto config = node.configs.find(checksWith);
-    return config != node.configs.end() && !config->second.empty();
+// What is wrong with the value of a config that was given; empty when nothing is.
+static std::string mistakeOf(const ConfigKey& config, const std::string& text) {
+    if (config.value.kind == ConfigKind::NUMBER) {
+        try {
+            parseNumber(text, config.value.low, config.value.high);
+        } catch (const Failure& failure) {
+            return failure.what();
+        }
+    }
+    if (config.value.kind == ConfigKind::FLAG && text != "true" && text != "false") {
+        return "expected true or false, got " + quote(text);
+    }
+    if (config.name == "allocator" && !isAllocator(text)) {
+        return "expected dmabuf or xcodec2, got " + quote(text);
+    }
+    return "";
 }
 
 // What is wrong with an entry; empty when nothing is.
@@ -76,9 +94,8 @@ static std::string mistakeOf(const NodeType& type, const VXNodeDescriptor::Confi
         const bool command = kind == VXNodeDescriptor::ConfigEntry::COMMAND;
         return (command ? "command '" : "tuning '") + key + "'";
     };
-    const std::string text = std::string(entry.alternate != 0 ? "alternate " : "") +
-                             nameOf(entry.kind, entry.key) + " at frame " +
-                             std::to_string(entry.frameIndex);
+    const std::string text = concat(entry.alternate != 0 ? "alternate " : "",
+                                    nameOf(entry.kind, entry.key), " at frame ", entry.frameIndex);
     std::string known = type.entries.empty() ? " no entries" : "";
     for (const EntryKey& key : type.entries) {
         if (key.kind == entry.kind && key.name == entry.key && entry.alternate == 0) {
@@ -99,25 +116,24 @@ std::vector<std::pair<std::string, std::string>> mistakesOf(const NodeType& type
     std::vector<std::pair<std::string, std::string>> mistakes;
     const auto checkCount = [&](const char* kind, size_t wanted, size_t got) {
         if (got == wanted) return;
-        mistakes.emplace_back("", "a " + type.name + " has " + std::to_string(wanted) + " " + kind +
-                                      " port(s), the description gives it " + std::to_string(got));
+        mistakes.emplace_back("", concat("a ", type.name, " has ", wanted, " ", kind,
+                                         " port(s), the description gives it ", got));
     };
     checkCount("input", type.inputs, node.inputPorts.size());
     checkCount("output", type.outputs, node.outputPorts.size());
     for (const auto& [key, value] : node.configs) {
-        if (type.find(key) != nullptr) continue;
-        std::string text =
-            "unknown config '" + key + "' = " + quote(value) + ", a " + type.name + " knows:";
-        for (const auto* keys : {&type.configs, &commonConfigs(type.inputs == 0)}) {
-            for (const ConfigKey& config : *keys) text += " " + config.name;
+        const ConfigKey* const config = type.find(key);
+        if (config != nullptr) {
+            const std::string mistake = value.empty() ? "" : mistakeOf(*config, value);
+            if (!mistake.empty()) {
+                mistakes.emplace_back(key, concat("config '", key, "': ", mistake));
+            }
+            continue;
         }
+        std::string text =
+            concat("unknown config '", key, "' = ", quote(value), ", a ", type.name, " knows:");
+        for (const ConfigKey& known : type.configs) text.append(" ").append(known.name);
         mistakes.emplace_back(key, text);
-    }
-    const auto allocator = node.configs.find("allocator");
-    if (allocator != node.configs.end() && !allocator->second.empty() &&
-        !isAllocator(allocator->second)) {
-        mistakes.emplace_back("allocator", "config 'allocator': expected dmabuf or xcodec2, got " +
-                                               quote(allocator->second));
     }
     for (const auto& entry : node.entries) {
         const std::string mistake = mistakeOf(type, entry);
@@ -158,15 +174,15 @@ std::vector<std::string> AppNode::getPreferredAllocatorTypes() {
 VXError AppNode::onSetup(bool beforeFence) {
     return guarded(NODE_FAIL_INIT, [=] {
         if (!mMistake.empty()) throw Failure(mMistake);
-        constexpr uint64_t kLongest = 3600000;
         mBeforeFence = beforeFence;
-        mFenceDelay = static_cast<unsigned>(numberConfig("fence_ms", 0, kLongest, 1));
-        createPorts();
+        for (const auto& port : inputPortInfos()) addInputPort(port.name, {port.format});
+        for (const auto& port : outputPortInfos()) addOutputPort(port.name, {port.format});
+        if (!outputPorts().empty()) mRoute->port = outputPorts().front();
         open();
     });
 }
 
-VXError AppNode::onProcess(SharedWorks inputs, Works* outputs) {
+VXError AppNode::onProcess(SharedWorks inputs, Works*) {
     if (mBroken) return VX_OK;  // the run is ending; what still arrives is not worth another line
     ++mRecord.moved;
     mRecord.busy = true;
@@ -177,13 +193,10 @@ VXError AppNode::onProcess(SharedWorks inputs, Works* outputs) {
     }
     const VXError result = guarded(NODE_FAIL_FATAL, [&] {
         hold(&inputs);
-        process(inputs, outputs);
-        mark(*outputs);
-        traceFrames(*outputs);
+        process(inputs);
     });
     if (gTrace != nullptr) gTrace->span(mRecord.number, "process", start);
     mRecord.busy = false;
-    mBroken = result != VX_OK;
     return result;
 }
 
@@ -191,7 +204,6 @@ VXError AppNode::onProcess(SharedWorks inputs, Works* outputs) {
 VXError AppNode::onBufferFilled(int) {
     if (mBroken) return VX_OK;
     const VXError result = guarded(NODE_FAIL_FATAL, [this] { wake(); });
-    mBroken = result != VX_OK;
     if (mBroken) signalError(result, errorName(NODE_FAIL_FATAL));
     return result;
 }
@@ -201,31 +213,38 @@ void AppNode::wakeUp(unsigned delay) {
     if (to != nullptr) to->postAsyncDelayed(std::make_shared<xc2::Event>(EVENT_FENCE), delay);
 }
 
-std::unique_ptr<VXWork> AppNode::passOn(const VXSharedWork& input) {
+void AppNode::send(std::unique_ptr<VXWork> work) {
+    ++mRecord.moved;
+    countFrame(work->frameInfo());
+    // In the place of the mark of whoever sent the frame to this node.
+    auto& infos = work->frameInfo().mInfos;
+    const auto isRoute = [](const auto& info) {
+        return dynamic_cast<const Route*>(info.get()) != nullptr;
+    };
+    infos.erase(std::remove_if(infos.begin(), infos.end(), isRoute), infos.end());
+    infos.push_back(mRoute);
+    // A frame's span begins with the node that makes it, and ends when nobody has it any more.
+    if (gTrace != nullptr && infoOf<TracedFrame>(work->frameInfo()) == nullptr) {
+        infos.push_back(std::make_shared<TracedFrame>(mRecord.name, mRecord.number, mTraced++));
+    }
+    Works works;
+    works.push_back(std::move(work));
+    returnWorks(std::move(works));
+}
+
+void AppNode::passOn(const VXSharedWork& input) {
     auto work = std::make_unique<VXWork>();
     work->frameInfo() = input.frameInfo();
     attach(work.get(), bufferOf(input));
-    return work;
+    send(std::move(work));
 }
 
 std::shared_ptr<VXBuffer> AppNode::fenced(std::shared_ptr<VXBuffer> buffer,
                                           const VXFrameInfo& frame) {
     if (!mBeforeFence) return buffer;
     auto given = mFences.add(buffer, *infoOf<StreamInfo>(frame));
-    if (given != buffer) wakeUp(mFenceDelay);
+    if (given != buffer) wakeUp(static_cast<unsigned>(numberConfig("fence_ms")));
     return given;
-}
-
-// In the place of the mark of whoever sent the frame to this node.
-void AppNode::mark(const Works& works) const {
-    for (const auto& work : works) {
-        auto& infos = work->frameInfo().mInfos;
-        const auto isRoute = [](const auto& info) {
-            return dynamic_cast<const Route*>(info.get()) != nullptr;
-        };
-        infos.erase(std::remove_if(infos.begin(), infos.end(), isRoute), infos.end());
-        infos.push_back(mRoute);
-    }
 }
 
 // Replaces each work by a share of it that tells the pool of its buffer when the node lets go of it.
@@ -239,23 +258,6 @@ void AppNode::hold(SharedWorks* works) {
             work.reset();
         };
         work = std::shared_ptr<VXSharedWork>(work.get(), letGo);
-    }
-}
-
-VXError AppNode::returnWorks(Works works) {
-    ++mRecord.moved;
-    mark(works);
-    traceFrames(works);
-    return VXNode::returnWorks(std::move(works));
-}
-
-// A frame's span begins with the node that makes it, and ends when nobody has it any more.
-void AppNode::traceFrames(const Works& works) {
-    if (gTrace == nullptr) return;
-    for (const auto& work : works) {
-        if (infoOf<TracedFrame>(work->frameInfo()) != nullptr) continue;
-        work->frameInfo().mInfos.push_back(
-            std::make_shared<TracedFrame>(mRecord.name, mRecord.number, mTraced++));
     }
 }
 
@@ -278,6 +280,7 @@ VXError AppNode::guarded(VexaError error, Action action) {
     } catch (const std::exception& exception) {  // memory, for instance
         fail(errorName(error), exception.what());
     }
+    mBroken = true;
     return VX_ERROR;
 }
 
@@ -292,14 +295,6 @@ void AppNode::failCheck(VexaError error, const std::string& text) {
     signalError(VX_OK, errorName(error));  // VX_OK: the graph tells its listener and goes on
 }
 
-void AppNode::createPorts() {
-    for (const auto& port : inputPortInfos()) addInputPort(port.name, {port.format});
-    for (const auto& port : outputPortInfos()) addOutputPort(port.name, {port.format});
-    if (outputPorts().empty()) return;
-    mRoute = std::make_shared<Route>();
-    mRoute->port = outputPorts().front();
-}
-
 std::string AppNode::config(const std::string& key) {
     std::string value;
     getInitConfig(key, &value);
@@ -310,24 +305,6 @@ std::string AppNode::requiredConfig(const std::string& key) {
     std::string value = config(key);
     if (value.empty()) throw Failure("config '" + key + "' is missing");
     return value;
-}
-
-uint64_t AppNode::numberConfig(const std::string& key, uint64_t low, uint64_t high,
-                               uint64_t preset) {
-    const std::string value = config(key);
-    try {
-        return value.empty() ? preset : parseNumber(value, low, high);
-    } catch (const Failure& failure) {
-        throw Failure("config '" + key + "': " + failure.what());
-    }
-}
-
-bool AppNode::flagConfig(const std::string& key) {
-    const std::string value = config(key);
-    if (!value.empty() && value != "true" && value != "false") {
-        throw Failure("config '" + key + "': expected true or false, got " + quote(value));
-    }
-    return value == "true";
 }
 
 void AppNode::countFrame(const VXFrameInfo& frame) {
@@ -346,69 +323,24 @@ void AppNode::noteBad(uint64_t number) {
 }
 
 // Works are released before their buffers are, so a node that found no buffer is told by its pool.
-std::function<void()> AppNode::scheduleSelf() {
-    return [weakHandler = std::weak_ptr<Handler>(handler())] {
+std::shared_ptr<Pool> AppNode::newPool(const PictureFormat& format) {
+    const auto scheduleSelf = [weakHandler = std::weak_ptr<Handler>(handler())] {
         if (const auto handler = weakHandler.lock()) {
             handler->postAsync(std::make_shared<xc2::Event>(EVENT_SCHEDULE));
         }
     };
+    const size_t slots = numberConfig("slots");
+    return Pool::make(allocatorType(), format, slots, mEvidence.addPool(mRecord.name, slots),
+                      scheduleSelf);
 }
 
-// ---- Source -----------------------------------------------------------------------------------
-
-void Source::makePicturePool(const PictureFormat& format) {
-    mPool = Pool::ofPictures(allocatorType(), format, slots(), newPoolRecord(), scheduleSelf());
-}
-
-void Source::makeBlockPool(size_t bytes) {
-    mPool = Pool::ofBlocks(allocatorType(), bytes, slots(), newPoolRecord(), scheduleSelf());
-}
-
-VXError Source::countAvailablePendingInputWorks(unsigned long maxCount, unsigned long* actualCount,
-                                                bool* hasEOS) {
-    if (actualCount == nullptr || hasEOS == nullptr || maxCount == 0) return VX_BAD_VALUE;
-    *actualCount = 0;
-    *hasEOS = false;
-    if (mEnded) return VX_OK;
-    // Without memory the input is offered all the same: process() says what is wrong.
-    if (mNext == nullptr && mPool->fetch(&mNext) == VX_NO_FREE_SLOT) return VX_OK;
-    *actualCount = 1;  // a batch is one
-    return VX_OK;
-}
-
-VXError Source::getPendingInputWorks(unsigned long requestedCount, SharedWorks* works) {
-    if (works == nullptr) return VX_BAD_VALUE;
-    works->clear();
-    if (requestedCount > (mEnded ? 0 : 1)) return VX_INVALID_OPERATION;
-    works->push_back(std::make_shared<VXSharedWork>(VXAuxInfo(), VXFrameInfo()));
-    return VX_OK;
-}
-
-void Source::process(const SharedWorks& inputs, Works* outputs) {
-    for (size_t i = 0; i < inputs.size() && !mEnded; ++i) {
-        mEnded = true;  // also if something is thrown below
-        if (mNext == nullptr) throw Failure("no memory for a buffer");
-        auto work = std::make_unique<VXWork>();
-        fill(mNext, &work->frameInfo());
-        attach(work.get(), fenced(std::move(mNext), work->frameInfo()));
-        VXFrameInfo& frame = outputs->emplace_back(std::move(work))->frameInfo();
-        mEnded = !hasNext();  // may throw: then the frame before the trouble is sent on
-        if (mEnded) frame.flags |= VXFrameInfo::FLAG_END_OF_STREAM;
-        countFrame(frame);
-    }
-}
-
-// ---- Sink -------------------------------------------------------------------------------------
-
-void Sink::process(const SharedWorks& inputs, Works*) {
+void Sink::process(const SharedWorks& inputs) {
     for (const auto& work : inputs) {
-        const auto buffer = bufferOf(*work);
-        const StreamInfo* const stream = infoOf<StreamInfo>(work->frameInfo());
-        if (buffer == nullptr || stream == nullptr) throw Failure("a work without a payload");
-        consume(Payload(buffer, *stream), *stream, work->frameInfo());
-        const bool last = (work->frameInfo().flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0;
+        const Frame frame(*work);
+        consume(frame);
+        const bool last = (frame.info.flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0;
         if (last) finish();
-        countFrame(work->frameInfo());
+        countFrame(frame.info);
         if (last) signalComplete();
     }
 }

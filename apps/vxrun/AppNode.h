@@ -1,18 +1,19 @@
 // AppNode: what the nodes of vxrun have in common, and the table of node types.
 //
-// A node type is one source file in nodes/: a class derived from AppNode, Source or Sink, and a
+// A node type is one source file in nodes/: a class derived from AppNode, Producer or Sink, and a
 // NodeType that describes it. Its hooks throw Failure; AppNode's final overrides catch everything, so
 // that no exception reaches the library.
 #pragma once
 
 #include "Evidence.h"
+#include "Failure.h"
 #include "Payload.h"
 #include "PictureFences.h"
 #include "Pool.h"
 
 #include <VXNode.h>
 
-#include <atomic>
+#include <deque>
 #include <list>
 #include <memory>
 #include <string>
@@ -20,11 +21,21 @@
 
 namespace vxrun {
 
-constexpr size_t kDefaultSlots = 8;  // of a node's pool
+// What the value of a config is.
+struct ConfigKind {
+    enum Kind { TEXT, FILE, FLAG, NUMBER } kind;
+    uint64_t low = 0, high = 0, preset = 0;  // of a number
+};
+constexpr ConfigKind kText = {ConfigKind::TEXT};
+constexpr ConfigKind kFile = {ConfigKind::FILE};
+constexpr ConfigKind kFlag = {ConfigKind::FLAG};  // true or false
+constexpr ConfigKind number(uint64_t low, uint64_t high, uint64_t preset) {
+    return {ConfigKind::NUMBER, low, high, preset};
+}
 
 struct ConfigKey {
     std::string name;
-    bool isFile;
+    ConfigKind value;
     std::string help;
 };
 
@@ -56,31 +67,47 @@ struct NodeType {
     size_t inputs;  // how many ports of each kind a node of this type has
     size_t outputs;
     std::vector<ConfigKey> configs;
+    std::vector<EntryKey> entries;
+    bool hasPool;  // the rest: AppNode's members of these names
+    bool (*checks)(const vexa::VXNodeDescriptor& node);
+    uint64_t (*keeps)(const vexa::VXNodeDescriptor& node);
     std::unique_ptr<vexa::VXNode> (*make)(NodeArguments arguments);
-    std::vector<EntryKey> entries = {};
 
-    // A node of this type checks what it gets when it has this config; "" for always.
-    const char* checksWith = nullptr;
-
-    bool checks(const vexa::VXNodeDescriptor& node) const;
-    // The config `key`, common ones too; null when the type does not know it.
+    // The config `key`; null when the type does not know it.
     const ConfigKey* find(const std::string& key) const;
+    // The value of the config `key`, a number, given as `text`. Its preset where that is empty or, which is
+    // mistakesOf()'s to tell, no good.
+    uint64_t number(const std::string& key, const std::string& text) const;
 };
 
+// The types of this program; null for an unknown name.
+const std::deque<NodeType>& nodeTypes();
+const NodeType* findNodeType(const std::string& name);
+// Adds a type, and the configs that all have to its own; true. Before main().
+bool addNodeType(NodeType type);
+
+// The value of a config; empty when it was not given. A number's, as its type has it.
+std::string configOf(const vexa::VXNodeDescriptor& node, const std::string& key);
+uint64_t numberOf(const vexa::VXNodeDescriptor& node, const std::string& key);
+
+// Adds the type of the class `Node`, an AppNode.
 template <typename Node>
-std::unique_ptr<vexa::VXNode> makeNode(NodeArguments arguments) {
-    return std::make_unique<Node>(std::move(arguments));
+bool addNodeType(const char* name, const char* help, size_t inputs, size_t outputs,
+                 std::vector<ConfigKey> configs = {}, std::vector<EntryKey> entries = {}) {
+    // The most derived class has to end the node's life.
+    struct Made final : public Node {
+        using Node::Node;
+        ~Made() override { this->teardown(); }
+    };
+    const auto make = [](NodeArguments arguments) -> std::unique_ptr<vexa::VXNode> {
+        return std::make_unique<Made>(std::move(arguments));
+    };
+    return addNodeType({name, help, inputs, outputs, std::move(configs), std::move(entries),
+                        Node::kHasPool, Node::checks, Node::keeps, make});
 }
 
-// The configs that every node knows, and those that every source does.
-const std::vector<ConfigKey>& commonConfigs(bool isSource);
-
-// The types of this program, in the order to list them; null for an unknown name.
-const std::vector<const NodeType*>& nodeTypes();
-const NodeType* findNodeType(const std::string& name);
-
-// What is wrong with the ports and configs of a description for a node of `type`: the config in question,
-// or "", and a line.
+// What is wrong with the ports, configs and entries of a description for a node of `type`: the config in
+// question, or "", and a line.
 std::vector<std::pair<std::string, std::string>> mistakesOf(const NodeType& type,
                                                             const vexa::VXNodeDescriptor& node);
 
@@ -102,48 +129,50 @@ struct Route : public vexa::VXInfo {
     std::weak_ptr<vexa::VXOutputPort> port;
 };
 
-// The base class. Each most derived class calls teardown() in its destructor.
+// The base class.
 //
 // Threads  open(): the one that builds the graph. process(): the node's event thread.
 class AppNode : public vexa::VXNode {
 public:
-    std::vector<std::string> getPreferredAllocatorTypes() override;
+    // For derived classes to hide. Whether their frames lie in buffers of their own.
+    static constexpr bool kHasPool = false;
+    // Whether a node so described checks what it gets.
+    static bool checks(const vexa::VXNodeDescriptor&) { return false; }
+    // How many frames a node so described takes at least before it gives the first.
+    static uint64_t keeps(const vexa::VXNodeDescriptor&) { return 0; }
 
+    explicit AppNode(NodeArguments arguments);
     ~AppNode() override { mEvidence.removeNode(mRecord); }
+    std::vector<std::string> getPreferredAllocatorTypes() override;
 
 protected:
     using SharedWorks = std::list<std::shared_ptr<vexa::VXSharedWork>>;
     using Works = std::list<std::unique_ptr<vexa::VXWork>>;
 
-    explicit AppNode(NodeArguments arguments);
-
     // Takes the configs and opens files. The ports exist.
     virtual void open() {}
-    // Leaves one output per input, or none.
-    virtual void process(const SharedWorks& inputs, Works* outputs) = 0;
+    virtual void process(const SharedWorks& inputs) = 0;
     // What wakeUp() asked for; here: the fence that fenced() has made first fires.
     virtual void wake() { mFences.fireNext(); }
 
     // Has wake() called on the event thread, `delay` milliseconds from now; once per call. A node that
     // has stopped sleeps on.  [any thread]
     void wakeUp(unsigned delay);
-    // Works that process() does not leave.  [any thread]
-    vexa::VXError returnWorks(Works works);
-    // A work that carries what `input` carries.
-    static std::unique_ptr<vexa::VXWork> passOn(const vexa::VXSharedWork& input);
+    // Sends a finished work, and counts it.
+    void send(std::unique_ptr<vexa::VXWork> work);
+    // Sends a work that carries what `input` carries.
+    void passOn(const vexa::VXSharedWork& input);
     // What to send in place of `buffer`, a new picture: before a transform/fence the same with a fence
     // that fires "fence_ms" milliseconds later, else `buffer` itself. Such a node has no wake().
     std::shared_ptr<vexa::VXBuffer> fenced(std::shared_ptr<vexa::VXBuffer> buffer,
                                            const vexa::VXFrameInfo& frame);
 
-    // A config's value; empty when it was not given.
+    // A config's value; empty when it was not given. Numbers and flags are what the type says of them.
     std::string config(const std::string& key);
     // The same; a Failure when it was not given.
     std::string requiredConfig(const std::string& key);
-    // A config that is a number in [low, high]; `preset` when it was not given.
-    uint64_t numberConfig(const std::string& key, uint64_t low, uint64_t high, uint64_t preset);
-    // A config that is true or false; false when it was not given.
-    bool flagConfig(const std::string& key);
+    uint64_t numberConfig(const std::string& key) { return mType.number(key, config(key)); }
+    bool flagConfig(const std::string& key) { return config(key) == "true"; }
 
     // The entries of the description, each of which the type takes, with a value that is in its range.
     // What applies to a frame is up to configStore() to tell.
@@ -157,11 +186,10 @@ protected:
     void failCheck(vexa::VexaError error, const std::string& text);
 
     NodeRecord& record() { return mRecord; }
-    PoolRecord& newPoolRecord() { return mEvidence.addPool(mRecord.name, slots()); }
 
-    // For the node's pools: the config "slots", and an `onFree` that has the node scheduled again.
-    size_t slots() { return numberConfig("slots", 1, 1000, kDefaultSlots); }
-    std::function<void()> scheduleSelf();
+    // A new pool of the node's, of as many buffers as the config "slots" says. It has the node scheduled
+    // again when a buffer comes back after none was free.
+    std::shared_ptr<Pool> newPool(const PictureFormat& format);
 
 private:
     vexa::VXError onSetup(bool beforeFence) final;
@@ -175,70 +203,33 @@ private:
     template <typename Action>
     vexa::VXError guarded(vexa::VexaError error, Action action);
     void hold(SharedWorks* works);
-    void traceFrames(const Works& works);
     void traceQueue();
-    void createPorts();
-    void mark(const Works& works) const;
     void fail(const std::string& verdict, const std::string& text);
 
     const NodeType& mType;
     Evidence& mEvidence;
     NodeRecord& mRecord;
     const std::vector<vexa::VXNodeDescriptor::ConfigEntry> mEntries;
-    const std::string mMistake;     // in the description
-    std::shared_ptr<Route> mRoute;  // null without an output port
+    const std::string mMistake;  // in the description
+    const std::shared_ptr<Route> mRoute = std::make_shared<Route>();
     bool mBeforeFence = false;
-    unsigned mFenceDelay = 1;  // milliseconds
     PictureFences mFences;
-    std::atomic<uint64_t> mTraced{0};  // frames that the trace has a span for
-    bool mBroken = false;              // a process() or wake() has failed  [event thread]
-};
-
-// Source: a node that makes frames. It offers one input of its own making at a time, so that the
-// regulator's flow control paces it: none without a free buffer (the next one that comes back has it
-// scheduled again), and none after its last frame or a failure.
-class Source : public AppNode {
-public:
-    vexa::VXError countAvailablePendingInputWorks(unsigned long maxCount,
-                                                  unsigned long* actualCount,
-                                                  bool* hasEOS) override;
-    vexa::VXError getPendingInputWorks(
-        unsigned long requestedCount,
-        std::list<std::shared_ptr<vexa::VXSharedWork>>* works) override;
-
-protected:
-    explicit Source(NodeArguments arguments) : AppNode(std::move(arguments)) {}
-
-    // Makes the pool that the next frames come from; for open() and hasNext(). An earlier pool lives
-    // on with its buffers.
-    void makePicturePool(const PictureFormat& format);
-    void makeBlockPool(size_t bytes);
-
-    // Fills the next frame: buffer, timestamp, infos.
-    virtual void fill(const std::shared_ptr<vexa::VXBuffer>& buffer, vexa::VXFrameInfo* frame) = 0;
-    // True when another frame follows the one filled last.
-    virtual bool hasNext() = 0;
-
-private:
-    void process(const SharedWorks& inputs, Works* outputs) final;
-    std::shared_ptr<Pool> mPool;
-    // [event thread]
-    std::shared_ptr<vexa::VXBuffer> mNext;  // for the next frame
-    bool mEnded = false;
+    uint64_t mTraced = 0;  // frames that the trace has a span for  [event thread]
+    bool mBroken = false;  // a process() or wake() has failed  [event thread]
 };
 
 // Sink: a node that takes frames and gives none. Reports completion after the last frame.
 class Sink : public AppNode {
-protected:
-    explicit Sink(NodeArguments arguments) : AppNode(std::move(arguments)) {}
+public:
+    using AppNode::AppNode;
 
-    virtual void consume(const Payload& payload, const StreamInfo& stream,
-                         const vexa::VXFrameInfo& frame) = 0;
+protected:
+    virtual void consume(const Frame& frame) = 0;
     // The last frame has been consumed.
     virtual void finish() {}
 
 private:
-    void process(const SharedWorks& inputs, Works* outputs) final;
+    void process(const SharedWorks& inputs) final;
 };
 
 }  // namespace vxrun

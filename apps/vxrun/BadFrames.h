@@ -24,8 +24,6 @@ public:
     void add(uint64_t frame, const Payload& got, const Payload* wanted);
 
 private:
-    static void write(const std::string& path, const Payload& payload);
-
     const std::string mStem;  // of all files
     uint64_t mLeft;           // frames still to be written
 };

@@ -148,7 +148,7 @@ std::string tableHeader(ChecksumFormat format, const StreamInfo& stream) {
 std::string jsonText(const StreamInfo& stream, const std::vector<std::string>& hashes) {
     nlohmann::ordered_json json;
     if (!stream.profile.empty()) json["profile"] = stream.profile;
-    json["bit_depth"] = stream.picture.depth;
+    json["bit_depth"] = stream.picture.depth();
     if (stream.timeBase.num != 0 && stream.duration != 0) {
         json["frame_rate"] = static_cast<double>(stream.timeBase.den) /
                              static_cast<double>(stream.timeBase.num * stream.duration);

@@ -1,4 +1,5 @@
 #include "Failure.h"
+#include "Text.h"
 
 #include <charconv>
 #include <system_error>
@@ -25,8 +26,7 @@ uint64_t parseNumber(const std::string& text, uint64_t low, uint64_t high) {
     const char* const end = text.data() + text.size();
     const auto [parsed, error] = std::from_chars(text.data(), end, number);
     if (error != std::errc() || parsed != end || number < low || number > high) {
-        throw Failure("expected a number from " + std::to_string(low) + " to " +
-                      std::to_string(high) + ", got " + quote(text));
+        throw Failure(concat("expected a number from ", low, " to ", high, ", got ", quote(text)));
     }
     return number;
 }

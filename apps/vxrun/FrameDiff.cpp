@@ -1,109 +1,103 @@
 #include "FrameDiff.h"
 
+#include "Failure.h"
+#include "Text.h"
+
+extern "C" {
+#include <libavutil/intreadwrite.h>
+}
+
 #include <algorithm>
-#include <array>
 #include <cmath>
-#include <cstdio>
+
+#include <cstdlib>
 #include <cstring>
+#include <tuple>
 
 namespace vxrun {
 namespace {
 
-std::string formatText(const Payload& payload) {
+std::string point(int64_t x, int64_t y) {
+    return concat("(", x, ",", y, ")");
+}
+
+double peakOf(const PictureFormat& format) {
+    return (1 << format.depth()) - 1;
+}
+
+// Whether frames have the same planes. What their samples mean is not looked at: full range is no
+// difference.
+bool comparable(const PictureFormat& got, const PictureFormat& wanted) {
+    const auto geometry = [](const PictureFormat& format) {
+        const AVPixFmtDescriptor& pixels = format.description();
+        return std::tuple(format.isPicture(), format.width, format.height, pixels.nb_components,
+                          pixels.log2_chroma_w, pixels.log2_chroma_h, pixels.comp[0].depth,
+                          pixels.comp[0].plane);
+    };
+    return geometry(got) == geometry(wanted);
+}
+
+const uint8_t* rowOf(const Payload& payload, int plane, int y) {
+    return payload.view().data[plane] + static_cast<ptrdiff_t>(y) * payload.view().linesize[plane];
+}
+
+std::vector<uint16_t> samplesOf(const Payload& payload, int plane) {
     const PictureFormat& format = payload.format();
-    const auto number = [](size_t value) { return std::to_string(value); };
-    if (!payload.isPicture()) return number(payload.size()) + " bytes";
-    return number(format.width) + "x" + number(format.height) + " " + format.pixels;
-}
-
-std::string point(size_t x, size_t y) {
-    return "(" + std::to_string(x) + "," + std::to_string(y) + ")";
-}
-
-double peakOf(const Payload& payload) {
-    return (1u << payload.format().depth) - 1;
-}
-
-// Of one window of width x height samples at (left, top).
-double similarity(const Payload& a, const Payload& b, size_t plane, size_t left, size_t top,
-                  size_t width, size_t height) {
-    double sumA = 0, sumB = 0, squaresA = 0, squaresB = 0, products = 0;
-    for (size_t y = top; y < top + height; ++y) {
-        const uint8_t* const rowA = a.planes()[plane].data + y * a.planes()[plane].stride;
-        const uint8_t* const rowB = b.planes()[plane].data + y * b.planes()[plane].stride;
-        for (size_t x = left; x < left + width; ++x) {
-            const double valueA = FrameDiff::sample(a, rowA, x);
-            const double valueB = FrameDiff::sample(b, rowB, x);
-            sumA += valueA;
-            sumB += valueB;
-            squaresA += valueA * valueA;
-            squaresB += valueB * valueB;
-            products += valueA * valueB;
+    std::vector<uint16_t> samples;
+    for (int y = 0; y < format.rows(plane); ++y) {
+        const uint8_t* const row = rowOf(payload, plane, y);
+        for (int x = 0; x < format.columns(plane); ++x) {
+            samples.push_back(format.bytesPerSample() == 1 ? row[x] : AV_RL16(row + 2 * x));
         }
     }
-    const double count = static_cast<double>(width * height);
-    const double meanA = sumA / count;
-    const double meanB = sumB / count;
-    const double variances = (squaresA + squaresB) / count - meanA * meanA - meanB * meanB;
-    const double covariance = products / count - meanA * meanB;
-    const double c1 = std::pow(0.01 * peakOf(a), 2);
-    const double c2 = std::pow(0.03 * peakOf(a), 2);
-    return (2 * meanA * meanB + c1) * (2 * covariance + c2) /
-           ((meanA * meanA + meanB * meanB + c1) * (variances + c2));
+    return samples;
 }
 
 }  // namespace
 
-uint32_t FrameDiff::sample(const Payload& payload, const uint8_t* row, size_t x) {
-    if (payload.format().bytesPerSample == 1) return row[x];
-    return static_cast<uint32_t>(row[2 * x] | row[2 * x + 1] << 8);
-}
-
-bool FrameDiff::comparable(const Payload& got, const Payload& wanted) {
-    PictureFormat format = got.format();
-    format.pixels = wanted.format().pixels;
-    return got.isPicture() == wanted.isPicture() && !(format != wanted.format());
+uint32_t FrameDiff::Plane::difference(size_t at) const {
+    return got.empty() ? 0 : static_cast<uint32_t>(std::abs(got[at] - wanted[at]));
 }
 
 FrameDiff::FrameDiff(const Payload& got, const Payload& wanted, uint32_t tolerance)
-    : mGot(got), mWanted(wanted), mTolerance(tolerance) {
-    if (!comparable(got, wanted)) {
-        mFormats = "got " + formatText(got) + ", wanted " + formatText(wanted);
+    : mFormat(got.format()), mTolerance(tolerance) {
+    if (!comparable(got.format(), wanted.format())) {
+        mFormats = "got " + mFormat.text() + ", wanted " + wanted.format().text();
         return;
     }
-    static constexpr std::array<const char*, 3> kNames = {"Y", "Cb", "Cr"};
-    for (size_t p = 0; p < got.planes().size(); ++p) {
-        const Payload::Plane& a = got.planes()[p];
-        const Payload::Plane& b = wanted.planes()[p];
+    static constexpr const char* kNames[] = {"Y", "Cb", "Cr"};
+    for (int p = 0; p < mFormat.planes(); ++p) {
         Plane& plane = mPlanes.emplace_back();
-        plane.name = got.isPicture() ? kNames.at(p) : "byte";
-        plane.samples = a.rows * a.rowBytes / got.format().bytesPerSample;
-        for (size_t y = 0; y < a.rows; ++y) {
-            const uint8_t* const rowA = a.data + y * a.stride;
-            const uint8_t* const rowB = b.data + y * b.stride;
-            if (std::memcmp(rowA, rowB, a.rowBytes) != 0) compareRow(&plane, y, rowA, rowB);
-        }
+        plane.name = mFormat.isPicture() ? kNames[p] : "byte";
+        plane.columns = static_cast<size_t>(mFormat.columns(p));
+        plane.rows = static_cast<size_t>(mFormat.rows(p));
+        int y = 0;
+        const size_t bytes = mFormat.rowBytes(p);
+        while (y < mFormat.rows(p) &&
+               std::memcmp(rowOf(got, p, y), rowOf(wanted, p, y), bytes) == 0)
+            ++y;
+        if (y == mFormat.rows(p)) continue;
+        plane.got = samplesOf(got, p);
+        plane.wanted = samplesOf(wanted, p);
+        compare(&plane);
     }
 }
 
-void FrameDiff::compareRow(Plane* plane, size_t y, const uint8_t* got, const uint8_t* wanted) {
-    const size_t columns = plane->samples / mGot.planes()[mPlanes.size() - 1].rows;
-    for (size_t x = 0; x < columns; ++x) {
-        const uint32_t a = sample(mGot, got, x);
-        const uint32_t b = sample(mWanted, wanted, x);
-        const uint32_t difference = std::max(a, b) - std::min(a, b);
-        plane->squares += uint64_t{difference} * difference;
-        plane->largest = std::max(plane->largest, difference);
-        if (difference <= mTolerance) continue;
-        if (plane->wrong++ == 0) {
-            plane->x = x;
-            plane->y = y;
-            plane->got = a;
-            plane->wanted = b;
+void FrameDiff::compare(Plane* plane) const {
+    for (size_t y = 0; y < plane->rows; ++y) {
+        for (size_t x = 0; x < plane->columns; ++x) {
+            const uint32_t difference = plane->difference(plane->at(x, y));
+            plane->squares += uint64_t{difference} * difference;
+            plane->largest = std::max(plane->largest, difference);
+            if (difference <= mTolerance) continue;
+            if (plane->wrong++ == 0) {
+                plane->x = x;
+                plane->y = y;
+            }
+            plane->left = std::min(plane->left, x);
+            plane->right = std::max(plane->right, x);
+            plane->bottom = y;
         }
-        plane->left = std::min(plane->left, x);
-        plane->right = std::max(plane->right, x);
-        plane->bottom = y;
     }
 }
 
@@ -115,57 +109,71 @@ bool FrameDiff::anyWrong() const {
 // ---- Figures ----------------------------------------------------------------------------------
 
 std::vector<double> FrameDiff::psnr() const {
-    const double peak = peakOf(mGot);
-    const double highest = 6.0 * mGot.format().depth + 12;
+    const double peak = peakOf(mFormat);
     const auto figure = [&](uint64_t squares, uint64_t samples) {
         constexpr double kLeast = 1e-16;
         const double mse = static_cast<double>(squares) / static_cast<double>(samples);
-        return std::min(10 * std::log10(peak * peak / std::max(mse, kLeast)), highest);
+        return std::min(10 * std::log10(peak * peak / std::max(mse, kLeast)),
+                        6.0 * mFormat.depth() + 12);
     };
     std::vector<double> figures;
-    uint64_t squares = 0;
-    uint64_t samples = 0;
+    uint64_t squares = 0, samples = 0;
     for (const Plane& plane : mPlanes) {
-        figures.push_back(figure(plane.squares, plane.samples));
+        figures.push_back(figure(plane.squares, plane.columns * plane.rows));
         squares += plane.squares;
-        samples += plane.samples;
+        samples += plane.columns * plane.rows;
     }
     figures.push_back(figure(squares, samples));
     return figures;
 }
 
 std::vector<double> FrameDiff::ssim() const {
-    constexpr size_t kWindow = 8;
-    constexpr size_t kStep = 4;
     std::vector<double> figures;
-    for (size_t p = 0; p < mPlanes.size(); ++p) {
-        const size_t rows = mGot.planes()[p].rows;
-        const size_t columns = mPlanes[p].samples / rows;
-        const size_t height = std::min(rows, kWindow);
-        const size_t width = std::min(columns, kWindow);
-        double sum = 0;
-        size_t windows = 0;
-        for (size_t y = 0; y < rows - height + kStep; y += kStep) {
-            for (size_t x = 0; x < columns - width + kStep; x += kStep, ++windows) {
-                sum += similarity(mGot, mWanted, p, std::min(x, columns - width),
-                                  std::min(y, rows - height), width, height);
-            }
-        }
-        figures.push_back(sum / static_cast<double>(windows));
-    }
+    for (const Plane& plane : mPlanes) figures.push_back(similarity(plane));
     figures.push_back(*std::min_element(figures.begin(), figures.end()));
     return figures;
 }
 
-std::string FrameDiff::text(const std::vector<double>& figures) const {
-    char number[32];
-    std::snprintf(number, sizeof number, "%.6g (", figures.back());
-    std::string text = number;
-    for (size_t p = 0; p < mPlanes.size(); ++p) {
-        std::snprintf(number, sizeof number, " %.6g", figures[p]);
-        text += (p == 0 ? "" : " ") + mPlanes[p].name + number;
+double FrameDiff::similarity(const Plane& plane) const {
+    if (plane.got.empty()) return 1;
+    constexpr size_t kWindow = 8;
+    constexpr size_t kStep = 4;
+    const double c1 = std::pow(0.01 * peakOf(mFormat), 2);
+    const double c2 = std::pow(0.03 * peakOf(mFormat), 2);
+    const size_t height = std::min(plane.rows, kWindow);
+    const size_t width = std::min(plane.columns, kWindow);
+    const double count = static_cast<double>(width * height);
+    const auto ofWindow = [&](size_t left, size_t top) {
+        double a = 0, b = 0, squares = 0, products = 0;
+        for (size_t y = top; y < top + height; ++y) {
+            for (size_t x = left; x < left + width; ++x) {
+                const double got = plane.got[plane.at(x, y)];
+                const double wanted = plane.wanted[plane.at(x, y)];
+                a += got / count;
+                b += wanted / count;
+                squares += (got * got + wanted * wanted) / count;
+                products += got * wanted / count;
+            }
+        }
+        return (2 * a * b + c1) * (2 * (products - a * b) + c2) /
+               ((a * a + b * b + c1) * (squares - a * a - b * b + c2));
+    };
+    double sum = 0;
+    size_t windows = 0;
+    for (size_t y = 0; y < plane.rows - height + kStep; y += kStep) {
+        for (size_t x = 0; x < plane.columns - width + kStep; x += kStep, ++windows) {
+            sum += ofWindow(std::min(x, plane.columns - width), std::min(y, plane.rows - height));
+        }
     }
-    return text + ")";
+    return sum / static_cast<double>(windows);
+}
+
+std::string FrameDiff::text(const std::vector<double>& figures) const {
+    std::string planes;
+    for (size_t p = 0; p < mPlanes.size(); ++p) {
+        planes += concat(p == 0 ? "" : " ", mPlanes[p].name, " ", figures[p]);
+    }
+    return concat(figures.back(), " (", planes, ")");
 }
 
 // ---- Evidence ---------------------------------------------------------------------------------
@@ -173,25 +181,25 @@ std::string FrameDiff::text(const std::vector<double>& figures) const {
 std::string FrameDiff::text() const {
     if (!sameFormat()) return mFormats;
     std::string counts;
-    const Plane* first = &mPlanes.front();
+    const Plane* found = &mPlanes.front();
     uint32_t largest = 0;
     for (const Plane& plane : mPlanes) {
-        counts += (counts.empty() ? "" : ", ") + plane.name + " " + std::to_string(plane.wrong) +
-                  " of " + std::to_string(plane.samples);
-        if (first->wrong == 0) first = &plane;
+        counts += concat(counts.empty() ? "" : ", ", plane.name, " ", plane.wrong, " of ",
+                         plane.columns * plane.rows);
+        if (found->wrong == 0) found = &plane;
         largest = std::max(largest, plane.largest);
     }
-    const std::string values =
-        " got " + std::to_string(first->got) + " wanted " + std::to_string(first->wanted);
-    std::string place = "byte " + std::to_string(first->x) + values;
-    if (mGot.isPicture()) {
-        place = "plane " + first->name + " x=" + std::to_string(first->x) +
-                " y=" + std::to_string(first->y) + values + ", 8x8 block " +
-                point(first->x / 8, first->y / 8) + ", 64x64 block " +
-                point(first->x / 64, first->y / 64);
+    const Plane& first = *found;
+    const size_t at = first.at(first.x, first.y);
+    const std::string values = concat(" got ", first.got[at], " wanted ", first.wanted[at]);
+    std::string place = concat("byte ", first.x, values);
+    if (mFormat.isPicture()) {
+        place = concat("plane ", first.name, " x=", first.x, " y=", first.y, values, ", 8x8 block ",
+                       point(first.x / 8, first.y / 8), ", 64x64 block ",
+                       point(first.x / 64, first.y / 64));
     }
-    return place + "; " + shape(*first) + "; wrong samples: " + counts + "; largest difference " +
-           std::to_string(largest);
+    return concat(place, "; ", shape(first), "; wrong samples: ", counts, "; largest difference ",
+                  largest);
 }
 
 std::string FrameDiff::shape(const Plane& first) const {
@@ -199,33 +207,79 @@ std::string FrameDiff::shape(const Plane& first) const {
     std::string whole;  // planes that are wrong for the most part
     for (const Plane& plane : mPlanes) {
         wrong += plane.wrong;
-        if (2 * plane.wrong >= plane.samples) whole += (whole.empty() ? "" : ", ") + plane.name;
+        if (2 * plane.wrong < plane.columns * plane.rows) continue;
+        whole += (whole.empty() ? "" : ", ") + plane.name;
     }
     if (wrong == 1) return "one sample";
-    if (swapped()) return "planes Cb and Cr swapped";
+    if (mPlanes.size() == 3 && !mPlanes[1].got.empty() && mPlanes[1].got == mPlanes[2].wanted &&
+        mPlanes[2].got == mPlanes[1].wanted) {
+        return "planes Cb and Cr swapped";
+    }
+    if (const std::string shifted = shift(first); !shifted.empty()) return shifted;
     if (!whole.empty()) return "whole plane " + whole;
     if (first.y == first.bottom) return "in one row";
     if (first.left == first.right) return "in one column";
     for (const size_t side : {8, 64}) {
         if (first.left / side == first.right / side && first.y / side == first.bottom / side) {
-            return "in one " + std::to_string(side) + "x" + std::to_string(side) + " block";
+            return concat("in one ", side, "x", side, " block");
         }
     }
     return "from " + point(first.left, first.y) + " to " + point(first.right, first.bottom);
 }
 
-bool FrameDiff::swapped() const {
-    if (mPlanes.size() != 3 || mPlanes[1].wrong == 0) return false;
-    for (const size_t p : {1, 2}) {
-        const Payload::Plane& a = mGot.planes()[p];
-        const Payload::Plane& b = mWanted.planes()[3 - p];
-        for (size_t y = 0; y < a.rows; ++y) {
-            if (std::memcmp(a.data + y * a.stride, b.data + y * b.stride, a.rowBytes) != 0) {
-                return false;
+// The smallest shift that explains the plane; empty when none does.
+std::string FrameDiff::shift(const Plane& plane) {
+    constexpr int kReach = 16;
+    for (int reach = 1; reach <= kReach; ++reach) {
+        for (int dy = -reach; dy <= reach; ++dy) {
+            const bool edge = std::abs(dy) == reach;
+            for (int dx = -reach; dx <= reach; dx += edge ? 1 : 2 * reach) {
+                if (!isShifted(plane, dx, dy)) continue;
+                return concat("shifted by ", point(dx, dy), ": sample (x,y) is the wanted (x",
+                              std::showpos, dx, ",y", dy, ")");
             }
         }
     }
-    return true;
+    return "";
+}
+
+// Whether each sample is the one wanted at (x + dx, y + dy), as far as both lie in the plane, which is to
+// explain most of the wrong ones.
+bool FrameDiff::isShifted(const Plane& plane, int dx, int dy) {
+    const size_t width = plane.columns - std::min(plane.columns, size_t(std::abs(dx)));
+    const size_t height = plane.rows - std::min(plane.rows, size_t(std::abs(dy)));
+    if (2 * width < plane.columns || 2 * height < plane.rows) return false;
+    uint64_t explained = 0;
+    for (size_t y = 0; y < height; ++y) {
+        const size_t got = plane.at(size_t(std::max(-dx, 0)), y + size_t(std::max(-dy, 0)));
+        const size_t wanted = plane.at(size_t(std::max(dx, 0)), y + size_t(std::max(dy, 0)));
+        if (!std::equal(&plane.got[got], &plane.got[got] + width, &plane.wanted[wanted]))
+            return false;
+        for (size_t x = 0; x < width; ++x) explained += plane.difference(got + x) > 0;
+    }
+    return 2 * explained > plane.wrong;
+}
+
+std::vector<uint8_t> FrameDiff::picture() const {
+    constexpr uint32_t kVisible = 64;
+    constexpr uint32_t kFactor = 8;
+    std::vector<uint8_t> picture;
+    if (!sameFormat()) return picture;
+    for (size_t y = 0; y < mPlanes[0].rows; ++y) {
+        for (size_t x = 0; x < mPlanes[0].columns; ++x) {
+            uint32_t largest = 0;
+            for (const Plane& plane : mPlanes) {
+                const bool chroma = &plane != mPlanes.data();
+                const auto& format = mFormat.description();
+                largest = std::max(
+                    largest, plane.difference(plane.at(x >> (chroma ? format.log2_chroma_w : 0),
+                                                       y >> (chroma ? format.log2_chroma_h : 0))));
+            }
+            picture.push_back(static_cast<uint8_t>(
+                largest == 0 ? 0 : std::min(kVisible + kFactor * largest, 255u)));
+        }
+    }
+    return picture;
 }
 
 }  // namespace vxrun

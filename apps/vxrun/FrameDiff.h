@@ -8,8 +8,8 @@
 
 namespace vxrun {
 
-// Compares when it is made; both payloads outlive it. A block of bytes is one plane of 8-bit samples in
-// one row. Frames of different sizes or formats differ, and have no planes here.
+// Compares when it is made. A block of bytes is one plane of 8-bit samples in one row. Frames of different
+// sizes or formats differ, and have no planes here.
 class FrameDiff {
 public:
     // `tolerance`: the largest difference of a sample that is not wrong.
@@ -30,32 +30,33 @@ public:
 
     // The evidence in one line; for frames that differ.
     std::string text() const;
-
-    // Whether frames have the same planes. What their samples mean is not looked at: full range is no
-    // difference.
-    static bool comparable(const Payload& got, const Payload& wanted);
-    // The value of a sample of a row.
-    static uint32_t sample(const Payload& payload, const uint8_t* row, size_t x);
+    // A byte for each sample of the first plane: 0 where all planes are equal, else 64 + 8 times the
+    // largest difference there, at most 255. Empty for frames of different formats.
+    std::vector<uint8_t> picture() const;
 
 private:
     struct Plane {
-        std::string name;      // "Y", "Cb", "Cr", or "byte" for a block
-        uint64_t samples = 0;  // in all
-        uint64_t wrong = 0;    // of these
-        uint64_t squares = 0;  // the sum of all differences squared
-        uint32_t largest = 0;  // difference
+        size_t at(size_t x, size_t y) const { return y * columns + x; }
+        uint32_t difference(size_t at) const;
+
+        std::string name;  // "Y", "Cb", "Cr", or "byte" for a block
+        size_t columns, rows;
+        std::vector<uint16_t> got, wanted;  // samples; none where all are equal
+        uint64_t wrong = 0;                 // samples
+        uint64_t squares = 0;               // the sum of all differences squared
+        uint32_t largest = 0;               // difference
         // The first wrong sample in reading order, and what all of them lie in, both ends included.
         size_t x = 0, y = 0;
-        uint32_t got = 0, wanted = 0;
         size_t left = SIZE_MAX, right = 0, bottom = 0;
     };
 
-    void compareRow(Plane* plane, size_t y, const uint8_t* got, const uint8_t* wanted);
+    void compare(Plane* plane) const;
+    double similarity(const Plane& plane) const;
     std::string shape(const Plane& first) const;
-    bool swapped() const;
+    static std::string shift(const Plane& plane);
+    static bool isShifted(const Plane& plane, int dx, int dy);
 
-    const Payload& mGot;
-    const Payload& mWanted;
+    const PictureFormat mFormat;
     const uint32_t mTolerance;
     std::string mFormats;  // how they differ; empty when they do not
     std::vector<Plane> mPlanes;

@@ -2,6 +2,7 @@
 
 #include "AppNode.h"
 #include "Json.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -22,54 +23,64 @@ public:
     explicit GraphReader(const std::string& path)
         : mDocument(path), mFolder(std::filesystem::path(path).parent_path()) {}
 
-    VXGraphInfo read() {
+    void read() {
         const JsonValue& root = mDocument.root();
         attempt([&] { mDocument.expectObject(root, {"name", "nodes", "connections"}); });
         attempt([&] { mInfo.name = mDocument.name(root, "name"); });
         attempt([&] { readNodes(mDocument.member(root, "nodes", JsonValue::ARRAY)); });
-        mUpstream.resize(mInfo.nodes.size());
-        attempt([&] {
-            for (const auto& list : mDocument.items(root, "connections", JsonValue::OBJECT)) {
-                attempt([&] { readConnections(list); });
+        forEach(root, "connections", JsonValue::OBJECT, [&](const JsonValue& list) {
+            const auto output = mOutputs.find(list.key);
+            if (output == mOutputs.end()) {
+                mDocument.fail(list, "no output port is named " + quote(list.key));
+            }
+            for (const JsonValue& target : mDocument.expect(list, JsonValue::ARRAY).items) {
+                attempt([&] { connect(target, *output); });
             }
         });
         checkAllConnected();
         attempt([&] {
             std::vector<size_t> path;
-            std::vector<bool> done(mInfo.nodes.size());
-            for (size_t node = 0; node < done.size(); ++node) checkAcyclic(node, &path, &done);
-            mAcyclic = true;
+            for (size_t node = 0; node < mNodes.size(); ++node) checkAcyclic(node, &path);
         });
-        return std::move(mInfo);
     }
 
     // What read() leaves to the nodes and to the run; after it.
-    void checkFurther(const VXGraphInfo& info) {
+    void checkFurther() {
         bool anyChecking = false;
-        for (size_t i = 0; i < info.nodes.size(); ++i) {
-            const VXNodeDescriptor& node = *info.nodes[i];
-            const NodeType* const type = findNodeType(node.type);
-            if (type == nullptr) continue;
-            for (const auto& [key, text] : mistakesOf(*type, node)) note(*mNodes[i], key, text);
-            anyChecking = anyChecking || type->checks(node);
-            if (mAcyclic && type->find("slots") != nullptr) checkSlots(info, i);
+        for (Node& node : mNodes) {
+            if (node.type == nullptr) continue;
+            node.hasPool = node.type->hasPool;
+            node.keeps = static_cast<int64_t>(node.type->keeps(*node.descriptor));
+            const auto mistakes = mistakesOf(*node.type, *node.descriptor);
+            for (const auto& [key, text] : mistakes) note(*node.json, key, text);
+            anyChecking = anyChecking || node.type->checks(*node.descriptor);
         }
+        for (size_t i = 0; i < mNodes.size() && mOrder.size() == mNodes.size(); ++i) checkSlots(i);
         const JsonValue* const nodes = mDocument.root().find("nodes");
         if (!anyChecking && nodes != nullptr) note(*nodes, "", "no sink checks anything");
     }
 
-    // The nodes of a description without mistakes, those that feed others first: nodes start from the last
+    // The graph of a description without mistakes, nodes that feed others first: nodes start from the last
     // one to the first, and one that has not started loses what it is sent.
-    VXGraphInfo inOrder(VXGraphInfo info) const {
-        auto nodes = std::move(info.nodes);
-        info.nodes.clear();
-        for (const size_t node : mOrder) info.nodes.push_back(std::move(nodes[node]));
-        return info;
+    VXGraphInfo take() {
+        for (const size_t node : mOrder) {
+            mInfo.nodes.push_back(std::move(mNodes[node].descriptor));
+        }
+        return std::move(mInfo);
     }
 
     const std::vector<Failure>& failures() const { return mFailures; }
 
 private:
+    struct Node {
+        const JsonValue* json;
+        const NodeType* type = nullptr;  // null when it is not known
+        std::unique_ptr<VXNodeDescriptor> descriptor = std::make_unique<VXNodeDescriptor>();
+        std::vector<size_t> upstream = {};  // the numbers of the nodes that feed it
+        bool done = false;                  // checkAcyclic() has been behind it
+        bool hasPool = false;               // these two: see NodeType
+        int64_t keeps = 0;
+    };
     struct Port {
         size_t node;  // its number
         std::string format;
@@ -102,14 +113,14 @@ private:
             mDocument.fail(nodes,
                            "expected 1 to 1000 nodes, got " + std::to_string(nodes.items.size()));
         }
-        for (const JsonValue& node : nodes.items) {
-            mInfo.nodes.push_back(std::make_unique<VXNodeDescriptor>());
-            mNodes.push_back(&node);
-            attempt([&] { readNode(node, mInfo.nodes.back().get()); });
+        for (const JsonValue& json : nodes.items) {
+            mNodes.push_back({&json});
+            attempt([&] { readNode(json, &mNodes.back()); });
         }
     }
 
-    void readNode(const JsonValue& json, VXNodeDescriptor* node) {
+    void readNode(const JsonValue& json, Node* read) {
+        VXNodeDescriptor* const node = read->descriptor.get();
         mDocument.expect(json, JsonValue::OBJECT);
         attempt([&] {
             mDocument.expectObject(json,
@@ -121,21 +132,20 @@ private:
                 mDocument.fail(*json.find("name"), "another node is named " + quote(node->name));
             }
         });
-        const NodeType* type = nullptr;
         attempt([&] {
             node->type = mDocument.name(json, "type");
-            type = findNodeType(node->type);
-            if (type == nullptr) {
-                mDocument.fail(*json.find("type"),
-                               "unknown node type " + quote(node->type) + ", see --list-nodes",
-                               errorName(vexa::NODE_NOT_FOUND));
-            }
+            read->type = findNodeType(node->type);
+            if (read->type != nullptr) return;
+            mDocument.fail(*json.find("type"),
+                           "unknown node type " + quote(node->type) + ", see --list-nodes",
+                           errorName(vexa::NODE_NOT_FOUND));
         });
         forEach(json, "configs", JsonValue::OBJECT, [&](const JsonValue& config) {
             const std::string& value = mDocument.scalar(config);
             // The node refuses unknown keys.
-            const ConfigKey* const key = type != nullptr ? type->find(config.key) : nullptr;
-            const bool isFile = key != nullptr && key->isFile;
+            const ConfigKey* const key =
+                read->type != nullptr ? read->type->find(config.key) : nullptr;
+            const bool isFile = key != nullptr && key->value.kind == ConfigKind::FILE;
             node->configs[config.key] = isFile ? (mFolder / value).string() : value;
         });
         node->inputPorts = readPorts(json, "inputs", &mInputs);
@@ -162,8 +172,7 @@ private:
             mDocument.expectObject(json, {"name", "format"});
             const std::string& name = mDocument.name(json, "name");
             const std::string& format = mDocument.name(json, "format");
-            const auto [port, isNew] =
-                ports->insert({name, {mInfo.nodes.size() - 1, format, &json}});
+            const auto [port, isNew] = ports->insert({name, {mNodes.size() - 1, format, &json}});
             if (!isNew) {
                 mDocument.fail(*json.find("name"),
                                port->second.json->where + " is named " + quote(name) + ", too");
@@ -198,36 +207,23 @@ private:
 
     // ---- Connections ----
 
-    void readConnections(const JsonValue& list) {
-        const auto output = mOutputs.find(list.key);
-        if (output == mOutputs.end()) {
-            mDocument.fail(list, "no output port is named " + quote(list.key));
-        }
-        for (const JsonValue& target : mDocument.expect(list, JsonValue::ARRAY).items) {
-            attempt([&] { readConnection(target, list.key, &output->second); });
-        }
-    }
-
-    void readConnection(const JsonValue& target, const std::string& from, Port* output) {
-        const auto input = mInputs.find(mDocument.expect(target, JsonValue::STRING).text);
-        if (input == mInputs.end()) {
+    void connect(const JsonValue& target, Ports::value_type& from) {
+        const auto found = mInputs.find(mDocument.expect(target, JsonValue::STRING).text);
+        if (found == mInputs.end()) {
             mDocument.fail(target, "no input port is named " + quote(target.text));
         }
-        connect(target, output, &input->second);
-        mInfo.connections[from].push_back(target.text);
-    }
-
-    void connect(const JsonValue& target, Port* output, Port* input) {
-        if (input->connected) {
+        Port& output = from.second;
+        Port& input = found->second;
+        if (input.connected) {
             mDocument.fail(target, "input port " + quote(target.text) + " is connected already");
         }
-        output->connected = true;
-        input->connected = true;
-        mUpstream[input->node].push_back(output->node);
-        if (output->format != input->format) {
+        output.connected = input.connected = true;
+        mNodes[input.node].upstream.push_back(output.node);
+        mInfo.connections[from.first].push_back(target.text);
+        if (output.format != input.format) {
             mDocument.fail(target,
-                           "an output of " + quote(output->format) + " cannot feed input port " +
-                               quote(target.text) + " of " + quote(input->format),
+                           "an output of " + quote(output.format) + " cannot feed input port " +
+                               quote(target.text) + " of " + quote(input.format),
                            errorName(vexa::GRAPH_BUILD_FAIL));
         }
     }
@@ -244,20 +240,21 @@ private:
     }
 
     // Walks upstream from `node`, depth first. `path` leads from the start of the walk to here.
-    void checkAcyclic(size_t node, std::vector<size_t>* path, std::vector<bool>* done) {
+    void checkAcyclic(size_t node, std::vector<size_t>* path) {
+        const auto nameOf = [this](size_t of) { return mNodes[of].descriptor->name; };
         if (std::find(path->begin(), path->end(), node) != path->end()) {
-            std::string names = mInfo.nodes[node]->name;
+            std::string names = nameOf(node);
             for (auto step = path->rbegin(); *step != node; ++step) {
-                names += " -> " + mInfo.nodes[*step]->name;
+                names += " -> " + nameOf(*step);
             }
             mDocument.fail(*mDocument.root().find("connections"),
-                           "the nodes form a cycle: " + names + " -> " + mInfo.nodes[node]->name);
+                           "the nodes form a cycle: " + names + " -> " + nameOf(node));
         }
-        if ((*done)[node]) return;
+        if (mNodes[node].done) return;
         path->push_back(node);
-        for (const size_t upstream : mUpstream[node]) checkAcyclic(upstream, path, done);
+        for (const size_t upstream : mNodes[node].upstream) checkAcyclic(upstream, path);
         path->pop_back();
-        (*done)[node] = true;
+        mNodes[node].done = true;
         mOrder.push_back(node);
     }
 
@@ -266,41 +263,27 @@ private:
     // A node may have (largest downstream total delay + batch + 2) works out, but never more than its
     // pool has slots. Fewer slots only pace it, as long as every work comes back without a further one.
     // Nodes that keep works until more follow take that many slots out of use for ever.
-    void checkSlots(const VXGraphInfo& info, size_t node) {
-        const uint64_t slots = numberOf(*info.nodes[node], "slots", kDefaultSlots);
-        const uint64_t kept = keptBehind(info, node);
-        if (slots > kept) return;
-        note(*mNodes[node], "slots",
-             "a pool of " + std::to_string(slots) + " buffers, of which the nodes behind it keep " +
-                 std::to_string(kept) + ": the run could not move");
-    }
-
-    // The most buffers of `node`'s pool that are kept on one way downstream.
-    uint64_t keptBehind(const VXGraphInfo& info, size_t node) const {
-        uint64_t most = 0;
-        for (size_t next = 0; next < info.nodes.size(); ++next) {
-            const auto& feeders = mUpstream[next];
-            if (std::find(feeders.begin(), feeders.end(), node) == feeders.end()) continue;
-            const VXNodeDescriptor& descriptor = *info.nodes[next];
-            const NodeType* const type = findNodeType(descriptor.type);
-            if (type == nullptr || type->find("slots") != nullptr) continue;  // has its own buffers
-            const uint64_t kept =
-                type->name == "transform/delay" ? numberOf(descriptor, "frames", 0) : 0;
-            most = std::max(most, kept + keptBehind(info, next));
+    // One that brings streams together keeps what has come by one way until the same has come by the longest.
+    void checkSlots(size_t origin) {
+        if (!mNodes[origin].hasPool) return;
+        std::vector<int64_t> kept(mNodes.size(), -1);  // frames, from `origin` to behind a node
+        std::vector<bool> gets(mNodes.size());         // whether a node gets buffers of this pool
+        kept[origin] = 0;
+        int64_t most = 0;
+        for (const size_t node : mOrder) {
+            for (const size_t upstream : mNodes[node].upstream) {
+                if (kept[upstream] < 0) continue;  // no way leads here
+                kept[node] = std::max(kept[node], kept[upstream] + mNodes[node].keeps);
+                const bool passesOn = gets[upstream] && !mNodes[upstream].hasPool;
+                gets[node] = gets[node] || passesOn || upstream == origin;
+            }
+            if (gets[node] && !mNodes[node].hasPool) most = std::max(most, kept[node]);
         }
-        return most;
-    }
-
-    // A config that is no number is the node's to refuse.
-    static uint64_t numberOf(const VXNodeDescriptor& node, const std::string& key,
-                             uint64_t preset) {
-        const auto config = node.configs.find(key);
-        if (config == node.configs.end()) return preset;
-        try {
-            return parseNumber(config->second, 0, UINT32_MAX);
-        } catch (const Failure&) {
-            return preset;
-        }
+        const uint64_t slots = numberOf(*mNodes[origin].descriptor, "slots");
+        if (slots > static_cast<uint64_t>(most)) return;
+        note(*mNodes[origin].json, "slots",
+             concat("a pool of ", slots, " buffers, of which the nodes behind it keep ", most,
+                    ": the run could not move"));
     }
 
     const JsonDocument mDocument;
@@ -309,10 +292,8 @@ private:
     std::set<std::string> mNodeNames;
     Ports mInputs;
     Ports mOutputs;
-    std::vector<const JsonValue*> mNodes;        // by node number
-    std::vector<std::vector<size_t>> mUpstream;  // by node number: the nodes that feed it
-    std::vector<size_t> mOrder;                  // node numbers, upstream first
-    bool mAcyclic = false;
+    std::vector<Node> mNodes;
+    std::vector<size_t> mOrder;  // node numbers, upstream first; not all where there is a cycle
     std::vector<Failure> mFailures;
 };
 
@@ -320,15 +301,16 @@ private:
 
 VXGraphInfo readGraphFile(const std::string& path) {
     GraphReader reader(path);
-    VXGraphInfo info = reader.read();
+    reader.read();
     if (!reader.failures().empty()) throw Failure(reader.failures().front());
-    return reader.inOrder(std::move(info));
+    return reader.take();
 }
 
 std::vector<Failure> checkGraphFile(const std::string& path) {
     try {
         GraphReader reader(path);
-        reader.checkFurther(reader.read());
+        reader.read();
+        reader.checkFurther();
         return reader.failures();
     } catch (const Failure& failure) {  // no JSON
         return {failure};

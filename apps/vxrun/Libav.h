@@ -1,11 +1,10 @@
-// Libav: what the nodes that use FFmpeg's libraries share.
+// Libav: what the parts that use FFmpeg's libraries share.
 #pragma once
-
-#include "Payload.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libswscale/swscale.h>
 }
 
 #include <cstdarg>
@@ -22,6 +21,7 @@ struct LibavDeleter {
     void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
     void operator()(AVFrame* frame) const { av_frame_free(&frame); }
     void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+    void operator()(SwsContext* scaler) const { sws_freeContext(scaler); }
 };
 template <typename Object>
 using Libav = std::unique_ptr<Object, LibavDeleter>;
@@ -36,12 +36,12 @@ Libav<Object> made(Object* object) {
 // The text of an error that the libraries returned.
 std::string libavText(int error);
 
-inline AVRational rational(const Rational& value) {
-    return {static_cast<int>(value.num), static_cast<int>(value.den)};
-}
-inline Rational rational(const AVRational& value) {
-    return {static_cast<uint64_t>(value.num), static_cast<uint64_t>(value.den)};
-}
+// A new picture, not filled.
+Libav<AVFrame> newPicture(AVPixelFormat pixels, int width, int height);
+
+// A scaler from the format and size of one picture to another's, without dithering. `flags` are those of
+// libswscale; a Failure when it does not know them or does not convert.
+Libav<SwsContext> newScaler(const AVFrame& from, const AVFrame& to, const std::string& flags);
 
 // LibavOptions: what a codec or demuxer is opened with.
 class LibavOptions {
@@ -65,17 +65,6 @@ private:
     AVDictionary* mOptions = nullptr;
 };
 
-// The name of a pixel format, by FFmpeg; a Failure with the verdict NOT_SUPPORTED for those that Payload
-// cannot carry: it takes planes of whole samples, little endian.
-PictureFormat formatOf(AVPixelFormat pixels, int width, int height);
-// A new picture of that format, not filled.
-Libav<AVFrame> newPicture(const PictureFormat& format);
-
-// Copies the visible samples; both have the same format.
-void copyPicture(const AVFrame& picture, const Payload& payload);
-// The picture that a work carries, copied; `*stream` is its stream. A Failure when it carries none.
-Libav<AVFrame> pictureOf(const vexa::VXSharedWork& work, const StreamInfo** stream);
-
 // CodecLog: the first error that a codec has told the log since the last look. Codecs conceal most
 // damage and tell nobody but the log. What the libraries log besides goes nowhere from
 // takeOver() on.
@@ -86,8 +75,8 @@ class CodecLog {
 public:
     // Listens to `codec`, which has not been opened.
     void attach(AVCodecContext* codec);
-    // The first error since the last call; empty when there was none.
-    std::string take();
+    // The first error since the last call; `otherwise` when there was none.
+    std::string take(const std::string& otherwise = {});
 
     // Puts itself in the place of the libraries' own log.
     static void takeOver();
@@ -98,21 +87,5 @@ private:
     std::mutex mLock;
     std::string mFirst;  // guarded by mLock
 };
-
-// BitstreamInfo: the stream of a demuxed file, for the decoder.
-struct BitstreamInfo : public StreamInfo {
-    Libav<AVCodecParameters> parameters = made(avcodec_parameters_alloc());
-    AVRational frameRate = {0, 1};  // 0/1 when unknown
-};
-
-// UnitInfo: what the demuxer says of one access unit besides its bytes.
-struct UnitInfo : public vexa::VXInfo {
-    Libav<AVPacket> properties = made(av_packet_alloc());  // without data
-};
-
-// The access unit that a frame's payload is: a copy of its bytes, with its properties; `*stream` is its
-// stream. A Failure when it is none.
-Libav<AVPacket> unitOf(const Payload& payload, const vexa::VXFrameInfo& frame,
-                       const BitstreamInfo** stream);
 
 }  // namespace vxrun

@@ -2,51 +2,76 @@
 
 #include "Failure.h"
 #include "Pool.h"
+#include "Text.h"
 
 #include <sys/mman.h>
 
-#include <algorithm>
+#include <cstring>
 #include <tuple>
 
 namespace vxrun {
 
 using namespace vexa;
 
-namespace {
-
 constexpr size_t kPixelBytes = 4;  // of the surface
 
-size_t divideUp(size_t value, size_t divisor) {
-    return (value + divisor - 1) / divisor;
+// ---- PictureFormat ----------------------------------------------------------------------------
+
+const AVPixFmtDescriptor& PictureFormat::description() const {
+    return *av_pix_fmt_desc_get(isPicture() ? pixels : AV_PIX_FMT_GRAY8);
 }
 
-}  // namespace
-
-size_t PictureFormat::rowBytes(uint32_t plane) const {
-    return divideUp(width, plane == 0 ? 1 : chromaDivX) * bytesPerSample;
+int PictureFormat::columns(int plane) const {
+    return plane == 0 ? width : AV_CEIL_RSHIFT(width, description().log2_chroma_w);
 }
 
-size_t PictureFormat::rows(uint32_t plane) const {
-    return divideUp(height, plane == 0 ? 1 : chromaDivY);
+int PictureFormat::rows(int plane) const {
+    return plane == 0 ? height : AV_CEIL_RSHIFT(height, description().log2_chroma_h);
+}
+
+size_t PictureFormat::rowBytes(int plane) const {
+    return static_cast<size_t>(columns(plane)) * static_cast<size_t>(bytesPerSample());
 }
 
 size_t PictureFormat::size() const {
     size_t sum = 0;
-    for (uint32_t plane = 0; plane < planes; ++plane) sum += rowBytes(plane) * rows(plane);
+    for (int p = 0; p < planes(); ++p) sum += rowBytes(p) * static_cast<size_t>(rows(p));
     return sum;
 }
 
 std::string PictureFormat::text() const {
-    return std::to_string(width) + "x" + std::to_string(height) + " " + pixels;
+    if (!isPicture()) return concat(size(), " bytes");
+    return concat(width, "x", height, " ", description().name);
 }
 
 bool PictureFormat::operator!=(const PictureFormat& other) const {
-    const auto members = [](const PictureFormat& f) {
-        return std::tie(f.width, f.height, f.planes, f.chromaDivX, f.chromaDivY, f.bytesPerSample,
-                        f.depth, f.pixels);
-    };
-    return members(*this) != members(other);
+    return std::tie(pixels, width, height) != std::tie(other.pixels, other.width, other.height);
 }
+
+PictureFormat formatOf(AVPixelFormat pixels, int width, int height) {
+    const AVPixFmtDescriptor* const known = av_pix_fmt_desc_get(pixels);
+    if (known == nullptr) throw Failure("a picture of no known pixel format");
+    constexpr uint64_t kOtherwise = AV_PIX_FMT_FLAG_PAL | AV_PIX_FMT_FLAG_BITSTREAM |
+                                    AV_PIX_FMT_FLAG_HWACCEL | AV_PIX_FMT_FLAG_ALPHA |
+                                    AV_PIX_FMT_FLAG_FLOAT;
+    const int depth = known->comp[0].depth;
+    bool fits = depth >= 8 && depth <= 16 && (known->flags & kOtherwise) == 0 &&
+                (depth == 8 || (known->flags & AV_PIX_FMT_FLAG_BE) == 0) &&
+                (known->nb_components == 1 || known->nb_components == 3) &&
+                av_pix_fmt_count_planes(pixels) == known->nb_components;
+    for (int i = 0; i < known->nb_components; ++i) {
+        const AVComponentDescriptor& component = known->comp[i];
+        fits = fits && component.depth == depth && component.step == (depth > 8 ? 2 : 1) &&
+               component.offset == 0 && component.shift == 0;
+    }
+    if (!fits) {
+        throw Failure(std::string("the pixel format ") + known->name + " is not supported",
+                      "NOT_SUPPORTED");
+    }
+    return {pixels, width, height};
+}
+
+// ---- Works ------------------------------------------------------------------------------------
 
 std::shared_ptr<VXBuffer> bufferOf(const VXSharedWork& work) {
     if (auto picture = work.payload<VXGraphicBuffer>()) return picture;
@@ -61,46 +86,75 @@ void attach(VXWork* work, std::shared_ptr<VXBuffer> buffer) {
     }
 }
 
+// ---- Payload ----------------------------------------------------------------------------------
+
 uint32_t Payload::surfaceWidth(const PictureFormat& format) {
-    return static_cast<uint32_t>(divideUp(format.rowBytes(0), kPixelBytes));  // the longest rows
+    return static_cast<uint32_t>((format.rowBytes(0) + kPixelBytes - 1) / kPixelBytes);
 }
 
 uint32_t Payload::surfaceHeight(const PictureFormat& format) {
-    size_t rows = 0;
-    for (uint32_t plane = 0; plane < format.planes; ++plane) rows += format.rows(plane);
+    int rows = 0;
+    for (int plane = 0; plane < format.planes(); ++plane) rows += format.rows(plane);
     return static_cast<uint32_t>(rows);
 }
 
 Payload::Payload(const std::shared_ptr<VXBuffer>& buffer, const StreamInfo& stream)
-    : mMapping(Pool::mappingOf(buffer)),
-      mIsPicture(dynamic_cast<VXGraphicBuffer*>(buffer.get()) != nullptr),
-      mFormat(stream.picture) {
+    : mMapping(buffer != nullptr ? Pool::mappingOf(buffer) : nullptr), mFormat(stream.picture) {
+    if (buffer == nullptr) throw Failure("a work without a payload");
     uint8_t* data = mMapping->vaddr();
     if (data == MAP_FAILED) throw Failure("a buffer cannot be mapped: " + errnoText(errno));
-    const auto* surface = dynamic_cast<const VXGraphicBuffer*>(buffer.get());
-    if (surface == nullptr) {
-        mPlanes.push_back({data + buffer->offset(), buffer->size(), buffer->size(), 1});
-        mFormat = {};
-        mFormat.planes = 1;
-        mFormat.width = static_cast<uint32_t>(buffer->size());
-        mFormat.height = 1;
-        return;
+    size_t stride = 0;
+    if (const auto* surface = dynamic_cast<const VXGraphicBuffer*>(buffer.get())) {
+        if (surface->width() < surfaceWidth(mFormat) ||
+            surface->height() < surfaceHeight(mFormat)) {
+            throw Failure("a buffer is too small for its picture");
+        }
+        stride = surface->stride() * kPixelBytes;
+    } else {
+        data += buffer->offset();
+        mFormat = {AV_PIX_FMT_NONE, static_cast<int>(buffer->size()), 1};
     }
-    const PictureFormat& format = stream.picture;
-    if (surface->width() < surfaceWidth(format) || surface->height() < surfaceHeight(format)) {
-        throw Failure("a buffer is too small for its picture");
-    }
-    const size_t stride = surface->stride() * kPixelBytes;
-    for (uint32_t plane = 0; plane < format.planes; ++plane) {
-        mPlanes.push_back({data, stride, format.rowBytes(plane), format.rows(plane)});
-        data += stride * format.rows(plane);
+    mView->format = mFormat.pixels;
+    mView->width = mFormat.width;
+    mView->height = mFormat.height;
+    for (int plane = 0; plane < mFormat.planes(); ++plane) {
+        mView->data[plane] = data;
+        mView->linesize[plane] = static_cast<int>(stride);
+        data += stride * static_cast<size_t>(mFormat.rows(plane));
     }
 }
 
-size_t Payload::size() const {
-    size_t sum = 0;
-    for (const Plane& plane : mPlanes) sum += plane.rowBytes * plane.rows;
-    return sum;
+Libav<AVFrame> Payload::copy() const {
+    if (!isPicture()) throw Failure("a work without a picture");
+    auto picture = newPicture(mFormat.pixels, mFormat.width, mFormat.height);
+    if (av_frame_copy(picture.get(), mView.get()) < 0) throw Failure("a picture of no size");
+    return picture;
+}
+
+// ---- Frame ------------------------------------------------------------------------------------
+
+static const StreamInfo& streamOf(const VXFrameInfo& frame) {
+    const auto* const stream = infoOf<StreamInfo>(frame);
+    if (stream == nullptr) throw Failure("a work without a stream");
+    return *stream;
+}
+
+Frame::Frame(const VXSharedWork& work)
+    : Payload(bufferOf(work), streamOf(work.frameInfo())),
+      info(work.frameInfo()),
+      stream(streamOf(info)) {}
+
+Libav<AVPacket> Frame::unit(const BitstreamInfo** of) const {
+    *of = infoOf<BitstreamInfo>(info);
+    const auto* const unit = infoOf<UnitInfo>(info);
+    if (*of == nullptr || unit == nullptr) {
+        throw Failure("a work without an access unit of a source/bitstream or codec/encoder");
+    }
+    auto packet = made(av_packet_alloc());
+    if (av_new_packet(packet.get(), format().width) < 0) throw std::bad_alloc();
+    std::memcpy(packet->data, view().data[0], size());
+    if (av_packet_copy_props(packet.get(), unit->properties.get()) < 0) throw std::bad_alloc();
+    return packet;
 }
 
 }  // namespace vxrun

@@ -43,35 +43,25 @@ std::shared_ptr<VXBuffer::Mapping> Pool::mappingOf(const std::shared_ptr<VXBuffe
     return giveBack != nullptr ? giveBack->mapping : buffer->map();
 }
 
-std::shared_ptr<Pool> Pool::ofPictures(const std::string& allocator, const PictureFormat& format,
-                                       size_t slots, PoolRecord& record,
-                                       std::function<void()> onFree) {
-    std::shared_ptr<Pool> pool(new Pool(record, std::move(onFree)));
-    pool->mPictures = VXGraphicBufferPool::Create(allocator.c_str(), DEFAULT);
-    pool->mFormat = format;
-    pool->mBytes = format.size();
-    const bool made = pool->mPictures != nullptr &&
-                      pool->mPictures->setPixelFormat(kSurfaceFormat) == VX_OK &&
-                      pool->mPictures->setResolution(Payload::surfaceWidth(format),
-                                                     Payload::surfaceHeight(format)) == VX_OK;
-    if (!made) {
-        throw Failure("the allocator '" + allocator + "' makes no pictures of " +
-                      std::to_string(format.width) + "x" + std::to_string(format.height));
+std::shared_ptr<Pool> Pool::make(const std::string& allocator, const PictureFormat& format,
+                                 size_t slots, PoolRecord& record, std::function<void()> onFree) {
+    std::shared_ptr<Pool> pool(new Pool(format, record, std::move(onFree)));
+    bool good = false;
+    if (format.isPicture()) {
+        const auto pictures = VXGraphicBufferPool::Create(allocator.c_str(), DEFAULT);
+        good = pictures != nullptr && pictures->setPixelFormat(kSurfaceFormat) == VX_OK &&
+               pictures->setResolution(Payload::surfaceWidth(format),
+                                       Payload::surfaceHeight(format)) == VX_OK;
+        pool->mBuffers = pictures;
+    } else {
+        const auto blocks = VXLinearBufferPool::Create(allocator.c_str(), DEFAULT);
+        good = blocks != nullptr && blocks->setSize(format.size()) == VX_OK;
+        pool->mBuffers = blocks;
     }
-    pool->mPictures->setMaxSlots(slots);
-    return pool;
-}
-
-std::shared_ptr<Pool> Pool::ofBlocks(const std::string& allocator, size_t bytes, size_t slots,
-                                     PoolRecord& record, std::function<void()> onFree) {
-    std::shared_ptr<Pool> pool(new Pool(record, std::move(onFree)));
-    pool->mBlocks = VXLinearBufferPool::Create(allocator.c_str(), DEFAULT);
-    pool->mBytes = bytes;
-    if (pool->mBlocks == nullptr || pool->mBlocks->setSize(bytes) != VX_OK) {
-        throw Failure("the allocator '" + allocator + "' makes no blocks of " +
-                      std::to_string(bytes) + " bytes");
+    if (!good) {
+        throw Failure("the allocator '" + allocator + "' makes no buffers for " + format.text());
     }
-    pool->mBlocks->setMaxSlots(slots);
+    pool->mBuffers->setMaxSlots(slots);
     return pool;
 }
 
@@ -88,20 +78,10 @@ VXError Pool::fetch(std::shared_ptr<VXBuffer>* buffer) {
 VXError Pool::take(std::shared_ptr<VXBuffer>* buffer) {
     buffer->reset();
     std::shared_ptr<VXBuffer> taken;
-    VXError status = VX_OK;
-    if (mPictures != nullptr) {
-        std::shared_ptr<VXGraphicBuffer> picture;
-        status = mPictures->fetch(&picture);
-        if (status == VX_OK) {
-            picture->setFrameWidth(mFormat.width);
-            picture->setFrameHeight(mFormat.height);
-        }
-        taken = std::move(picture);
-    } else {
-        status = mBlocks->fetch(&taken);
-    }
+    const VXError status =
+        mBuffers->fetchBuffer(&taken);  // one thread fetches, so no lock is needed
     if (status != VX_OK) return status;
-    taken->setFilledRange(0, mBytes);
+    taken->setFilledRange(0, mFormat.size());
     const auto [made, isNew] = mMade.try_emplace(taken->uid());
     if (isNew) made->second = taken->map();
     mRecord.took(isNew);

@@ -20,14 +20,14 @@ namespace vxrun {
 // Owns     the library's pool.
 class Pool final : public std::enable_shared_from_this<Pool> {
 public:
-    // Pools of `slots` buffers: pictures of `format`, or blocks of `bytes`. A Failure when the
-    // allocator makes no such buffers. `onFree` is called on any thread once a buffer has come back
+    // A pool of `slots` buffers for pictures of `format`, or for blocks of as many bytes. A Failure when
+    // the allocator makes no such buffers. `onFree` is called on any thread once a buffer has come back
     // after a fetch() in vain.
-    static std::shared_ptr<Pool> ofPictures(const std::string& allocator,
-                                            const PictureFormat& format, size_t slots,
-                                            PoolRecord& record, std::function<void()> onFree);
-    static std::shared_ptr<Pool> ofBlocks(const std::string& allocator, size_t bytes, size_t slots,
-                                          PoolRecord& record, std::function<void()> onFree);
+    static std::shared_ptr<Pool> make(const std::string& allocator, const PictureFormat& format,
+                                      size_t slots, PoolRecord& record,
+                                      std::function<void()> onFree);
+
+    const PictureFormat& format() const { return mFormat; }
 
     // Takes a buffer; its filled range is all that was asked for. Never waits.
     //   VX_OK            `*buffer` is set; it is empty on every other result
@@ -45,17 +45,15 @@ public:
 private:
     struct GiveBack;
 
-    Pool(PoolRecord& record, std::function<void()> onFree)
-        : mRecord(record), mOnFree(std::move(onFree)) {}
+    Pool(const PictureFormat& format, PoolRecord& record, std::function<void()> onFree)
+        : mFormat(format), mRecord(record), mOnFree(std::move(onFree)) {}
 
     vexa::VXError take(std::shared_ptr<vexa::VXBuffer>* buffer);
 
+    const PictureFormat mFormat;
     PoolRecord& mRecord;
     const std::function<void()> mOnFree;
-    std::shared_ptr<vexa::VXGraphicBufferPool> mPictures;  // one of the two
-    std::shared_ptr<vexa::VXLinearBufferPool> mBlocks;
-    PictureFormat mFormat;
-    size_t mBytes = 0;
+    std::shared_ptr<vexa::VXBufferPool> mBuffers;
     // By uid, all that were made. [the node's thread]
     std::map<uint64_t, std::shared_ptr<vexa::VXBuffer::Mapping>> mMade;
     std::atomic<bool> mWanted{false};  // a fetch() was in vain

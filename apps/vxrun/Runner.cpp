@@ -6,16 +6,14 @@
 #include "Trace.h"
 
 #include <pthread.h>
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <csignal>
-#include <mutex>
 #include <optional>
 #include <thread>
-#include <utility>
 
 namespace vxrun {
 namespace {
@@ -26,6 +24,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kStopLimit(3);    // for a graph to stop
 constexpr std::chrono::milliseconds kStep(500);  // of the watchdog
+constexpr int kWake = SIGUSR2;                   // has the watchdog look at once
 
 std::string inSeconds(double seconds) {
     char text[32];
@@ -33,9 +32,8 @@ std::string inSeconds(double seconds) {
     return text;
 }
 
-// Run: one run with its three threads. The run thread builds, starts, stops and releases the graph,
-// so that no hook of a node, not even one of its set-up, can hold up the watchdog; the signal thread
-// only takes signals; the watchdog decides.
+// Run: one run. A thread of its own builds, starts, stops and releases the graph, so that no hook of a node,
+// not even one of its set-up, can hold up the watchdog, which takes the signals and decides.
 class Run final : public VXGraph::Listener, public std::enable_shared_from_this<Run> {
 public:
     Run(VXGraphInfo info, const RunOptions& options, Evidence* evidence)
@@ -45,50 +43,34 @@ public:
           mSnapshots(mInfo, *evidence, options.dot),
           mDeadline(options.timeout > 0 ? mStart + asTime(options.timeout)
                                         : Clock::time_point::max()),
-          mProgress(options.progress, *evidence, mDeadline) {}
+          mProgress(options.progress, *evidence, mDeadline) {
+        sem_init(&mEnd, 0, 0);
+    }
+    ~Run() { sem_destroy(&mEnd); }
 
     // [run thread]
     void execute() {
         if (const auto graph = VXGraph::BuildFromGraphInfo(mInfo, weak_from_this())) {
             if (graph->runAsync() == vexa::VX_OK) {
                 mSnapshots.draw(age(), "start");
-                std::unique_lock<std::mutex> lock(mLock);
-                mChanged.wait(lock, [this] { return mEnding; });
+                while (!mEnding) sem_wait(&mEnd);
             }
             graph->stop();
         } else if (mEvidence.fail(errorName(vexa::GRAPH_BUILD_FAIL))) {
             // The only failure that the library tells the log alone.
             console::line("vxrun: no buffer allocator suits every node: " + mEvidence.allocators());
         }
-        set(&mDone, true);
+        mDone = true;
+        wake();
     }
 
-    // [signal thread] Until a signal comes after the end of the run. The second one leaves from here,
-    // whatever else hangs.
-    void takeSignals(const sigset_t& signals) {
-        bool isFirst = true;
-        for (int number = 0; sigwait(&signals, &number) == 0 && !mDone;) {
-            if (number == SIGUSR1) {
-                set(&mAsked, true);
-                continue;
-            }
-            if (!isFirst) _exit(128 + number);
-            isFirst = false;
-            set(&mSignal, number);
-        }
-    }
-
-    // [watchdog] Returns when the graph is gone.
-    void watch() {
-        std::unique_lock<std::mutex> lock(mLock);
+    // [watchdog] Returns when the graph is gone. `signals` are blocked.
+    void watch(sigset_t signals) {
         while (!mDone) {
-            if (mSignal != 0 && !mSignalled) {
-                mSignalled = true;
-                const std::string name = mSignal == SIGINT ? "SIGINT" : "SIGTERM";
-                stop(name, name + ", stopping; once more leaves at once");
-            } else if (mEnding && !mStopping) {
+            const auto now = Clock::now();
+            if (mEnding && !mStopping) {
                 startStopping();
-            } else if (Clock::now() >= mDeadline) {
+            } else if (now >= mDeadline) {
                 if (mStopping) leave();
                 stop("TIMEOUT", "out of time after " + inSeconds(mOptions.timeout) +
                                     "; not finished: " + mEvidence.unfinished());
@@ -98,10 +80,25 @@ public:
                                   "; not finished: " + mEvidence.unfinished());
                 showSnapshot("stall");
             }
-            if (std::exchange(mAsked, false)) showSnapshot("request");
             if (gTrace != nullptr) gTrace->flush();
             mProgress.step();
-            mChanged.wait_until(lock, nextWake());
+            const auto next = std::min({mDeadline, mProgress.next(), now + step()});
+            const auto limit = std::max<std::chrono::nanoseconds>(next - Clock::now(), {}).count();
+            const timespec time = {limit / 1000000000, limit % 1000000000};
+            const int number = sigtimedwait(&signals, nullptr, &time);
+            if (number == SIGUSR1) showSnapshot("request");
+            if (number != SIGINT && number != SIGTERM) continue;
+            // The second one leaves, whatever else hangs.
+            sigset_t leaving;
+            sigemptyset(&leaving);
+            for (const int signal : {SIGINT, SIGTERM}) {
+                sigdelset(&signals, signal);
+                sigaddset(&leaving, signal);
+                std::signal(signal, [](int again) { _exit(128 + again); });
+            }
+            pthread_sigmask(SIG_UNBLOCK, &leaving, nullptr);
+            const std::string name = number == SIGINT ? "SIGINT" : "SIGTERM";
+            stop(name, name + ", stopping; once more leaves at once");
         }
         mProgress.finish();
     }
@@ -123,7 +120,7 @@ public:
             mSnapshots.draw(age(), "error");
         }
     }
-    void onGraphComplete() override { set(&mEnding, true); }
+    void onGraphComplete() override { end(); }
 
 private:
     static Clock::duration asTime(double seconds) {
@@ -139,18 +136,15 @@ private:
         mSnapshots.draw(age(), reason);
     }
 
-    template <typename Member, typename Value>
-    void set(Member* member, Value value) {
-        std::lock_guard<std::mutex> lock(mLock);
-        *member = value;
-        mChanged.notify_all();
+    void wake() { pthread_kill(mWatchdog, kWake); }
+    void end() {
+        mEnding = true;
+        sem_post(&mEnd);
+        wake();
     }
 
-    // ---- [watchdog], with mLock held ----
+    // ---- [watchdog] ----
 
-    Clock::time_point nextWake() const {
-        return std::min({mDeadline, mProgress.next(), Clock::now() + step()});
-    }
     Clock::duration step() const {
         return mOptions.stall > 0 ? std::min<Clock::duration>(kStep, asTime(mOptions.stall / 4))
                                   : kStep;
@@ -177,8 +171,7 @@ private:
         console::line("vxrun: " + line);
         mEvidence.fail(verdict);
         startStopping();
-        mEnding = true;
-        mChanged.notify_all();
+        end();
     }
 
     [[noreturn]] void leave() {
@@ -196,12 +189,11 @@ private:
     const Clock::time_point mStart = Clock::now();
     const SnapshotMaker mSnapshots;
 
-    std::mutex mLock;
-    std::condition_variable mChanged;  // one of the next four, all guarded by mLock
-    bool mEnding = false;              // the graph is to stop, or has begun to
-    std::atomic<bool> mDone{false};    // the graph is gone; also read without the lock
-    int mSignal = 0;                   // the first one that came
-    bool mAsked = false;               // for a snapshot
+    const pthread_t mWatchdog = pthread_self();
+
+    std::atomic<bool> mEnding{false};  // the graph is to stop, or has begun to
+    sem_t mEnd;                        // has the run thread look
+    std::atomic<bool> mDone{false};    // the graph is gone
 
     // [watchdog]
     Clock::time_point mDeadline;  // of the run, then of its stop
@@ -210,7 +202,6 @@ private:
     Clock::time_point mLastLook = mStart;
     Clock::duration mStill{};  // since when nothing has moved
     bool mStopping = false;
-    bool mSignalled = false;
 };
 
 }  // namespace
@@ -218,21 +209,16 @@ private:
 void runGraph(VXGraphInfo info, const RunOptions& options, Evidence* evidence) {
     sigset_t signals;
     sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGUSR1);
-    sigset_t blocked = signals;
-    sigaddset(&blocked, SIGPIPE);                   // the end of a reader is not the end of a run
-    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);  // for every thread that starts from now on
+    // SIGPIPE is only blocked: the end of a reader is not the end of a run.
+    for (const int number : {SIGINT, SIGTERM, SIGUSR1, kWake, SIGPIPE}) sigaddset(&signals, number);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // for every thread that starts from now on
+    sigdelset(&signals, SIGPIPE);
     std::optional<Trace> trace;
     if (!options.trace.empty()) trace.emplace(options.trace);
     const auto run = std::make_shared<Run>(std::move(info), options, evidence);
-    std::thread signalThread([run, signals] { run->takeSignals(signals); });
     std::thread runner([run] { run->execute(); });
-    run->watch();
+    run->watch(signals);
     runner.join();
-    pthread_kill(signalThread.native_handle(), SIGINT);
-    signalThread.join();
 }
 
 }  // namespace vxrun

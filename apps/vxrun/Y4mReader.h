@@ -8,21 +8,19 @@
 
 namespace vxrun {
 
-// Reads a header line (without its line feed). A Failure says which field is wrong and what was
-// expected; its verdict is NOT_SUPPORTED for a colour space that exists but is not handled.
-StreamInfo parseY4mHeader(const std::string& line);
-
 // The header line, with its line feed, for pictures of `stream`. A Failure with the verdict NOT_SUPPORTED
 // for those that Y4M does not have.
 std::string y4mHeader(const StreamInfo& stream);
 
-// Every failure is a Failure that names the file, the frame and the byte offset.
+// Every failure is a Failure that names the file, the header field or the frame and its byte offset, and
+// what was expected.
 //
 // Use      nextFrame(), and while it is true readFrame().
 // Threads  one at a time.
 class Y4mReader {
 public:
-    // Opens `path` and reads its header.
+    // Opens `path` and reads its header. The verdict is NOT_SUPPORTED for a colour space that exists but
+    // is not handled.
     explicit Y4mReader(const std::string& path);
 
     const StreamInfo& stream() const { return mStream; }
@@ -35,7 +33,7 @@ private:
     [[noreturn]] void failFrame(uint64_t offset, const std::string& text) const;
 
     InputFile mFile;
-    const StreamInfo mStream;
+    StreamInfo mStream;
     uint64_t mFrame = 0;  // the one that comes next
 };
 

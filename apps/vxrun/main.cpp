@@ -120,14 +120,12 @@ void addSuite(CLI::App* app, SuiteOptions* options) {
 }
 
 int listNodes() {
-    for (const NodeType* type : nodeTypes()) {
-        std::printf("%-22s %s\n", type->name.c_str(), type->help.c_str());
-        for (const auto* configs : {&type->configs, &commonConfigs(type->inputs == 0)}) {
-            for (const ConfigKey& config : *configs) {
-                std::printf("    %-18s %s\n", config.name.c_str(), config.help.c_str());
-            }
+    for (const NodeType& type : nodeTypes()) {
+        std::printf("%-22s %s\n", type.name.c_str(), type.help.c_str());
+        for (const ConfigKey& config : type.configs) {
+            std::printf("    %-18s %s\n", config.name.c_str(), config.help.c_str());
         }
-        for (const EntryKey& entry : type->entries) {
+        for (const EntryKey& entry : type.entries) {
             std::printf("    entry %-12s %s\n", entry.name.c_str(), entry.help.c_str());
         }
     }
@@ -175,8 +173,8 @@ void runGraph(const Options& options, Evidence* evidence) {
 
     // Before the log level is set: what registers here is no news to anyone.
     std::vector<std::unique_ptr<NodeFactory>> factories;
-    for (const NodeType* type : nodeTypes()) {
-        factories.push_back(std::make_unique<NodeFactory>(*type, *evidence));
+    for (const NodeType& type : nodeTypes()) {
+        factories.push_back(std::make_unique<NodeFactory>(type, *evidence));
     }
     const std::string mask = options.logMask.empty() && options.quiet ? "0" : options.logMask;
     if (!mask.empty()) property_set("vendor.vexa.log.msg", mask.c_str());

@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const vxrun::PictureFormat& format = reader.stream().picture;
             if (format.size() > kLargest) break;
             if (buffer == nullptr) {
-                vxrun::Pool::ofPictures("xcodec2", format, 1, record, [] {})->fetch(&buffer);
+                vxrun::Pool::make("xcodec2", format, 1, record, [] {})->fetch(&buffer);
             }
             reader.readFrame(vxrun::Payload(buffer, reader.stream()));
         }

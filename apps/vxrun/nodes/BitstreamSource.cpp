@@ -1,18 +1,14 @@
 // source/bitstream: the access units of the best video stream of a file, as libavformat demuxes them.
-#include "AppNode.h"
-#include "Failure.h"
-#include "Libav.h"
+#include "Producer.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace vxrun {
 namespace {
 
-class BitstreamSource final : public Source {
+class BitstreamSource : public Producer {
 public:
-    explicit BitstreamSource(NodeArguments arguments) : Source(std::move(arguments)) {}
-    ~BitstreamSource() override { teardown(); }
+    using Producer::Producer;
 
 private:
     void open() override {
@@ -26,7 +22,7 @@ private:
         }
         mVideo = mFile->streams[best];
         describe();
-        if (!hasNext()) throw Failure(mPath + ": no access unit in the file");
+        if (!next()) throw Failure(mPath + ": no access unit in the file");
     }
 
     void openFile() {
@@ -54,77 +50,49 @@ private:
         const int result = avcodec_parameters_copy(mStream->parameters.get(), &parameters);
         if (result < 0) throw std::bad_alloc();
         mStream->frameRate = av_guess_frame_rate(mFile.get(), mVideo, nullptr);
-        mStream->media = "video";
         mStream->codec = avcodec_get_name(parameters.codec_id);
-        mStream->picture.width = static_cast<uint32_t>(parameters.width);
-        mStream->picture.height = static_cast<uint32_t>(parameters.height);
-        mStream->timeBase = rational(mVideo->time_base);
-        mStream->sar = rational(av_guess_sample_aspect_ratio(mFile.get(), mVideo, nullptr));
+        mStream->picture = {AV_PIX_FMT_NONE, parameters.width, parameters.height};
+        mStream->timeBase = mVideo->time_base;
+        mStream->sar = av_guess_sample_aspect_ratio(mFile.get(), mVideo, nullptr);
     }
 
-    void fill(const std::shared_ptr<vexa::VXBuffer>& buffer, vexa::VXFrameInfo* frame) override {
-        Payload(buffer, *mStream).forEachRow([this](uint8_t* row, size_t) {
-            std::memcpy(row, mNext->data, static_cast<size_t>(mNext->size));
-        });
-        buffer->setFilledRange(0, static_cast<size_t>(mNext->size));
-        // Time starts at 0, as it does for those who write lists.
-        const int64_t start = mVideo->start_time == AV_NOPTS_VALUE ? 0 : mVideo->start_time;
-        for (int64_t* time : {&mNext->dts, &mNext->pts}) {
-            if (*time != AV_NOPTS_VALUE) *time -= start;
-        }
-        const int64_t time = mNext->pts != AV_NOPTS_VALUE ? mNext->pts : mNext->dts;
-        frame->timestamp = static_cast<uint64_t>(std::max<int64_t>(time, 0));
-        const auto unit = std::make_shared<UnitInfo>();
-        if (av_packet_copy_props(unit->properties.get(), mNext.get()) < 0) throw std::bad_alloc();
-        frame->mInfos = {mStream, unit};
-    }
-
-    // Reads ahead, since the last access unit has to say that it is.
-    bool hasNext() override {
+    bool next() override {
+        auto unit = made(av_packet_alloc());
         do {
-            av_packet_unref(mNext.get());
-            const int result = av_read_frame(mFile.get(), mNext.get());
+            av_packet_unref(unit.get());
+            const int result = av_read_frame(mFile.get(), unit.get());
             // Many demuxers take a failing read for the end of the file.
             if (result == AVERROR_EOF && mFile->pb != nullptr) check(mFile->pb->error);
             if (result == AVERROR_EOF) return false;
-            if (result < 0) {
-                throw Failure(mPath + ": access unit " + std::to_string(mUnits) + ": " +
-                              libavText(result));
-            }
-        } while (mNext->stream_index != mVideo->index || mNext->size == 0);
+            check(result, ": access unit " + std::to_string(mUnits));
+        } while (unit->stream_index != mVideo->index || unit->size == 0);
         ++mUnits;
-        const size_t size = static_cast<size_t>(mNext->size);
-        if (size > mBlock) {
-            while (mBlock < size) mBlock *= 2;
-            makeBlockPool(mBlock);
-        } else if (mUnits == 1) {
-            makeBlockPool(mBlock);
+        // Time starts at 0, as it does for those who write lists.
+        const int64_t start = mVideo->start_time == AV_NOPTS_VALUE ? 0 : mVideo->start_time;
+        for (int64_t* time : {&unit->dts, &unit->pts}) {
+            if (*time != AV_NOPTS_VALUE) *time -= start;
         }
+        giveUnit(std::move(unit), mStream);
         return true;
     }
 
-    void check(int result) const {
-        if (result < 0 && result != AVERROR_EOF) throw Failure(mPath + ": " + libavText(result));
+    void check(int result, const std::string& at = "") const {
+        if (result < 0 && result != AVERROR_EOF) {
+            throw Failure(mPath + at + ": " + libavText(result));
+        }
     }
 
     std::string mPath;
     Libav<AVFormatContext> mFile;
     AVStream* mVideo = nullptr;  // of mFile
     const std::shared_ptr<BitstreamInfo> mStream = std::make_shared<BitstreamInfo>();
-    const Libav<AVPacket> mNext = made(av_packet_alloc());
-    uint64_t mUnits = 0;      // that were read
-    size_t mBlock = 1 << 16;  // bytes of the pool's blocks
+    uint64_t mUnits = 0;  // that were read
 };
 
+const bool kAdded = addNodeType<BitstreamSource>(
+    "source/bitstream", "the access units of a video file", 0, 1,
+    {{"file", kFile, "the file to read: MP4, Matroska, IVF, Annex B, ..."},
+     {"options", kText, "of the demuxer: key=value:key=value"}});
+
 }  // namespace
-
-extern const NodeType kBitstreamSource = {
-    "source/bitstream",
-    "the access units of a video file",
-    0,
-    1,
-    {{"file", true, "the file to read: MP4, Matroska, IVF, Annex B, ..."},
-     {"options", false, "of the demuxer: key=value:key=value"}},
-    makeNode<BitstreamSource>};
-
 }  // namespace vxrun

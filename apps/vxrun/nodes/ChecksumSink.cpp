@@ -3,7 +3,7 @@
 #include "AppNode.h"
 #include "BadFrames.h"
 #include "ChecksumList.h"
-#include "Failure.h"
+#include "Text.h"
 
 #include <cstdio>
 #include <optional>
@@ -11,20 +11,20 @@
 namespace vxrun {
 namespace {
 
-class ChecksumSink final : public Sink {
+class ChecksumSink : public Sink {
 public:
-    explicit ChecksumSink(NodeArguments arguments) : Sink(std::move(arguments)) {}
-    ~ChecksumSink() override { teardown(); }
+    static bool checks(const vexa::VXNodeDescriptor& node) {
+        return !configOf(node, "expect").empty();
+    }
+
+    using Sink::Sink;
 
 private:
     void open() override {
         mExpectPath = config("expect");
         if (!mExpectPath.empty()) mExpected = readChecksumList(mExpectPath);
         record().checking = mExpected.has_value();
-        constexpr uint64_t kMaxDumped = 1000000;
-        mBadFrames.emplace(config("dump_bad"), numberConfig("dump_limit", 1, kMaxDumped, 8),
-                           record().name);
-        mPrintsMd5 = flagConfig("print_md5");
+        mBadFrames.emplace(config("dump_bad"), numberConfig("dump_limit"), record().name);
         if (mExpected && !expectsWhole()) record().expected = mExpected->rows.size();
         const std::string format = config("format");
         ChecksumFormat written = ChecksumFormat::FRAMEMD5;
@@ -36,36 +36,32 @@ private:
         if (!config("write").empty()) mList.emplace(config("write"), written);
     }
 
-    void consume(const Payload& payload, const StreamInfo& stream,
-                 const vexa::VXFrameInfo& frame) override {
-        if (mExpected && !expectsWhole()) compare(payload, frame);
-        if (mPrintsMd5 || expectsWhole()) mWhole.add(payload);
-        if (mList) mList->add(payload, stream, frame.timestamp);
+    void consume(const Frame& frame) override {
+        if (mExpected && !expectsWhole()) compare(frame);
+        if (needsWhole()) mWhole.add(frame);
+        if (mList) mList->add(frame, frame.stream, frame.info.timestamp);
         ++mFrames;
     }
 
     bool expectsWhole() const { return mExpected && mExpected->format == ChecksumFormat::MD5; }
+    bool needsWhole() { return flagConfig("print_md5") || expectsWhole(); }
 
-    void compare(const Payload& payload, const vexa::VXFrameInfo& frame) {
-        const ChecksumRow got = {payload.size(), checksum(mExpected->format, payload)};
-        if (mFrames >= mExpected->rows.size()) {
-            mAlignment.add(got.hash, "", true);
-            mBadFrames->add(mFrames, payload, nullptr);
-            return noteBad(mFrames);
-        }
-        const ChecksumRow& expected = mExpected->rows[mFrames];
-        ++record().checked;
+    void compare(const Frame& frame) {
+        const ChecksumRow got = {frame.size(), checksum(mExpected->format, frame)};
+        const bool surplus = mFrames >= mExpected->rows.size();
+        const ChecksumRow expected = surplus ? ChecksumRow() : mExpected->rows[mFrames];
+        if (!surplus) ++record().checked;
         const bool isBad = !expected.matches(got);
         mAlignment.add(got.hash, expected.hash, isBad);
         if (!isBad) return;
-        if (mDiffering++ == 0) {
+        if (!surplus && mDiffering++ == 0) {
             const bool sizes = expected.size != 0 && got.size != expected.size;
-            mFirstDifference = "frame " + std::to_string(mFrames) + ": expected " +
-                               describe(expected, sizes) + ", got " + describe(got, sizes) +
-                               " (timestamp " + std::to_string(frame.timestamp) + ")";
+            mFirstDifference =
+                concat("frame ", mFrames, ": expected ", describe(expected, sizes), ", got ",
+                       describe(got, sizes), " (timestamp ", frame.info.timestamp, ")");
         }
         noteBad(mFrames);
-        mBadFrames->add(mFrames, payload, nullptr);
+        mBadFrames->add(mFrames, frame, nullptr);
     }
 
     static std::string describe(const ChecksumRow& row, bool withSize) {
@@ -74,8 +70,8 @@ private:
 
     void finish() override {
         if (mList) mList->commit();
-        const std::string md5 = mPrintsMd5 || expectsWhole() ? mWhole.hex() : "";
-        if (mPrintsMd5) {
+        const std::string md5 = needsWhole() ? mWhole.hex() : "";
+        if (flagConfig("print_md5")) {
             std::printf("%s\n", md5.c_str());
             std::fflush(stdout);
         }
@@ -84,13 +80,13 @@ private:
         const size_t rows = mExpected->rows.size();
         std::string text;
         if (mDiffering > 0) {
-            text = std::to_string(mDiffering) + " of " + std::to_string(record().checked) +
-                   " frames differ, first is " + mFirstDifference;
+            text = concat(mDiffering, " of ", record().checked, " frames differ, first is ",
+                          mFirstDifference);
         }
         if (mFrames != rows) {
             if (mFrames < rows) noteBad(mFrames);  // the surplus ones are noted
-            text += (text.empty() ? "" : "; ") + ("the stream has " + std::to_string(mFrames)) +
-                    " frames, " + mExpectPath + " has " + std::to_string(rows);
+            text += concat(text.empty() ? "" : "; ", "the stream has ", mFrames, " frames, ",
+                           mExpectPath, " has ", rows);
         }
         if (text.empty()) return;
         for (size_t row = mFrames; row < rows; ++row) {
@@ -105,9 +101,9 @@ private:
         const ChecksumRow& expected = mExpected->rows.front();
         record().checked = mFrames;
         if (expected.matches({0, md5})) return;
-        failCheck(vexa::CRC_MISMATCH, "the MD5 of all " + std::to_string(mFrames) +
-                                          " frames differs: expected " + expected.hash + ", got " +
-                                          md5);
+        failCheck(vexa::CRC_MISMATCH,
+                  concat("the MD5 of all ", mFrames, " frames differs: expected ", expected.hash,
+                         ", got ", md5));
     }
 
     std::optional<ChecksumList> mExpected;
@@ -115,28 +111,20 @@ private:
     Alignment mAlignment;
     std::optional<BadFrames> mBadFrames;
     std::optional<ChecksumWriter> mList;
-    bool mPrintsMd5 = false;
     Md5 mWhole;            // where it is printed or expected
     uint64_t mFrames = 0;  // that were consumed
     uint64_t mDiffering = 0;
     std::string mFirstDifference;
 };
 
+const bool kAdded = addNodeType<ChecksumSink>(
+    "sink/checksum", "compares and writes lists of frame checksums", 1, 0,
+    {{"expect", kFile, "the checksums to compare with; the format is found out"},
+     {"write", kFile, "the list to write"},
+     {"format", kText, "of what is written: framemd5 (default), framecrc, md5, md5-list, json"},
+     {"print_md5", kFlag, "true: the MD5 of the whole stream goes to standard output"},
+     {"dump_bad", kFile, "a folder for the frames that differ, as PNG and raw"},
+     {"dump_limit", number(1, 1000000, 8), "how many frames to write there, default 8"}});
+
 }  // namespace
-
-extern const NodeType kChecksumSink = {
-    "sink/checksum",
-    "compares and writes lists of frame checksums",
-    1,
-    0,
-    {{"expect", true, "the checksums to compare with; the format is found out"},
-     {"write", true, "the list to write"},
-     {"format", false, "of what is written: framemd5 (default), framecrc, md5, md5-list, json"},
-     {"print_md5", false, "true: the MD5 of the whole stream goes to standard output"},
-     {"dump_bad", true, "a folder for the frames that differ, as PNG and raw"},
-     {"dump_limit", false, "how many frames to write there, default 8"}},
-    makeNode<ChecksumSink>,
-    {},
-    "expect"};
-
 }  // namespace vxrun

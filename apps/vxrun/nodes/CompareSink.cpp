@@ -4,8 +4,8 @@
 #include "AppNode.h"
 #include "BadFrames.h"
 #include "Console.h"
-#include "Failure.h"
 #include "FrameDiff.h"
+#include "Text.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -15,38 +15,48 @@
 namespace vxrun {
 namespace {
 
-class CompareSink final : public AppNode {
+class CompareSink : public AppNode {
 public:
-    explicit CompareSink(NodeArguments arguments) : AppNode(std::move(arguments)) {}
-    ~CompareSink() override { teardown(); }
+    static bool checks(const vexa::VXNodeDescriptor&) { return true; }
+
+    using AppNode::AppNode;
 
 private:
     enum Input : size_t { GOT = 0, WANTED = 1 };
 
     // One of the two streams.
     struct Stream {
+        // The next frame, if there is one.
+        std::unique_ptr<Frame> front() const {
+            return works.empty() ? nullptr : std::make_unique<Frame>(*works.front());
+        }
+        void advance() {
+            if (works.empty()) return;
+            const auto& frame = works.front()->frameInfo();
+            ended = (frame.flags & vexa::VXFrameInfo::FLAG_END_OF_STREAM) != 0;
+            ++frames;
+            works.pop_front();
+        }
+
         SharedWorks works;    // that wait for their partners
         uint64_t frames = 0;  // that were compared, or had no partner
         bool ended = false;   // the last one among them
     };
 
     void open() override {
-        constexpr uint64_t kMaxTolerance = 65535;
-        constexpr uint64_t kMaxAhead = 10000;
         constexpr double kMaxPsnr = 6 * 16 + 12;
         if (!config("psnr").empty()) setFloor("psnr", kMaxPsnr);
         if (!config("ssim").empty()) setFloor("ssim", 1);
         if (!config("tolerance").empty()) setMeasure("tolerance");
-        mTolerance = static_cast<uint32_t>(numberConfig("tolerance", 0, kMaxTolerance, 0));
-        mBadFrames.emplace(config("dump_bad"), numberConfig("dump_limit", 1, kMaxAhead, 8),
-                           record().name);
+        mBadFrames.emplace(config("dump_bad"), numberConfig("dump_limit"), record().name);
         record().checking = true;
-        setTotalDelay(numberConfig("ahead", 1, kMaxAhead, 16));
+        setTotalDelay(numberConfig("ahead"));
     }
 
     void setMeasure(const std::string& measure) {
-        if (!mMeasure.empty())
+        if (!mMeasure.empty()) {
             throw Failure("configs '" + mMeasure + "' and '" + measure + "' exclude each other");
+        }
         mMeasure = measure;
         mError = vexa::INFO_VALIDATION_FAIL;
     }
@@ -57,29 +67,19 @@ private:
         char* end = nullptr;
         mFloor = std::strtod(text.c_str(), &end);
         if (*end == '\0' && mFloor > 0 && mFloor <= highest) return;
-        throw Failure("config '" + measure + "': expected a number above 0, at most " +
-                      std::to_string(static_cast<int>(highest)) + ", got " + quote(text));
+        throw Failure(concat("config '", measure, "': expected a number above 0, at most ", highest,
+                             ", got ", quote(text)));
     }
 
-    void process(const SharedWorks& inputs, Works*) override {
+    void process(const SharedWorks& inputs) override {
         for (const auto& work : inputs) mStreams[inputOf(*work)].works.push_back(work);
         Stream& got = mStreams[GOT];
         Stream& wanted = mStreams[WANTED];
         while (!(got.works.empty() && wanted.works.empty()) && (!got.works.empty() || got.ended) &&
                (!wanted.works.empty() || wanted.ended)) {
-            const auto gotFrame = payloadOf(got);
-            const auto wantedFrame = payloadOf(wanted);
-            if (gotFrame && wantedFrame) {
-                compare(*gotFrame, *wantedFrame);
-            } else {
-                mAlignment.add(gotFrame ? frameHash(*gotFrame) : "",
-                               wantedFrame ? frameHash(*wantedFrame) : "", true);
-                noteBad(std::max(got.frames, wanted.frames));
-                if (gotFrame) mBadFrames->add(got.frames, *gotFrame, nullptr);
-            }
-            if (gotFrame) ++record().frames;
-            advance(&got);
-            advance(&wanted);
+            compare(got.front().get(), wanted.front().get());
+            got.advance();
+            wanted.advance();
             if (got.ended && wanted.ended) finish();
         }
     }
@@ -101,51 +101,37 @@ private:
         return comesBy(GOT) ? GOT : WANTED;
     }
 
-    // The next frame, if there is one.
-    static std::unique_ptr<Payload> payloadOf(const Stream& of) {
-        if (of.works.empty()) return nullptr;
-        const auto buffer = bufferOf(*of.works.front());
-        const auto* const stream = infoOf<StreamInfo>(of.works.front()->frameInfo());
-        if (buffer == nullptr || stream == nullptr) throw Failure("a work without a payload");
-        return std::make_unique<Payload>(buffer, *stream);
-    }
-
-    void compare(const Payload& got, const Payload& wanted) {
-        const FrameDiff difference(got, wanted, mTolerance);
-        const std::string wrong = judge(difference);
-        ++record().checked;
-        mAlignment.add(frameHash(got), frameHash(wanted), !wrong.empty());
-        if (wrong.empty()) return;
-        const uint64_t frame = mStreams[GOT].frames;
+    // Either may be null.
+    void compare(const Frame* got, const Frame* wanted) {
+        const uint64_t frame = std::max(mStreams[GOT].frames, mStreams[WANTED].frames);
+        const bool isBad = got == nullptr || wanted == nullptr || differ(frame, *got, *wanted);
+        if (got != nullptr) ++record().frames;
+        mAlignment.add(got != nullptr ? frameHash(*got) : "",
+                       wanted != nullptr ? frameHash(*wanted) : "", isBad);
+        if (!isBad) return;
         noteBad(frame);
-        if (mBad++ == 0) {
-            const uint64_t time = mStreams[GOT].works.front()->frameInfo().timestamp;
-            failCheck(mError, "frame " + std::to_string(frame) + " (timestamp " +
-                                  std::to_string(time) + "): " + wrong);
-        }
-        mBadFrames->add(frame, got, &wanted);
+        if (got != nullptr) mBadFrames->add(frame, *got, wanted);
     }
 
-    // What is wrong with a frame; empty when nothing is.
-    std::string judge(const FrameDiff& difference) {
-        if (mFloor == 0 || !difference.sameFormat()) {
-            return difference.anyWrong() ? difference.text() : "";
+    bool differ(uint64_t frame, const Frame& got, const Frame& wanted) {
+        ++record().checked;
+        const FrameDiff difference(got, wanted, static_cast<uint32_t>(numberConfig("tolerance")));
+        const bool measured = mFloor > 0 && difference.sameFormat();
+        bool isBad = difference.anyWrong();
+        std::string text;
+        if (measured) {
+            const auto figures = mMeasure == "psnr" ? difference.psnr() : difference.ssim();
+            isBad = figures.back() < mFloor;
+            text = mMeasure + " " + difference.text(figures);
+            if (figures.back() < mLowest) mLowestText = text + " in frame " + std::to_string(frame);
+            mLowest = std::min(mLowest, figures.back());
         }
-        const auto figures = mMeasure == "psnr" ? difference.psnr() : difference.ssim();
-        const std::string text = mMeasure + " " + difference.text(figures);
-        if (figures.back() < mLowest) {
-            mLowest = figures.back();
-            mLowestText = text + " in frame " + std::to_string(mStreams[GOT].frames);
+        if (isBad && mBad++ == 0) {  // only the first one is shown
+            text = measured ? text + " is below " + config(mMeasure) : difference.text();
+            failCheck(mError,
+                      concat("frame ", frame, " (timestamp ", got.info.timestamp, "): ", text));
         }
-        return figures.back() < mFloor ? text + " is below " + config(mMeasure) : "";
-    }
-
-    static void advance(Stream* stream) {
-        if (stream->works.empty()) return;
-        const auto& frame = stream->works.front()->frameInfo();
-        stream->ended = (frame.flags & vexa::VXFrameInfo::FLAG_END_OF_STREAM) != 0;
-        ++stream->frames;
-        stream->works.pop_front();
+        return isBad;
     }
 
     void finish() {
@@ -155,11 +141,10 @@ private:
             console::line("vxrun: node '" + record().name + "': the lowest is " + mLowestText);
         }
         if (mBad > 0 || got != wanted) {
-            std::string text = std::to_string(mBad) + " of " + std::to_string(record().checked) +
-                               " frames are wrong, got " + std::to_string(got) + ", wanted " +
-                               std::to_string(wanted);
             const std::string alignment = mAlignment.text();
-            failCheck(mError, text + (alignment.empty() ? "" : "; " + alignment));
+            failCheck(mError,
+                      concat(mBad, " of ", record().checked, " frames are wrong, got ", got,
+                             ", wanted ", wanted, alignment.empty() ? "" : "; ", alignment));
         }
         record().endOfStream = true;
         signalComplete();
@@ -167,7 +152,6 @@ private:
 
     std::string mMeasure;  // the config that says what is compared; empty: all samples
     double mFloor = 0;     // of the figure; 0: samples are compared
-    uint32_t mTolerance = 0;
     vexa::VexaError mError = vexa::CRC_MISMATCH;
     std::optional<BadFrames> mBadFrames;
     // [event thread]
@@ -178,21 +162,15 @@ private:
     std::string mLowestText;
 };
 
+const bool kAdded = addNodeType<CompareSink>(
+    "sink/compare", "compares the frames of the first input with those of the second", 2, 0,
+    {{"tolerance", number(0, 65535, 0),
+      "the largest difference of a sample that is allowed, default 0"},
+     {"psnr", kText, "instead: the lowest PSNR of a frame that is allowed, in dB"},
+     {"ssim", kText, "instead: the lowest SSIM of a plane that is allowed, up to 1"},
+     {"ahead", number(1, 10000, 16), "frames that one input may be ahead of the other, default 16"},
+     {"dump_bad", kFile, "a folder for the frames that differ, as PNG and raw"},
+     {"dump_limit", number(1, 10000, 8), "how many frames to write there, default 8"}});
+
 }  // namespace
-
-extern const NodeType kCompareSink = {
-    "sink/compare",
-    "compares the frames of the first input with those of the second",
-    2,
-    0,
-    {{"tolerance", false, "the largest difference of a sample that is allowed, default 0"},
-     {"psnr", false, "instead: the lowest PSNR of a frame that is allowed, in dB"},
-     {"ssim", false, "instead: the lowest SSIM of a plane that is allowed, up to 1"},
-     {"ahead", false, "frames that one input may be ahead of the other, default 16"},
-     {"dump_bad", true, "a folder for the frames that differ, as PNG and raw"},
-     {"dump_limit", false, "how many frames to write there, default 8"}},
-    makeNode<CompareSink>,
-    {},
-    ""};
-
 }  // namespace vxrun

@@ -6,21 +6,20 @@
 namespace vxrun {
 namespace {
 
-class Delay final : public AppNode {
+class Delay : public AppNode {
 public:
-    explicit Delay(NodeArguments arguments) : AppNode(std::move(arguments)) {}
-    ~Delay() override { teardown(); }
+    static uint64_t keeps(const vexa::VXNodeDescriptor& node) { return numberOf(node, "frames"); }
+
+    using AppNode::AppNode;
 
 private:
     void open() override {
-        constexpr uint64_t kMostFrames = 10000;
-        constexpr uint64_t kLongest = 3600000;
-        mFrames = numberConfig("frames", 0, kMostFrames, 0);
-        mTime = static_cast<unsigned>(numberConfig("ms", 0, kLongest, 0));
+        mFrames = numberConfig("frames");
+        mTime = static_cast<unsigned>(numberConfig("ms"));
         setTotalDelay(std::max<uint64_t>(mFrames, 1));
     }
 
-    void process(const SharedWorks& inputs, Works*) override {
+    void process(const SharedWorks& inputs) override {
         for (const auto& input : inputs) {
             mEnding = (input->frameInfo().flags & vexa::VXFrameInfo::FLAG_END_OF_STREAM) != 0;
             mHeld.push_back(input);
@@ -45,11 +44,8 @@ private:
     }
 
     void sendOne() {
-        countFrame(mHeld.front()->frameInfo());
-        Works works;
-        works.push_back(passOn(*mHeld.front()));
+        passOn(*mHeld.front());
         mHeld.pop_front();
-        returnWorks(std::move(works));
     }
 
     uint64_t mFrames = 0;
@@ -60,15 +56,10 @@ private:
     bool mBusy = false;    // the clock runs for the first frame held
 };
 
+const bool kAdded = addNodeType<Delay>(
+    "transform/delay", "keeps frames back, for tests of flow control", 1, 1,
+    {{"frames", number(0, 10000, 0), "how many are kept back, default 0"},
+     {"ms", number(0, 3600000, 0), "time taken for each frame, in milliseconds, default 0"}});
+
 }  // namespace
-
-extern const NodeType kDelay = {
-    "transform/delay",
-    "keeps frames back, for tests of flow control",
-    1,
-    1,
-    {{"frames", false, "how many are kept back, default 0"},
-     {"ms", false, "time taken for each frame, in milliseconds, default 0"}},
-    makeNode<Delay>};
-
 }  // namespace vxrun

@@ -1,6 +1,6 @@
 // transform/fence: holds every picture until its fence has fired.
 #include "AppNode.h"
-#include "Failure.h"
+#include "Text.h"
 
 #include <chrono>
 
@@ -9,20 +9,14 @@ namespace {
 
 // A fence has no handle to wait on beside events, so the one in front is looked at every millisecond
 // while it has not fired.
-class Fence final : public AppNode {
+class Fence : public AppNode {
 public:
-    explicit Fence(NodeArguments arguments) : AppNode(std::move(arguments)) {}
-    ~Fence() override { teardown(); }
+    using AppNode::AppNode;
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    void open() override {
-        constexpr uint64_t kLongest = 3600000;
-        mLimit = std::chrono::milliseconds(numberConfig("timeout_ms", 1, kLongest, 5000));
-    }
-
-    void process(const SharedWorks& inputs, Works*) override {
+    void process(const SharedWorks& inputs) override {
         if (mHeld.empty()) mSince = Clock::now();
         mHeld.insert(mHeld.end(), inputs.begin(), inputs.end());
         if (!mAsleep) wake();
@@ -31,15 +25,12 @@ private:
     void wake() override {
         mAsleep = false;
         while (!mHeld.empty() && hasFired(*bufferOf(*mHeld.front()))) {
-            Works works;
-            works.push_back(passOn(*mHeld.front()));
-            countFrame(mHeld.front()->frameInfo());
+            passOn(*mHeld.front());
             mHeld.pop_front();
-            returnWorks(std::move(works));
             mSince = Clock::now();
         }
         if (mHeld.empty()) return;
-        if (Clock::now() - mSince > mLimit) fail();
+        if (Clock::now() - mSince > std::chrono::milliseconds(numberConfig("timeout_ms"))) fail();
         mAsleep = true;
         wakeUp(1);
     }
@@ -53,24 +44,19 @@ private:
     }
 
     [[noreturn]] void fail() {
-        throw Failure("frame " + std::to_string(record().frames) +
-                      ": the fence of its picture has not fired");
+        throw Failure(
+            concat("frame ", record().frames, ": the fence of its picture has not fired"));
     }
 
-    std::chrono::milliseconds mLimit{0};  // for one fence
     // [event thread]
     SharedWorks mHeld;
     Clock::time_point mSince;  // when the first of them came to the front
     bool mAsleep = false;      // wake() will be called
 };
 
+const bool kAdded = addNodeType<Fence>(
+    "transform/fence", "holds every picture until its fence has fired", 1, 1,
+    {{"timeout_ms", number(1, 3600000, 5000), "how long a fence may take, default 5000"}});
+
 }  // namespace
-
-extern const NodeType kFence = {"transform/fence",
-                                "holds every picture until its fence has fired",
-                                1,
-                                1,
-                                {{"timeout_ms", false, "how long a fence may take, default 5000"}},
-                                makeNode<Fence>};
-
 }  // namespace vxrun

@@ -1,8 +1,6 @@
 // sink/file: the visible bytes of every frame, one after another, or in a container.
 #include "AppNode.h"
-#include "Failure.h"
 #include "Files.h"
-#include "Libav.h"
 #include "Y4mReader.h"
 
 #include <algorithm>
@@ -16,55 +14,45 @@ namespace {
 // Muxer: a file in a container that libavformat writes.
 class Muxer {
 public:
-    Muxer(const AVOutputFormat& format, OutputFile* file)
-        : mContext(avformat_alloc_context()), mFile(*file) {
-        constexpr int kBuffer = 1 << 16;
-        auto* const buffer = static_cast<uint8_t*>(av_malloc(kBuffer));
-        if (mContext == nullptr || buffer == nullptr) throw std::bad_alloc();
+    Muxer(const AVOutputFormat& format, const std::string& path)
+        : mContext(made(avformat_alloc_context())) {
         mContext->oformat = &format;
         mContext->flags |= AVFMT_FLAG_BITEXACT;
-        mContext->pb = avio_alloc_context(buffer, kBuffer, 1, this, nullptr, write, seek);
-        if (mContext->pb == nullptr) throw std::bad_alloc();
+        check(avio_open(&mContext->pb, ("file:" + path).c_str(), AVIO_FLAG_WRITE));
     }
-    ~Muxer() {
-        av_freep(&mContext->pb->buffer);
-        avio_context_free(&mContext->pb);
-        avformat_free_context(mContext);
-    }
-    Muxer(const Muxer&) = delete;
-    Muxer& operator=(const Muxer&) = delete;
 
-    void add(const Payload& payload, const vexa::VXFrameInfo& frame) {
+    void add(const Frame& frame) {
         const BitstreamInfo* stream = nullptr;
-        const auto packet = unitOf(payload, frame, &stream);
+        const auto packet = frame.unit(&stream);
         if (mContext->nb_streams == 0) begin(*stream, packet.get());
-        av_packet_rescale_ts(packet.get(), rational(stream->timeBase),
-                             mContext->streams[0]->time_base);
+        av_packet_rescale_ts(packet.get(), stream->timeBase, mContext->streams[0]->time_base);
         packet->stream_index = 0;
-        check(av_write_frame(mContext, packet.get()));
+        check(av_write_frame(mContext.get(), packet.get()));
     }
 
     void finish() {
-        check(av_write_trailer(mContext));
-        avio_flush(mContext->pb);
-        check(mContext->pb->error);
+        check(av_write_trailer(mContext.get()));
+        check(avio_closep(&mContext->pb));
     }
 
 private:
     void begin(const BitstreamInfo& stream, AVPacket* first) {
-        AVStream* const track = avformat_new_stream(mContext, nullptr);
+        AVStream* const track = avformat_new_stream(mContext.get(), nullptr);
         if (track == nullptr) throw std::bad_alloc();
         check(avcodec_parameters_copy(track->codecpar, stream.parameters.get()));
         track->codecpar->codec_tag = 0;  // another container's
-        track->time_base = rational(stream.timeBase);
+        track->time_base = stream.timeBase;
         track->avg_frame_rate = stream.frameRate;
-        track->sample_aspect_ratio = rational(stream.sar);
-        check(avformat_write_header(mContext, nullptr), " does not take " + stream.codec);
-        // Where a container has no place for headers they stand in the stream. An encoder gives them
-        // apart.
+        track->sample_aspect_ratio = stream.sar;
+        check(avformat_write_header(mContext.get(), nullptr), " does not take " + stream.codec);
+        addHeaders(*track->codecpar, first);
+    }
+
+    // Where a container has no place for headers they stand in the stream. An encoder gives them apart.
+    void addHeaders(const AVCodecParameters& parameters, AVPacket* first) const {
         if ((mContext->oformat->flags & AVFMT_GLOBALHEADER) != 0) return;
-        const uint8_t* const headers = track->codecpar->extradata;
-        const int size = track->codecpar->extradata_size, bytes = first->size;
+        const uint8_t* const headers = parameters.extradata;
+        const int size = parameters.extradata_size, bytes = first->size;
         const bool startCode = size > 4 && headers[0] == 0 && headers[1] == 0 &&
                                (headers[2] == 1 || (headers[2] == 0 && headers[3] == 1));
         const uint8_t* const end = first->data + bytes;
@@ -80,81 +68,54 @@ private:
     void check(int result, const std::string& what = "") const {
         if (result >= 0) return;
         throw Failure(std::string("the container ") + mContext->oformat->name + what + ": " +
-                      (mError.empty() ? libavText(result) : mError));
+                      libavText(result));
     }
 
-    // No exception passes through the libraries.
-    template <typename Action>
-    int guarded(int result, Action action) {
-        try {
-            action();
-            return result;
-        } catch (const Failure& failure) {
-            mError = failure.what();
-            return AVERROR(EIO);
-        }
-    }
-    static int write(void* muxer, uint8_t* data, int size) {
-        auto& self = *static_cast<Muxer*>(muxer);
-        return self.guarded(size, [&] { self.mFile.write(data, static_cast<size_t>(size)); });
-    }
-    static int64_t seek(void* muxer, int64_t offset, int whence) {
-        if (whence != SEEK_SET) return AVERROR(ENOSYS);
-        auto& self = *static_cast<Muxer*>(muxer);
-        const int result = self.guarded(0, [&] { self.mFile.seek(static_cast<uint64_t>(offset)); });
-        return result < 0 ? result : offset;
-    }
-
-    AVFormatContext* mContext;
-    OutputFile& mFile;
-    std::string mError;  // of the file
+    const Libav<AVFormatContext> mContext;
 };
 
-class FileSink final : public Sink {
+class FileSink : public Sink {
 public:
-    explicit FileSink(NodeArguments arguments) : Sink(std::move(arguments)) {}
-    ~FileSink() override { teardown(); }
+    using Sink::Sink;
 
 private:
     void open() override {
+        CodecLog::takeOver();
         const std::string path = requiredConfig("file");
         mContainer = config("container");
         const std::string extension = std::filesystem::path(path).extension();
         const bool known = std::strstr(" .y4m .ivf .264 .h264 .265 .hevc .obu .mp4 .mkv ",
                                        (" " + extension + " ").c_str()) != nullptr;
         if (mContainer.empty()) mContainer = known ? extension.substr(1) : "raw";
-        const AVOutputFormat* format = nullptr;
-        if (mContainer != "raw" && mContainer != "y4m") {
-            // The name of a muxer, or else an extension that it has.
-            format = av_guess_format(mContainer.c_str(), ("x." + mContainer).c_str(), nullptr);
-            if (format == nullptr || (format->flags & AVFMT_NOFILE) != 0) {
-                throw Failure(
-                    "config 'container': expected raw, y4m or one that libavformat writes, got " +
-                    quote(mContainer));
-            }
-        }
-        CodecLog::takeOver();
         mFile.emplace(path);
-        if (format != nullptr) mMuxer.emplace(*format, &*mFile);
+        if (mContainer == "raw" || mContainer == "y4m") return;
+        // The name of a muxer, or else an extension that it has.
+        const AVOutputFormat* const format =
+            av_guess_format(mContainer.c_str(), ("x." + mContainer).c_str(), nullptr);
+        if (format == nullptr || (format->flags & AVFMT_NOFILE) != 0) {
+            throw Failure(
+                "config 'container': expected raw, y4m or one that libavformat writes, got " +
+                quote(mContainer));
+        }
+        mMuxer.emplace(*format, path + ".part");
     }
 
-    void consume(const Payload& payload, const StreamInfo& stream,
-                 const vexa::VXFrameInfo& frame) override {
-        if (mContainer != "raw" && mFormat && *mFormat != stream.picture) {
-            throw Failure("a frame of " + stream.picture.text() + " after " + mFormat->text() +
+    void consume(const Frame& frame) override {
+        const PictureFormat& format = frame.stream.picture;
+        if (mContainer != "raw" && mFormat && *mFormat != format) {
+            throw Failure("a frame of " + format.text() + " after " + mFormat->text() +
                           ": the container " + mContainer + " takes one size and format");
         }
         if (mMuxer) {
-            mMuxer->add(payload, frame);
+            mMuxer->add(frame);
         } else {
             if (mContainer == "y4m") {
-                if (!mFormat) mFile->write(y4mHeader(stream));
-                mFile->write("FRAME\n");
+                mFile->write((mFormat ? "" : y4mHeader(frame.stream)) + "FRAME\n");
             }
-            payload.forEachRow(
+            frame.forEachRow(
                 [this](const uint8_t* row, size_t bytes) { mFile->write(row, bytes); });
         }
-        mFormat = stream.picture;
+        mFormat = format;
     }
 
     void finish() override {
@@ -163,22 +124,17 @@ private:
     }
 
     std::string mContainer;
-    std::optional<OutputFile> mFile;
+    std::optional<OutputFile> mFile;       // that mMuxer, where there is one, writes to
     std::optional<Muxer> mMuxer;           // for all but raw and y4m
     std::optional<PictureFormat> mFormat;  // of the last frame
 };
 
+const bool kAdded = addNodeType<FileSink>(
+    "sink/file", "writes every frame; the file appears when it is complete", 1, 0,
+    {{"file", kFile, "the file to write"},
+     {"container", kText,
+      "raw, y4m, ivf, h264, hevc, obu, mp4, matroska, ...; default by the file's extension, else "
+      "raw"}});
+
 }  // namespace
-
-extern const NodeType kFileSink = {
-    "sink/file",
-    "writes every frame; the file appears when it is complete",
-    1,
-    0,
-    {{"file", true, "the file to write"},
-     {"container", false,
-      "raw, y4m, ivf, h264, hevc, obu, mp4, matroska, ...; default by the "
-      "file's extension, else raw"}},
-    makeNode<FileSink>};
-
 }  // namespace vxrun

@@ -4,17 +4,15 @@
 namespace vxrun {
 namespace {
 
-class NullSink final : public Sink {
+class NullSink : public Sink {
 public:
-    explicit NullSink(NodeArguments arguments) : Sink(std::move(arguments)) {}
-    ~NullSink() override { teardown(); }
+    using Sink::Sink;
 
 private:
-    void consume(const Payload&, const StreamInfo&, const vexa::VXFrameInfo&) override {}
+    void consume(const Frame&) override {}
 };
 
+const bool kAdded = addNodeType<NullSink>("sink/null", "drops every frame", 1, 0);
+
 }  // namespace
-
-extern const NodeType kNullSink = {"sink/null", "drops every frame", 1, 0, {}, makeNode<NullSink>};
-
 }  // namespace vxrun

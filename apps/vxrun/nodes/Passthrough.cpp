@@ -4,23 +4,17 @@
 namespace vxrun {
 namespace {
 
-class Passthrough final : public AppNode {
+class Passthrough : public AppNode {
 public:
-    explicit Passthrough(NodeArguments arguments) : AppNode(std::move(arguments)) {}
-    ~Passthrough() override { teardown(); }
+    using AppNode::AppNode;
 
 private:
-    void process(const SharedWorks& inputs, Works* outputs) override {
-        for (const auto& input : inputs) {
-            outputs->push_back(passOn(*input));
-            countFrame(input->frameInfo());
-        }
+    void process(const SharedWorks& inputs) override {
+        for (const auto& input : inputs) passOn(*input);
     }
 };
 
+const bool kAdded = addNodeType<Passthrough>("transform/passthrough", "hands every frame on", 1, 1);
+
 }  // namespace
-
-extern const NodeType kPassthrough = {"transform/passthrough", "hands every frame on", 1, 1, {},
-                                      makeNode<Passthrough>};
-
 }  // namespace vxrun
