@@ -47,7 +47,8 @@ std::vector<uint16_t> samplesOf(const Payload& payload, int plane) {
     for (int y = 0; y < format.rows(plane); ++y) {
         const uint8_t* const row = rowOf(payload, plane, y);
         for (int x = 0; x < format.columns(plane); ++x) {
-            samples.push_back(format.bytesPerSample() == 1 ? row[x] : AV_RL16(row + 2 * x));
+            samples.push_back(format.bytesPerSample() == 1 ? row[x]
+                                                           : AV_RL16(row + ptrdiff_t{2} * x));
         }
     }
     return samples;
@@ -215,7 +216,7 @@ std::string FrameDiff::shape(const Plane& first) const {
         mPlanes[2].got == mPlanes[1].wanted) {
         return "planes Cb and Cr swapped";
     }
-    if (const std::string shifted = shift(first); !shifted.empty()) return shifted;
+    if (std::string shifted = shift(first); !shifted.empty()) return shifted;
     if (!whole.empty()) return "whole plane " + whole;
     if (first.y == first.bottom) return "in one row";
     if (first.left == first.right) return "in one column";

@@ -140,7 +140,8 @@ private:
         if (!wrong.empty()) noteError(wrong);
         ++mFrames;
         // Known better only now: how many pictures it keeps to put them in order.
-        setTotalDelay(static_cast<uint64_t>(mContext->has_b_frames + mContext->thread_count));
+        const int kept = mContext->has_b_frames + mContext->thread_count;
+        setTotalDelay(static_cast<uint64_t>(kept));
         const int64_t time = picture->best_effort_timestamp;
         mTime = time == AV_NOPTS_VALUE
                     ? mTime + 1
