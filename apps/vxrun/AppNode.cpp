@@ -182,6 +182,10 @@ VXError AppNode::onSetup(bool beforeFence) {
     });
 }
 
+VXError AppNode::onStart() {
+    return guarded(NODE_FAIL_START, [this] { begin(); });
+}
+
 VXError AppNode::onProcess(SharedWorks inputs, Works*) {
     if (mBroken) return VX_OK;  // the run is ending; what still arrives is not worth another line
     ++mRecord.moved;

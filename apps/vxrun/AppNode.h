@@ -131,7 +131,7 @@ struct Route : public vexa::VXInfo {
 
 // The base class.
 //
-// Threads  open(): the one that builds the graph. process(): the node's event thread.
+// Threads  open(): the one that builds the graph. begin(): the graph's. process(): the node's event thread.
 class AppNode : public vexa::VXNode {
 public:
     // For derived classes to hide. Whether their frames lie in buffers of their own.
@@ -151,6 +151,8 @@ protected:
 
     // Takes the configs and opens files. The ports exist.
     virtual void open() {}
+    // Makes the files that the node writes: a graph that cannot be built leaves none. Before any process().
+    virtual void begin() {}
     virtual void process(const SharedWorks& inputs) = 0;
     // What wakeUp() asked for; here: the fence that fenced() has made first fires.
     virtual void wake() { mFences.fireNext(); }
@@ -193,7 +195,7 @@ protected:
 
 private:
     vexa::VXError onSetup(bool beforeFence) final;
-    vexa::VXError onStart() final { return vexa::VX_OK; }
+    vexa::VXError onStart() final;
     vexa::VXError onStop() final { return vexa::VX_OK; }
     vexa::VXError onProcess(SharedWorks inputs, Works* outputs) final;
     vexa::VXError onBufferFilled(int fd) final;

@@ -27,13 +27,15 @@ private:
         mBadFrames.emplace(config("dump_bad"), numberConfig("dump_limit"), record().name);
         if (mExpected && !expectsWhole()) record().expected = mExpected->rows.size();
         const std::string format = config("format");
-        ChecksumFormat written = ChecksumFormat::FRAMEMD5;
         try {
-            if (!format.empty()) written = checksumFormat(format);
+            if (!format.empty()) mWritten = checksumFormat(format);
         } catch (const Failure& failure) {
             throw Failure(std::string("config 'format': ") + failure.what());
         }
-        if (!config("write").empty()) mList.emplace(config("write"), written);
+    }
+
+    void begin() override {
+        if (!config("write").empty()) mList.emplace(config("write"), mWritten);
     }
 
     void consume(const Frame& frame) override {
@@ -110,6 +112,7 @@ private:
     std::string mExpectPath;
     Alignment mAlignment;
     std::optional<BadFrames> mBadFrames;
+    ChecksumFormat mWritten = ChecksumFormat::FRAMEMD5;
     std::optional<ChecksumWriter> mList;
     Md5 mWhole;            // where it is printed or expected
     uint64_t mFrames = 0;  // that were consumed

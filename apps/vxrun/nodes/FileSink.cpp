@@ -87,35 +87,37 @@ private:
         const bool known = std::strstr(" .y4m .ivf .264 .h264 .265 .hevc .obu .mp4 .mkv ",
                                        (" " + extension + " ").c_str()) != nullptr;
         if (mContainer.empty()) mContainer = known ? extension.substr(1) : "raw";
-        mFile.emplace(path);
         if (mContainer == "raw" || mContainer == "y4m") return;
         // The name of a muxer, or else an extension that it has.
-        const AVOutputFormat* const format =
-            av_guess_format(mContainer.c_str(), ("x." + mContainer).c_str(), nullptr);
-        if (format == nullptr || (format->flags & AVFMT_NOFILE) != 0) {
+        mFormat = av_guess_format(mContainer.c_str(), ("x." + mContainer).c_str(), nullptr);
+        if (mFormat == nullptr || (mFormat->flags & AVFMT_NOFILE) != 0) {
             throw Failure(
                 "config 'container': expected raw, y4m or one that libavformat writes, got " +
                 quote(mContainer));
         }
-        mMuxer.emplace(*format, path + ".part");
+    }
+
+    void begin() override {
+        mFile.emplace(config("file"));
+        if (mFormat != nullptr) mMuxer.emplace(*mFormat, config("file") + ".part");
     }
 
     void consume(const Frame& frame) override {
         const PictureFormat& format = frame.stream.picture;
-        if (mContainer != "raw" && mFormat && *mFormat != format) {
-            throw Failure("a frame of " + format.text() + " after " + mFormat->text() +
+        if (mContainer != "raw" && mPicture && *mPicture != format) {
+            throw Failure("a frame of " + format.text() + " after " + mPicture->text() +
                           ": the container " + mContainer + " takes one size and format");
         }
         if (mMuxer) {
             mMuxer->add(frame);
         } else {
             if (mContainer == "y4m") {
-                mFile->write((mFormat ? "" : y4mHeader(frame.stream)) + "FRAME\n");
+                mFile->write((mPicture ? "" : y4mHeader(frame.stream)) + "FRAME\n");
             }
             frame.forEachRow(
                 [this](const uint8_t* row, size_t bytes) { mFile->write(row, bytes); });
         }
-        mFormat = format;
+        mPicture = format;
     }
 
     void finish() override {
@@ -124,9 +126,10 @@ private:
     }
 
     std::string mContainer;
-    std::optional<OutputFile> mFile;       // that mMuxer, where there is one, writes to
-    std::optional<Muxer> mMuxer;           // for all but raw and y4m
-    std::optional<PictureFormat> mFormat;  // of the last frame
+    const AVOutputFormat* mFormat = nullptr;  // of mMuxer
+    std::optional<OutputFile> mFile;          // that mMuxer, where there is one, writes to
+    std::optional<Muxer> mMuxer;              // for all but raw and y4m
+    std::optional<PictureFormat> mPicture;    // of the last frame
 };
 
 const bool kAdded = addNodeType<FileSink>(
