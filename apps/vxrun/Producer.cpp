@@ -2,6 +2,7 @@
 #include "Text.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 namespace vxrun {
@@ -104,7 +105,7 @@ void Producer::giveUnit(Libav<AVPacket> unit, std::shared_ptr<BitstreamInfo> str
     const std::shared_ptr<AVPacket> packet = std::move(unit);
     const auto info = std::make_shared<UnitInfo>();
     if (av_packet_copy_props(info->properties.get(), packet.get()) < 0) throw std::bad_alloc();
-    while (mBlock < packet->size) mBlock *= 2;
+    while (mBlock < packet->size) mBlock = mBlock > INT_MAX / 2 ? INT_MAX : 2 * mBlock;
     const int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
     VXFrameInfo frame;
     frame.timestamp = static_cast<uint64_t>(std::max<int64_t>(time, 0));
