@@ -95,6 +95,14 @@ private:
     std::condition_variable mAll;
 };
 
+// Waits for all items at all places; ns from the first to the last at the slowest of them.
+template <typename Places>
+double slowest(Places& arrivals) {
+    double ns = 0;
+    for (Arrivals& place : arrivals) ns = std::max(ns, place.wait());
+    return ns;
+}
+
 // Arithmetic that takes about `us` microseconds of processor time: the fastest of several short trials
 // tells how much that is, so that a busy machine does not make the work smaller.
 inline void compute(int64_t us) {
@@ -143,6 +151,30 @@ double onThreads(const Options& options, int64_t each, Action action) {
     }
     for (auto& thread : threads) thread.join();
     return static_cast<double>(nowNs() - from);
+}
+
+// Something slow: what one call of `once` takes.
+template <typename Once>
+void perCall(const Options& options, Once once) {
+    perItem(
+        options,
+        [&](int64_t count) {
+            const int64_t from = nowNs();
+            for (int64_t i = 0; i < count; ++i) once();
+            return static_cast<double>(nowNs() - from);
+        },
+        10);
+}
+
+// A buffer that options.n threads fetch and release, one after another each; what `fetch` returns is
+// the buffer, empty when there was none.
+template <typename Fetch>
+void perFetch(const Options& options, Fetch fetch) {
+    perItem(options, [&](int64_t count) {
+        return onThreads(options, count / options.n, [&] {
+            if (fetch() == nullptr) fail("no buffer");
+        });
+    });
 }
 
 // Items that options.n threads post at once, without a hand-shake, in bursts so that what waits has a

@@ -61,9 +61,7 @@ void fanOut(const Options& options) {
             for (auto& hop : hops) hop.push(item);
         }
         for (auto& thread : threads) thread.join();
-        double ns = 0;
-        for (auto& branch : arrivals) ns = std::max(ns, branch.wait());
-        return ns;
+        return slowest(arrivals);
     });
 }
 
@@ -98,23 +96,12 @@ void post(const Options& options) {
 
 void pool(const Options& options) {
     floors::FreeList<std::array<char, 4096>> pool(kInFlight);
-    perItem(options, [&](int64_t count) {
-        return onThreads(options, count / options.n, [&] {
-            if (pool.fetch() == nullptr) fail("no buffer");
-        });
-    });
+    perFetch(options, [&] { return pool.fetch(); });
 }
 
 // Created, ended at once, and joined.
 void threads(const Options& options) {
-    perItem(
-        options,
-        [&](int64_t count) {
-            double ns = 0;
-            for (int64_t i = 0; i < count; ++i) ns += onThreads(options, 0, [] {});
-            return ns;
-        },
-        10);
+    perCall(options, [&] { onThreads(options, 0, [] {}); });
 }
 
 }  // namespace

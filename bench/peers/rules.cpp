@@ -216,9 +216,7 @@ void fanOut(const Options& options) {
             first->connectTo(stages.add(0, &arrivals.emplace_back(count)));
         }
         stages.run();
-        double ns = 0;
-        for (auto& branch : arrivals) ns = std::max(ns, branch.wait());
-        return ns;
+        return slowest(arrivals);
     });
 }
 
@@ -227,26 +225,19 @@ void fanOut(const Options& options) {
 // The threads of a graph: its own, one per node, and two that wait for its end; the nodes' are started
 // and stopped one by one, and each gets an event.
 void lifeCycle(const Options& options) {
-    perItem(
-        options,
-        [&](int64_t count) {
-            const int64_t from = nowNs();
-            for (int64_t i = 0; i < count; ++i) {
-                std::vector<std::thread> waiters;
-                for (int k = 0; k < 2; ++k) waiters.emplace_back([] {});
-                {
-                    Stages<AND_LOCKS> stages(options);
-                    for (int64_t k = 0; k <= options.n; ++k) {
-                        const auto stage = stages.add(0, nullptr);
-                        stage->start();
-                        stage->begin();
-                    }
-                }
-                for (std::thread& waiter : waiters) waiter.join();
+    perCall(options, [&] {
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < 2; ++i) waiters.emplace_back([] {});
+        {
+            Stages<AND_LOCKS> stages(options);
+            for (int64_t i = 0; i <= options.n; ++i) {
+                const auto stage = stages.add(0, nullptr);
+                stage->start();
+                stage->begin();
             }
-            return static_cast<double>(nowNs() - from);
-        },
-        10);
+        }
+        for (std::thread& waiter : waiters) waiter.join();
+    });
 }
 
 // ---- A pool -------------------------------------------------------------------------------------
@@ -307,11 +298,7 @@ private:
 
 void pool(const Options& options) {
     Pool pool(kInFlight);
-    perItem(options, [&](int64_t count) {
-        return onThreads(options, count / options.n, [&] {
-            if (pool.fetch() == nullptr) fail("no buffer");
-        });
-    });
+    perFetch(options, [&] { return pool.fetch(); });
 }
 
 }  // namespace

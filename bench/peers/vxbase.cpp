@@ -25,11 +25,7 @@ struct Plan {
         sCurrent = this;
     }
     // ns from the first work to the last, at the slowest sink.
-    double wait() {
-        double ns = 0;
-        for (auto& sink : arrivals) ns = std::max(ns, sink.wait());
-        return ns;
-    }
+    double wait() { return slowest(arrivals); }
 
     static inline Plan* sCurrent = nullptr;
     int64_t works;                  // from the source
@@ -225,18 +221,11 @@ void roundTrip(const Options& options) {
 
 // Build, start, stop and destroy.
 void lifeCycle(const Options& options) {
-    perItem(
-        options,
-        [&](int64_t count) {
-            const int64_t from = nowNs();
-            for (int64_t i = 0; i < count; ++i) {
-                Plan plan(0, 1);
-                const Run run(chainOf(options.n));
-                plan.started.wait();
-            }
-            return static_cast<double>(nowNs() - from);
-        },
-        10);
+    perCall(options, [&] {
+        Plan plan(0, 1);
+        const Run run(chainOf(options.n));
+        plan.started.wait();
+    });
 }
 
 // ---- What a graph does to the rest of the system ------------------------------------------------
@@ -362,11 +351,10 @@ void pool(const Options& options, const char* backEnd) {
     const auto pool = VXLinearBufferPool::Create(backEnd, DEFAULT);
     pool->setMaxSlots(kInFlight);
     pool->setSize(4096);
-    perItem(options, [&](int64_t count) {
-        return onThreads(options, count / options.n, [&] {
-            std::shared_ptr<VXBuffer> buffer;
-            if (pool->fetch(&buffer) != VX_OK) fail("no buffer");
-        });
+    perFetch(options, [&] {
+        std::shared_ptr<VXBuffer> buffer;
+        pool->fetch(&buffer);
+        return buffer;
     });
 }
 
