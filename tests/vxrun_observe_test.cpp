@@ -57,6 +57,9 @@ TEST_F(VxrunObserved, EveryWayToEnd) {
     const std::string list = contentOf(path("clip.framemd5"));
     writeFile(path("cut.y4m"), clip.substr(0, clip.size() - 1));
     writeFile(path("bad.framemd5"), replaced(list, "36, ", "37, "));
+    const std::string lastRow = list.substr(list.rfind("\n0,") + 1);
+    writeFile(path("short.framemd5"), replaced(list, lastRow, ""));
+    writeFile(path("long.framemd5"), list + lastRow);
     writeFile(path("alpha.y4m"), "YUV4MPEG2 W6 H4 C444alpha\n");
     const int writer = makePipe("");
     const std::vector<std::string> endless = {"reader.file=/dev/zero", "check.expect="};
@@ -73,6 +76,8 @@ TEST_F(VxrunObserved, EveryWayToEnd) {
     const Case cases[] = {
         {"", "", {}, "PASS", 0},
         {"", "", {"check.expect=" + path("bad.framemd5")}, "CRC_MISMATCH", 1},
+        {"", "", {"check.expect=" + path("short.framemd5")}, "CRC_MISMATCH", 1},
+        {"", "", {"check.expect=" + path("long.framemd5")}, "CRC_MISMATCH", 1},
         {"", "", {"check.expect="}, "NOTHING_CHECKED", 4},
         {"", "", {"reader.file=" + path("cut.y4m")}, "NODE_FAIL_FATAL", 3, {}, "error"},
         {"", "", {"reader.file=" + path("none")}, "NODE_FAIL_INIT", 3},
@@ -128,6 +133,8 @@ TEST(VxrunEvidence, NoPassBeforeTheLastFrame) {
     EXPECT_EQ(evidence.printVerdict(), 1);
     record.endOfStream = true;
     EXPECT_EQ(evidence.verdict(), "PASS");
+    EXPECT_EQ(evidence.fail("NODE_FAIL_ASYNC"), true);
+    EXPECT_EQ(evidence.printVerdict(), 3);
     evidence.removeNode(record);
     EXPECT_TRUE(evidence.nodes().empty());
 }
