@@ -302,6 +302,7 @@ TEST_F(NodeTest, PortsByName) {
 TEST_F(NodeTest, TeardownAndDestructor) {
     struct Careless : VXNode {
         Careless() : VXNode("g.careless", nullptr) {}
+        using VXNode::handler;
         VXError onSetup(bool) override { return VX_OK; }
         VXError onStart() override { return VX_OK; }
         VXError onStop() override { return VX_OK; }
@@ -316,6 +317,8 @@ TEST_F(NodeTest, TeardownAndDestructor) {
         ASSERT_EQ(node.start(listener), VX_OK);
         EXPECT_EQ(node.allocatorType(), "any");
         EXPECT_EQ(node.getPreferredAllocatorTypes(), std::vector<std::string>{"any"});
+        // Its thread is idle, not gone: a node must not die while its hooks are being called.
+        EXPECT_EQ(node.handler()->postSyncAndWait(makeEvent(VXNode::EVENT_SCHEDULE), 0), VX_OK);
     }
     EXPECT_LOGGED(ERROR, "[g.careless] Node was not safely terminated !!");
     log.clear();
