@@ -458,6 +458,19 @@ TEST_F(Vxrun, PoolsPaceTheirSource) {
                   "node 'copy': config 'allocator': expected dmabuf or xcodec2, got 'heap'");
 }
 
+// Catches: a frame that waits in its node while that makes the next ones, which takes it out of the flow
+// control's sight.
+TEST_F(Vxrun, FlowControlLimitsWhatIsUnderWay) {
+    writeFile(path("clip.y4m"), y4m("W6 H4 F25:1", 36, 60));
+    const Result result =
+        vxrun({graph("linear", "\"expect\"", "\"write\""), "--stats", "--set", "reader.slots=60"});
+    // Five works from the reader, whose total delay is 2, and four from the copy.
+    const size_t at = result.err.find("high_water=");
+    ASSERT_NE(at, std::string::npos) << result.err;
+    const int most = std::stoi(result.err.substr(at + 11));
+    EXPECT_TRUE(most >= 1 && most <= 5 + 4 + 1) << result.err;
+}
+
 // Catches: a description with a mistake that is built all the same, or an error line without the
 // place and what was expected.
 TEST_F(Vxrun, RefusesBadDescriptions) {

@@ -186,7 +186,7 @@ VXError AppNode::onStart() {
     return guarded(NODE_FAIL_START, [this] { begin(); });
 }
 
-VXError AppNode::onProcess(SharedWorks inputs, Works*) {
+VXError AppNode::onProcess(SharedWorks inputs, Works* outputs) {
     if (mBroken) return VX_OK;  // the run is ending; what still arrives is not worth another line
     ++mRecord.moved;
     mRecord.busy = true;
@@ -199,6 +199,7 @@ VXError AppNode::onProcess(SharedWorks inputs, Works*) {
         hold(&inputs);
         process(inputs);
     });
+    outputs->swap(mOutputs);
     if (gTrace != nullptr) gTrace->span(mRecord.number, "process", start);
     mRecord.busy = false;
     return result;
@@ -218,29 +219,38 @@ void AppNode::wakeUp(unsigned delay) {
 }
 
 void AppNode::send(std::unique_ptr<VXWork> work) {
+    finish(*work);
+    Works works;
+    works.push_back(std::move(work));
+    returnWorks(std::move(works));
+}
+
+void AppNode::sendOutput(std::unique_ptr<VXWork> work) {
+    finish(*work);
+    mOutputs.push_back(std::move(work));
+}
+
+void AppNode::finish(VXWork& work) {
     ++mRecord.moved;
-    countFrame(work->frameInfo());
+    countFrame(work.frameInfo());
     // In the place of the mark of whoever sent the frame to this node.
-    auto& infos = work->frameInfo().mInfos;
+    auto& infos = work.frameInfo().mInfos;
     const auto isRoute = [](const auto& info) {
         return dynamic_cast<const Route*>(info.get()) != nullptr;
     };
     infos.erase(std::remove_if(infos.begin(), infos.end(), isRoute), infos.end());
     infos.push_back(mRoute);
     // A frame's span begins with the node that makes it, and ends when nobody has it any more.
-    if (gTrace != nullptr && infoOf<TracedFrame>(work->frameInfo()) == nullptr) {
+    if (gTrace != nullptr && infoOf<TracedFrame>(work.frameInfo()) == nullptr) {
         infos.push_back(std::make_shared<TracedFrame>(mRecord.name, mRecord.number, mTraced++));
     }
-    Works works;
-    works.push_back(std::move(work));
-    returnWorks(std::move(works));
 }
 
-void AppNode::passOn(const VXSharedWork& input) {
+std::unique_ptr<VXWork> AppNode::shareOf(const VXSharedWork& input) {
     auto work = std::make_unique<VXWork>();
     work->frameInfo() = input.frameInfo();
     attach(work.get(), bufferOf(input));
-    send(std::move(work));
+    return work;
 }
 
 std::shared_ptr<VXBuffer> AppNode::fenced(std::shared_ptr<VXBuffer> buffer,
@@ -251,7 +261,6 @@ std::shared_ptr<VXBuffer> AppNode::fenced(std::shared_ptr<VXBuffer> buffer,
     return given;
 }
 
-// Replaces each work by a share of it that tells the pool of its buffer when the node lets go of it.
 void AppNode::hold(SharedWorks* works) {
     for (auto& work : *works) {
         PoolRecord* const pool = Pool::recordOf(bufferOf(*work));

@@ -160,10 +160,15 @@ protected:
     // Has wake() called on the event thread, `delay` milliseconds from now; once per call. A node that
     // has stopped sleeps on.  [any thread]
     void wakeUp(unsigned delay);
-    // Sends a finished work, and counts it.
+    // Sends a finished work, and counts it. It goes when the events that wait now have been handled.
     void send(std::unique_ptr<vexa::VXWork> work);
-    // Sends a work that carries what `input` carries.
-    void passOn(const vexa::VXSharedWork& input);
+    // The same within process(), once per input or not at all: the work goes as soon as that returns. A node
+    // sends in one way only, or works would overtake others.
+    void sendOutput(std::unique_ptr<vexa::VXWork> work);
+    // Replaces each work by a share of it that tells the pool of its buffer when the node lets go of it.
+    void hold(SharedWorks* works);
+    // A work that carries what `input` carries.
+    static std::unique_ptr<vexa::VXWork> shareOf(const vexa::VXSharedWork& input);
     // What to send in place of `buffer`, a new picture: before a transform/fence the same with a fence
     // that fires "fence_ms" milliseconds later, else `buffer` itself. Such a node has no wake().
     std::shared_ptr<vexa::VXBuffer> fenced(std::shared_ptr<vexa::VXBuffer> buffer,
@@ -204,7 +209,7 @@ private:
 
     template <typename Action>
     vexa::VXError guarded(vexa::VexaError error, Action action);
-    void hold(SharedWorks* works);
+    void finish(vexa::VXWork& work);
     void traceQueue();
     void fail(const std::string& verdict, const std::string& text);
 
@@ -214,6 +219,7 @@ private:
     const std::vector<vexa::VXNodeDescriptor::ConfigEntry> mEntries;
     const std::string mMistake;  // in the description
     const std::shared_ptr<Route> mRoute = std::make_shared<Route>();
+    Works mOutputs;  // of the process() that runs. [event thread]
     bool mBeforeFence = false;
     PictureFences mFences;
     uint64_t mTraced = 0;  // frames that the trace has a span for  [event thread]

@@ -21,20 +21,18 @@ VXError Producer::countAvailablePendingInputWorks(unsigned long maxCount,
 }
 
 VXError Producer::getPendingInputWorks(unsigned long requestedCount, SharedWorks* works) {
-    if (!mNext) return AppNode::getPendingInputWorks(requestedCount, works);
     if (works == nullptr) return VX_BAD_VALUE;
-    works->clear();
-    if (requestedCount > 1) return VX_INVALID_OPERATION;
-    works->push_back(std::make_shared<VXSharedWork>(VXAuxInfo(), VXFrameInfo()));
-    return VX_OK;
+    *works = {mStep};
+    if (mNext) return VX_OK;
+    SharedWorks taken;
+    const VXError ret = AppNode::getPendingInputWorks(requestedCount, &taken);
+    hold(&taken);
+    mInputs.splice(mInputs.end(), taken);
+    return ret;
 }
 
-void Producer::process(const SharedWorks& inputs) {
-    if (mNext) {
-        write();
-    } else {
-        mInputs.insert(mInputs.end(), inputs.begin(), inputs.end());
-    }
+void Producer::process(const SharedWorks&) {
+    if (mNext) write();
     try {
         advance();
     } catch (...) {  // the frame before the trouble is sent on
@@ -73,7 +71,7 @@ void Producer::advance() {
 }
 
 void Producer::sendWritten() {
-    if (mWritten != nullptr) send(std::move(mWritten));
+    if (mWritten != nullptr) sendOutput(std::move(mWritten));
 }
 
 void Producer::finish(bool nothing) {

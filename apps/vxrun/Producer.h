@@ -1,10 +1,10 @@
 // Producer: what nodes have in common that make frames: sources, codecs, converters. Their outputs may
 // come later than their inputs and in another number.
 //
-// Such a node works in steps, each of which writes at most one frame. While one is to be written, the
-// node offers an input of its own making instead of its pending ones, so that the regulator's flow
-// control paces it, and offers nothing while its pool has no buffer. A frame is sent when it is known
-// whether another one follows it.
+// Such a node works in steps, each of which writes and sends at most one frame. To the regulator, which
+// wants as many outputs as inputs, a step is one input of the node's own making, so that flow control
+// paces it; the pending inputs are taken when no frame is to be written. The node offers nothing while
+// its pool has no buffer. A frame is sent when it is known whether another one follows it.
 #pragma once
 
 #include "AppNode.h"
@@ -58,6 +58,8 @@ private:
     void advance();
     void sendWritten();
 
+    const std::shared_ptr<vexa::VXSharedWork> mStep =
+        std::make_shared<vexa::VXSharedWork>(vexa::VXAuxInfo(), vexa::VXFrameInfo());
     // [event thread]
     SharedWorks mInputs;                      // not taken yet
     uint64_t mTaken = 0;                      // inputs

@@ -44,7 +44,7 @@ private:
     }
 
     void sendOne() {
-        passOn(*mHeld.front());
+        send(shareOf(*mHeld.front()));
         mHeld.pop_front();
     }
 

@@ -25,7 +25,7 @@ private:
     void wake() override {
         mAsleep = false;
         while (!mHeld.empty() && hasFired(*bufferOf(*mHeld.front()))) {
-            passOn(*mHeld.front());
+            send(shareOf(*mHeld.front()));
             mHeld.pop_front();
             mSince = Clock::now();
         }

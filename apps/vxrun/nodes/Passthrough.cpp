@@ -10,7 +10,7 @@ public:
 
 private:
     void process(const SharedWorks& inputs) override {
-        for (const auto& input : inputs) passOn(*input);
+        for (const auto& input : inputs) sendOutput(shareOf(*input));
     }
 };
 
