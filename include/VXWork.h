@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -167,10 +168,15 @@ public:
         : VXAuxInfo(auxInfo), mFrameInfo(frameInfo) {}
     ~VXSharedWork() override;
 
-    // A work's memory has room for the control block of its shared pointer, and goes with the last of
-    // the two: one allocation, and what a release touches lies together.
+    // A work's memory has room for the control block of its shared pointer and for the event that tells
+    // of its release, and goes with the last of the three: one allocation, and what a release touches
+    // lies together.
     static void* operator new(size_t size);
     static void operator delete(void* work);
+
+    // Makes objects in that memory; for share() and release hooks.
+    template <typename T>
+    class Allocator;
 
     const VXFrameInfo& frameInfo() const { return mFrameInfo; }
 
@@ -185,38 +191,16 @@ private:
 
     // Lies in front of every work that was made by new.
     struct alignas(std::max_align_t) Home {
+        void* enter(size_t size);  // null when there is no room
         void leave();
-
-        static constexpr size_t kRoom = 72;  // a tracker of more than a few words has none
-        static constexpr size_t kAlign = alignof(void*);
-        static constexpr bool fits(size_t size, size_t align) {
-            return size <= kRoom && align <= kAlign;
+        bool holds(const void* memory) const {
+            return std::less_equal<>()(room, memory) && std::less<>()(memory, room + sizeof(room));
         }
+
+        static constexpr size_t kAlign = alignof(std::max_align_t);
         std::atomic<int> residents{1};
-        alignas(kAlign) unsigned char control[kRoom];
-    };
-    // Puts the control block into the work's home, or, when it is too large, elsewhere.
-    template <typename T>
-    struct ControlAllocator {
-        using value_type = T;
-        explicit ControlAllocator(Home* h) : home(h) {}
-        template <typename U>
-        ControlAllocator(const ControlAllocator<U>& other) : home(other.home) {}
-
-        T* allocate(size_t count) {
-            if (!kFits) return static_cast<T*>(::operator new(count * sizeof(T)));
-            home->residents.store(2, std::memory_order_relaxed);  // nobody else knows it yet
-            return reinterpret_cast<T*>(home->control);
-        }
-        void deallocate(T* memory, size_t) {
-            if (!kFits) return ::operator delete(memory);
-            home->leave();
-        }
-        bool operator==(const ControlAllocator& other) const { return home == other.home; }
-        bool operator!=(const ControlAllocator& other) const { return home != other.home; }
-
-        static constexpr bool kFits = Home::fits(sizeof(T), alignof(T));
-        Home* home;
+        size_t used = 0;                               // of the room
+        alignas(kAlign) unsigned char room[64 + 192];  // control block, event
     };
 
     // The payload with the type that it was set with. Both works hold one; sharing moves it.
@@ -240,6 +224,36 @@ private:
 
     VXFrameInfo mFrameInfo;
     Payload mPayload;
+};
+
+// Puts objects into the memory of a work that was made by new, where they may outlive the work, or
+// elsewhere when there is no room for them. To be used while one thread alone has the work: before it is
+// shared, and in the release hook.
+template <typename T>
+class VXSharedWork::Allocator {
+public:
+    static_assert(alignof(T) <= Home::kAlign, "there is no room of a larger alignment");
+    using value_type = T;
+
+    explicit Allocator(VXSharedWork* work) : mHome(reinterpret_cast<Home*>(work) - 1) {}
+    template <typename U>
+    Allocator(const Allocator<U>& other) : mHome(other.mHome) {}
+
+    T* allocate(size_t count) {
+        void* const memory = mHome->enter(count * sizeof(T));
+        return static_cast<T*>(memory != nullptr ? memory : ::operator new(count * sizeof(T)));
+    }
+    void deallocate(T* memory, size_t) {
+        if (!mHome->holds(memory)) return ::operator delete(memory);
+        mHome->leave();
+    }
+    bool operator==(const Allocator& other) const { return mHome == other.mHome; }
+    bool operator!=(const Allocator& other) const { return mHome != other.mHome; }
+
+private:
+    template <typename U>
+    friend class Allocator;
+    Home* mHome;
 };
 
 // VXWork: a work in the making, owned by one holder, who may write it.
@@ -271,13 +285,12 @@ public:
     template <typename Tracker>
     std::shared_ptr<VXSharedWork> share(Tracker tracker) {
         auto* work = new VXSharedWork(*this, mFrameInfo);
-        auto* home = reinterpret_cast<VXSharedWork::Home*>(work) - 1;
         std::shared_ptr<VXSharedWork> shared(
             work,
             [tracker = std::move(tracker)](VXSharedWork* released) mutable {
                 tracker.onRelease(released);
             },
-            VXSharedWork::ControlAllocator<VXSharedWork>(home));
+            VXSharedWork::Allocator<VXSharedWork>(work));
         shared->mPayload = std::exchange(mPayload, {});
         return shared;
     }

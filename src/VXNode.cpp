@@ -643,7 +643,8 @@ void VXNode::DownstreamWorkTracker::onRelease(VXSharedWork* work) {
         return;  // left undeleted on purpose: it is not one of ours
     }
     if (const auto handler = mHandler.lock()) {
-        auto event = std::make_shared<xc2::Event>(EVENT_WORK_RELEASED);
+        auto event = std::allocate_shared<xc2::Event>(VXSharedWork::Allocator<xc2::Event>(work),
+                                                      EVENT_WORK_RELEASED);
         event->info().put("res-id", id);
         handler->postAsync(std::move(event));
     } else {

@@ -1,6 +1,7 @@
 #include <VXWork.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <thread>
 
@@ -121,6 +122,44 @@ TEST(Work, HookRunsOnceAfterTheLastHolder) {
         other.join();
         ASSERT_EQ(released, round);
     }
+}
+
+// Catches: memory that goes with the work although what its hook made there, or a weak reference, is
+// still in use; objects there that overlap; a room that is taken for larger than it is.
+TEST(Work, WhatItsHookMakesInItsMemoryOutlivesTheWork) {
+    struct Large : Tracker {
+        using Text = std::array<char, 100>;
+        void onRelease(VXSharedWork* work) override {
+            for (char c : {'a', 'b', 'c', 'd'}) {  // more than there is room for
+                made->push_back(std::allocate_shared<Text>(VXSharedWork::Allocator<Text>(work)));
+                made->back()->fill(c);
+            }
+            Tracker::onRelease(work);
+        }
+        std::vector<std::shared_ptr<Text>>* made;
+    };
+    struct Larger : Large {
+        std::array<char, 300> more{};  // its control block has no room either
+    };
+    const auto test = [](auto tracker) {
+        std::atomic<int> released{0};
+        std::vector<std::shared_ptr<Large::Text>> made;
+        tracker.released = &released;
+        tracker.made = &made;
+        std::weak_ptr<VXSharedWork> watch;
+        {
+            VXWork work;
+            watch = work.share(tracker);
+        }
+        EXPECT_EQ(released, 1);
+        EXPECT_TRUE(watch.expired());
+        std::string text;
+        for (const auto& object : made) text.append(object->begin(), object->end());
+        EXPECT_EQ(text, std::string(100, 'a') + std::string(100, 'b') + std::string(100, 'c') +
+                            std::string(100, 'd'));
+    };
+    test(Large());
+    test(Larger());
 }
 
 // Catches: a partial copy, a wrong count, a message under another module's tag.
