@@ -38,7 +38,7 @@ struct Options {
     int64_t us = 0;     // arithmetic per stage and item
     int64_t busy = 0;   // threads that compute beside it
     int64_t ms = 300;   // about as long does a measurement take
-    int64_t count = 0;  // so many items instead
+    int64_t count = 0;  // so many items at a time instead
 };
 
 [[noreturn]] inline void fail(const char* what) {
@@ -124,19 +124,26 @@ inline void compute(int64_t us) {
 }
 
 // Calls run(count), which moves so many items and returns the ns that they took: first with `few`, as
-// a warm-up that tells how many fit into options.ms, then for the record.
+// a warm-up that tells how many fit into options.ms, then for the record. A given count is moved as often
+// as fits.
 template <typename Run>
 void perItem(const Options& options, Run run, int64_t few = 1000) {
-    int64_t count = few;
+    const double wanted = static_cast<double>(options.ms) * 1e6;
+    int64_t count = few, moved = 0;
     double ns = run(count);
     if (options.count > 0) {
         count = options.count;
+        ns = 0;
+        do {
+            ns += run(count);
+            moved += count;
+        } while (ns < wanted);
     } else {
-        const double wanted = static_cast<double>(options.ms) * 1e6;
         while (ns < wanted / 8) ns = run(count *= 4);
-        count = std::max(few, static_cast<int64_t>(static_cast<double>(count) * wanted / ns));
+        moved = std::max(few, static_cast<int64_t>(static_cast<double>(count) * wanted / ns));
+        ns = run(moved);
     }
-    report(options, "ns_per_item", run(count) / static_cast<double>(count));
+    report(options, "ns_per_item", ns / static_cast<double>(moved));
 }
 
 // Has options.n threads call `action` `each` times; ns until the last has done so.

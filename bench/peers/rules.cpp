@@ -84,14 +84,17 @@ private:
         void onRelease(VXSharedWork* work) {
             uint64_t id = 0;
             work->get("_res_id", &id);
-            if (const auto owner = stage.lock()) release(*owner, id);
+            if (const auto owner = stage.lock()) {
+                release(*owner, VXSharedWork::Allocator<xc2::Event>(work), id);
+            }
             delete work;
         }
         std::weak_ptr<xc2::EventHandler> stage;
     };
 
-    static void release(xc2::EventHandler& to, uint64_t id) {
-        auto event = std::make_shared<xc2::Event>(RELEASED);
+    template <typename Allocator>
+    static void release(xc2::EventHandler& to, const Allocator& allocator, uint64_t id) {
+        auto event = std::allocate_shared<xc2::Event>(allocator, RELEASED);
         event->info().put("res-id", id);
         to.postAsync(std::move(event));
     }
@@ -119,27 +122,28 @@ private:
     }
 
     void process(Works inputs) {
-        std::list<Item> items;
+        Works outgoing;
         for (auto& input : inputs) {
             Item item = input == nullptr ? makeItem() : itemOf(*input);
             if constexpr (depth == EVENTS_ONLY) {
-                if (input != nullptr) release(*mUpstream, input->id);
+                if (input != nullptr) {
+                    release(*mUpstream, std::allocator<xc2::Event>(), input->id);
+                }
             }
             compute(mUs);
             if (mArrivals != nullptr) mArrivals->one();
-            if (!mDownstream.empty()) items.push_back(std::move(item));
+            if (mDownstream.empty()) continue;
+            outgoing.push_back(share(std::move(item), ++mIds));
+            mOut.push_back(mIds);
         }
         inputs.clear();
-        for (Item& item : items) {
-            const std::shared_ptr<Work> work = share(std::move(item), ++mIds);
-            mOut.push_back(mIds);
-            for (const auto& downstream : mDownstream) {
-                auto info = std::make_shared<WorkInfo>();
-                info->works.push_back(work);
-                auto event = std::make_shared<xc2::Event>(WORKS);
-                event->info().put("works", std::move(info));
-                downstream->postAsync(std::move(event));
-            }
+        if (outgoing.empty()) return;
+        for (const auto& downstream : mDownstream) {
+            auto info = std::make_shared<WorkInfo>();
+            info->works = downstream == mDownstream.back() ? std::move(outgoing) : outgoing;
+            auto event = std::make_shared<xc2::Event>(WORKS);
+            event->info().put("works", std::move(info));
+            downstream->postAsync(std::move(event));
         }
     }
 
