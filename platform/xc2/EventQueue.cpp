@@ -98,9 +98,9 @@ namespace {
 // So every yield is timed, and one that comes back late ends all yielding of the process for ten
 // times as long. bench/README.md has the figures.
 constexpr int kYields = 20;
-// A time slice is 0.7 ms at least (the kernel's base slice); a round over 64 threads with a batch each
-// took 0.4 ms and is no lateness.
-constexpr std::chrono::nanoseconds kLate = std::chrono::microseconds(600);
+// A time slice ends at a tick of the kernel, which come every 1 to 10 ms; a round over 64 threads with a
+// batch each takes 0.3 to 0.7 ms and is no lateness.
+constexpr std::chrono::nanoseconds kLate = std::chrono::milliseconds(1);
 std::atomic<Clock::rep> sNoYieldBefore{0};
 
 // Returns when `ready`, or when it is better to sleep.
