@@ -100,15 +100,15 @@ def add(title, unit, values, targets=(), bars=True):
     series = {label: {"median": statistics.median(all_), "min": min(all_), "max": max(all_), "rounds": all_}
               for label, all_ in values.items()}
     own = next(iter(series.values()))["median"]
-    # What the rules (events, threads, libraries) alone take is the least that the own time can be.
+    # What the rules (events, threads, libraries) alone reach stands beside a target that is missed.
     floor = next((label for label in series if label.endswith(" alone")), None)
     checks = []
     for label, kind, limit in targets:
         if label is not None and label not in series:
             continue
         other = series[label]["median"] if label is not None else 1
-        def check(time):
-            ratio = other / time if kind == "times" else time / other
+        def check(taken):
+            ratio = other / taken if kind == "times" else taken / other
             return ratio, None if limit is None else bool(ratio >= limit if kind == "times" else ratio <= limit)
         ratio, met = check(own)
         checks.append({"against": label, "kind": kind, "ratio": ratio, "limit": limit, "met": met})

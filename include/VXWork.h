@@ -193,6 +193,7 @@ private:
     struct alignas(std::max_align_t) Home {
         void* enter(size_t size);  // null when there is no room
         void leave();
+        // By the address alone: asked for what lies elsewhere, the home itself may be gone.
         bool holds(const void* memory) const {
             return std::less_equal<>()(room, memory) && std::less<>()(memory, room + sizeof(room));
         }
@@ -226,9 +227,13 @@ private:
     Payload mPayload;
 };
 
-// Puts objects into the memory of a work that was made by new, where they may outlive the work, or
-// elsewhere when there is no room for them. To be used while one thread alone has the work: before it is
-// shared, and in the release hook.
+// VXSharedWork::Allocator: puts objects into the memory of a work that was made by new, where they may
+// outlive the work, or elsewhere when there is no room for them. For std::allocate_shared.
+//
+// Life     made for one object; a copy lies with the object, and may come after the work's end.
+// Threads  objects are made by the one thread that has the work, in its release hook, before it gives
+//          any of them away. They may end on any thread.
+// Owns     nothing; the work's memory goes with the last that lies there.
 template <typename T>
 class VXSharedWork::Allocator {
 public:
