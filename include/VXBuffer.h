@@ -31,7 +31,7 @@ namespace vexa {
 
 // What a pool's buffers are for. Any other number counts as DEFAULT. What each back-end makes of a
 // usage stands in its header.
-enum VXBufferUsage : uint32_t {
+enum VX_EXPORT VXBufferUsage : uint32_t {
     DEFAULT = 0,    // plain memory, read and written by the processor
     CACHED = 1,     // in the processor's cache
     SECURE = 2,     // protected

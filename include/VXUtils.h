@@ -7,10 +7,13 @@
 #include <android/log.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 // Marks what leaves libvxbase; everything else in it is hidden. Every public type carries it, since
 // a type that is held in std::any or cast across the library's border needs one type identity.
@@ -18,10 +21,14 @@
 
 namespace vexa {
 
+// Sizes, delays and ids pass between these types in signatures, bundles and log formats.
+static_assert(sizeof(unsigned long) == sizeof(uint64_t) && sizeof(size_t) == sizeof(uint64_t),
+              "libvxbase is made for 64-bit ABIs");
+
 // Status of a library operation. Positive values are the Linux errno numbers of the same meaning
 // (<asm-generic/errno-base.h>, <asm-generic/errno.h>), negative values are the library's own.
 // Callers compare the numbers and applications print them: they never change.
-enum VXError : int32_t {
+enum VX_EXPORT VXError : int32_t {
     VX_OK = 0,
     VX_ERROR = -1,              // generic failure, e.g. a value missing from an event's bundle
     VX_BAD_VALUE = -2,          // a required pointer is null or a name is unknown
@@ -38,7 +45,7 @@ enum VXError : int32_t {
 
 // Result of a test run. Applications print it by name (errorName). UNKNOWN_ERROR stands apart so
 // that the numbers before it can grow.
-enum VexaError : uint32_t {
+enum VX_EXPORT VexaError : uint32_t {
     CORRUPT_DESCR = 0x1001,
     NODE_NOT_FOUND = 0x1002,
     GRAPH_BUILD_FAIL = 0x1003,
@@ -53,8 +60,8 @@ enum VexaError : uint32_t {
     UNKNOWN_ERROR = 0xFFFFF,
 };
 
-// One copy per including source, built before main and only read afterwards.  [any thread]
-static const std::unordered_map<VexaError, std::string> gVexaErrorNames = {
+// The rows of the table below. Constants, so they are there before any constructor runs.
+inline constexpr std::pair<VexaError, const char*> kVexaErrorRows[] = {
     {CORRUPT_DESCR, "CORRUPT_DESCR"},
     {NODE_NOT_FOUND, "NODE_NOT_FOUND"},
     {GRAPH_BUILD_FAIL, "GRAPH_BUILD_FAIL"},
@@ -69,10 +76,17 @@ static const std::unordered_map<VexaError, std::string> gVexaErrorNames = {
     {UNKNOWN_ERROR, "UNKNOWN_ERROR"},
 };
 
-// The name of `code`; "UNKNOWN_ERROR" for a number that the table does not hold.  [any thread]
+// One copy per including source, built before main and only read afterwards.  [any thread]
+static const std::unordered_map<VexaError, std::string> gVexaErrorNames(std::begin(kVexaErrorRows),
+                                                                        std::end(kVexaErrorRows));
+
+// The name of `code`; "UNKNOWN_ERROR" for a number that the table does not hold. It reads the rows, so
+// it may be called from the constructors of static objects, too.  [any thread]
 inline std::string errorName(VexaError code) {
-    const auto entry = gVexaErrorNames.find(code);
-    return entry != gVexaErrorNames.end() ? entry->second : "UNKNOWN_ERROR";
+    for (const auto& [known, name] : kVexaErrorRows) {
+        if (known == code) return name;
+    }
+    return "UNKNOWN_ERROR";
 }
 
 // ---- Logging ----------------------------------------------------------------------------------
@@ -108,16 +122,19 @@ VX_EXPORT uint32_t vxUpdateLogLevel();
 #define VX_LOGT(...) VX_LOG_TAGGED(::vexa::VX_LOG_TRACE, ANDROID_LOG_DEBUG, kLogTag, __VA_ARGS__)
 
 // Guard failure: when `condition` holds, logs its source text and line and returns `result` from the
-// function. The return does not depend on the log mask; locks are released by their destructors.
-#define VX_FAIL_IF_TAGGED(tag, condition, result)                                        \
-    do {                                                                                 \
-        if (condition) {                                                                 \
-            VX_LOG_TAGGED(::vexa::VX_LOG_ERROR, ANDROID_LOG_ERROR, tag, "%s : Line# %d", \
-                          #condition, __LINE__);                                         \
-            return result;                                                               \
-        }                                                                                \
+// function. The return does not depend on the log mask; locks are released by their destructors. The
+// text is taken in the outermost macro, where names that are macros have not been replaced.
+#define VX_FAIL_IF_TEXT(tag, text, condition, result)                                          \
+    do {                                                                                       \
+        if (condition) {                                                                       \
+            VX_LOG_TAGGED(::vexa::VX_LOG_ERROR, ANDROID_LOG_ERROR, tag, "%s : Line# %d", text, \
+                          __LINE__);                                                           \
+            return result;                                                                     \
+        }                                                                                      \
     } while (0)
-#define VX_FAIL_IF(condition, result) VX_FAIL_IF_TAGGED(kLogTag, condition, result)
+#define VX_FAIL_IF_TAGGED(tag, condition, result) \
+    VX_FAIL_IF_TEXT(tag, #condition, condition, result)
+#define VX_FAIL_IF(condition, result) VX_FAIL_IF_TEXT(kLogTag, #condition, condition, result)
 
 // ---- Files ------------------------------------------------------------------------------------
 

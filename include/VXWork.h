@@ -13,8 +13,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <typeinfo>
 #include <utility>
 #include <vector>
@@ -32,6 +34,8 @@ VX_EXPORT size_t memcpy_s(void* dst, size_t dstSize, const void* src, size_t cou
 // Life     copied whole when a work is shared, so values are cheap and self-contained.
 // Threads  any number of readers at once, or one writer.
 // Owns     its values.
+//
+// Made for a handful of keys per work, up to about ten: a look-up compares one key after another.
 class VX_EXPORT VXAuxInfo {
 public:
     VXAuxInfo() = default;
@@ -172,7 +176,11 @@ public:
     // of its release, and goes with the last of the three: one allocation, and what a release touches
     // lies together.
     static void* operator new(size_t size);
+    static void* operator new(size_t size, const std::nothrow_t&) noexcept;
     static void operator delete(void* work);
+    static void operator delete(void* work, const std::nothrow_t&) { operator delete(work); }
+    // In the caller's memory, without any of that: such a work has no Allocator.
+    static void* operator new(size_t, void* memory) noexcept { return memory; }
 
     // Makes objects in that memory; for share() and release hooks.
     template <typename T>
@@ -180,7 +188,8 @@ public:
 
     const VXFrameInfo& frameInfo() const { return mFrameInfo; }
 
-    // The payload; empty when there is none or it was set with another type.
+    // The payload; empty when there is none or it was set with another type. One that was set as const is
+    // only handed out as const.
     template <typename T>
     std::shared_ptr<T> payload() const {
         return mPayload.get<T>();
@@ -191,6 +200,8 @@ private:
 
     // Lies in front of every work that was made by new.
     struct alignas(std::max_align_t) Home {
+        static void* inside(
+            void* memory);         // makes one there, returns where the work goes; null for null
         void* enter(size_t size);  // null when there is no room
         void leave();
         // By the address alone: asked for what lies elsewhere, the home itself may be gone.
@@ -209,18 +220,21 @@ private:
     public:
         template <typename T>
         void set(std::shared_ptr<T> object) {
-            mObject = std::move(object);
-            mType = &typeid(T);
+            mObject = std::const_pointer_cast<std::remove_const_t<T>>(std::move(object));
+            mType = &typeid(T);  // which is that of a const T, too
+            mConst = std::is_const_v<T>;
         }
         template <typename T>
         std::shared_ptr<T> get() const {
             if (mObject == nullptr || *mType != typeid(T)) return nullptr;
+            if (mConst && !std::is_const_v<T>) return nullptr;
             return std::static_pointer_cast<T>(mObject);
         }
 
     private:
         std::shared_ptr<void> mObject;
         const std::type_info* mType = nullptr;
+        bool mConst = false;
     };
 
     VXFrameInfo mFrameInfo;
@@ -272,13 +286,14 @@ public:
     VXFrameInfo& frameInfo() { return mFrameInfo; }
     const VXFrameInfo& frameInfo() const { return mFrameInfo; }
 
-    // Takes a share of `payload`. It is moved on by share(), never copied.
+    // Takes a share of `payload`, which may be const. It is moved on by share(), never copied.
     template <typename T>
     void setPayload(std::shared_ptr<T> payload) {
         mPayload.set(std::move(payload));
     }
 
-    // The payload; empty when there is none or it was set with another type.
+    // The payload; empty when there is none or it was set with another type. One that was set as const is
+    // only handed out as const.
     template <typename T>
     std::shared_ptr<T> payload() const {
         return mPayload.get<T>();

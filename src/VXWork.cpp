@@ -25,6 +25,10 @@ size_t memcpy_s(void* dst, size_t dstSize, const void* src, size_t count) {
     return count;
 }
 
+void* VXSharedWork::Home::inside(void* memory) {
+    return memory != nullptr ? new (memory) Home() + 1 : nullptr;
+}
+
 // While nobody else can enter or leave, so it need not count atomically.
 void* VXSharedWork::Home::enter(size_t size) {
     if (size > sizeof(room) - used) return nullptr;
@@ -44,9 +48,11 @@ void VXSharedWork::Home::leave() {
 }
 
 void* VXSharedWork::operator new(size_t size) {
-    void* const memory = ::operator new(sizeof(Home) + size);
-    Home* const home = new (memory) Home();
-    return home + 1;
+    return Home::inside(::operator new(sizeof(Home) + size));
+}
+
+void* VXSharedWork::operator new(size_t size, const std::nothrow_t& noThrow) noexcept {
+    return Home::inside(::operator new(sizeof(Home) + size, noThrow));
 }
 
 void VXSharedWork::operator delete(void* work) {

@@ -68,6 +68,11 @@ TEST(Log, GuardPrintsItsConditionAndReturns) {
             1);
         EXPECT_EQ(guarded("ab", &line), VX_OK);
         EXPECT_EQ(log.messages().size(), 1u);
+        [](int* fd) {
+#define NO_FD (-1)
+            VX_FAIL_IF(*fd == NO_FD, );
+        }(&(line = -1));
+        EXPECT_EQ(log.count("*fd == NO_FD : Line# "), 1);  // as written, not as it expands
     }
     LogCapture silent(0);
     EXPECT_EQ(guarded("a,b", &line), VX_INCOMPATIBLE);

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "support/LogCapture.h"
+#include "types/Types.h"
 
 using namespace vexa;
 
@@ -57,6 +58,16 @@ TEST(AuxInfo, NeedsNoDefaultConstructor) {
     EXPECT_EQ(value.n, 2);
 }
 
+// Catches: a public type that is another one in each library, as those are that are not exported where a
+// standard library compares types by address; a name that is not there yet when a library is loaded.
+TEST(AuxInfo, TypesAreTheSameInEveryLibrary) {
+    LogCapture log;
+    VXEditableAuxInfo info;
+    writeTypes(&info);
+    EXPECT_EQ(unreadTypes(info), "");
+    EXPECT_EQ(gEarlyName, errorName(CRC_MISMATCH));
+}
+
 namespace {
 struct Tracker {
     virtual ~Tracker() = default;
@@ -99,6 +110,14 @@ TEST(Work, ShareCopiesInfosAndMovesThePayload) {
     EXPECT_EQ(shared->frameInfo().mInfos.front(), info);
     EXPECT_EQ(shared->payload<std::string>(), payload);
     EXPECT_EQ(shared->payload<int>(), nullptr);
+
+    {
+        VXWork fixed;
+        fixed.setPayload(std::shared_ptr<const std::string>(payload));
+        EXPECT_EQ(fixed.payload<const std::string>(), payload);
+        EXPECT_EQ(fixed.payload<std::string>(), nullptr);  // it must not be written
+    }
+    EXPECT_EQ(shared->payload<const std::string>(), payload);
 
     payload.reset();
     std::weak_ptr<std::string> watch = shared->payload<std::string>();
@@ -160,6 +179,9 @@ TEST(Work, WhatItsHookMakesInItsMemoryOutlivesTheWork) {
     };
     test(Large());
     test(Larger());
+    delete new (std::nothrow) VXSharedWork(VXAuxInfo(), {});
+    alignas(VXSharedWork) unsigned char memory[sizeof(VXSharedWork)];
+    (new (memory) VXSharedWork(VXAuxInfo(), {}))->~VXSharedWork();
 }
 
 // Catches: a partial copy, a wrong count, a message under another module's tag.
