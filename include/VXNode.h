@@ -73,7 +73,8 @@ public:
     struct VX_EXPORT WorkInfo : public xc2::Bundle::Storable {
         ~WorkInfo() override;
         std::list<std::shared_ptr<VXSharedWork>> works;
-        VXInputPort* port = nullptr;  // where it was queued; good as long as that port's node is
+        // Where it was queued. Only an identity: the port may be gone when the event is handled.
+        const VXInputPort* port = nullptr;
     };
 
     VXInputPort(const std::string& name, const Format& format,
@@ -93,7 +94,12 @@ public:
     //   VX_NO_INIT  the port has no handler
     VXError queueWorks(std::list<std::shared_ptr<VXSharedWork>> works);
 
-    // Has the owning node flush and returns when it has done so.  [any thread but that node's]
+    // Has the owning node flush and returns when it has done so, which includes all nodes downstream of
+    // it. For nodes, the library does this down the graph; an application calls it on a first port.
+    //
+    // It waits for the event threads of the owning node and of every node downstream, so none of these may
+    // call it, directly or by way of another: a node that flushes a port upstream of its own from a hook,
+    // and flushes that go in a circle, wait forever.  [any other thread]
     //   VX_OK       done, or the node does not run
     //   VX_NO_INIT  the port has no handler
     VXError flush();
@@ -164,12 +170,15 @@ public:
 
     // The largest total delay over the downstream ports, at least 1.  [any thread]
     uint64_t totalDelay();
+    // Posts that delay to the owning node as event 257 unless it is `known`.  [any thread]
+    void reportTotalDelay(uint64_t known);
 
 private:
     using DelayMap = std::unordered_map<std::string, uint64_t>;  // by input port name
     static uint64_t largest(const DelayMap& delays);
     void updateDelay(DelayMap* delays, uint32_t eventId, const char* kind,
                      const std::string& inputPortName, unsigned long delay);
+    void postDelay(uint32_t eventId, uint64_t delay);
 
     // Written under mLock while the graph is built, read without it afterwards.
     std::list<std::shared_ptr<VXInputPort>> mDownstreamPorts;
@@ -226,9 +235,11 @@ public:
 // Life     constructor -> setup() -> start() -> stop() -> teardown() -> destructor. stop() is allowed
 //          from set-up on, teardown() always (it stops first when needed). A node author calls
 //          teardown() in the destructor of the most derived class: hooks can no longer be called
-//          when this base class is destroyed.
+//          when this base class is destroyed. Without it what is still queued is dropped, and a hook
+//          that runs at that moment is undefined behavior.
 // Threads  works, commands and reports are handled on the node's own event thread, one event at a
 //          time. Hooks run there, but for onSetup, onStart and onStop, which run on the caller's.
+//          Events are handled from just before onStart() until just before onStop().
 // Owns     its ports, event queue, handler and regulator. The graph owns the node.
 class VX_EXPORT VXNode : public VXObject {
 public:
@@ -329,9 +340,12 @@ protected:
     // Creates the ports (addInputPort, addOutputPort) and whatever the node needs. `beforeFence` is
     // true when the next node of the description is of type "transform/fence".
     virtual VXError onSetup(bool beforeFence) = 0;
-    // The node is about to receive events.
+    // The node starts. Its event queue runs already: a downstream node's delay report schedules, so the
+    // other hooks, onProcess() among them, may be called before onStart() has returned, at the same time
+    // and also when it fails. What they need is made in onSetup(), or the node offers no inputs before.
     virtual VXError onStart() = 0;
-    // The event queue has stopped; no more events come.
+    // The event queue has stopped; no more events come, unless a hook stops the node on its own thread:
+    // then that hook has yet to return.
     virtual VXError onStop() = 0;
     // Processes `inputs`. Leaves one output per input in `*outputs`, or none; works that finish later
     // go to returnWorks(). An error is reported to the listener and does not stop later calls.
@@ -393,12 +407,13 @@ public:
     //   VX_NO_MEMORY, VX_NO_INIT  the regulator or the event queue is missing
     //   other                 the failure of onStart(); the node can be started again
     VXError start(std::weak_ptr<VXListener> listener);
-    // Stops the event queue after everything posted before, calls onStop(), and shuts down for good.
+    // Stops the event queue after everything posted before, calls onStop(), and shuts down for good. From
+    // a hook of the node itself it does not wait for the event in hand, and drops what else is queued.
     // VX_INVALID_OPERATION when the node was never set up or is stopped; else onStop()'s result.
     VXError stop();
     // Stops the event queue and drops handler and regulator. stop() does it.
     void shutDown();
-    // Ends the node's life; see the class comment.
+    // Ends the node's life; see the class comment. No hook runs any more when it has returned.
     void teardown();
 
     // Handles one event.  [event thread]
@@ -446,11 +461,13 @@ protected:
     std::shared_ptr<Handler> handler();
 
 private:
+    // Not called flush, post, listener and the like: a class derived from this one could no longer call
+    // a free function of that name.
     std::weak_ptr<Handler> weakHandler();
-    std::shared_ptr<VXListener> listener();
-    std::shared_ptr<Regulator> regulator();
-    VXError post(std::shared_ptr<xc2::Event> event);
-    VXError flush();
+    std::shared_ptr<VXListener> lockListener();
+    std::shared_ptr<Regulator> lockRegulator();
+    VXError postToHandler(std::shared_ptr<xc2::Event> event);
+    VXError handleFlush();
 
     // Destroyed from the last to the first.
     ConfigStore mConfigStore;
@@ -462,6 +479,7 @@ private:
     std::shared_ptr<Regulator> mRegulator VX_GUARDED_BY(mLock);
     VXMutex mLock;
     std::atomic<State> mState{CREATED};  // written under mLock, read without it in two places
+    std::atomic<bool> mDying{false};     // the hooks are gone: ~VXNode() is at work
     std::vector<std::shared_ptr<VXInputPort>> mInputPorts;
     std::vector<std::shared_ptr<VXOutputPort>> mOutputPorts;
     std::string mAllocatorType = "any";
@@ -504,7 +522,7 @@ private:
 
 // Regulator: the flow control of a running node. It lets the node process a batch while it has a full
 // batch of inputs (or the stream has ended) and while fewer works are out downstream than
-// capacity = largest downstream total delay + batch size + 2 allows.
+// capacity = largest downstream total delay + batch size + 2 allows (at most 2^64 - 1).
 //
 // Life     made by VXNode::start(), dropped by VXNode::shutDown(). Always held by a shared pointer.
 // Threads  [event thread], so it needs no lock; but for the two counts that anyone may read.

@@ -34,7 +34,7 @@ VXError VXInputPort::acceptConnection(const Format& format, std::weak_ptr<DelayO
     VXLocker lock(mLock);
     if (mConnected) return VX_INCOMPATIBLE;
     if (format.type != mFormat.type) return VX_INCOMPATIBLE;
-    if (observer.expired()) return VX_BAD_VALUE;
+    if (observer.lock() == nullptr) return VX_BAD_VALUE;  // gone, or a reference to nothing
     mObserver = std::move(observer);
     mConnected = true;
     return VX_OK;
@@ -150,12 +150,7 @@ void VXOutputPort::updateDelay(DelayMap* delays, uint32_t eventId, const char* k
             oldMax = largest(*delays);
             entry->second = delay;
             newMax = largest(*delays);
-            if (newMax != oldMax && mHandler != nullptr) {
-                auto event = std::make_shared<xc2::Event>(eventId);
-                event->info().put("portId", name());
-                event->info().put("delay", newMax);
-                mHandler->postAsync(std::move(event));
-            }
+            if (newMax != oldMax) postDelay(eventId, newMax);
         }
     }
     if (oldMax == 0) {
@@ -163,6 +158,21 @@ void VXOutputPort::updateDelay(DelayMap* delays, uint32_t eventId, const char* k
     } else if (newMax != oldMax) {
         VX_LOGT("[%s] Notifying %s delay change %zu -> %zu", name().c_str(), kind, oldMax, newMax);
     }
+}
+
+// Under mDelayLock, so that the last one posted is the latest.
+void VXOutputPort::postDelay(uint32_t eventId, uint64_t delay) {
+    if (mHandler == nullptr) return;
+    auto event = std::make_shared<xc2::Event>(eventId);
+    event->info().put("portId", name());
+    event->info().put("delay", delay);
+    mHandler->postAsync(std::move(event));
+}
+
+void VXOutputPort::reportTotalDelay(uint64_t known) {
+    VXLocker lock(mDelayLock);
+    const uint64_t now = largest(mTotalDelays);
+    if (now != known) postDelay(VXNode::EVENT_TOTAL_DELAY, now);
 }
 
 uint64_t VXOutputPort::totalDelay() {
@@ -244,6 +254,7 @@ VXNode::CompletedWorkInfo::~CompletedWorkInfo() = default;
 VXNode::Handler::~Handler() = default;
 
 xc2::XC2Status VXNode::Handler::onEvent(std::shared_ptr<xc2::Event> event) {
+    if (mNode.mDying.load(std::memory_order_relaxed)) return xc2::XC2_CANCELED;
     return static_cast<xc2::XC2Status>(mNode.handleMessage(std::move(event)));
 }
 
@@ -262,6 +273,7 @@ VXNode::VXNode(const std::string& name, std::unique_ptr<VXNodeDescriptor> descri
 VXNode::~VXNode() {
     VX_LOGT("[%s] dying..", name().c_str());
     if (mState != TORN_DOWN) {
+        mDying = true;  // the stop delivers what is queued, and there are no hooks left to call
         VX_LOGE("[%s] Node was not safely terminated !!", name().c_str());
         shutDown();
     }
@@ -304,7 +316,7 @@ VXError VXNode::start(std::weak_ptr<VXListener> listener) {
     {
         VXLocker lock(mLock);
         mListener = std::move(listener);
-        mRegulator = std::make_shared<Regulator>(*this, 1, std::move(portDelays));
+        mRegulator = std::make_shared<Regulator>(*this, 1, portDelays);
         VX_FAIL_IF(mRegulator == nullptr, VX_NO_MEMORY);
         mRegulator->init();
         handler = mHandler;
@@ -313,6 +325,11 @@ VXError VXNode::start(std::weak_ptr<VXListener> listener) {
     VX_FAIL_IF(handler == nullptr, VX_NO_INIT);
     mEventQueue->start(0);
     handler->attach(mEventQueue);
+    // Downstream nodes run already. A delay that one of them has reported since the delays were read was
+    // refused by the queue, and would not be reported again.
+    for (size_t i = 0; i < portDelays.size(); ++i) {
+        mOutputPorts[i]->reportTotalDelay(portDelays[i].second);
+    }
 
     VX_LOGT("[%s] Calling implementation start", name().c_str());
     const VXError ret = onStart();
@@ -365,6 +382,8 @@ void VXNode::teardown() {
         VX_LOGW("[%s] Node being destroyed without stopping.. attempting stop", name().c_str());
         stop();
     }
+    // A hook that has stopped the node on its own thread could not wait for that thread to end.
+    if (mEventQueue != nullptr) mEventQueue->stop();
     VXLocker lock(mLock);
     mState = TORN_DOWN;
 }
@@ -400,17 +419,17 @@ std::weak_ptr<VXNode::Handler> VXNode::weakHandler() {
     return mHandler;
 }
 
-std::shared_ptr<VXListener> VXNode::listener() {
+std::shared_ptr<VXListener> VXNode::lockListener() {
     VXLocker lock(mLock);
     return mListener.lock();
 }
 
-std::shared_ptr<VXNode::Regulator> VXNode::regulator() {
+std::shared_ptr<VXNode::Regulator> VXNode::lockRegulator() {
     VXLocker lock(mLock);
     return mRegulator;
 }
 
-VXError VXNode::post(std::shared_ptr<xc2::Event> event) {
+VXError VXNode::postToHandler(std::shared_ptr<xc2::Event> event) {
     VXLocker lock(mLock);
     if (mHandler != nullptr) {
         mHandler->postAsync(std::move(event));
@@ -424,12 +443,12 @@ VXError VXNode::signalError(VXError error, std::string detail) {
     auto event = std::make_shared<xc2::Event>(EVENT_ERROR);
     event->info().put("errorCode", static_cast<uint32_t>(error));
     event->info().put("errorDetail", std::move(detail));
-    return post(std::move(event));
+    return postToHandler(std::move(event));
 }
 
 VXError VXNode::signalComplete() {
     VX_LOGT("[%s] Test Complete", name().c_str());
-    return post(std::make_shared<xc2::Event>(EVENT_COMPLETE));
+    return postToHandler(std::make_shared<xc2::Event>(EVENT_COMPLETE));
 }
 
 // ---- Node ports -------------------------------------------------------------------------------
@@ -487,7 +506,7 @@ void VXNode::setTotalDelay(unsigned long delay) {
 VXError VXNode::handleMessage(std::shared_ptr<xc2::Event> event) {
     VX_FAIL_IF(event == nullptr, VX_BAD_VALUE);
     // A reference of its own: a hook may stop the node on this very thread, which drops the node's.
-    const std::shared_ptr<Regulator> regulator = this->regulator();
+    const std::shared_ptr<Regulator> regulator = lockRegulator();
     switch (event->id()) {
         case EVENT_START:
         case EVENT_SCHEDULE:
@@ -517,13 +536,13 @@ VXError VXNode::handleMessage(std::shared_ptr<xc2::Event> event) {
             event->info().get("errorDetail", &errorDetail);
             // The listener may be held by this reference alone, and own this node: nothing of the
             // node is touched after it.
-            if (const auto listener = this->listener()) {
+            if (const auto listener = lockListener()) {
                 listener->onError(static_cast<VXError>(errorCode), std::move(errorDetail));
             }
             return VX_OK;
         }
         case EVENT_COMPLETE:
-            if (const auto listener = this->listener()) listener->onComplete();
+            if (const auto listener = lockListener()) listener->onComplete();
             return VX_OK;
         case EVENT_INPUT_DELAY:
             return VX_OK;
@@ -540,7 +559,10 @@ VXError VXNode::handleMessage(std::shared_ptr<xc2::Event> event) {
             VX_FAIL_IF(event->info().get("works", &workInfo) != xc2::XC2_OK, VX_ERROR);
             VX_FAIL_IF(workInfo == nullptr, VX_ERROR);
             if (workInfo->works.empty()) return VX_OK;
-            if (workInfo->port != nullptr) workInfo->port->noteTaken(workInfo->works.size());
+            // Ports of this node outlive it; another that was made with its handler may be gone.
+            for (const auto& port : mInputPorts) {
+                if (port.get() == workInfo->port) port->noteTaken(workInfo->works.size());
+            }
             {
                 VXLocker lock(mPendingInputLock);
                 mPendingInputWorks.splice(mPendingInputWorks.end(), workInfo->works);
@@ -550,7 +572,7 @@ VXError VXNode::handleMessage(std::shared_ptr<xc2::Event> event) {
             return VX_OK;
         }
         case EVENT_FLUSH:
-            return flush();
+            return handleFlush();
         case EVENT_DRAIN:
             VX_LOGT("[%s] Draining Node", name().c_str());
             onDrain();
@@ -567,7 +589,7 @@ VXError VXNode::handleMessage(std::shared_ptr<xc2::Event> event) {
     }
 }
 
-VXError VXNode::flush() {
+VXError VXNode::handleFlush() {
     VX_LOGT("[%s] Flushing Node", name().c_str());
     erasePendingInputWorks();
     onFlush();
@@ -679,7 +701,8 @@ unsigned long VXNode::Regulator::maxDownstreamCapacity() const {
             maxPort = port.c_str();
         }
     }
-    const uint64_t capacity = maxDelay + mBatchSize + 2;
+    const uint64_t more = mBatchSize + 2;
+    const uint64_t capacity = maxDelay > UINT64_MAX - more ? UINT64_MAX : maxDelay + more;
     VX_LOGD("[%s] Downstream-capacity=%zu [Port '%s' has max delay = %zu. batchsize = %zu",
             name().c_str(), capacity, maxPort, maxDelay, mBatchSize);
     return capacity;

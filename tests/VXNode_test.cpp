@@ -1,7 +1,10 @@
 #include <VXNode.h>
 #include <gtest/gtest.h>
 
+#include <thread>
+
 #include "support/LogCapture.h"
+#include "support/Scale.h"
 #include "support/TestNodes.h"
 
 using namespace vexa;
@@ -99,6 +102,8 @@ TEST(Ports, ConnectOnceAndOnlyEqualFormats) {
     EXPECT_EQ(log.messages().back().tag, "Vexa:VXGraph");
     EXPECT_GUARD("downstream == nullptr");
     EXPECT_EQ(in->acceptConnection({"video/raw"}, {}), VX_BAD_VALUE);
+    const std::shared_ptr<VXInputPort::DelayObserver> hollow(handler, nullptr);
+    EXPECT_EQ(in->acceptConnection({"video/raw"}, hollow), VX_BAD_VALUE);
     EXPECT_FALSE(out->connected() || in->connected() || blank->connected());
 
     EXPECT_EQ(out->connectTo(in), VX_OK);
@@ -298,15 +303,31 @@ TEST_F(NodeTest, PortsByName) {
               2);
 }
 
-// Catches: a node that dies with its thread running, or says nothing about its author's mistake.
+// Names that VXNode must not capture.
+static VXError flush() {
+    return VX_OK;
+}
+static VXError post() {
+    return VX_OK;
+}
+static VXError listener() {
+    return VX_OK;
+}
+static VXError regulator() {
+    return VX_OK;
+}
+
+// Catches: a node that dies with its thread running, or says nothing about its author's mistake; hooks
+// that are called when they are gone.
 TEST_F(NodeTest, TeardownAndDestructor) {
     struct Careless : VXNode {
         Careless() : VXNode("g.careless", nullptr) {}
         using VXNode::handler;
-        VXError onSetup(bool) override { return VX_OK; }
-        VXError onStart() override { return VX_OK; }
-        VXError onStop() override { return VX_OK; }
-        VXError onProcess(Works, Outputs*) override { return VX_OK; }
+        VXError onSetup(bool) override { return addInputPort("in", {"test/count"}); }
+        VXError onStart() override { return post(); }
+        VXError onStop() override { return flush(); }
+        VXError onProcess(Works, Outputs*) override { return regulator(); }
+        VXError onBufferFilled(int) override { return ::listener(); }
         void onDrain() override {}
         void onFlush() override {}
     };
@@ -321,6 +342,28 @@ TEST_F(NodeTest, TeardownAndDestructor) {
         EXPECT_EQ(node.handler()->postSyncAndWait(makeEvent(VXNode::EVENT_SCHEDULE), 0), VX_OK);
     }
     EXPECT_LOGGED(ERROR, "[g.careless] Node was not safely terminated !!");
+    log.clear();
+    struct Busy final : VXListener {  // keeps the node's thread, in no hook, until the node dies
+        void onComplete() override {
+            while (log->count("safely terminated") == 0) std::this_thread::yield();
+        }
+        void onError(VXError, std::string) override {}
+        LogCapture* log;
+    };
+    const auto busy = std::make_shared<Busy>();
+    busy->log = &log;
+    {
+        Careless node;
+        ASSERT_EQ(node.setup(false), VX_OK);
+        ASSERT_EQ(node.start(busy), VX_OK);
+        EXPECT_EQ(node.handler()->postSyncAndWait(makeEvent(VXNode::EVENT_SCHEDULE), 0), VX_OK);
+        node.signalComplete();
+        for (const uint32_t id : {VXNode::EVENT_FLUSH, VXNode::EVENT_DRAIN, VXNode::EVENT_START}) {
+            node.handler()->postAsync(makeEvent(id));
+        }
+        node.inputPorts().front()->queueWorks({makeInput(0, kEos)});
+    }
+    EXPECT_EQ(log.count("Flushing Node") + log.count("Draining Node"), 0);
     log.clear();
     {
         Careless node;
@@ -339,6 +382,50 @@ TEST_F(NodeTest, TeardownAndDestructor) {
     node->teardown();
     EXPECT_EQ(stops, 1);
     EXPECT_LOGGED(WARN, "[g.n] Node being destroyed without stopping.. attempting stop");
+}
+
+// Catches: a teardown that leaves the thread running when a hook has stopped its own node.
+TEST_F(NodeTest, TeardownWaitsForTheHookThatStoppedTheNode) {
+    Tally tally;
+    std::atomic<bool> hookRuns{false};
+    auto node = make();
+    node->drainHook = [&, raw = node.get()] {
+        hookRuns = true;
+        EXPECT_EQ(raw->stop(), VX_OK);
+        tally.hit("stopped");
+        EXPECT_TRUE(tally.waitFor("tearing down"));
+        for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+        hookRuns = false;
+    };
+    ASSERT_EQ(node->setup(false), VX_OK);
+    ASSERT_EQ(node->start(listener), VX_OK);
+    node->handler()->postAsync(makeEvent(VXNode::EVENT_DRAIN));
+    ASSERT_TRUE(tally.waitFor("stopped"));
+    tally.hit("tearing down");
+    node->teardown();
+    EXPECT_FALSE(hookRuns);
+}
+
+// Catches: a delay that a downstream node reports while this one starts and that is lost for good, so
+// that the run stalls.
+TEST_F(NodeTest, DelayReportedDuringTheStartIsKept) {
+    for (int round = 0; round < scaled(3000); ++round) {
+        auto node = make();
+        ASSERT_EQ(node->setup(false), VX_OK);
+        recordOutput(*node);
+        std::atomic<bool> go{false};
+        std::thread reporter([&] {
+            while (!go) std::this_thread::yield();
+            ports.back()->setTotalDelay(7);
+        });
+        go = true;
+        ASSERT_EQ(node->start(listener), VX_OK);
+        reporter.join();
+        node->handler()->postSyncAndWait(makeEvent(VXNode::EVENT_INPUT_DELAY), 0);
+        ASSERT_EQ(node->status().capacity, 7u + 1 + 2) << "in round " << round;
+        node->stop();
+        ports.clear();
+    }
 }
 
 // ---- Events -----------------------------------------------------------------------------------
@@ -515,6 +602,15 @@ TEST_F(NodeTest, StatusTellsWhereWorksAre) {
     std::vector<std::shared_ptr<xc2::Event>>().swap(downstream->events);  // releases all four
     ASSERT_TRUE(drain(3));
     expectStatus(*node, VXNode::RUNNING, 0, 0, 6, 4);  // the whole pending list made one batch
+    // A port that only shares the node's handler is not counted here, and may go before its works come.
+    node->bufferHook = [&](int) { return tally.waitFor("port gone") ? VX_OK : VX_ERROR; };
+    node->handler()->postAsync(makeEvent(VXNode::EVENT_FENCE));
+    std::make_shared<VXInputPort>("other", VXPort::Format{}, node->handler())
+        ->queueWorks({makeInput(10)});
+    tally.hit("port gone");
+    ASSERT_TRUE(drain(4));
+    EXPECT_EQ(node->status().inputPorts[0].queuedWorks, 0u);
+    node->erasePendingInputWorks();
     EXPECT_EQ(node->stop(), VX_OK);
     expectStatus(*node, VXNode::STOPPED, 0, 0, 0, 0);
     EXPECT_EQ(input->queueWorks({makeInput(10)}), VX_OK);
@@ -599,6 +695,8 @@ TEST_F(RegulatorTest, CapacityFollowsTheLargestDelay) {
     for (unsigned long id = 1; id <= 4; ++id)
         EXPECT_EQ(regulator->releaseDownstreamWork(id), VX_OK);
     EXPECT_EQ(regulator->freeDownstreamCapacity(), 1u);
+    EXPECT_EQ(regulator->notifyDownstreamTotalDelay("a", UINT64_MAX - 1), VX_OK);
+    EXPECT_EQ(regulator->maxDownstreamCapacity(), UINT64_MAX);
     EXPECT_EQ(regulator->releaseDownstreamWork(4), VX_NOT_FOUND);
     EXPECT_LOGGED(WARN, "[g.n.Regulator] Downstream released untracked work (id: 4)");
 }
