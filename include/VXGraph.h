@@ -19,8 +19,8 @@ struct VX_EXPORT VXGraphInfo {
 
 // VXGraph: owns the nodes of a test and runs them.
 //
-// Life     BuildFromGraphInfo() -> runAsync() -> [ onGraphError ]* -> onGraphComplete -> stop() ->
-//          last release. stop() before the last release is the application's duty; it ends a run from
+// Life     BuildFromGraphInfo() -> runAsync() -> onGraphComplete -> stop() -> last release, with an
+//          onGraphError for each error from the start of the build to the end of stop(). stop() before the last release is the application's duty; it ends a run from
 //          outside as well. Each graph runs once.
 // Threads  the application builds, runs, stops and releases. The run has the graph's own event thread,
 //          a completion thread and one waiter thread per sink node; each node has its event thread.
@@ -34,7 +34,9 @@ public:
     // the building thread), with no lock held. Neither call may call stop() on the graph.
     class VX_EXPORT Listener {
     public:
-        // An error: the name of a VexaError, or the message of a node's error.
+        // An error: the name of a VexaError, or the message of a node's error. It may also come after
+        // onGraphComplete(), since nodes deliver what is queued when they stop: a run is judged once
+        // stop() has returned.
         virtual void onGraphError(std::string message) = 0;
         // The run is over, also after errors; the nodes are being stopped. Once per run.
         virtual void onGraphComplete() = 0;
@@ -76,7 +78,8 @@ public:
     // Starts the run and returns at once. A graph that no shared pointer holds is a fatal error.
     // VX_NO_INIT when the graph has no queue or handler.  [application thread]
     VXError runAsync();
-    // Ends a run in progress, wherever it is, stops every node, and returns when that is done.
+    // Ends a run in progress, wherever it is, stops every node, and returns when that is done. A graph
+    // that was never run has no event thread to stop its nodes on: they end with the graph.
     // VX_NO_INIT when the graph has no queue or handler.  [application thread]
     VXError stop();
 
