@@ -1,8 +1,12 @@
 #include "Console.h"
 
+#include "Failure.h"
 #include "Text.h"
 
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
 
 namespace vxrun::console {
 namespace {
@@ -54,6 +58,13 @@ bool showsProgress() {
 
 void progress(const std::string& text) {
     if (showsProgress()) print("\r" + text + "\033[K");
+}
+
+bool result(const std::string& text) {
+    const bool isOut =
+        std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+    if (!isOut) line("vxrun: standard output: " + errnoText(errno));
+    return isOut;
 }
 
 }  // namespace vxrun::console

@@ -1,4 +1,4 @@
-// Console: what vxrun says on standard error. Standard output belongs to the verdict.
+// Console: what vxrun says on standard error. Standard output belongs to the verdict and other results.
 //
 // Threads  any; every line leaves in one write.
 #pragma once
@@ -24,5 +24,9 @@ bool showsProgress();
 
 // Shows `text` in place of the last progress, until the next line() or progress().
 void progress(const std::string& text);
+
+// Prints `text`, what was asked for, on standard output, at once. False, after an error line, when it does
+// not get there whole: a disk is full, a reader has gone.
+bool result(const std::string& text);
 
 }  // namespace vxrun::console
