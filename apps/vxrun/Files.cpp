@@ -1,6 +1,7 @@
 #include "Files.h"
 
 #include "Failure.h"
+#include "Text.h"
 
 #include <fcntl.h>
 
@@ -12,16 +13,30 @@ namespace {
 
 constexpr size_t kBufferSize = 1 << 20;  // pictures are read row by row: few calls to the kernel
 
-FileHandle open(const std::string& path, const char* mode) {
-    FileHandle file(std::fopen(path.c_str(), mode));
+FileHandle withBuffer(std::FILE* file, const std::string& path) {
     if (file == nullptr) throw Failure(path + ": " + errnoText(errno));
-    std::setvbuf(file.get(), nullptr, _IOFBF, kBufferSize);
-    return file;
+    std::setvbuf(file, nullptr, _IOFBF, kBufferSize);
+    return FileHandle(file);
+}
+
+// A new file, in place of one that a run which broke off has left. A link is not followed, and a pipe not
+// waited for: what else is there stays.
+FileHandle create(const std::string& path) {
+    std::error_code ignored;
+    const auto status = std::filesystem::symlink_status(path, ignored);
+    if (std::filesystem::is_regular_file(status)) {
+        std::remove(path.c_str());
+    } else if (std::filesystem::exists(status)) {
+        throw Failure(path + ": in the way, and not a regular file");
+    }
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    return withBuffer(file < 0 ? nullptr : fdopen(file, "wb"), path);
 }
 
 }  // namespace
 
-InputFile::InputFile(const std::string& path) : mPath(path), mFile(open(path, "rbe")) {}
+InputFile::InputFile(const std::string& path)
+    : mPath(path), mFile(withBuffer(std::fopen(path.c_str(), "rbe"), path)) {}
 
 size_t InputFile::read(void* data, size_t size) {
     const size_t got = std::fread(data, 1, size, mFile.get());
@@ -76,11 +91,15 @@ OutputFile::OutputFile(const std::string& path) : mPath(path), mPartPath(path + 
     if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
         throw Failure(path + ": not a regular file, so it cannot be written to");
     }
-    mFile = open(mPartPath, "wbe");
+    mFile = create(mPartPath);
 }
 
 OutputFile::~OutputFile() {
     if (mFile != nullptr) std::remove(mPartPath.c_str());
+}
+
+std::string OutputFile::alias() const {
+    return concat("/proc/self/fd/", fileno(mFile.get()));
 }
 
 void OutputFile::write(const void* data, size_t size) {

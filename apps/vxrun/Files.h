@@ -46,12 +46,15 @@ std::string readTextFile(const std::string& path, size_t limit);
 // written as "<name>.part", which is removed if commit() is never reached.
 class OutputFile {
 public:
-    // A Failure when `path` names something other than a regular file, which must not be replaced.
+    // A Failure when `path` or "<path>.part" names something other than a regular file, which must not be
+    // replaced.
     explicit OutputFile(const std::string& path);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
+    // A path for those who can only write to one: to this file, whatever has come to its name since.
+    std::string alias() const;
     void write(const void* data, size_t size);
     void write(const std::string& text) { write(text.data(), text.size()); }
     // Moves to byte `offset` from the start; the next bytes go there.

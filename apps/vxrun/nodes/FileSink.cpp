@@ -99,7 +99,7 @@ private:
 
     void begin() override {
         mFile.emplace(config("file"));
-        if (mFormat != nullptr) mMuxer.emplace(*mFormat, config("file") + ".part");
+        if (mFormat != nullptr) mMuxer.emplace(*mFormat, mFile->alias());
     }
 
     void consume(const Frame& frame) override {
