@@ -5,6 +5,7 @@
 #include <cutils/native_handle.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -207,7 +208,7 @@ TEST_F(Codec2Test, PoolsAreWhatTheirIdSaysAndBlocksOwnTheirMemory) {
 }
 
 // Catches: a fence without an inside that blocks or counts as unfired, copies that do not share, a
-// waiter that sleeps through the signal.
+// waiter that sleeps through the signal, a longest time-out that overflows and ends at once.
 TEST_F(Codec2Test, ANullFenceHasFiredAndCopiesShare) {
     C2Fence none;
     EXPECT_TRUE(none.valid() && none.ready());
@@ -217,9 +218,12 @@ TEST_F(Codec2Test, ANullFenceHasFiredAndCopiesShare) {
     vexa_testing::FenceTrigger trigger;
     C2Fence copy = trigger.fence();
     EXPECT_EQ(copy.wait(1), C2_TIMED_OUT);
-    std::thread waiter([&] { EXPECT_EQ(trigger.fence().wait(c2_nsecs_t{60000000000}), C2_OK); });
-    trigger.fire();
-    waiter.join();
+    std::thread firing([&] {
+        for (int n = 0; n < 1000; ++n) sched_yield();  // mostly the other one waits by then
+        trigger.fire();
+    });
+    EXPECT_EQ(copy.wait(INT64_MAX), C2_OK);
+    firing.join();
     trigger.abandon();  // too late
     EXPECT_EQ(copy.wait(0), C2_OK);
 }

@@ -28,7 +28,7 @@ class C2Fence {
 public:
     constexpr C2Fence() : mImpl(nullptr) {}
 
-    // Blocks until the fence has fired, `timeoutNs` at most.
+    // Blocks until the fence has fired, `timeoutNs` at most; any number will do.
     //   C2_OK         fired
     //   C2_TIMED_OUT  not yet
     //   C2_BAD_STATE  it never will: abandoned
