@@ -3,7 +3,6 @@
 #include <VXBuffer_xc2.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -449,15 +448,10 @@ TEST_P(Contract, AFailedAllocationIsNoMemoryAndPasses) {
     auto a = pool.get(), b = pool.get(), c = a;
     EXPECT_EQ(pool.fetch(&c), VX_NO_MEMORY);
     EXPECT_EQ(c, nullptr);
-
-    rlimit before = {};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    const int next = dup(STDERR_FILENO);
-    close(next);
-    const rlimit full = {static_cast<rlim_t>(next), before.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &full), 0);
-    EXPECT_EQ(pool.fetch(&c), VX_NO_MEMORY);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    {
+        const NoDescriptors none;
+        EXPECT_EQ(pool.fetch(&c), VX_NO_MEMORY);
+    }
     EXPECT_EQ(memories(), 2);
     EXPECT_EQ(pool.fetch(&c), VX_OK);
 }
