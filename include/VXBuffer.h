@@ -45,7 +45,8 @@ enum VXBufferUsage : uint32_t {
 // Life     made by its pool, handed out by a fetch, given back by the last holder; reset() each time
 //          it is handed out again.
 // Threads  none of its own: it belongs to one holder at a time, who may be any thread.
-// Owns     its memory. What map() returns belongs to the caller and ends before the buffer does.
+// Owns     its memory. What map() returns belongs to the caller and may outlive the buffer: it keeps the
+//          memory, but not its contents, which are the next holder's once the buffer is given back.
 //
 // Concrete classes derive from it virtually. Virtual operations stand in slot order.
 class VX_EXPORT VXBuffer {
@@ -96,7 +97,8 @@ public:
     virtual int fd() const = 0;
     // The back-end's number of the buffer.
     virtual int32_t id() const = 0;
-    // The identity of the memory: equal for two buffers only when they share it.
+    // The identity of the memory, unique within one back-end and process: two buffers alive have the
+    // same one only when they share it. Those of different back-ends may coincide. 0: not known.
     virtual uint64_t uid() const = 0;
     virtual bool isSecure() const = 0;
     // Allocated bytes.
@@ -205,6 +207,7 @@ public:
     virtual VXError waitForSignal() const = 0;
     virtual bool isValid() const = 0;
     virtual bool isReady() const = 0;
+    // A new descriptor of the fence, which the caller closes; -1 when it has none.
     virtual int fd() const = 0;
 };
 
