@@ -45,7 +45,8 @@ enum VX_EXPORT VXBufferUsage : uint32_t {
 // Life     made by its pool, handed out by a fetch, given back by the last holder; reset() each time
 //          it is handed out again.
 // Threads  none of its own: it belongs to one holder at a time, who may be any thread.
-// Owns     its memory. What map() returns belongs to the caller and ends before the buffer does.
+// Owns     its memory. What map() returns belongs to the caller and may outlive the buffer: it keeps the
+//          memory, but not its contents, which are the next holder's once the buffer is given back.
 //
 // Concrete classes derive from it virtually. Virtual operations stand in slot order.
 class VX_EXPORT VXBuffer {
@@ -96,7 +97,8 @@ public:
     virtual int fd() const = 0;
     // The back-end's number of the buffer.
     virtual int32_t id() const = 0;
-    // The identity of the memory: equal for two buffers only when they share it.
+    // The identity of the memory, unique within one back-end and process: two buffers alive have the
+    // same one only when they share it. Those of different back-ends may coincide. 0: not known.
     virtual uint64_t uid() const = 0;
     virtual bool isSecure() const = 0;
     // Allocated bytes.
@@ -205,6 +207,7 @@ public:
     virtual VXError waitForSignal() const = 0;
     virtual bool isValid() const = 0;
     virtual bool isReady() const = 0;
+    // A new descriptor of the fence, which the caller closes; -1 when it has none.
     virtual int fd() const = 0;
 };
 
@@ -228,6 +231,9 @@ struct VX_EXPORT VXNativeBufContainer {
 // Threads  any; the back-ends serialise settings and fetches by a lock of their own. Buffers are
 //          given back on whatever thread lets go last. Lock order: a pool's lock, then its stash's.
 // Owns     its stash, which owns the buffers kept for reuse.
+// Memory   a buffer that cannot be had is VX_NO_MEMORY. Where an operation marked noexcept finds none for
+//          what it keeps itself, the process ends: on a device, which has no exceptions, and so
+//          everywhere. A lock left behind would stop every later fetch and release.
 //
 // Back-ends implement the virtual operations, which stand in slot order.
 class VX_EXPORT VXBufferPool {
@@ -258,11 +264,11 @@ public:
     //   VX_BAD_VALUE     `buf` is null
     //   VX_NO_FREE_SLOT  the limit is reached and nothing is free; not logged
     //   VX_NO_MEMORY     the back-end could not allocate
-    VXError fetchBuffer(std::shared_ptr<VXBuffer>* buf);
+    VXError fetchBuffer(std::shared_ptr<VXBuffer>* buf) noexcept;
 
     // Destroys the kept buffers and forgets those handed out, which are destroyed when they are
     // released.  [any thread]
-    void reset();
+    void reset() noexcept;
 
 private:
     const std::shared_ptr<Stash> mStash;
@@ -287,9 +293,9 @@ public:
 
         // Gives `buf` back to the stash. When that is gone the buffer is left alone, neither kept
         // nor destroyed, on purpose.
-        virtual void onRelease(VXBuffer* buf);
+        virtual void onRelease(VXBuffer* buf) noexcept;
 
-        void operator()(VXBuffer* buf) { onRelease(buf); }
+        void operator()(VXBuffer* buf) noexcept { onRelease(buf); }
 
     private:
         std::weak_ptr<Stash> mStash;
@@ -308,20 +314,20 @@ public:
     //   VX_BAD_VALUE       `buf` is null
     //   VX_NO_FREE_BUFFER  nothing is free, one more may be made
     //   VX_NO_FREE_SLOT    nothing is free and the limit is reached
-    VXError getFreeIfAvailable(std::shared_ptr<VXBuffer>* buf);
+    VXError getFreeIfAvailable(std::shared_ptr<VXBuffer>* buf) noexcept;
 
     // Takes over `buf`, in use from now on, and returns its owner; empty when `buf` is null.
-    std::shared_ptr<VXBuffer> track(VXBuffer* buf);
+    std::shared_ptr<VXBuffer> track(VXBuffer* buf) noexcept;
 
     // Keeps a buffer that is no longer in use, under a finite limit that still has room, else
     // destroys it.
     //   VX_OK         kept or destroyed
     //   VX_BAD_VALUE  `buf` is null
-    VXError reuseOrFree(VXBuffer* buf);
+    VXError reuseOrFree(VXBuffer* buf) noexcept;
 
     // Destroys the free buffers, forgets those in use, and reports how many different ones there
     // were.
-    void reset();
+    void reset() noexcept;
 
 private:
     std::shared_ptr<VXBuffer> share(VXBuffer* buf);
@@ -353,7 +359,7 @@ public:
     virtual VXError setAlignment(size_t alignment) = 0;
 
     // Results as of fetchBuffer().
-    virtual VXError fetch(std::shared_ptr<VXBuffer>* buf) = 0;
+    virtual VXError fetch(std::shared_ptr<VXBuffer>* buf) noexcept = 0;
 
     // Wraps a buffer made elsewhere, in a VXNativeBufContainer; empty where it cannot be. The pool
     // neither counts nor keeps it.
@@ -389,7 +395,7 @@ public:
     virtual VXError setResolution(uint32_t width, uint32_t height) = 0;
 
     // Results as of fetchBuffer().
-    virtual VXError fetch(std::shared_ptr<VXGraphicBuffer>* buf) = 0;
+    virtual VXError fetch(std::shared_ptr<VXGraphicBuffer>* buf) noexcept = 0;
 
     // As VXLinearBufferPool::createFromNative().
     virtual std::shared_ptr<VXGraphicBuffer> createFromNative(std::any native) = 0;
@@ -400,7 +406,7 @@ public:
 
 protected:
     // fetchBuffer() of a pool that makes graphic buffers only.
-    VXError fetchGraphicBuffer(std::shared_ptr<VXGraphicBuffer>* buf);
+    VXError fetchGraphicBuffer(std::shared_ptr<VXGraphicBuffer>* buf) noexcept;
 };
 
 }  // namespace vexa

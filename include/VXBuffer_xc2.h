@@ -141,7 +141,7 @@ public:
 
     VXError setSize(size_t size) override;
     VXError setAlignment(size_t alignment) override;
-    VXError fetch(std::shared_ptr<VXBuffer>* buf) override;
+    VXError fetch(std::shared_ptr<VXBuffer>* buf) noexcept override;
     std::shared_ptr<VXBuffer> createFromNative(std::any native) override;
     VXError setUsage(VXBufferUsage usage) override;
     const char* implType() const override;
@@ -164,7 +164,7 @@ public:
     VXError reserved() override;
     VXError setPixelFormat(uint32_t pixelFormat) override;
     VXError setResolution(uint32_t width, uint32_t height) override;
-    VXError fetch(std::shared_ptr<VXGraphicBuffer>* buf) override;
+    VXError fetch(std::shared_ptr<VXGraphicBuffer>* buf) noexcept override;
     std::shared_ptr<VXGraphicBuffer> createFromNative(std::any native) override;
     VXError setUsage(VXBufferUsage usage) override;
     const char* implType() const override;

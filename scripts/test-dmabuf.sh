@@ -52,7 +52,7 @@ gtest=/usr/src/googletest/googletest
 cache=$(command -v ccache) || cache=
 compile() {
     # shellcheck disable=SC2046,SC2086,SC2317
-    $cache g++ -std=c++17 -O1 -fno-exceptions -w $(printf ' -I%s' include platform/*/include tests) \
+    $cache g++ -std=c++17 -O1 -w $(printf ' -I%s' include platform/*/include tests) \
         -isystem "$gtest/include" -I"$gtest" -c "$1" -o "$work/${1//\//_}.o"
 }
 export work gtest cache

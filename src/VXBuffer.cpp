@@ -77,7 +77,7 @@ void VXBufferPool::setMaxSlots(size_t maxSlots) {
     mStash->setMaxSlots(maxSlots);
 }
 
-VXError VXBufferPool::fetchBuffer(std::shared_ptr<VXBuffer>* buf) {
+VXError VXBufferPool::fetchBuffer(std::shared_ptr<VXBuffer>* buf) noexcept {
     VX_FAIL_IF(!buf, VX_BAD_VALUE);
     const VXError status = mStash->getFreeIfAvailable(buf);
     if (status != VX_NO_FREE_BUFFER) return status;
@@ -87,7 +87,7 @@ VXError VXBufferPool::fetchBuffer(std::shared_ptr<VXBuffer>* buf) {
     return VX_OK;
 }
 
-void VXBufferPool::reset() {
+void VXBufferPool::reset() noexcept {
     mStash->reset();
 }
 
@@ -96,7 +96,7 @@ void VXBufferPool::reset() {
 VXBufferPool::Stash::Tracker::Tracker(std::weak_ptr<Stash> stash) : mStash(std::move(stash)) {}
 VXBufferPool::Stash::Tracker::~Tracker() = default;
 
-void VXBufferPool::Stash::Tracker::onRelease(VXBuffer* buf) {
+void VXBufferPool::Stash::Tracker::onRelease(VXBuffer* buf) noexcept {
     if (const auto stash = mStash.lock()) stash->reuseOrFree(buf);
 }
 
@@ -109,7 +109,7 @@ void VXBufferPool::Stash::setMaxSlots(size_t maxSlots) {
     mMaxSlots = maxSlots;
 }
 
-VXError VXBufferPool::Stash::getFreeIfAvailable(std::shared_ptr<VXBuffer>* buf) {
+VXError VXBufferPool::Stash::getFreeIfAvailable(std::shared_ptr<VXBuffer>* buf) noexcept {
     VX_FAIL_IF(buf == nullptr, VX_BAD_VALUE);
     buf->reset();  // before the lock: this may be the release of another buffer
     VXBuffer* kept = nullptr;
@@ -127,7 +127,7 @@ VXError VXBufferPool::Stash::getFreeIfAvailable(std::shared_ptr<VXBuffer>* buf) 
     return VX_OK;
 }
 
-std::shared_ptr<VXBuffer> VXBufferPool::Stash::track(VXBuffer* buf) {
+std::shared_ptr<VXBuffer> VXBufferPool::Stash::track(VXBuffer* buf) noexcept {
     VX_FAIL_IF(buf == nullptr, nullptr);
     {
         VXLocker lock(mLock);
@@ -138,7 +138,7 @@ std::shared_ptr<VXBuffer> VXBufferPool::Stash::track(VXBuffer* buf) {
     return share(buf);
 }
 
-VXError VXBufferPool::Stash::reuseOrFree(VXBuffer* buf) {
+VXError VXBufferPool::Stash::reuseOrFree(VXBuffer* buf) noexcept {
     VX_FAIL_IF(buf == nullptr, VX_BAD_VALUE);
     {
         VXLocker lock(mLock);
@@ -158,7 +158,7 @@ VXError VXBufferPool::Stash::reuseOrFree(VXBuffer* buf) {
     return VX_OK;
 }
 
-void VXBufferPool::Stash::reset() {
+void VXBufferPool::Stash::reset() noexcept {
     std::list<VXBuffer*> kept;
     size_t unique = 0;
     {
@@ -207,7 +207,7 @@ std::shared_ptr<VXGraphicBufferPool> VXGraphicBufferPool::Create(const char* poo
                         VXGraphicBufferPoolCreate_dmabuf);
 }
 
-VXError VXGraphicBufferPool::fetchGraphicBuffer(std::shared_ptr<VXGraphicBuffer>* buf) {
+VXError VXGraphicBufferPool::fetchGraphicBuffer(std::shared_ptr<VXGraphicBuffer>* buf) noexcept {
     VX_FAIL_IF(!buf, VX_BAD_VALUE);
     buf->reset();
     std::shared_ptr<VXBuffer> fetched;

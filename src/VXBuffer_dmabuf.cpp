@@ -265,7 +265,7 @@ VXError VXLinearBufferPool_DMABUF::setAlignment(size_t alignment) {
     return VX_OK;
 }
 
-VXError VXLinearBufferPool_DMABUF::fetch(std::shared_ptr<VXBuffer>* buf) {
+VXError VXLinearBufferPool_DMABUF::fetch(std::shared_ptr<VXBuffer>* buf) noexcept {
     VXLocker lock(mLock);
     return fetchBuffer(buf);
 }
@@ -336,7 +336,7 @@ VXError VXGraphicBufferPool_DMABUF::setResolution(uint32_t width, uint32_t heigh
     return VX_OK;
 }
 
-VXError VXGraphicBufferPool_DMABUF::fetch(std::shared_ptr<VXGraphicBuffer>* buf) {
+VXError VXGraphicBufferPool_DMABUF::fetch(std::shared_ptr<VXGraphicBuffer>* buf) noexcept {
     VXLocker lock(mLock);
     return fetchGraphicBuffer(buf);
 }

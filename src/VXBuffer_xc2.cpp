@@ -421,7 +421,7 @@ VXError VXLinearBufferPool_XC2::setAlignment(size_t alignment) {
     return VX_OK;
 }
 
-VXError VXLinearBufferPool_XC2::fetch(std::shared_ptr<VXBuffer>* buf) {
+VXError VXLinearBufferPool_XC2::fetch(std::shared_ptr<VXBuffer>* buf) noexcept {
     VXLocker lock(mLock);
     return fetchBuffer(buf);
 }
@@ -498,7 +498,7 @@ VXError VXGraphicBufferPool_XC2::setResolution(uint32_t width, uint32_t height) 
     return VX_OK;
 }
 
-VXError VXGraphicBufferPool_XC2::fetch(std::shared_ptr<VXGraphicBuffer>* buf) {
+VXError VXGraphicBufferPool_XC2::fetch(std::shared_ptr<VXGraphicBuffer>* buf) noexcept {
     VXLocker lock(mLock);
     return fetchGraphicBuffer(buf);
 }

@@ -5,6 +5,7 @@
 #include <cutils/native_handle.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,9 +29,9 @@ protected:
     ~AllocatorTest() override { force(mForced.c_str()); }
 
     // Forces a source of memory; "" forces none.
-    static void force(const char* source) {
+    static void force(const char* source, const std::string& devices = "/dev") {
         *source != '\0' ? setenv(kSource, source, 1) : unsetenv(kSource);
-        vexa_testing::forgetHeapSource();
+        vexa_testing::forgetSources(devices);
     }
 
     // Allocates a byte: what the descriptor refers to, as the kernel names it; "" on failure.
@@ -83,7 +84,8 @@ TEST_F(AllocatorTest, MemoryIsWholePagesAndBehavesLikeADmaBuf) {
 }
 
 // Catches: a run that uses another source than its environment says or, without a word there, than the
-// first that this machine has; a source decided per allocation, or that falls back where one was forced.
+// first that this machine has; a source decided per allocation, or that falls back where one was forced;
+// an error that does not say which source it comes from, and how to choose another.
 TEST_F(AllocatorTest, TheSourceIsDecidedOnceAndCanBeForced) {
     const bool heap = access("/dev/dma_heap/system", R_OK) == 0;
     const bool udmabuf = access("/dev/udmabuf", R_OK) == 0;
@@ -93,13 +95,70 @@ TEST_F(AllocatorTest, TheSourceIsDecidedOnceAndCanBeForced) {
     EXPECT_EQ(kindOfAByte().rfind("/memfd:vndr,system", 0), 0u);
     setenv(kSource, "nonsense", 1);  // too late to count
     EXPECT_EQ(kindOfAByte().rfind("/memfd:vndr,system", 0), 0u);
+    const std::string choose = " (VX_DMABUF_SOURCE=heap, udmabuf or memfd chooses one)";
     force("nonsense");
     EXPECT_EQ(kindOfAByte(), "");
-    EXPECT_EQ(log.count("VX_DMABUF_SOURCE=nonsense: expected heap, udmabuf or memfd"), 1);
+    EXPECT_LOGGED(ERROR,
+                  "cannot allocate 1 bytes from heap vndr,system: Invalid argument; source: "
+                  "nonsense" +
+                      choose);
     force("heap");
     EXPECT_EQ(kindOfAByte().rfind("/dmabuf:", 0), heap ? 0 : std::string::npos);
     force("udmabuf");
     EXPECT_EQ(kindOfAByte().rfind("/dmabuf:", 0), udmabuf ? 0 : std::string::npos);
+    log.clear();
+    EXPECT_LT(allocator.Alloc("vndr,system", 65 << 20), 0);  // beyond the limit of udmabuf
+    EXPECT_EQ(log.count("; source: udmabuf" + choose), 1);
+}
+
+// Catches: a device that cannot be opened and hides the next one, a heap whose source depends on which
+// other one came first, a decision made for good while no descriptor was left.
+TEST_F(AllocatorTest, WhatCannotBeOpenedIsPassedOverForEachHeap) {
+    char folder[] = "/tmp/devices.XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string devices = folder;
+    const std::string paths[] = {devices + "/dma_heap/vndr,system", devices + "/dma_heap/system",
+                                 devices + "/udmabuf"};
+    ASSERT_EQ(mkdir((devices + "/dma_heap").c_str(), 0700), 0);
+    // The null device can be opened, but has no memory.
+    const auto sourceOf = [&](const char* heap) -> std::string {
+        log.clear();
+        const int fd = BufferAllocator().Alloc(heap, 1);
+        if (fd >= 0) return close(fd) == 0 ? "memfd" : "";
+        for (const char* source : {"heap", "udmabuf"}) {
+            if (log.count(std::string("Inappropriate ioctl for device; source: ") + source) == 1) {
+                return source;
+            }
+        }
+        return log.messages().front().text;
+    };
+    const std::string loop = "loop", opens = "/dev/null", missing;  // a loop is there, but no more
+    const struct {
+        std::string targets[3];  // of the paths
+        const char *vendor, *system;
+    } rows[] = {
+        {{opens, missing, missing}, "heap", "memfd"},   {{opens, loop, opens}, "heap", "udmabuf"},
+        {{loop, opens, missing}, "heap", "heap"},       {{missing, opens, missing}, "heap", "heap"},
+        {{loop, loop, opens}, "udmabuf", "udmabuf"},    {{loop, missing, loop}, "memfd", "memfd"},
+        {{missing, missing, missing}, "memfd", "memfd"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        for (int i = 0; i < 3; ++i) {
+            const std::string& target = row.targets[i] == loop ? paths[i] : row.targets[i];
+            if (target == missing) continue;
+            ASSERT_EQ(symlink(target.c_str(), paths[i].c_str()), 0);
+        }
+        force("", devices);
+        {
+            const NoDescriptors none;
+            EXPECT_LT(BufferAllocator().Alloc("vndr,system", 1), 0);
+        }
+        EXPECT_EQ(sourceOf("vndr,system"), row.vendor);
+        EXPECT_EQ(sourceOf("system"), row.system);
+        EXPECT_EQ(sourceOf("vndr,system"), row.vendor);
+        for (const auto& path : paths) unlink(path.c_str());
+    }
+    EXPECT_EQ(rmdir((devices + "/dma_heap").c_str()) + rmdir(folder), 0);
 }
 
 // ---- Layout of pictures -------------------------------------------------------------------------
@@ -207,7 +266,7 @@ TEST_F(Codec2Test, PoolsAreWhatTheirIdSaysAndBlocksOwnTheirMemory) {
 }
 
 // Catches: a fence without an inside that blocks or counts as unfired, copies that do not share, a
-// waiter that sleeps through the signal.
+// waiter that sleeps through the signal, a longest time-out that overflows and ends at once.
 TEST_F(Codec2Test, ANullFenceHasFiredAndCopiesShare) {
     C2Fence none;
     EXPECT_TRUE(none.valid() && none.ready());
@@ -217,9 +276,12 @@ TEST_F(Codec2Test, ANullFenceHasFiredAndCopiesShare) {
     vexa_testing::FenceTrigger trigger;
     C2Fence copy = trigger.fence();
     EXPECT_EQ(copy.wait(1), C2_TIMED_OUT);
-    std::thread waiter([&] { EXPECT_EQ(trigger.fence().wait(c2_nsecs_t{60000000000}), C2_OK); });
-    trigger.fire();
-    waiter.join();
+    std::thread firing([&] {
+        for (int n = 0; n < 1000; ++n) sched_yield();  // mostly the other one waits by then
+        trigger.fire();
+    });
+    EXPECT_EQ(copy.wait(INT64_MAX), C2_OK);
+    firing.join();
     trigger.abandon();  // too late
     EXPECT_EQ(copy.wait(0), C2_OK);
 }

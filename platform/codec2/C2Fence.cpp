@@ -1,6 +1,7 @@
 #include <C2Buffer.h>
 #include <vexa_testing/Codec2.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -8,9 +9,13 @@
 class C2Fence::Impl {
 public:
     c2_status_t wait(c2_nsecs_t timeoutNs) {
+        using Clock = std::chrono::steady_clock;
+        const Clock::time_point now = Clock::now();
+        const auto longest = Clock::time_point::max() - now;  // a time-out may ask for more
         std::unique_lock<std::mutex> lock(mLock);
-        mChanged.wait_for(lock, std::chrono::nanoseconds(timeoutNs),
-                          [&] { return mState != State::Unfired; });
+        mChanged.wait_until(
+            lock, now + std::min<Clock::duration>(longest, std::chrono::nanoseconds(timeoutNs)),
+            [&] { return mState != State::Unfired; });
         if (mState == State::Unfired) return C2_TIMED_OUT;
         return mState == State::Fired ? C2_OK : C2_BAD_STATE;
     }

@@ -15,48 +15,15 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <unordered_map>
 
 namespace {
 
 constexpr char kTag[] = "BufferAllocator";
-constexpr char kHeapDirectory[] = "/dev/dma_heap/";
-constexpr char kUdmabuf[] = "/dev/udmabuf";
 constexpr char kSourceVariable[] = "VX_DMABUF_SOURCE";
-
-enum class Source { Undecided, Heap, Udmabuf, Memfd, Unknown };
-
-std::atomic<Source> sSource{Source::Undecided};
-
-std::string heapPath(const std::string& name) {
-    return kHeapDirectory + name;
-}
-
-bool mayOpen(const std::string& path, int mode) {
-    return access(path.c_str(), mode) == 0;
-}
-
-Source decide(const std::string& heapName) {
-    if (const char* forced = std::getenv(kSourceVariable)) {
-        if (std::strcmp(forced, "heap") == 0) return Source::Heap;
-        if (std::strcmp(forced, "udmabuf") == 0) return Source::Udmabuf;
-        if (std::strcmp(forced, "memfd") == 0) return Source::Memfd;
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s=%s: expected heap, udmabuf or memfd",
-                            kSourceVariable, forced);
-        return Source::Unknown;
-    }
-    if (mayOpen(heapPath(heapName), R_OK) || mayOpen(heapPath(kDmabufSystemHeapName), R_OK)) {
-        return Source::Heap;
-    }
-    return mayOpen(kUdmabuf, R_OK | W_OK) ? Source::Udmabuf : Source::Memfd;
-}
-
-// Two threads may decide at the same time; the first answer counts for both.
-Source source(const std::string& heapName) {
-    Source known = sSource.load();
-    if (known != Source::Undecided) return known;
-    const Source decided = decide(heapName);
-    return sSource.compare_exchange_strong(known, decided) ? decided : known;
-}
+constexpr int kHeapMode = O_RDONLY | O_CLOEXEC;
+constexpr int kUdmabufMode = O_RDWR | O_CLOEXEC;
 
 // Results of system calls as this file hands them on: not negative, or the negative errno.
 template <class Call>
@@ -68,6 +35,64 @@ int retried(Call call) {
     return result == -1 ? -errno : result;
 }
 
+// ---- Sources ------------------------------------------------------------------------------------
+
+enum class Kind { Heap, Udmabuf, Memfd, Unknown };
+
+// Where the memory of a heap comes from.
+struct Source {
+    Kind kind;
+    const char* word;    // as the environment variable and the log have it
+    std::string device;  // empty: none
+};
+
+struct Sources {
+    std::string devices = "/dev";  // another folder for tests, while nothing else runs
+    std::mutex lock;               // held while the source of a heap is being decided
+    std::unordered_map<std::string, Source> decided;  // guarded by lock; by the name of the heap
+};
+
+// Never destroyed: memory may be asked for while the process ends.
+Sources& sources() {
+    static Sources* sSources = new Sources;
+    return *sSources;
+}
+
+std::string heapsDirectory() {
+    return sources().devices + "/dma_heap/";
+}
+
+int openDevice(const std::string& path, int mode) {
+    return retried([&] { return open(path.c_str(), mode); });
+}
+
+bool isThere(const Source& source) {
+    if (source.device.empty()) return true;
+    const int device =
+        openDevice(source.device, source.kind == Kind::Heap ? kHeapMode : kUdmabufMode);
+    if (device >= 0) close(device);
+    return device >= 0;
+}
+
+// The first source that is there and not ruled out by the environment; when none is, the last that is
+// not ruled out, whose absence the allocation then reports.
+Source decide(const std::string& heap) {
+    const Source candidates[] = {
+        {Kind::Heap, "heap", heapsDirectory() + heap},
+        {Kind::Heap, "heap", heapsDirectory() + kDmabufSystemHeapName},
+        {Kind::Udmabuf, "udmabuf", sources().devices + "/udmabuf"},
+        {Kind::Memfd, "memfd", ""},
+    };
+    const char* forced = std::getenv(kSourceVariable);
+    Source chosen = {Kind::Unknown, forced, ""};
+    for (const Source& candidate : candidates) {
+        if (forced != nullptr && std::strcmp(forced, candidate.word) != 0) continue;
+        chosen = candidate;
+        if (isThere(candidate)) break;
+    }
+    return chosen;
+}
+
 int cpuSync(unsigned int fd, uint64_t flags) {
     dma_buf_sync sync = {flags};
     const int result = retried([&] { return ioctl(fd, DMA_BUF_IOCTL_SYNC, &sync); });
@@ -77,8 +102,10 @@ int cpuSync(unsigned int fd, uint64_t flags) {
 
 }  // namespace
 
-void vexa_testing::forgetHeapSource() {
-    sSource.store(Source::Undecided);
+void vexa_testing::forgetSources(const std::string& devices) {
+    std::lock_guard<std::mutex> lock(sources().lock);
+    sources().devices = devices;
+    sources().decided.clear();
 }
 
 BufferAllocator::BufferAllocator() = default;
@@ -88,19 +115,24 @@ BufferAllocator::~BufferAllocator() {
 }
 
 int BufferAllocator::Alloc(const std::string& heap_name, size_t len, unsigned int, size_t) {
-    const int fd = allocate(heap_name, len);
-    if (fd < 0) {
+    const char* source = nullptr;  // the one that was asked
+    const int fd = allocate(heap_name, len, &source);
+    if (fd < 0 && source == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "cannot allocate %zu bytes from heap %s: %s",
                             len, heap_name.c_str(), std::strerror(-fd));
+    } else if (fd < 0) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag,
+                            "cannot allocate %zu bytes from heap %s: %s; source: %s "
+                            "(%s=heap, udmabuf or memfd chooses one)",
+                            len, heap_name.c_str(), std::strerror(-fd), source, kSourceVariable);
     }
     return fd;
 }
 
 int BufferAllocator::AllocSystem(bool cpu_access, size_t len, unsigned int heap_flags,
                                  size_t legacy_align) {
-    const bool uncached = !cpu_access && mayOpen(heapPath(kDmabufSystemUncachedHeapName), R_OK);
-    return Alloc(uncached ? kDmabufSystemUncachedHeapName : kDmabufSystemHeapName, len, heap_flags,
-                 legacy_align);
+    return Alloc(cpu_access ? kDmabufSystemHeapName : kDmabufSystemUncachedHeapName, len,
+                 heap_flags, legacy_align);
 }
 
 int BufferAllocator::CpuSyncStart(unsigned int dmabuf_fd, SyncType sync_type) {
@@ -118,7 +150,7 @@ int BufferAllocator::MapNameToIonHeap(const std::string&, const std::string&, un
 
 std::unordered_set<std::string> BufferAllocator::GetDmabufHeapList() {
     std::unordered_set<std::string> names;
-    if (DIR* directory = opendir(kHeapDirectory)) {
+    if (DIR* directory = opendir(heapsDirectory().c_str())) {
         while (const dirent* entry = readdir(directory)) {
             if (entry->d_name[0] != '.') names.insert(entry->d_name);
         }
@@ -132,45 +164,60 @@ int BufferAllocator::DmabufSetName(unsigned int dmabuf_fd, const std::string& na
     return retried([&] { return ioctl(dmabuf_fd, DMA_BUF_SET_NAME_B, cut.c_str()); });
 }
 
-int BufferAllocator::allocate(const std::string& heap_name, size_t len) {
+int BufferAllocator::allocate(const std::string& heap_name, size_t len, const char** source) {
     if (const int error = vexa_testing::injectedError(vexa_testing::Call::HeapAlloc)) return -error;
     if (len == 0) return -EINVAL;
     if (len >= UINT32_MAX) return -EOVERFLOW;
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     const size_t rounded = (len + page - 1) / page * page;
-    switch (source(heap_name)) {
-        case Source::Heap:
-            return allocateFromHeap(heap_name, rounded);
-        case Source::Udmabuf:
-            return allocateFromMemfd(heap_name, rounded, true);
-        case Source::Memfd:
-            return allocateFromMemfd(heap_name, rounded, false);
-        default:
-            return -EINVAL;
+    const auto allocateFrom = [&](const Source& asked) {
+        *source = asked.word;
+        switch (asked.kind) {
+            case Kind::Heap:
+                return allocateFromHeap(asked.device, rounded);
+            case Kind::Udmabuf:
+            case Kind::Memfd:
+                return allocateFromMemfd(heap_name, asked.device, rounded);
+            default:
+                return -EINVAL;
+        }
+    };
+    std::unique_lock<std::mutex> lock(sources().lock);
+    auto& decided = sources().decided;
+    const auto known = decided.find(heap_name);
+    if (known != decided.end()) {
+        lock.unlock();
+        return allocateFrom(known->second);
     }
+    // A failure decides nothing: for want of descriptors, say, no device could be opened.
+    const Source chosen = decide(heap_name);
+    const int fd = allocateFrom(chosen);
+    if (fd >= 0) decided.emplace(heap_name, chosen);
+    return fd;
 }
 
-int BufferAllocator::allocateFromHeap(const std::string& heap_name, size_t len) {
-    int device = openDevice(heapPath(heap_name), O_RDONLY);
-    if (device == -ENOENT) device = openDevice(heapPath(kDmabufSystemHeapName), O_RDONLY);
+int BufferAllocator::allocateFromHeap(const std::string& heap, size_t len) {
+    const int device = deviceOf(heap, kHeapMode);
     if (device < 0) return device;
     dma_heap_allocation_data data = {len, 0, O_RDWR | O_CLOEXEC, 0};
     const int result = retried([&] { return ioctl(device, DMA_HEAP_IOCTL_ALLOC, &data); });
     return result < 0 ? result : static_cast<int>(data.fd);
 }
 
-// A sealed memfd behaves like a DMA-BUF in what matters here: its size is fixed.
-int BufferAllocator::allocateFromMemfd(const std::string& heap_name, size_t len, bool as_dmabuf) {
+// A sealed memfd behaves like a DMA-BUF in what matters here: its size is fixed. Without a `udmabuf` it
+// is handed out as it is.
+int BufferAllocator::allocateFromMemfd(const std::string& name, const std::string& udmabuf,
+                                       size_t len) {
     const int memory =
-        retried([&] { return memfd_create(heap_name.c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING); });
+        retried([&] { return memfd_create(name.c_str(), MFD_CLOEXEC | MFD_ALLOW_SEALING); });
     if (memory < 0) return memory;
     int result = retried([&] { return ftruncate(memory, static_cast<off_t>(len)); });
     if (result == 0) {
         result = retried([&] { return fcntl(memory, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW); });
     }
-    if (result == 0 && !as_dmabuf) return memory;
+    if (result == 0 && udmabuf.empty()) return memory;
     if (result == 0) {
-        result = openDevice(kUdmabuf, O_RDWR);
+        result = deviceOf(udmabuf, kUdmabufMode);
     }
     if (result >= 0) {
         const int device = result;
@@ -182,11 +229,11 @@ int BufferAllocator::allocateFromMemfd(const std::string& heap_name, size_t len,
 }
 
 // The descriptor of the device `path`, opened at its first use, or the negative errno.
-int BufferAllocator::openDevice(const std::string& path, int flags) {
+int BufferAllocator::deviceOf(const std::string& path, int mode) {
     std::lock_guard<std::mutex> lock(mLock);
     const auto known = mDevices.find(path);
     if (known != mDevices.end()) return known->second;
-    const int device = retried([&] { return open(path.c_str(), flags | O_CLOEXEC); });
+    const int device = openDevice(path, mode);
     if (device >= 0) mDevices.emplace(path, device);
     return device;
 }

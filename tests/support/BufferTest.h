@@ -3,6 +3,7 @@
 #include <VXBuffer.h>
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <vexa_testing/Faults.h>
 
@@ -67,6 +68,24 @@ private:
     static size_t openDescriptors() { return descriptors().size(); }
 
     const size_t mDescriptorsBefore = openDescriptors();
+};
+
+// NoDescriptors: while it lives, this process gets no further descriptor.
+class NoDescriptors {
+public:
+    NoDescriptors() {
+        EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &mBefore), 0);
+        const int next = dup(STDERR_FILENO);
+        close(next);
+        const rlimit full = {static_cast<rlim_t>(next), mBefore.rlim_max};
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &full), 0);
+    }
+    ~NoDescriptors() { EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &mBefore), 0); }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+private:
+    rlimit mBefore = {};
 };
 
 // PoolTest: the same with a linear pool of 100 bytes and a graphic pool of 100 x 50 pixels of 10 bits.

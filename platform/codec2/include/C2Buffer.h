@@ -28,7 +28,7 @@ class C2Fence {
 public:
     constexpr C2Fence() : mImpl(nullptr) {}
 
-    // Blocks until the fence has fired, `timeoutNs` at most.
+    // Blocks until the fence has fired, `timeoutNs` at most; any number will do.
     //   C2_OK         fired
     //   C2_TIMED_OUT  not yet
     //   C2_BAD_STATE  it never will: abandoned
@@ -49,17 +49,17 @@ private:
 
 // What a buffer will be used for, as bits.
 struct C2MemoryUsage {
-    enum consumer_t : uint64_t {
+    enum read_t : uint64_t {
         CPU_READ = 1 << 0,
         READ_PROTECTED = 1 << 1,
     };
-    enum producer_t : uint64_t {
+    enum write_t : uint64_t {
         CPU_WRITE = 1 << 2,
         WRITE_PROTECTED = 1 << 3,
     };
 
     explicit C2MemoryUsage(uint64_t usage) : expected(usage) {}
-    C2MemoryUsage(uint64_t consumer, uint64_t producer) : expected(consumer | producer) {}
+    C2MemoryUsage(uint64_t read, uint64_t write) : expected(read | write) {}
 
     uint64_t expected;
 };

@@ -14,16 +14,17 @@
 // Hands out shared memory: every result is a descriptor of whole pages, zero-filled, that can be
 // mapped, duplicated and passed to other processes.
 //
-// Where the memory comes from is decided once per process, at the first allocation, so that the inode
-// numbers by which buffers are recognised all stem from one file system:
+// Where the memory of a heap comes from is decided once per process, at the first allocation from it
+// that succeeds, so that the inode numbers by which its buffers are recognised all stem from one file
+// system. It is the first of these that can be opened, or made, whatever the reason why one cannot:
 //
 //   heap     /dev/dma_heap/<heap name>, else /dev/dma_heap/system
 //   udmabuf  a sealed memfd made a DMA-BUF by /dev/udmabuf
 //   memfd    a sealed memfd as it is
 //
-// The first of them that this machine has is taken. The environment variable VX_DMABUF_SOURCE, set to
-// one of the three words, forces one: where it is missing, or the word is another, every allocation
-// fails.
+// Heaps may thus have different sources: one that exists is used beside another that does not. The
+// environment variable VX_DMABUF_SOURCE, set to one of the three words, forces one: where it is missing,
+// or the word is another, every allocation fails.
 //
 // Threads  all operations: any.
 // Owns     the heap devices that it opened, until it dies; never the descriptors that it handed out.
@@ -36,14 +37,15 @@ public:
     BufferAllocator& operator=(const BufferAllocator&) = delete;
 
     // A new buffer of `len` bytes, rounded up to whole pages, as a descriptor that the caller closes;
-    // negative on failure, after one message to the log that names heap, length and reason. Flags and
+    // negative on failure, after one message to the log that names heap, length and reason, and the
+    // source when it was the one that failed: udmabuf, for one, has a limit of 64 MiB. Flags and
     // alignment belong to older kernels and are not looked at. Refused: length 0, as the kernel does,
     // and UINT32_MAX or more: UINT32_MAX is what a size that did not fit became on its way here.
     int Alloc(const std::string& heap_name, size_t len, unsigned int heap_flags = 0,
               size_t legacy_align = 0);
 
-    // Alloc from heap "system"; from "system-uncached" when the processor will not touch the buffer
-    // and that heap exists.
+    // Alloc from heap "system"; from "system-uncached", which falls back like every heap, when the
+    // processor will not touch the buffer.
     int AllocSystem(bool cpu_access, size_t len, unsigned int heap_flags = 0,
                     size_t legacy_align = 0);
 
@@ -65,10 +67,10 @@ public:
     static int DmabufSetName(unsigned int dmabuf_fd, const std::string& name);
 
 private:
-    int allocate(const std::string& heap_name, size_t len);
-    int allocateFromHeap(const std::string& heap_name, size_t len);
-    int allocateFromMemfd(const std::string& heap_name, size_t len, bool as_dmabuf);
-    int openDevice(const std::string& path, int flags);
+    int allocate(const std::string& heap_name, size_t len, const char** source);
+    int allocateFromHeap(const std::string& heap, size_t len);
+    int allocateFromMemfd(const std::string& name, const std::string& udmabuf, size_t len);
+    int deviceOf(const std::string& path, int mode);
 
     std::mutex mLock;                               // guards mDevices
     std::unordered_map<std::string, int> mDevices;  // path -> open descriptor

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #pragma GCC visibility push(default)
 namespace vexa_testing {
@@ -23,8 +24,10 @@ void clearFaults();
 // For the platform: the error that the call being made is to fail with, 0 to go ahead.
 int injectedError(Call call);
 
-// The next allocation decides anew where memory comes from (<BufferAllocator/BufferAllocator.h>).
-void forgetHeapSource();
+// The next allocation from each heap decides anew where memory comes from
+// (<BufferAllocator/BufferAllocator.h>), with the devices of the folder `devices`. Not while others
+// allocate.
+void forgetSources(const std::string& devices = "/dev");
 
 // The usage word of the last fetch of a Codec 2.0 block pool.
 uint64_t lastFetchUsage();
