@@ -293,7 +293,7 @@ public:
 
         // Gives `buf` back to the stash. When that is gone the buffer is left alone, neither kept
         // nor destroyed, on purpose.
-        virtual void onRelease(VXBuffer* buf) noexcept;
+        virtual void onRelease(VXBuffer* buf);
 
         void operator()(VXBuffer* buf) noexcept { onRelease(buf); }
 
@@ -359,7 +359,7 @@ public:
     virtual VXError setAlignment(size_t alignment) = 0;
 
     // Results as of fetchBuffer().
-    virtual VXError fetch(std::shared_ptr<VXBuffer>* buf) noexcept = 0;
+    virtual VXError fetch(std::shared_ptr<VXBuffer>* buf) = 0;
 
     // Wraps a buffer made elsewhere, in a VXNativeBufContainer; empty where it cannot be. The pool
     // neither counts nor keeps it.
@@ -395,7 +395,7 @@ public:
     virtual VXError setResolution(uint32_t width, uint32_t height) = 0;
 
     // Results as of fetchBuffer().
-    virtual VXError fetch(std::shared_ptr<VXGraphicBuffer>* buf) noexcept = 0;
+    virtual VXError fetch(std::shared_ptr<VXGraphicBuffer>* buf) = 0;
 
     // As VXLinearBufferPool::createFromNative().
     virtual std::shared_ptr<VXGraphicBuffer> createFromNative(std::any native) = 0;

@@ -96,7 +96,7 @@ void VXBufferPool::reset() noexcept {
 VXBufferPool::Stash::Tracker::Tracker(std::weak_ptr<Stash> stash) : mStash(std::move(stash)) {}
 VXBufferPool::Stash::Tracker::~Tracker() = default;
 
-void VXBufferPool::Stash::Tracker::onRelease(VXBuffer* buf) noexcept {
+void VXBufferPool::Stash::Tracker::onRelease(VXBuffer* buf) {
     if (const auto stash = mStash.lock()) stash->reuseOrFree(buf);
 }
 
