@@ -3,6 +3,7 @@
 #pragma once
 
 #include "Decode.h"
+#include "Failure.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -64,12 +65,18 @@ const char* stateName(Vector::State state);
 // the first "-" before a glob on is left out. They match a vector's name, or suite.name. Empty: all.
 void filterVectors(Suite* suite, const std::string& filter);
 
-// By kind (junit, json, csv, markdown) the file that the report goes to; empty: nowhere.
-using ReportFiles = std::map<std::string, std::string>;
+struct Report {
+    std::string (*textOf)(const Suite& suite);
+    std::string file;  // that it goes to; empty: nowhere
+};
+using Reports = std::map<std::string, Report>;  // by kind
+
+// All kinds of reports: junit, json, csv, markdown.
+Reports makeReports();
 
 // Writes the reports of `suite` as of now. Each appears whole, in place of the one before: whenever a
-// run breaks off, the files are valid and tell what had not finished.
-void writeReports(const ReportFiles& files, const Suite& suite);
+// run breaks off, the files are valid. Those that cannot be written fail, the others do not.
+std::vector<Failure> writeReports(const Reports& reports, const Suite& suite);
 
 // The table of sums for each profile, as text for a terminal.
 std::string profileTable(const Suite& suite);
@@ -82,7 +89,7 @@ struct SuiteOptions {
     std::string shard;      // "i/n", i from 1; empty: GTEST_SHARD_INDEX and GTEST_TOTAL_SHARDS
     uint32_t jobs = std::max(std::thread::hardware_concurrency(), 1u);  // vectors at once
     double timeout = 60;  // seconds that decoding a vector takes at most
-    ReportFiles reports;
+    Reports reports = makeReports();
     bool list = false;  // print the names of the vectors instead
 };
 

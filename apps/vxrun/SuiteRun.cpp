@@ -154,7 +154,7 @@ public:
                    next < mSuite.vectors.size()) {
                 start(&mSuite.vectors[next++]);
             }
-            writeReports(mOptions.reports, mSuite);
+            for (const Failure& failure : writeReports(mOptions.reports, mSuite)) throw failure;
             if (mChildren.empty()) return mSignal;
             wait();
         }
@@ -266,7 +266,7 @@ int runSuite(SuiteOptions options, const DecodeFunction& decode) {
     if (options.resources.empty()) throw badOption("--resources", "missing");
     // "xml:FILE" or "xml:FOLDER/"; other kinds are GoogleTest's own.
     const std::string output = variable("GTEST_OUTPUT");
-    std::string& junit = options.reports["junit"];
+    std::string& junit = options.reports["junit"].file;
     if (junit.empty() && output.rfind("xml:", 0) == 0) {
         junit = output.substr(4) + (output.back() == '/' ? suite.name + ".xml" : "");
     }

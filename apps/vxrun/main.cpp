@@ -108,9 +108,8 @@ void addSuite(CLI::App* app, SuiteOptions* options) {
     add(suite, "--shard i/n", &options->shard, "Run the i-th of n parts, i from 1");
     add(suite, "--jobs N", &options->jobs, "Vectors at once, default one per processor")
         ->check(CLI::Range(1, 1000));
-    for (const char* const kind : {"junit", "json", "csv", "markdown"}) {
-        add(suite, concat("--", kind, " FILE"), &options->reports[kind],
-            concat("Write a report: ", kind));
+    for (auto& [kind, report] : options->reports) {
+        add(suite, concat("--", kind, " FILE"), &report.file, concat("Write a report: ", kind));
     }
     suite->add_flag("--list", options->list, "Print the names of the vectors that would run");
     // Of these there is one, not one per vector.
