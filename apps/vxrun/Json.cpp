@@ -15,8 +15,7 @@
 namespace vxrun {
 namespace {
 
-constexpr size_t kMaxSize = 2 << 20;  // of a file; every value costs many times its text
-constexpr size_t kMaxDepth = 32;      // values are built and destroyed by recursion
+constexpr size_t kMaxDepth = 32;  // values are built and destroyed by recursion
 
 const char* name(JsonValue::Kind kind) {
     static constexpr const char* kNames[] = {"null",     "a boolean", "a number",
@@ -113,8 +112,9 @@ const JsonValue* JsonValue::find(const std::string& name) const {
     return nullptr;
 }
 
-JsonDocument::JsonDocument(const std::string& path, std::string rootName)
-    : mPath(path), mRootName(std::move(rootName)), mText(readTextFile(path, kMaxSize)) {
+JsonDocument::JsonDocument(const std::string& path, std::string rootName, size_t limit)
+    : mPath(path), mRootName(std::move(rootName)), mText(readTextFile(path, limit)), mLines({0}) {
+    for (size_t feed = 0; (feed = mText.find('\n', feed)) != mText.npos;) mLines.push_back(++feed);
     Builder builder(this);
 }
 
@@ -166,11 +166,10 @@ void JsonDocument::fail(const JsonValue& value, const std::string& text,
 
 void JsonDocument::failAt(size_t offset, const std::string& text,
                           const std::string& verdict) const {
-    const std::string_view before = std::string_view(mText).substr(0, offset);
-    const size_t lastFeed = before.rfind('\n');
-    const size_t line = 1 + static_cast<size_t>(std::count(before.begin(), before.end(), '\n'));
-    const size_t column = before.size() - (lastFeed == before.npos ? 0 : lastFeed + 1) + 1;
-    throw Failure(concat(mPath, ":", line, ":", column, ": ", text), verdict);
+    offset = std::min(offset, mText.size());
+    const auto next = std::upper_bound(mLines.begin(), mLines.end(), offset);
+    throw Failure(concat(mPath, ":", next - mLines.begin(), ":", offset - next[-1] + 1, ": ", text),
+                  verdict);
 }
 
 }  // namespace vxrun

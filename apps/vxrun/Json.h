@@ -26,9 +26,11 @@ struct JsonValue {
 // Threads  any number of readers at once.
 class JsonDocument {
 public:
-    // Reads and parses `path`. Refuses what is no JSON, nests deeper than any of our files, or gives
-    // a key of one object twice. `rootName` is what error lines call the document itself.
-    explicit JsonDocument(const std::string& path, std::string rootName = "graph");
+    // Reads and parses `path`. Refuses what is no JSON, nests deeper than any of our files, gives a key of
+    // one object twice, or is larger than `limit` bytes: every value costs many times its text. `rootName`
+    // is what error lines call the document itself.
+    explicit JsonDocument(const std::string& path, std::string rootName = "graph",
+                          size_t limit = 2 << 20);
 
     const JsonValue& root() const { return mRoot; }
 
@@ -60,6 +62,7 @@ private:
     const std::string mPath;
     const std::string mRootName;
     const std::string mText;
+    std::vector<size_t> mLines;  // where each begins in mText
     JsonValue mRoot;
 };
 

@@ -30,42 +30,68 @@ std::string text(const JsonDocument& document, const JsonValue& object, const ch
                                        : document.member(object, key, JsonValue::STRING).text;
 }
 
-// A name that becomes part of paths, none of which may lead out of the folder given for it.
+// A name that becomes part of paths, none of which may lead out of the folder given for it, or end early.
 std::string fileName(const JsonDocument& document, const JsonValue& object, const char* key) {
     const std::filesystem::path path = document.name(object, key);
-    if (path.is_absolute() || std::find(path.begin(), path.end(), "..") != path.end()) {
-        document.fail(*object.find(key), "expected a name without '..', got " + quote(path));
+    if (path.is_absolute() || std::find(path.begin(), path.end(), "..") != path.end() ||
+        path.native().find('\0') != std::string::npos) {
+        document.fail(*object.find(key), "expected a name without '..' or NUL, got " + quote(path));
     }
     return path;
 }
 
-Vector readVector(const JsonDocument& document, const JsonValue& json, const Suite& suite) {
+// All of `vector` but its name.
+void readVector(const JsonDocument& document, const JsonValue& json, const Suite& suite,
+                Vector* vector) {
     document.expectObject(json, {"name", "source", "source_checksum", "input_file", "output_format",
                                  "result", "profile", "optional_params"});
-    Vector vector;
-    vector.name = fileName(document, json, "name");
-    vector.inputFile = fileName(document, json, "input_file");
-    vector.format = text(document, json, "output_format", "None");
-    vector.profile = text(document, json, "profile");
-    vector.md5 = lowerCase(text(document, json, "result"));
-    const auto isSame = [&](const Vector& other) { return other.name == vector.name; };
-    if (std::any_of(suite.vectors.begin(), suite.vectors.end(), isSame)) {
-        document.fail(*json.find("name"), "another vector is named " + quote(vector.name));
-    }
-    if (suite.testMethod != "md5" || (suite.negative && vector.md5.empty())) return vector;
+    vector->inputFile = fileName(document, json, "input_file");
+    vector->format = text(document, json, "output_format", "None");
+    vector->profile = text(document, json, "profile");
+    vector->md5 = lowerCase(text(document, json, "result"));
+    if (suite.testMethod != "md5" || (suite.negative && vector->md5.empty())) return;
     const JsonValue& result = document.member(json, "result", JsonValue::STRING);
-    if (vector.md5.size() != 32 ||
-        vector.md5.find_first_not_of("0123456789abcdef") != vector.md5.npos) {
+    if (vector->md5.size() != 32 ||
+        vector->md5.find_first_not_of("0123456789abcdef") != std::string::npos) {
         document.fail(result, "expected an MD5, got " + quote(result.text));
     }
-    if (vector.md5 == kMd5OfNothing) document.fail(result, "the MD5 of no data");
-    return vector;
+    if (vector->md5 == kMd5OfNothing) document.fail(result, "the MD5 of no data");
+}
+
+std::vector<Vector> readVectors(const JsonDocument& document, const JsonValue& root,
+                                const Suite& suite) {
+    std::vector<Vector> vectors;
+    std::set<std::string> names;
+    const auto& items = document.member(root, "test_vectors", JsonValue::ARRAY).items;
+    for (const JsonValue& json : items) {
+        Vector& vector = vectors.emplace_back();
+        try {
+            document.expect(json, JsonValue::OBJECT);
+            const std::string name = fileName(document, json, "name");
+            if (!names.insert(name).second) {
+                document.fail(*json.find("name"), "another vector is named " + quote(name));
+            }
+            vector.name = name;
+            readVector(document, json, suite, &vector);
+        } catch (const Failure& failure) {
+            vector.state = Vector::ERROR;
+            vector.type = "CORRUPT_DESCR";
+            vector.message = failure.what();
+        }
+    }
+    for (size_t i = 0; i < items.size(); ++i) {
+        std::string& name = vectors[i].name;
+        if (!name.empty()) continue;
+        for (name = items[i].where; !names.insert(name).second;) name += "'";
+    }
+    return vectors;
 }
 
 }  // namespace
 
 Suite readSuite(const std::string& path) {
-    const JsonDocument document(path, "suite");
+    constexpr size_t kMaxSize = 256 << 20;  // several 100,000 vectors
+    const JsonDocument document(path, "suite", kMaxSize);
     const JsonValue& root = document.expectObject(
         document.root(), {"name", "codec", "description", "test_vectors", "failing_test_vectors",
                           "test_method", "negative_test", "test_vectors_success",
@@ -83,9 +109,7 @@ Suite readSuite(const std::string& path) {
     }
     suite.negative = root.find("negative_test") != nullptr &&
                      document.member(root, "negative_test", JsonValue::BOOLEAN).text == "true";
-    for (const auto& json : document.member(root, "test_vectors", JsonValue::ARRAY).items) {
-        suite.vectors.push_back(readVector(document, json, suite));
-    }
+    suite.vectors = readVectors(document, root, suite);
     return suite;
 }
 

@@ -54,8 +54,9 @@ struct Suite {
     std::vector<Vector> vectors;
 };
 
-// Reads a suite file. A Failure "file:line:column: place: text" for what is wrong, the MD5 of no data
-// as a result among it.
+// Reads a suite file. A Failure "file:line:column: place: text" for what is wrong with it as a whole. With
+// what is wrong with one vector (its place in the file, where it has no name of its own) that vector is an
+// error from the start; the MD5 of no data as a result is wrong, too.
 Suite readSuite(const std::string& path);
 
 // The name of a state as reports have it: "Success", "Not supported", ...

@@ -162,11 +162,11 @@ public:
 
 private:
     void start(Vector* vector) {
-        if (mSuite.testMethod != "md5") {
+        if (vector->state == Vector::NOT_RUN && mSuite.testMethod != "md5") {
             vector->state = Vector::NOT_SUPPORTED;
             vector->message = "test method " + mSuite.testMethod;
-            return report(*vector);
         }
+        if (vector->state != Vector::NOT_RUN) return report(*vector);
         DecodeOptions options = {inputOf(*vector), "", true, vector->format, mSuite.codec};
         if (!mOptions.output.empty()) {
             options.output = fs::path(mOptions.output) / mSuite.name / (vector->name + ".out");
