@@ -338,6 +338,10 @@ TEST_F(VxrunSuite, EndsWithACode) {
         EXPECT_EQ(result.exit, c.exit) << result.err;
         EXPECT_NE((result.out + result.err).find(c.line), std::string::npos) << result.err;
     }
+    for (const char* const command : {"suite", "decode"}) {
+        const Result help = vxrun({command, "--help"});
+        EXPECT_NE(help.out.find("--stall SECONDS"), std::string::npos) << help.out;
+    }
 }
 
 // Catches: a mistake in one vector that keeps the others from running, or that no report has; two that one

@@ -81,6 +81,13 @@ void addOptions(CLI::App* app, Options* options) {
     app->add_flag("--list-nodes", options->listNodes, "List the node types and their configs");
 }
 
+// Has the help of `command` show those options of the app that apply to it.
+void showOptions(const CLI::App& app, const std::vector<std::string>& names, CLI::App* command) {
+    std::vector<const CLI::Option*> options;
+    for (const std::string& name : names) options.push_back(app.get_option(name));
+    command->footer(CLI::Formatter().make_group("Options of every run", false, options));
+}
+
 void addDecode(CLI::App* app, Options* options) {
     CLI::App* const decode = app->add_subcommand(
         "decode", "Decodes a video file; prints the MD5 of all its pictures, or writes them");
@@ -95,6 +102,10 @@ void addDecode(CLI::App* app, Options* options) {
     add(decode, "--unsupported-exit CODE", &options->unsupportedExit,
         "Exit code for what is not supported, default 69")
         ->check(CLI::Range(0, 255));
+    showOptions(*app,
+                {"--set", "--record", "--force", "--log", "--timeout", "--stall", "--progress",
+                 "--trace", "--dot", "--color", "--stats", "--quiet"},
+                decode);
 }
 
 void addSuite(CLI::App* app, SuiteOptions* options) {
@@ -116,6 +127,7 @@ void addSuite(CLI::App* app, SuiteOptions* options) {
     for (const char* const option : {"--record", "--progress", "--trace", "--dot"}) {
         suite->excludes(app->get_option(option));
     }
+    showOptions(*app, {"--set", "--log", "--timeout", "--stall", "--color", "--quiet"}, suite);
 }
 
 int listNodes() {
