@@ -1,6 +1,7 @@
 // Goldens of every kind, vxrun decode, and vxrun suite with its reports.
 #include "support/Vxrun.h"
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
 
 #include <pugixml.hpp>
@@ -213,6 +214,19 @@ protected:
         return states;
     }
 
+    // Until j.xml, which is replaced in the course of a run, holds `text`; false when it never does.
+    bool waitForReport(const std::string& text) const {
+        pollfd folder = {inotify_init1(IN_CLOEXEC), POLLIN, 0};
+        inotify_add_watch(folder.fd, mFolder.c_str(), IN_MOVED_TO);
+        bool isThere, isLate = false;
+        while (!(isThere = contentOf(path("j.xml")).find(text) != std::string::npos) && !isLate) {
+            char events[4096];
+            isLate = poll(&folder, 1, 20000) != 1 || read(folder.fd, events, sizeof events) < 0;
+        }
+        close(folder.fd);
+        return isThere;
+    }
+
     std::string mMd5;  // of clip.m2v
 };
 
@@ -381,6 +395,94 @@ TEST_F(VxrunSuite, RunsAllButBadVectors) {
     }
 }
 
+// Catches: a suite that ends, or leaves an older report, when processes, descriptors or the reader of its
+// output run out; a result that goes nowhere and is taken for delivered.
+TEST_F(VxrunSuite, GoesOnWhereThingsRunOut) {
+    std::vector<Entry> entries;
+    for (int i = 0; i < 24; ++i) {
+        entries.push_back({"v" + std::to_string(i), "clip.m2v", "", "", mMd5});
+    }
+    entries.push_back({"gone", "gone.m2v", "", "", mMd5});
+    makeSuite(entries);
+    struct Case {
+        std::string shell, jobs;
+        std::vector<std::string> options;
+        int exit;
+        std::string line;  // on either output
+        int passed, errors;
+    };
+    const std::string full = "vxrun: standard output: No space left";
+    const std::string unread = "mkfifo $0; exec 3<>$0 4>$0 3<&-; exec \"$@\" >&4 2>&1";
+    const Case cases[] = {
+        {"ulimit -n 40; exec \"$@\"", "25", {}, 1, "] gone: Error", 24, 1},
+        {"ulimit -n 5; exec \"$@\"", "2", {}, 1, "] gone: Error (0.0 s): no process: Too", 0, 25},
+        {unread, "2", {"--filter", "v?"}, 3, "", 10, 0},
+        {"exec \"$@\" >/dev/full", "2", {"--filter", "v1"}, 3, full, 1, 0},
+        {"exec \"$@\" >/dev/full", "2", {"--list"}, 3, full, 0, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.shell);
+        writeFile(path("j.xml"), "<testsuites/>");
+        std::vector<std::string> command = suite(c.options);
+        std::replace(command.begin(), command.end(), std::string("2"), c.jobs);
+        command.insert(command.begin(), {"bash", "-c", c.shell, path("unread")});
+        const Result result = run(command);
+        EXPECT_EQ(result.exit, c.exit) << result.err;
+        EXPECT_NE((result.out + result.err).find(c.line), std::string::npos) << result.err;
+        pugi::xml_document document;
+        document.load_file(path("j.xml").c_str());
+        const pugi::xml_node sums = document.child("testsuites").child("testsuite");
+        EXPECT_EQ(sums.attribute("tests").as_int(), c.passed + c.errors);
+        EXPECT_EQ(sums.attribute("errors").as_int(), c.errors);
+        EXPECT_EQ(sums.attribute("skipped").as_int() + sums.attribute("failures").as_int(), 0);
+    }
+}
+
+// Catches: a report whose place is lost or taken that ends a run, is said to be there, or is written
+// where a link leads.
+TEST_F(VxrunSuite, KeepsReportsWhereTheyBelong) {
+    std::vector<Entry> entries = {{"stuck", "pipe", "", "", mMd5}};
+    for (int i = 0; i < 8; ++i) {
+        entries.push_back({"v" + std::to_string(i), "clip.m2v", "", "", mMd5});
+    }
+    makeSuite(entries);
+    std::filesystem::create_directory(path("r"));
+    Process process(suite({"--csv", path("r/j.csv")}));
+    ASSERT_TRUE(process.waitForError("v0: Success")) << process.err;
+    std::filesystem::rename(path("r"), path("lost"));
+    EXPECT_TRUE(process.waitForError("[8/9] v7: Success")) << process.err;
+    process.kill(SIGTERM);
+    EXPECT_EQ(process.wait(), 3) << process.err;
+    EXPECT_NE(process.out.find("verdict: NO_REPORT passed=8"), std::string::npos) << process.out;
+    EXPECT_NE(process.err.find("vxrun: --csv: " + path("r/j.csv.part: No such file")),
+              std::string::npos)
+        << process.err;
+    EXPECT_EQ(junit().rfind("S.mpeg2video/stuck error DID_NOT_FINISH;S.mpeg2video/v0 ;", 0), 0u);
+
+    const std::string part = path("j.xml.part"), kept = path("kept");
+    struct Case {
+        std::string name;
+        std::function<void()> make;
+        int exit;
+    };
+    const Case cases[] = {
+        {"a file", [&] { writeFile(part, "old"); }, 0},
+        {"a pipe", [&] { mkfifo(part.c_str(), 0600); }, 2},
+        {"a link", [&] { std::filesystem::create_symlink(kept, part); }, 2},
+        {"a second name", [&] { std::filesystem::create_hard_link(kept, part); }, 0},
+    };
+    writeFile(kept, "kept");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove(part);
+        c.make();
+        const Result result = run(suite({"--filter", "v0"}));
+        EXPECT_EQ(result.exit, c.exit) << result.err;
+        EXPECT_EQ(contentOf(kept), "kept");
+        EXPECT_EQ(result.err.find(part + ": in the way") != std::string::npos, c.exit == 2);
+    }
+}
+
 // Catches: a vector that no shard runs, or two do; a filter or variable that is not heeded.
 TEST_F(VxrunSuite, SelectsVectors) {
     std::vector<Entry> entries;
@@ -438,6 +540,7 @@ TEST_F(VxrunSuite, EndsWhatDoesNotEnd) {
         SCOPED_TRACE(c.signal);
         Process process(suite({"--timeout", "40"}));
         ASSERT_TRUE(process.waitForError("[2/3] next: Success")) << process.err;
+        ASSERT_TRUE(waitForReport("errors=\"1\""));  // soon after that
         process.kill(c.signal);
         EXPECT_EQ(process.wait(), c.exit) << process.err;
         const std::string rest = junit();

@@ -99,12 +99,13 @@ struct SuiteOptions {
 using DecodeFunction = std::function<int(const DecodeOptions&)>;
 
 // Runs what the options select, prints a line per vector on standard error, a table and the verdict on
-// standard output, and returns the exit code. A process that exceeds its time limit is sent SIGTERM, and
-// then SIGKILL. At SIGINT or SIGTERM the processes are ended, and their vectors stay in the reports as
-// unfinished. They end with this process in any case.
+// standard output, and returns the exit code. The reports are written before anything runs, soon after a
+// vector starts or ends ("soon" keeps them to a small share of the time), and at the end. A process that
+// exceeds its time limit is sent SIGTERM, and then SIGKILL. At SIGINT or SIGTERM the processes are ended,
+// and their vectors stay in the reports as unfinished. They end with this process in any case.
 //
-// A Failure for a bad option, suite file or report file. Blocks the signals; on the main thread and
-// before others start.
+// A Failure for a bad option, suite file or report file, before anything runs. Blocks the signals, and
+// ignores SIGPIPE; on the main thread and before others start.
 int runSuite(SuiteOptions options, const DecodeFunction& decode);
 
 }  // namespace vxrun

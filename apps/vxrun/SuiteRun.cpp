@@ -6,6 +6,7 @@
 #include "Files.h"
 #include "Text.h"
 
+#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -15,6 +16,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <list>
 
@@ -26,6 +28,7 @@ using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
 constexpr std::chrono::seconds kGrace(5);  // for a process to end before it is made to
+constexpr char kNoResult[] = "NO_RESULT";  // for exitCode(): standard output does not take it
 
 // ---- Selection --------------------------------------------------------------------------------
 
@@ -62,23 +65,30 @@ bool selectVectors(const SuiteOptions& options, Suite* suite) {
 
 // ---- Processes --------------------------------------------------------------------------------
 
+// An empty file in memory; null, and errno, where there is no descriptor for it.
+FileHandle memoryFile() {
+    const int file = memfd_create("output", MFD_CLOEXEC);
+    return FileHandle(file < 0 ? nullptr : fdopen(file, "r"));
+}
+
 // The process of one vector.
 struct Child {
     // What it says.
-    FileHandle out = FileHandle(fdopen(memfd_create("out", MFD_CLOEXEC), "r"));
-    FileHandle err = FileHandle(fdopen(memfd_create("err", MFD_CLOEXEC), "r"));
+    FileHandle out = memoryFile();
+    FileHandle err = memoryFile();
     Vector* vector = nullptr;
     pid_t pid = -1;
     Clock::time_point start = Clock::now();
     Clock::time_point deadline;  // for the next signal
     int sent = 0;                // the last signal
+    bool isAlone = false;        // no other runs beside it
 };
 
 // The last bytes of what was written to `file`.
 std::string contentOf(std::FILE* file) {
     constexpr off_t kMost = 16 << 10;
-    std::string text(kMost, '\0');
     const off_t size = lseek(fileno(file), 0, SEEK_END);
+    std::string text(static_cast<size_t>(std::min(size, kMost)), '\0');
     const ssize_t got =
         pread(fileno(file), text.data(), text.size(), std::max<off_t>(size - kMost, 0));
     text.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
@@ -122,6 +132,7 @@ void judge(const Child& child, int status, bool negative) {
     } else if (isRight != negative) {
         vector.state = Vector::SUCCESS;
         vector.message.clear();
+        vector.log = {};  // of no use, and there may be many
     } else {
         vector.state = Vector::FAIL;
         if (negative) {
@@ -133,6 +144,14 @@ void judge(const Child& child, int status, bool negative) {
                                     vector.message.empty() ? "" : "; ", vector.message);
         }
     }
+}
+
+// Gives back what reading or reporting many vectors took: to start a process takes the longer the more
+// memory there is to share with it.
+void trimMemory() {
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
 }
 
 // ---- The run ----------------------------------------------------------------------------------
@@ -147,45 +166,73 @@ public:
         pthread_sigmask(SIG_BLOCK, &mSignals, &mOldSignals);
     }
 
-    // The signal that ended it; else 0.
+    // The signal that ended it; else 0. What it changed since the last mid-run reports is not in them.
     int run() {
-        for (size_t next = 0;;) {
-            while (mSignal == 0 && mChildren.size() < mOptions.jobs &&
-                   next < mSuite.vectors.size()) {
-                start(&mSuite.vectors[next++]);
+        for (Vector& vector : mSuite.vectors) mWaiting.push_back(&vector);
+        trimMemory();
+        for (;;) {
+            while (mSignal == 0 && mChildren.size() < mJobs && !mWaiting.empty() &&
+                   start(mWaiting.front())) {
+                mWaiting.pop_front();
             }
-            for (const Failure& failure : writeReports(mOptions.reports, mSuite)) throw failure;
             if (mChildren.empty()) return mSignal;
+            if (mIsChanged && Clock::now() >= mReportDue) reportAll();
             wait();
         }
     }
 
 private:
-    void start(Vector* vector) {
+    // Starts what `vector` needs, which may be nothing. False when there is no room beside what runs.
+    bool start(Vector* vector) {
         if (vector->state == Vector::NOT_RUN && mSuite.testMethod != "md5") {
             vector->state = Vector::NOT_SUPPORTED;
             vector->message = "test method " + mSuite.testMethod;
         }
-        if (vector->state != Vector::NOT_RUN) return report(*vector);
+        if (vector->state != Vector::NOT_RUN) {
+            report(*vector);
+            return true;
+        }
         DecodeOptions options = {inputOf(*vector), "", true, vector->format, mSuite.codec};
         if (!mOptions.output.empty()) {
             options.output = fs::path(mOptions.output) / mSuite.name / (vector->name + ".out");
-            makeFolder("--output", fs::path(options.output).parent_path());
+            try {
+                makeFolder("--output", fs::path(options.output).parent_path());
+            } catch (const Failure& failure) {
+                fail(vector, failure.what());
+                return true;
+            }
         }
-        vector->state = Vector::ERROR;  // as long as it runs
-        vector->type = "DID_NOT_FINISH";
-        vector->message = "did not finish";
         const pid_t parent = getpid();
-        Child& child = mChildren.emplace_back();
+        std::list<Child> added(1);
+        Child& child = added.front();
         child.vector = vector;
+        child.isAlone = mJobs == 1;
         child.deadline = child.start + kGrace +
                          std::chrono::duration_cast<Clock::duration>(Seconds(mOptions.timeout));
-        if (child.out != nullptr && child.err != nullptr) child.pid = fork();
-        if (child.pid < 0)
-            throw Failure("vxrun: no process: " + errnoText(errno), "NODE_FAIL_INIT");
-        if (child.pid > 0) return;
+        // A descriptor is left over, for the reports.
+        if (child.out != nullptr && child.err != nullptr && memoryFile() != nullptr) {
+            child.pid = fork();
+        }
+        if (child.pid < 0 && mChildren.empty()) {
+            fail(vector, "no process: " + errnoText(errno));
+            return true;
+        }
+        if (child.pid < 0) {
+            mIsShort = true;
+            mJobs = std::max<size_t>(mChildren.size() / 2, 1);
+            return false;
+        }
+        if (child.pid > 0) {
+            vector->state = Vector::ERROR;  // as long as it runs
+            vector->type = "DID_NOT_FINISH";
+            vector->message = "did not finish";
+            mIsChanged = true;
+            mChildren.splice(mChildren.end(), added);
+            return true;
+        }
         prctl(PR_SET_PDEATHSIG, SIGKILL);   // however the suite ends, this ends with it
         if (getppid() != parent) _exit(1);  // it ended before that
+        mChildren.clear();                  // the descriptors of the others
         dup2(fileno(child.out.get()), STDOUT_FILENO);
         dup2(fileno(child.err.get()), STDERR_FILENO);
         pthread_sigmask(SIG_SETMASK, &mOldSignals, nullptr);
@@ -196,20 +243,22 @@ private:
         const fs::path folder = fs::path(mOptions.resources) / mSuite.name;
         const bool hasFolder = vector.inputFile.find('/') != std::string::npos;
         const fs::path file = folder / vector.inputFile;
-        return hasFolder && fs::exists(file) ? file : folder / vector.name / vector.inputFile;
+        std::error_code ignored;
+        return hasFolder && fs::exists(file, ignored) ? file
+                                                      : folder / vector.name / vector.inputFile;
     }
 
-    // Until a process has ended.
+    // Until a process has ended, or some time has passed.
     void wait() {
-        for (const size_t running = mChildren.size(); mChildren.size() == running;) {
-            const timespec step = {0, 200'000'000};
-            const int number = sigtimedwait(&mSignals, nullptr, &step);
-            if (number == SIGINT || number == SIGTERM) {
-                mSignal = number;
-                console::line("vxrun: ending what runs; once more kills it");
-            }
-            mChildren.remove_if([&](Child& child) { return hasEnded(&child, number == mSignal); });
+        constexpr std::chrono::nanoseconds kStep = std::chrono::milliseconds(200), kShortest(1);
+        const std::chrono::nanoseconds due = mIsChanged ? mReportDue - Clock::now() : kStep;
+        const timespec step = {0, std::clamp(due, kShortest, kStep).count()};
+        const int number = sigtimedwait(&mSignals, nullptr, &step);
+        if (number == SIGINT || number == SIGTERM) {
+            mSignal = number;
+            console::line("vxrun: ending what runs; once more kills it");
         }
+        mChildren.remove_if([&](Child& child) { return hasEnded(&child, number == mSignal); });
     }
 
     // True when a process has ended; its vector has a result then, unless the run was ended. One that has
@@ -217,9 +266,18 @@ private:
     bool hasEnded(Child* child, bool shallEnd) {
         int status = 0;
         if (waitpid(child->pid, &status, WNOHANG) == child->pid) {
-            child->vector->seconds = Seconds(Clock::now() - child->start).count();
+            Vector* const vector = child->vector;
+            vector->seconds = Seconds(Clock::now() - child->start).count();
             if (mSignal == 0) judge(*child, status, mSuite.negative);
-            report(*child->vector);
+            if (mSignal == 0 && mIsShort && !child->isAlone && vector->state == Vector::ERROR) {
+                // There may have been no room for its threads. Where fewer run, there is.
+                vector->state = Vector::NOT_RUN;
+                vector->log.clear();
+                mWaiting.push_back(vector);
+                mJobs = std::max<size_t>(mJobs / 2, 1);
+            } else {
+                report(*vector);
+            }
             return true;
         }
         if (shallEnd || Clock::now() >= child->deadline) {
@@ -230,18 +288,42 @@ private:
         return false;
     }
 
+    void fail(Vector* vector, const std::string& text) {
+        vector->state = Vector::ERROR;
+        vector->type = "NODE_FAIL_INIT";
+        vector->message = text;
+        report(*vector);
+    }
+
     void report(const Vector& vector) {
+        mIsChanged = true;
         console::line(concat("[", ++mReported, "/", mSuite.vectors.size(), "] ", vector.name, ": ",
                              stateName(vector.state), " (", decimal(vector.seconds, 1), " s)",
                              vector.message.empty() ? "" : ": ", vector.message));
     }
 
+    // What cannot be written now may be written at the end. The next reports come so late that they take
+    // a small share of the time only, however many vectors there are.
+    void reportAll() {
+        constexpr int kPause = 20;  // times what they take
+        const Clock::time_point start = Clock::now();
+        writeReports(mOptions.reports, mSuite);
+        trimMemory();
+        mIsChanged = false;
+        mReportDue = Clock::now() + kPause * (Clock::now() - start);
+    }
+
     const SuiteOptions& mOptions;
     const DecodeFunction& mDecode;
     Suite& mSuite;
-    std::list<Child> mChildren;  // that run
+    std::deque<Vector*> mWaiting;
+    size_t mJobs = mOptions.jobs;  // that run at once, at most
+    bool mIsShort = false;         // there was no room for that many
+    std::list<Child> mChildren;    // that run
     size_t mReported = 0;
-    int mSignal = 0;  // that ends the run
+    bool mIsChanged = false;       // since the last reports
+    Clock::time_point mReportDue;  // not before that
+    int mSignal = 0;               // that ends the run
     sigset_t mSignals;
     sigset_t mOldSignals;
 };
@@ -257,11 +339,13 @@ std::string verdictOf(const Sums& sums, int signal, bool anySelected) {
 }  // namespace
 
 int runSuite(SuiteOptions options, const DecodeFunction& decode) {
+    std::signal(SIGPIPE, SIG_IGN);  // the end of a reader is not the end of a run
     Suite suite = readSuite(options.file);
     const bool anySelected = selectVectors(options, &suite);
     if (options.list) {
-        for (const Vector& vector : suite.vectors) std::printf("%s\n", vector.name.c_str());
-        return 0;
+        std::string names;
+        for (const Vector& vector : suite.vectors) names += vector.name + "\n";
+        return exitCode(console::result(names) ? "DONE" : kNoResult);
     }
     if (options.resources.empty()) throw badOption("--resources", "missing");
     // "xml:FILE" or "xml:FOLDER/"; other kinds are GoogleTest's own.
@@ -272,14 +356,20 @@ int runSuite(SuiteOptions options, const DecodeFunction& decode) {
     }
     constexpr char kStatus[] = "GTEST_SHARD_STATUS_FILE";
     if (!variable(kStatus).empty()) writeTextFile(kStatus, variable(kStatus), "");
+    // They take the place of older ones before anything runs, or can fail to.
+    for (const Failure& failure : writeReports(options.reports, suite)) throw failure;
+    if (!options.output.empty()) makeFolder("--output", fs::path(options.output) / suite.name);
     const int signal = SuiteRun(options, decode, &suite).run();
     const Sums sums = suite.sums();
-    const std::string word = verdictOf(sums, signal, anySelected);
-    std::printf("%sverdict: %s passed=%zu failed=%zu errors=%zu skipped=%zu\n",
-                profileTable(suite).c_str(), word.c_str(), sums.of[Vector::SUCCESS],
-                sums.of[Vector::FAIL], sums.errors(), sums.skipped());
-    std::fflush(stdout);
-    return exitCode(word);
+    std::string word = verdictOf(sums, signal, anySelected);
+    for (const Failure& failure : writeReports(options.reports, suite)) {
+        console::line(failure.what());
+        word = "NO_REPORT";
+    }
+    const std::string verdict = concat("verdict: ", word, " passed=", sums.of[Vector::SUCCESS],
+                                       " failed=", sums.of[Vector::FAIL], " errors=", sums.errors(),
+                                       " skipped=", sums.skipped(), "\n");
+    return exitCode(console::result(profileTable(suite) + verdict) ? word : kNoResult);
 }
 
 }  // namespace vxrun
