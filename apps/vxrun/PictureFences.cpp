@@ -1,5 +1,7 @@
 #include "PictureFences.h"
 
+#include "Pool.h"
+
 #include <VXBuffer_xc2.h>
 
 namespace vxrun {
@@ -25,11 +27,9 @@ std::shared_ptr<VXBuffer> PictureFences::add(const std::shared_ptr<VXBuffer>& bu
     const Pending& pending = mPending.emplace_back(Pending{buffer, stream, {}});
     // A buffer takes its fence when it is made, and the pool has made this one before.
     block->buffer->setFence(std::make_shared<C2Fence>(pending.fence.fence()));
-    const auto letGo = [buffer](VXBuffer* made) { delete made; };
-    std::shared_ptr<VXBuffer> fenced(new VXGraphicBuffer_XC2(block->buffer, buffer->isSecure()),
-                                     letGo);
+    auto fenced = std::make_unique<VXGraphicBuffer_XC2>(block->buffer, buffer->isSecure());
     fenced->setFilledRange(buffer->offset(), buffer->size());
-    return fenced;
+    return Pool::share(buffer, std::move(fenced));
 }
 
 void PictureFences::fireNext() {

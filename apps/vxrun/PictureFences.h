@@ -18,8 +18,8 @@ public:
     // What has not fired by now never will; whoever waits for it is told.
     ~PictureFences();
 
-    // The buffer to hand out in place of `buffer`, whose memory it shares: a picture with a fence.
-    // Anything but a picture of the Codec 2.0 allocator knows no fences and comes back as it is.
+    // The buffer to hand out in place of `buffer`, one of a pool, whose memory it shares: a picture with a
+    // fence. Anything but a picture of the Codec 2.0 allocator knows no fences and comes back as it is.
     std::shared_ptr<vexa::VXBuffer> add(const std::shared_ptr<vexa::VXBuffer>& buffer,
                                         const StreamInfo& stream);
     // Finishes the next picture and fires its fence.

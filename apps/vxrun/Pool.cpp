@@ -19,28 +19,45 @@ void traceFree(const PoolRecord& record) {
 
 }  // namespace
 
-// What is done when the last holder drops a buffer.
-struct Pool::GiveBack {
-    std::shared_ptr<Pool> pool;
-    std::shared_ptr<VXBuffer> held;
-    std::shared_ptr<VXBuffer::Mapping> mapping;
-
-    void operator()(VXBuffer*) {
+// A buffer that is out. Its end, when the last holder drops it, gives the buffer back.
+struct Pool::Lease {
+    ~Lease() {
         pool->mRecord.gotBack();  // first: once it is back, the node may take it
         traceFree(pool->mRecord);
         held.reset();
         if (pool->mWanted.exchange(false)) pool->mOnFree();
     }
+
+    std::shared_ptr<Pool> pool;
+    std::shared_ptr<VXBuffer> held;
+    std::shared_ptr<VXBuffer::Mapping> mapping;
 };
 
+// What the shared pointers to a buffer that is out have for a deleter.
+struct Pool::Owner {
+    void operator()(VXBuffer*) {
+        other.reset();
+        lease.reset();
+    }
+
+    std::shared_ptr<Lease> lease;
+    std::shared_ptr<VXBuffer> other;  // the buffer itself where it is not the lease's
+};
+
+std::shared_ptr<VXBuffer> Pool::share(const std::shared_ptr<VXBuffer>& buffer,
+                                      std::unique_ptr<VXBuffer> other) {
+    VXBuffer* const raw = other.get();
+    return {raw, Owner{std::get_deleter<Owner>(buffer)->lease, std::move(other)}};
+}
+
 PoolRecord* Pool::recordOf(const std::shared_ptr<VXBuffer>& buffer) {
-    const auto* const giveBack = std::get_deleter<GiveBack>(buffer);
-    return giveBack != nullptr ? &giveBack->pool->mRecord : nullptr;
+    const auto* const owner = std::get_deleter<Owner>(buffer);
+    return owner != nullptr ? &owner->lease->pool->mRecord : nullptr;
 }
 
 std::shared_ptr<VXBuffer::Mapping> Pool::mappingOf(const std::shared_ptr<VXBuffer>& buffer) {
-    const auto* const giveBack = std::get_deleter<GiveBack>(buffer);
-    return giveBack != nullptr ? giveBack->mapping : buffer->map();
+    const auto* const owner = std::get_deleter<Owner>(buffer);
+    return owner != nullptr ? owner->lease->mapping : buffer->map();
 }
 
 std::shared_ptr<Pool> Pool::make(const std::string& allocator, const PictureFormat& format,
@@ -88,8 +105,9 @@ VXError Pool::take(std::shared_ptr<VXBuffer>* buffer) {
     traceFree(mRecord);
 
     VXBuffer* const raw = taken.get();
-    *buffer = std::shared_ptr<VXBuffer>(
-        raw, GiveBack{shared_from_this(), std::move(taken), made->second});
+    const std::shared_ptr<Lease> lease(
+        new Lease{shared_from_this(), std::move(taken), made->second});
+    *buffer = std::shared_ptr<VXBuffer>(raw, Owner{lease, nullptr});
     return VX_OK;
 }
 

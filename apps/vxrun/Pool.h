@@ -35,6 +35,11 @@ public:
     //   VX_NO_MEMORY     the allocator has no memory
     vexa::VXError fetch(std::shared_ptr<vexa::VXBuffer>* buffer);
 
+    // `other`, a buffer that shares the memory of `buffer`, as one that came from the same pool: it counts as
+    // out until both are let go.
+    static std::shared_ptr<vexa::VXBuffer> share(const std::shared_ptr<vexa::VXBuffer>& buffer,
+                                                 std::unique_ptr<vexa::VXBuffer> other);
+
     // The record of the pool that `buffer` came from; null for one of no pool.
     static PoolRecord* recordOf(const std::shared_ptr<vexa::VXBuffer>& buffer);
     // The buffer's memory for the processor. A buffer of a pool is mapped once and stays so: to map a
@@ -43,7 +48,8 @@ public:
         const std::shared_ptr<vexa::VXBuffer>& buffer);
 
 private:
-    struct GiveBack;
+    struct Lease;
+    struct Owner;
 
     Pool(const PictureFormat& format, PoolRecord& record, std::function<void()> onFree)
         : mFormat(format), mRecord(record), mOnFree(std::move(onFree)) {}
