@@ -62,7 +62,8 @@ TEST_F(VxrunObserved, EveryWayToEnd) {
     writeFile(path("long.framemd5"), list + lastRow);
     writeFile(path("alpha.y4m"), "YUV4MPEG2 W6 H4 C444alpha\n");
     const int writer = makePipe("");
-    const std::vector<std::string> endless = {"reader.file=/dev/zero", "check.expect="};
+    const std::string text = contentOf(endless());
+    writeFile(path("endless.json"), text);
     struct Case {
         const char *what, *by;             // in the graph
         std::vector<std::string> configs;  // to set
@@ -72,13 +73,13 @@ TEST_F(VxrunObserved, EveryWayToEnd) {
         const char* snapshot = nullptr;  // the reason of one
         int signal = 0;
     };
-    const char *const type = "source/y4m", *const blocks = "source/file";
+    const char* const kEndless = nullptr;
     const Case cases[] = {
         {"", "", {}, "PASS", 0},
         {"", "", {"check.expect=" + path("bad.framemd5")}, "CRC_MISMATCH", 1},
         {"", "", {"check.expect=" + path("short.framemd5")}, "CRC_MISMATCH", 1},
         {"", "", {"check.expect=" + path("long.framemd5")}, "CRC_MISMATCH", 1},
-        {"", "", {"check.expect="}, "NOTHING_CHECKED", 4},
+        {"\"configs\": { \"expect\": \"clip.framemd5\" },", "", {}, "NOTHING_CHECKED", 4},
         {"", "", {"reader.file=" + path("cut.y4m")}, "NODE_FAIL_FATAL", 3, {}, "error"},
         {"", "", {"reader.file=" + path("none")}, "NODE_FAIL_INIT", 3},
         {"", "", {"check.write=" + path("none/list")}, "NODE_FAIL_START", 3},
@@ -89,14 +90,14 @@ TEST_F(VxrunObserved, EveryWayToEnd) {
         {"", "", {}, "BAD_OPTION", 2, {"--nosuch"}},
         {"", "", {"reader.file=" + path("pipe")}, "STALL", 124, {"--stall", "0.3"}, "stall"},
         {"", "", {"reader.file=" + path("pipe")}, "TIMEOUT", 124, {"--timeout", "0.3"}, "timeout"},
-        {type, blocks, endless, "TIMEOUT", 124, {"--timeout", "0.3", "--stall", "0"}, "timeout"},
-        {type, blocks, endless, "SIGINT", 130, {}, nullptr, SIGINT},
-        {type, blocks, endless, "SIGTERM", 143, {}, nullptr, SIGTERM},
+        {kEndless, "", {}, "TIMEOUT", 124, {"--timeout", "0.3", "--stall", "0"}, "timeout"},
+        {kEndless, "", {}, "SIGINT", 130, {}, nullptr, SIGINT},
+        {kEndless, "", {}, "SIGTERM", 143, {}, nullptr, SIGTERM},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.verdict + " " + (c.configs.empty() ? c.what : c.configs.front()));
+        SCOPED_TRACE(c.verdict + " " + (c.configs.empty() ? "" : c.configs.front()));
         std::vector<std::string> command = {
-            VXRUN_BINARY, graph("linear", c.what, c.by),
+            VXRUN_BINARY, c.what == kEndless ? path("endless.json") : graph("linear", c.what, c.by),
             "--log",      "8",
             "--dot",      path("dots" + std::to_string(&c - cases))};
         command.insert(command.end(), c.options.begin(), c.options.end());
@@ -110,7 +111,7 @@ TEST_F(VxrunObserved, EveryWayToEnd) {
         }
         EXPECT_EQ(process.wait(), c.exit) << process.err;
         EXPECT_EQ(process.out.rfind("verdict: " + c.verdict + " frames=", 0), 0u) << process.out;
-        if (c.configs == endless) {
+        if (c.what == kEndless) {
             EXPECT_NE(process.err.find("Handle Stop"), std::string::npos) << process.err;
             EXPECT_EQ(process.err.find("the graph does not stop"), std::string::npos);
         }
@@ -144,10 +145,11 @@ TEST_F(VxrunObserved, SnapshotsOnRequest) {
     makeClip();
     const int writer = makePipe(frameAndAHalf());
     const std::string dots = path("new/dots");
-    Process process({VXRUN_BINARY,
-                     graph("linear", "\"name\": \"linear\"", "\"name\": \"a\\\"\\\\\""), "--stall",
-                     "0", "--dot", dots, "--set", "reader.file=" + path("pipe"), "--set",
-                     "check.expect=", "--log", "8"});
+    const std::string named = replaced(contentOf(unchecked("linear")), "\"name\": \"linear\"",
+                                       R"("name": "a\"\\\u001b")");
+    writeFile(path("graph.json"), replaced(named, "\"copy\"", R"("copy\nprogress=end\u009b")"));
+    Process process({VXRUN_BINARY, path("graph.json"), "--stall", "0", "--dot", dots, "--progress",
+                     path("progress"), "--set", "reader.file=" + path("pipe"), "--log", "8"});
     ASSERT_TRUE(process.waitForError("Wait for completion")) << process.err;
     ASSERT_TRUE(askUntil(process,
                          "  node 'check': running, 1 frames; pending 0, downstream 0 of 3; "
@@ -157,6 +159,15 @@ TEST_F(VxrunObserved, SnapshotsOnRequest) {
         << process.err;
     EXPECT_TRUE(askUntil(process, "  pool of 'reader': free 7, out 1, on the way 1\n"))
         << process.err;
+    // A name that would end a line or control a terminal is shown, not obeyed.
+    const std::string copy = R"(copy\nprogress=end\xc2\x9b)",
+                      block = "\nnode." + copy + ".queued=0\n";
+    EXPECT_TRUE(askUntil(process, "  node '" + copy + "': running, ")) << process.err;
+    const auto hasBlock = [&] {
+        return contentOf(path("progress")).find(block) != std::string::npos;
+    };
+    for (const auto end = Clock::now() + kLimit; Clock::now() < end && !hasBlock();) continue;
+    EXPECT_TRUE(hasBlock());
     const std::string rest(36, 'x');
     EXPECT_EQ(write(writer, rest.data(), rest.size()), ssize_t(rest.size()));
     close(writer);
@@ -191,6 +202,45 @@ TEST_F(VxrunObserved, EarlyRequestsDoNoHarm) {
     EXPECT_EQ(process.wait(), 0) << process.err;
 }
 
+// A pipe that is full and is not read. Its ends are closed with the test program.
+int fullPipe() {
+    int ends[2];
+    EXPECT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    const std::string chunk(4096, 'x');
+    while (write(ends[1], chunk.data(), chunk.size()) > 0) continue;
+    EXPECT_EQ(fcntl(ends[1], F_SETFL, 0), 0);
+    return ends[1];
+}
+
+// Catches: a pipe that is not read and holds up a run and its watchdog, so that neither limits nor signals
+// end it.
+TEST_F(VxrunObserved, UnreadPipesDoNotHoldUpTheEnd) {
+    const std::string file = endless(), pipe = std::to_string(fullPipe());
+    struct Case {
+        std::string setup;
+        std::vector<std::string> options;
+        int exit;
+    };
+    const Case cases[] = {
+        {"exec \"$@\"", {"--progress", pipe, "--timeout", "0.5"}, 124},
+        {"exec \"$@\" 2>&" + pipe, {"--timeout", "0.5"}, 124},
+        {"exec \"$@\" 2>&" + pipe, {"--timeout", "0.5", "--log", "1f"}, 124},
+        {"exec \"$@\" >&" + pipe, {"--timeout", "0.5", "--set", "check.print_md5=true"}, 124},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        std::vector<std::string> arguments = {file};
+        arguments.insert(arguments.end(), c.options.begin(), c.options.end());
+        EXPECT_EQ(vxrunIn(c.setup, arguments).exit, c.exit);
+    }
+    Process stopped({"sh", "-c", "echo >&2; exec \"$@\" 2>&" + pipe, "sh", VXRUN_BINARY, file});
+    ASSERT_TRUE(stopped.waitForError("\n"));
+    for (const auto end = Clock::now() + kLimit; Clock::now() < end && !stopped.ended();) {
+        stopped.kill(SIGTERM);
+    }
+    EXPECT_NE(stopped.wait(), -1000);
+}
+
 // Catches: a block without a key, with a wrong count or not at the end; output behind the verdict.
 TEST_F(VxrunObserved, WritesProgress) {
     makeClip();
@@ -221,8 +271,8 @@ TEST_F(VxrunObserved, WritesProgress) {
     }
 }
 
-// Catches: a trace that is no JSON, after a kill, too; events that are lost, have no counterpart, or
-// overlap in one row.
+// Catches: a trace that is no JSON, from its start, after a kill and on a full disk, which has to be told;
+// events that are lost, have no counterpart, or overlap in one row.
 TEST_F(VxrunObserved, WritesTraces) {
     makeClip();
     EXPECT_EQ(vxrun({graph("fanout"), "--trace", path("trace")}).exit, 0);
@@ -249,9 +299,28 @@ TEST_F(VxrunObserved, WritesTraces) {
     EXPECT_EQ(counts["M thread_name"], static_cast<int>(ends.size()));
     EXPECT_EQ(counts["C pool.reader"], 8);
 
-    Process killed({VXRUN_BINARY, graph("linear", "source/y4m", "source/file"), "--trace",
-                    path("killed"), "--set", "reader.file=/dev/zero", "--set",
-                    "check.expect=", "--log", "8"});
+    writeFile(path("long.y4m"), y4m("W6 H4", 36, 1000));
+    ASSERT_EQ(vxrun({unchecked("linear"), "--set", "reader.file=" + path("long.y4m"), "--set",
+                     "check.write=" + path("list")})
+                  .exit,
+              4);
+    const Result full =
+        vxrunIn("ulimit -f 128; exec \"$@\"",  // blocks of 512 bytes
+                {graph("linear"), "--trace", path("full"), "--set",
+                 "reader.file=" + path("long.y4m"), "--set", "check.expect=" + path("list")});
+    EXPECT_EQ(full.exit, 3);
+    EXPECT_EQ(full.out, "verdict: NOT_WRITTEN frames=1000 checked=1000 first_bad=-\n");
+    EXPECT_EQ(full.err.rfind("vxrun: --trace: " + path("full") + ": ", 0), 0u) << full.err;
+    EXPECT_GT(Json::parse(contentOf(path("full")), nullptr, false).size(), 100u);
+
+    const int writer = makePipe("");
+    Process early({VXRUN_BINARY, graph("linear"), "--trace", path("early"), "--set",
+                   "reader.file=" + path("pipe"), "--log", "8"});
+    ASSERT_TRUE(early.waitForError("Builder: Build graph")) << early.err;
+    EXPECT_TRUE(Json::parse(contentOf(path("early")), nullptr, false).is_array());
+    close(writer);
+
+    Process killed({VXRUN_BINARY, endless(), "--trace", path("killed"), "--log", "8"});
     ASSERT_TRUE(killed.waitForError("mDownstreamWorksTracker.size(1)")) << killed.err;
     for (int i = 0; i < 2;
          ++i) {  // the second snapshot comes after the first one's events are written
@@ -319,6 +388,30 @@ TEST_F(VxrunObserved, ChecksTellEverything) {
     EXPECT_EQ(result.out, "check: mistakes=" + std::to_string(std::size(mistakes)) + "\n")
         << result.err;
     EXPECT_EQ(vxrun({"check", path("none")}).exit, 2);
+
+    // What an option sets counts, and what could not fail does not.
+    struct Case {
+        const char *graph, *set, *line;
+    };
+    const Case cases[] = {
+        {"compare", "compare.tolerance=65535", "expected a number from 0 to 65534, got '65535'"},
+        {"compare", "compare.psnr=1e-300", "expected a number from 1 to 108, got '1e-300'"},
+        {"compare", "compare.ssim=nan", "expected a number from 0.01 to 1, got 'nan'"},
+        {"linear", "check.expect=", "config 'expect': expected the name of a file, got ''"},
+        {"linear", "nosuch.key=1", "the graph has no node 'nosuch'"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.set);
+        const std::string file = std::string(VXRUN_GRAPHS_DIR "/") + c.graph + ".json";
+        const Result checked = vxrun({"check", file, "--set", c.set});
+        EXPECT_EQ(checked.exit, 2);
+        EXPECT_NE(checked.err.find(c.line), std::string::npos) << checked.err;
+    }
+    const std::string shipped = VXRUN_GRAPHS_DIR "/compare.json";
+    EXPECT_EQ(vxrun({"check", shipped, "--set", "compare.psnr=30"}).exit, 0);
+    const Result both =
+        vxrun({"check", shipped, "--set", "compare.psnr=30", "--set", "compare.ssim=1"});
+    EXPECT_NE(both.err.find("configs 'psnr' and 'ssim' exclude each other"), std::string::npos);
 }
 
 // Catches: a pool that is called too small and is not, or the other way round; a stalled run that does
@@ -330,10 +423,14 @@ TEST_F(VxrunObserved, ChecksKnowWhatCannotMove) {
         const std::string file = graph("linear", "\"transform/passthrough\"",
                                        "\"transform/delay\", \"configs\": { \"frames\": " +
                                            std::string(moves ? "7" : "8") + " }");
+        const std::string text = contentOf(file);
         const Result checked = vxrun({"check", file});
-        const Result ran = vxrun({file, "--set", "check.expect=", "--stall", moves ? "0" : "1"});
+        ASSERT_EQ(vxrun({unchecked("linear"), "--set", "check.write=" + path("list")}).exit, 4);
+        writeFile(path("graph.json"), text);
+        const Result ran =
+            vxrun({file, "--set", "check.expect=" + path("list"), "--stall", moves ? "0" : "1"});
         EXPECT_EQ(checked.out, moves ? "check: mistakes=0\n" : "check: mistakes=1\n");
-        EXPECT_EQ(ran.exit, moves ? 4 : 124) << ran.err;
+        EXPECT_EQ(ran.exit, moves ? 0 : 124) << ran.err;
         if (moves) continue;
         EXPECT_NE(
             checked.err.find("graph.json:4:5: nodes[0]: a pool of 8 buffers, of which the nodes "

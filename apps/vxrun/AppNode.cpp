@@ -48,8 +48,14 @@ const ConfigKey* NodeType::find(const std::string& key) const {
     return nullptr;
 }
 
+const ConfigKey& NodeType::declared(const std::string& key) const {
+    const ConfigKey* const config = find(key);
+    if (config == nullptr) throw Failure("a " + name + " declares no config '" + key + "'");
+    return *config;
+}
+
 uint64_t NodeType::number(const std::string& key, const std::string& text) const {
-    const ConfigKind& value = find(key)->value;
+    const ConfigKind& value = declared(key).value;
     try {
         return text.empty() ? value.preset : parseNumber(text, value.low, value.high);
     } catch (const Failure&) {
@@ -58,7 +64,7 @@ uint64_t NodeType::number(const std::string& key, const std::string& text) const
 }
 
 std::string configOf(const VXNodeDescriptor& node, const std::string& key) {
-    const auto config = node.configs.find(key);
+    const auto config = node.configs.find(findNodeType(node.type)->declared(key).name);
     return config != node.configs.end() ? config->second : "";
 }
 
@@ -70,14 +76,18 @@ static bool isAllocator(const std::string& name) {
     return name == "dmabuf" || name == "xcodec2";
 }
 
-// What is wrong with the value of a config that was given; empty when nothing is.
+// What is wrong with the value of a config that was given; empty when nothing is. An empty value counts as
+// not given, but not that of a file: a variable that is not set must not drop a check or an output.
 static std::string mistakeOf(const ConfigKey& config, const std::string& text) {
-    if (config.value.kind == ConfigKind::NUMBER) {
-        try {
-            parseNumber(text, config.value.low, config.value.high);
-        } catch (const Failure& failure) {
-            return failure.what();
-        }
+    if (text.empty()) {
+        return config.value.kind == ConfigKind::FILE ? "expected the name of a file, got ''" : "";
+    }
+    try {
+        const ConfigKind& value = config.value;
+        if (value.kind == ConfigKind::NUMBER) parseNumber(text, value.low, value.high);
+        if (value.kind == ConfigKind::REAL) parseReal(text, value.least, value.most);
+    } catch (const Failure& failure) {
+        return failure.what();
     }
     if (config.value.kind == ConfigKind::FLAG && text != "true" && text != "false") {
         return "expected true or false, got " + quote(text);
@@ -121,10 +131,19 @@ std::vector<std::pair<std::string, std::string>> mistakesOf(const NodeType& type
     };
     checkCount("input", type.inputs, node.inputPorts.size());
     checkCount("output", type.outputs, node.outputPorts.size());
+    std::string alone;  // the config that excludes others
     for (const auto& [key, value] : node.configs) {
         const ConfigKey* const config = type.find(key);
         if (config != nullptr) {
-            const std::string mistake = value.empty() ? "" : mistakeOf(*config, value);
+            if (config->alone && !value.empty()) {
+                if (!alone.empty()) {
+                    const auto& [first, second] = std::minmax(alone, key);
+                    mistakes.emplace_back(
+                        key, concat("configs '", first, "' and '", second, "' exclude each other"));
+                }
+                alone = key;
+            }
+            const std::string mistake = mistakeOf(*config, value);
             if (!mistake.empty()) {
                 mistakes.emplace_back(key, concat("config '", key, "': ", mistake));
             }
@@ -310,7 +329,7 @@ void AppNode::failCheck(VexaError error, const std::string& text) {
 
 std::string AppNode::config(const std::string& key) {
     std::string value;
-    getInitConfig(key, &value);
+    getInitConfig(mType.declared(key).name, &value);
     return value;
 }
 

@@ -23,8 +23,9 @@ namespace vxrun {
 
 // What the value of a config is.
 struct ConfigKind {
-    enum Kind { TEXT, FILE, FLAG, NUMBER } kind;
+    enum Kind { TEXT, FILE, FLAG, NUMBER, REAL } kind;
     uint64_t low = 0, high = 0, preset = 0;  // of a number
+    double least = 0, most = 0;              // of a real one
 };
 constexpr ConfigKind kText = {ConfigKind::TEXT};
 constexpr ConfigKind kFile = {ConfigKind::FILE};
@@ -32,11 +33,15 @@ constexpr ConfigKind kFlag = {ConfigKind::FLAG};  // true or false
 constexpr ConfigKind number(uint64_t low, uint64_t high, uint64_t preset) {
     return {ConfigKind::NUMBER, low, high, preset};
 }
+constexpr ConfigKind real(double least, double most) {
+    return {ConfigKind::REAL, 0, 0, 0, least, most};
+}
 
 struct ConfigKey {
     std::string name;
     ConfigKind value;
     std::string help;
+    bool alone = false;  // excludes the others that are marked so
 };
 
 // A per-frame entry that a node type takes: a number in [low, high].
@@ -75,8 +80,10 @@ struct NodeType {
 
     // The config `key`; null when the type does not know it.
     const ConfigKey* find(const std::string& key) const;
+    // The same for code that reads its own configs; a Failure for a key that the type has not declared.
+    const ConfigKey& declared(const std::string& key) const;
     // The value of the config `key`, a number, given as `text`. Its preset where that is empty or, which is
-    // mistakesOf()'s to tell, no good.
+    // mistakesOf()'s to report, out of range.
     uint64_t number(const std::string& key, const std::string& text) const;
 };
 
@@ -151,7 +158,8 @@ protected:
 
     // Takes the configs and opens files. The ports exist.
     virtual void open() {}
-    // Makes the files that the node writes: a graph that cannot be built leaves none. Before any process().
+    // Makes the files that the node writes: a graph that cannot be built leaves none. Before any process()
+    // of a node without outputs; one that has some may be processing already.
     virtual void begin() {}
     virtual void process(const SharedWorks& inputs) = 0;
     // What wakeUp() asked for; here: the fence that fenced() has made first fires.
@@ -174,9 +182,10 @@ protected:
     std::shared_ptr<vexa::VXBuffer> fenced(std::shared_ptr<vexa::VXBuffer> buffer,
                                            const vexa::VXFrameInfo& frame);
 
-    // A config's value; empty when it was not given. Numbers and flags are what the type says of them.
+    // A config's value; empty when it was not given. Numbers and flags are what the type says of them. A
+    // Failure for a key that the type has not declared.
     std::string config(const std::string& key);
-    // The same; a Failure when it was not given.
+    // The same; a Failure when it was not given, too.
     std::string requiredConfig(const std::string& key);
     uint64_t numberConfig(const std::string& key) { return mType.number(key, config(key)); }
     bool flagConfig(const std::string& key) { return config(key) == "true"; }
@@ -222,8 +231,8 @@ private:
     Works mOutputs;  // of the process() that runs. [event thread]
     bool mBeforeFence = false;
     PictureFences mFences;
-    uint64_t mTraced = 0;  // frames that the trace has a span for  [event thread]
-    bool mBroken = false;  // a process() or wake() has failed  [event thread]
+    uint64_t mTraced = 0;              // frames that the trace has a span for  [event thread]
+    std::atomic<bool> mBroken{false};  // a hook has failed; the others do nothing any more
 };
 
 // Sink: a node that takes frames and gives none. Reports completion after the last frame.

@@ -1,5 +1,6 @@
 #include "BadFrames.h"
 
+#include "Console.h"
 #include "Failure.h"
 #include "Files.h"
 #include "FrameDiff.h"
@@ -54,7 +55,7 @@ void writePng(const std::string& path, const AVFrame& picture) {
     writeFile(path, packet->data, static_cast<size_t>(packet->size));
 }
 
-void write(const std::string& path, const Payload& payload) {
+void writeFrame(const std::string& path, const Payload& payload) {
     OutputFile raw(path + ".raw");
     payload.forEachRow([&](const uint8_t* row, size_t bytes) { raw.write(row, bytes); });
     raw.commit();
@@ -64,7 +65,7 @@ void write(const std::string& path, const Payload& payload) {
 }  // namespace
 
 BadFrames::BadFrames(const std::string& folder, uint64_t limit, const std::string& node)
-    : mStem(folder + "/" + fileNameOf(node)), mLeft(folder.empty() ? 0 : limit) {
+    : mNode(node), mStem(folder + "/" + fileNameOf(node)), mLeft(folder.empty() ? 0 : limit) {
     if (folder.empty()) return;
     std::error_code error;
     std::filesystem::create_directories(folder, error);
@@ -81,11 +82,20 @@ BadFrames::BadFrames(const std::string& folder, uint64_t limit, const std::strin
 void BadFrames::add(uint64_t frame, const Payload& got, const Payload* wanted) {
     if (mLeft == 0) return;
     --mLeft;
+    try {
+        write(frame, got, wanted);
+    } catch (const Failure& failure) {
+        console::line("vxrun: node '" + mNode + "': no more frames are dumped: " + failure.what());
+        mLeft = 0;
+    }
+}
+
+void BadFrames::write(uint64_t frame, const Payload& got, const Payload* wanted) const {
     char number[32];
     std::snprintf(number, sizeof number, ".frame%06llu.", static_cast<unsigned long long>(frame));
-    write(mStem + number + "got", got);
+    writeFrame(mStem + number + "got", got);
     if (wanted == nullptr) return;
-    write(mStem + number + "wanted", *wanted);
+    writeFrame(mStem + number + "wanted", *wanted);
     const std::vector<uint8_t> difference = FrameDiff(got, *wanted, 0).picture();
     if (difference.empty() || !got.isPicture()) return;
     writeFile(mStem + number + "diff.raw", difference.data(), difference.size());

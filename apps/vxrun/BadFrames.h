@@ -19,11 +19,14 @@ public:
     // Makes the folder; a Failure when that is not possible. An empty name: nothing is ever written.
     BadFrames(const std::string& folder, uint64_t limit, const std::string& node);
 
-    // Writes one frame, unless `limit` frames have been written. `wanted` may be null. A Failure
-    // names the file that cannot be written.
+    // Writes one frame, unless `limit` frames have been written. `wanted` may be null. A file that cannot
+    // be written is an error line, and the last: the verdict is the comparison's.
     void add(uint64_t frame, const Payload& got, const Payload* wanted);
 
 private:
+    void write(uint64_t frame, const Payload& got, const Payload* wanted) const;
+
+    const std::string mNode;
     const std::string mStem;  // of all files
     uint64_t mLeft;           // frames still to be written
 };

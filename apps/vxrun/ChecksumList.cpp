@@ -61,20 +61,41 @@ ChecksumRow parseRow(const std::string& line) {
     return {size, hash};
 }
 
-// The first MD5 in a line of text, in lower case: "hash *file", "hash  file", "MD5 (file) = hash",
-// "MD5=hash" or the bare hash, with one digit too many if need be. Empty in any other line.
+// Whether `word`, in lower case, is an MD5, with one digit too many if need be.
+bool isMd5(const std::string& word) {
+    return word.size() / 2 == kMd5Size && word.find_first_not_of("0123456789abcdef") == word.npos;
+}
+
+// Whether `word`, in lower case, was meant to be a hash: half an MD5 or more in hexadecimal, but for a
+// damaged character or two. A number, which has no letters, was not.
+bool looksLikeHash(const std::string& word) {
+    size_t digits = 0, letters = 0, others = 0;
+    for (const char c : word) {
+        ++(c >= '0' && c <= '9' ? digits : c >= 'a' && c <= 'f' ? letters : others);
+    }
+    return digits > 0 && letters > 0 && digits + letters + others >= kMd5Size && others <= 2 &&
+           (others == 0 || word.size() >= 2 * kMd5Size - 4);
+}
+
+// The MD5 in a line of text, in lower case: "hash *file", "hash  file", "MD5 (file) = hash", "MD5=hash" or
+// the bare hash. Empty in a line of other text. A Failure for two, and for a damaged one: taken for a
+// remark, it would drop a frame from the comparison.
 std::string findMd5(const std::string& line) {
-    std::string word;
+    std::string found, word;
     for (const char c : lowerCase(line) + " ") {
         if (std::isalnum(static_cast<unsigned char>(c))) {
             word += c;
             continue;
         }
-        const bool hex = word.find_first_not_of("0123456789abcdef") == word.npos;
-        if (hex && word.size() / 2 == kMd5Size) return word;
+        if (isMd5(word)) {
+            if (!found.empty()) throw Failure("more than one MD5 in the line " + quote(line));
+            found = word;
+        } else if (looksLikeHash(word)) {
+            throw Failure("expected an MD5 of 32 digits, got " + quote(word));
+        }
         word.clear();
     }
-    return {};
+    return found;
 }
 
 // Lines of any kind of list but JSON. In what is no table of FFmpeg's, lines without an MD5 are taken
@@ -88,9 +109,13 @@ ChecksumList parseLines(const std::string& path, const std::string& text) {
     size_t number = 0;
     for (std::string line; std::getline(lines, line);) {
         ++number;
-        const size_t start = line.find_first_not_of(" \t\r");
-        if (start == std::string::npos || line[start] == '#' || line[start] == ';') continue;
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        const size_t start = line.find_first_not_of(" \t");
         try {
+            if (line.find('\r') != line.npos) {
+                throw Failure("a carriage return within a line; lines end with LF or CR LF");
+            }
+            if (start == std::string::npos || line[start] == '#' || line[start] == ';') continue;
             if (list.rows.empty() && line.find(',') != line.npos) isTable = true;
             const ChecksumRow row = isTable ? parseRow(line) : ChecksumRow{0, findMd5(line)};
             if (row.hash.empty()) continue;
@@ -115,12 +140,12 @@ ChecksumList parseLines(const std::string& path, const std::string& text) {
 }
 
 ChecksumList readJson(const std::string& path) {
-    const JsonDocument document(path, "list");
+    const JsonDocument document(path, "list", kMaxListSize);
     ChecksumList list = {ChecksumFormat::JSON, {}};
     const JsonValue& sums = document.member(document.root(), "md5_checksums", JsonValue::ARRAY);
     for (const JsonValue& sum : sums.items) {
-        const std::string hash = findMd5(document.expect(sum, JsonValue::STRING).text);
-        if (hash.empty()) document.fail(sum, "expected an MD5, got " + quote(sum.text));
+        const std::string hash = lowerCase(document.expect(sum, JsonValue::STRING).text);
+        if (!isMd5(hash)) document.fail(sum, "expected an MD5, got " + quote(sum.text));
         if (hash == kMd5OfNothing) document.fail(sum, "the MD5 of no data");
         list.rows.push_back({0, hash});
     }

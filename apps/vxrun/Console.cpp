@@ -3,24 +3,42 @@
 #include "Failure.h"
 #include "Text.h"
 
-#include <unistd.h>
-
 #include <cerrno>
-#include <cstdio>
+#include <mutex>
+#include <optional>
 
 namespace vxrun::console {
 namespace {
 
 bool sQuiet = false;
 std::string sColor = "auto";
+// Standard output and error. One that is not read holds up only those that write there.
+struct Way {
+    std::timed_mutex lock;
+    std::optional<Outlet> outlet;  // guarded by lock
+} sWays[2];
 
 bool onTerminal() {
     return isatty(STDERR_FILENO) == 1;
 }
 
+// See Outlet::write(). `fd` is standard output or error.
+bool write(int fd, const std::string& text, std::chrono::milliseconds patience) {
+    Way& way = sWays[fd - STDOUT_FILENO];
+    std::unique_lock<std::timed_mutex> lock(way.lock, std::defer_lock);
+    if (patience == Outlet::kForever) {
+        lock.lock();
+    } else if (!lock.try_lock_for(patience)) {
+        errno = EAGAIN;
+        return false;
+    }
+    if (!way.outlet) way.outlet.emplace(fd);
+    return way.outlet->write(text, patience);
+}
+
 void print(const std::string& text) {
-    // Nothing sensible can be done when standard error is gone.
-    if (sQuiet || write(STDERR_FILENO, text.data(), text.size()) < 0) return;
+    constexpr std::chrono::seconds kPatience(3);
+    if (!sQuiet) write(STDERR_FILENO, text, kPatience);  // nothing can be done when that is lost
 }
 
 bool hasColor(int fd) {
@@ -36,6 +54,7 @@ bool hasColor(int fd) {
 void set(bool quiet, const std::string& color) {
     sQuiet = quiet;
     sColor = color;
+    for (Way& way : sWays) way.outlet.reset();
 }
 
 std::string painted(const std::string& text, bool good, int fd) {
@@ -43,9 +62,7 @@ std::string painted(const std::string& text, bool good, int fd) {
 }
 
 void line(const std::string& text) {
-    std::string clean;
-    for (const char c : text) clean += static_cast<unsigned char>(c) < ' ' ? '?' : c;
-    note(painted(clean, false, STDERR_FILENO));
+    note(painted(printable(text), false, STDERR_FILENO));
 }
 
 void note(const std::string& text) {
@@ -60,11 +77,10 @@ void progress(const std::string& text) {
     if (showsProgress()) print("\r" + text + "\033[K");
 }
 
-bool result(const std::string& text) {
-    const bool isOut =
-        std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
-    if (!isOut) line("vxrun: standard output: " + errnoText(errno));
-    return isOut;
+bool result(const std::string& text, int fd, std::chrono::milliseconds patience) {
+    if (write(fd, text, patience)) return true;
+    line("vxrun: standard output: " + (errno == EAGAIN ? "it is not read" : errnoText(errno)));
+    return false;
 }
 
 }  // namespace vxrun::console

@@ -25,7 +25,11 @@ int exitCode(const std::string& verdict) {
     for (const auto& [code, verdicts] : codes) {
         if (verdicts.count(verdict) > 0) return code;
     }
-    return 3;  // could not run: the library's other names
+    return 3;  // could not run: kNotWritten and the library's other names
+}
+
+int printResult(const std::string& text, int code, int out, std::chrono::milliseconds patience) {
+    return console::result(text, out, patience) || code != 0 ? code : exitCode(kNotWritten);
 }
 
 NodeRecord& Evidence::addNode(vexa::VXNode& node, const std::string& name,
@@ -52,14 +56,15 @@ PoolRecord& Evidence::addPool(const std::string& name, size_t slots) {
 
 bool Evidence::fail(const std::string& word) {
     std::lock_guard<std::mutex> lock(mLock);
-    if (!mFirstError.empty()) return false;
-    mFirstError = word;
-    return true;
+    const int failed = exitCode("FAIL");
+    const bool isFirst = mError.empty();
+    if (isFirst || (exitCode(word) == failed && exitCode(mError) != failed)) mError = word;
+    return isFirst;
 }
 
 std::string Evidence::verdict() const {
     std::lock_guard<std::mutex> lock(mLock);
-    if (!mFirstError.empty()) return mFirstError;
+    if (!mError.empty()) return mError;
     bool anyChecking = false, allChecked = true;
     for (const NodeRecord& node : mNodes) {
         if (node.sink && !node.endOfStream) return "NO_END_OF_STREAM";
@@ -120,6 +125,13 @@ std::string Evidence::unfinished() const {
     return textOfNodes([](const auto& node) { return node.endOfStream ? "" : node.name; });
 }
 
+size_t Evidence::stopped() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return static_cast<size_t>(std::count_if(mNodes.begin(), mNodes.end(), [](const auto& node) {
+        return node.node == nullptr || node.node->status().state >= vexa::VXNode::STOPPED;
+    }));
+}
+
 std::string Evidence::allocators() const {
     return textOfNodes([](const auto& node) {
         return node.allocator.empty() ? "" : node.name + " wants " + node.allocator;
@@ -146,11 +158,10 @@ int Evidence::printVerdict() const {
     const std::string firstBad =
         sums.firstBad == NodeRecord::kNone ? "-" : std::to_string(sums.firstBad);
     const std::string line =
-        concat("verdict: ", console::painted(word, exitCode(word) == 0, fileno(mOut)),
+        concat("verdict: ", console::painted(word, exitCode(word) == 0, mOut),
                " frames=", sums.frames, " checked=", sums.checked, " first_bad=", firstBad, "\n");
-    std::fputs(line.c_str(), mOut);
-    std::fflush(mOut);
-    return exitCode(word);
+    constexpr std::chrono::seconds kPatience(5);
+    return printResult(line, exitCode(word), mOut, kPatience);
 }
 
 }  // namespace vxrun

@@ -3,11 +3,14 @@
 // A pass is a matter of evidence, never of the graph's completion, which comes after errors too.
 #pragma once
 
+#include "Outlet.h"
+
 #include <VXNode.h>
+
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -96,8 +99,8 @@ public:
         uint64_t queued;  // works that wait for it, in its queue and pending
     };
 
-    // The verdict line goes to `out`.
-    explicit Evidence(std::FILE* out = stdout) : mOut(out) {}
+    // The verdict line goes to the descriptor `out`, standard output or error.
+    explicit Evidence(int out = STDOUT_FILENO) : mOut(out) {}
 
     // A record for a new node; lives as long as this object. The node is watched until removeNode(),
     // which its destructor calls.
@@ -107,8 +110,9 @@ public:
     // A record for a new pool of `slots` buffers; lives as long as this object.
     PoolRecord& addPool(const std::string& name, size_t slots);
 
-    // Records that the run has failed. The first word counts: it is the verdict. True when it was
-    // the first.
+    // Records that the run has failed. The first word is the verdict, but a failed test comes before whatever
+    // else ended the run: a source may run into a truncated file before a sink has come to the frame that
+    // differs. True when it was the first.
     bool fail(const std::string& word);
 
     // Says that the run has another purpose than a comparison: one that compares nothing and does not
@@ -124,6 +128,8 @@ public:
     std::vector<const PoolRecord*> pools() const;
     // The names of the nodes that have not handled their last frame, separated by commas.
     std::string unfinished() const;
+    // The nodes that have stopped or are gone.
+    size_t stopped() const;
     // The allocators that nodes insist on: "reader wants dmabuf, check wants xcodec2".
     std::string allocators() const;
 
@@ -132,7 +138,7 @@ public:
     void closePools(bool report);
 
     // Prints the verdict line, the last one on standard output, and returns the exit code that goes
-    // with it.
+    // with it; 3 in place of 0 when the line could not be written.
     int printVerdict() const;
 
 private:
@@ -142,12 +148,20 @@ private:
     mutable std::mutex mLock;
     std::deque<NodeRecord> mNodes;  // guarded by mLock; the records themselves are not
     std::deque<PoolRecord> mPools;  // likewise
-    std::string mFirstError;        // guarded by mLock
+    std::string mError;             // guarded by mLock: the verdict, if there is one already
     bool mChecks = true;            // as it was set before the run
-    std::FILE* const mOut;
+    const int mOut;
 };
+
+// The verdict when all that is wrong is that something could not be written: a trace, a report, a result.
+constexpr char kNotWritten[] = "NOT_WRITTEN";
 
 // The exit code that goes with the word of a verdict.
 int exitCode(const std::string& verdict);
+
+// Prints what was asked for, see console::result(), and returns the exit code: `code`, or in place of 0 that
+// of kNotWritten.
+int printResult(const std::string& text, int code = 0, int out = STDOUT_FILENO,
+                std::chrono::milliseconds patience = Outlet::kForever);
 
 }  // namespace vxrun

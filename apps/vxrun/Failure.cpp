@@ -2,6 +2,7 @@
 #include "Text.h"
 
 #include <charconv>
+#include <cstdlib>
 #include <system_error>
 
 namespace vxrun {
@@ -12,9 +13,7 @@ Failure badOption(const std::string& option, const std::string& text) {
 
 std::string quote(const std::string& text) {
     constexpr size_t kShown = 60;
-    std::string shown = "'";
-    for (const char c : text.substr(0, kShown)) shown += c >= ' ' && c != '\x7f' ? c : '?';
-    return shown + (text.size() > kShown ? "...'" : "'");
+    return "'" + printable(text.substr(0, kShown)) + (text.size() > kShown ? "...'" : "'");
 }
 
 std::string errnoText(int number) {
@@ -26,6 +25,16 @@ uint64_t parseNumber(const std::string& text, uint64_t low, uint64_t high) {
     const char* const end = text.data() + text.size();
     const auto [parsed, error] = std::from_chars(text.data(), end, number);
     if (error != std::errc() || parsed != end || number < low || number > high) {
+        throw Failure(concat("expected a number from ", low, " to ", high, ", got ", quote(text)));
+    }
+    return number;
+}
+
+double parseReal(const std::string& text, double low, double high) {
+    char* end = nullptr;
+    const double number = std::strtod(text.c_str(), &end);
+    const bool isDecimal = text.find_first_not_of("0123456789.e-") == text.npos;
+    if (!isDecimal || *end != '\0' || !(number >= low && number <= high)) {
         throw Failure(concat("expected a number from ", low, " to ", high, ", got ", quote(text)));
     }
     return number;

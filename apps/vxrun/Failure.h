@@ -26,7 +26,7 @@ private:
 // What to throw for an option that is no good: "vxrun: OPTION: text", the verdict BAD_OPTION.
 Failure badOption(const std::string& option, const std::string& text);
 
-// `text` for an error line: in quotes, shortened, with a '?' for what cannot be printed.
+// `text` for an error line: printable, in quotes, shortened.
 std::string quote(const std::string& text);
 
 // The text of an errno number.
@@ -34,5 +34,7 @@ std::string errnoText(int number);
 
 // The whole of `text` as a decimal number in [low, high]; a Failure says what was expected.
 uint64_t parseNumber(const std::string& text, uint64_t low, uint64_t high);
+// The same for a decimal fraction.
+double parseReal(const std::string& text, double low, double high);
 
 }  // namespace vxrun

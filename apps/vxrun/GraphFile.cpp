@@ -16,12 +16,32 @@ namespace {
 using vexa::VXGraphInfo;
 using vexa::VXNodeDescriptor;
 
+// Sets one config by an option's text in one of `nodes`, whose descriptions `descriptorOf` returns.
+template <typename Nodes, typename DescriptorOf>
+void setConfig(const std::string& assignment, const Nodes& nodes, DescriptorOf descriptorOf) {
+    // Node names may hold full stops, config keys hold none.
+    const size_t equals = assignment.find('=');
+    const size_t stop = assignment.rfind('.', equals);
+    if (equals == std::string::npos || stop == std::string::npos) {
+        throw badOption("--set", "expected NODE.KEY=VALUE, got " + quote(assignment));
+    }
+    const std::string name = assignment.substr(0, stop);
+    for (const auto& node : nodes) {
+        VXNodeDescriptor& descriptor = *descriptorOf(node);
+        if (descriptor.name != name) continue;
+        descriptor.configs[assignment.substr(stop + 1, equals - stop - 1)] =
+            assignment.substr(equals + 1);
+        return;
+    }
+    throw badOption("--set", "the graph has no node " + quote(name));
+}
+
 // GraphReader: one walk over the document, from top to bottom. A mistake is noted, and the walk goes on
 // behind it.
 class GraphReader {
 public:
     explicit GraphReader(const std::string& path)
-        : mDocument(path), mFolder(std::filesystem::path(path).parent_path()) {}
+        : mDocument(parse(path)), mFolder(std::filesystem::path(path).parent_path()) {}
 
     void read() {
         const JsonValue& root = mDocument.root();
@@ -42,6 +62,11 @@ public:
             std::vector<size_t> path;
             for (size_t node = 0; node < mNodes.size(); ++node) checkAcyclic(node, &path);
         });
+    }
+
+    // Sets a config by an option, see overrideConfig(); after read().
+    void set(const std::string& assignment) {
+        setConfig(assignment, mNodes, [](const Node& node) { return node.descriptor.get(); });
     }
 
     // What read() leaves to the nodes and to the run; after it.
@@ -86,8 +111,20 @@ private:
         std::string format;
         const JsonValue* json;
         bool connected = false;
+        std::set<size_t> fed = {};  // the numbers of the nodes that an output is connected to
     };
     using Ports = std::map<std::string, Port>;
+
+    // Who gives a video for a graph file wants to see it decoded.
+    static JsonDocument parse(const std::string& path) {
+        try {
+            return JsonDocument(path);
+        } catch (const Failure& failure) {
+            const std::filesystem::path file = path;
+            if (file.extension() == ".json" || !std::filesystem::is_regular_file(file)) throw;
+            throw Failure(concat(failure.what(), "; if it is a video: vxrun decode ", path));
+        }
+    }
 
     template <typename Action>
     void attempt(Action action) {
@@ -146,7 +183,8 @@ private:
             const ConfigKey* const key =
                 read->type != nullptr ? read->type->find(config.key) : nullptr;
             const bool isFile = key != nullptr && key->value.kind == ConfigKind::FILE;
-            node->configs[config.key] = isFile ? (mFolder / value).string() : value;
+            node->configs[config.key] =
+                isFile && !value.empty() ? (mFolder / value).string() : value;
         });
         node->inputPorts = readPorts(json, "inputs", &mInputs);
         node->outputPorts = readPorts(json, "outputs", &mOutputs);
@@ -216,6 +254,12 @@ private:
         Port& input = found->second;
         if (input.connected) {
             mDocument.fail(target, "input port " + quote(target.text) + " is connected already");
+        }
+        // The inputs of a node are different streams: this one would be compared with itself.
+        const std::string& node = mNodes[input.node].descriptor->name;
+        if (!output.fed.insert(input.node).second) {
+            mDocument.fail(target, "output port " + quote(from.first) +
+                                       " feeds another input of node " + quote(node) + " already");
         }
         output.connected = input.connected = true;
         mNodes[input.node].upstream.push_back(output.node);
@@ -306,33 +350,21 @@ VXGraphInfo readGraphFile(const std::string& path) {
     return reader.take();
 }
 
-std::vector<Failure> checkGraphFile(const std::string& path) {
+std::vector<Failure> checkGraphFile(const std::string& path,
+                                    const std::vector<std::string>& overrides) {
     try {
         GraphReader reader(path);
         reader.read();
+        for (const std::string& assignment : overrides) reader.set(assignment);
         reader.checkFurther();
         return reader.failures();
-    } catch (const Failure& failure) {  // no JSON
+    } catch (const Failure& failure) {  // not a graph file, or an option without a node
         return {failure};
     }
 }
 
 void overrideConfig(VXGraphInfo* graph, const std::string& assignment) {
-    // Node names may hold full stops, config keys hold none.
-    const size_t equals = assignment.find('=');
-    const size_t stop = assignment.rfind('.', equals);
-    if (equals == std::string::npos || stop == std::string::npos) {
-        throw Failure("vxrun: --set: expected NODE.KEY=VALUE, got " + quote(assignment),
-                      "BAD_OPTION");
-    }
-    const std::string node = assignment.substr(0, stop);
-    for (const auto& descriptor : graph->nodes) {
-        if (descriptor->name != node) continue;
-        descriptor->configs[assignment.substr(stop + 1, equals - stop - 1)] =
-            assignment.substr(equals + 1);
-        return;
-    }
-    throw Failure("vxrun: --set: the graph has no node " + quote(node), "BAD_OPTION");
+    setConfig(assignment, graph->nodes, [](const auto& node) { return node.get(); });
 }
 
 void setWhereKnown(VXGraphInfo* graph, const std::string& key, const std::string& value) {

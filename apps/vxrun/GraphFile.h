@@ -18,10 +18,11 @@ namespace vxrun {
 // formats, else none, which is CORRUPT_DESCR to a run. Nothing has been built by then.
 vexa::VXGraphInfo readGraphFile(const std::string& path);
 
-// Everything that is wrong with the graph file `path`, in such failures: what readGraphFile() refuses,
-// what its nodes would refuse in their descriptions, and what lets a run prove nothing or never move.
-// Opens no other file.
-std::vector<Failure> checkGraphFile(const std::string& path);
+// Everything that is wrong with the graph file `path` after overrideConfig() of each of `overrides`, in such
+// failures: what readGraphFile() refuses, what its nodes would refuse in their descriptions, and what lets a
+// run prove nothing or never move. Opens no other file.
+std::vector<Failure> checkGraphFile(const std::string& path,
+                                    const std::vector<std::string>& overrides);
 
 // Sets one config by an option's text "NODE.KEY=VALUE". A Failure when it is none, or the graph has
 // no such node.

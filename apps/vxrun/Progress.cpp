@@ -5,8 +5,6 @@
 #include "Files.h"
 #include "Text.h"
 
-#include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,22 +30,22 @@ Progress::Progress(const std::string& target, const Evidence& evidence, Clock::t
         mBlockDue = Clock::time_point::max();
     } else if (target.find_first_not_of("0123456789") != target.npos ||
                target.size() > kMaxDigits) {
-        mTarget = openOutput("--progress", target);
+        const int file = openOutput("--progress", target);
+        mTarget.emplace(file);
+        close(file);
     } else {
-        mTarget = fcntl(std::stoi(target), F_DUPFD_CLOEXEC, 0);
-        if (mTarget < 0) throw badOption("--progress", target + ": " + errnoText(errno));
+        mTarget.emplace(std::stoi(target));
     }
-}
-
-Progress::~Progress() {
-    if (mTarget >= 0) close(mTarget);
+    if (mTarget && !mTarget->isOpen()) {
+        throw badOption("--progress", target + ": " + errnoText(errno));
+    }
 }
 
 void Progress::step() {
     const auto now = Clock::now();
     if (now >= mBlockDue) {
         mBlockDue = now + kBlockStep;
-        writeBlock("continue");
+        writeBlock("continue", std::chrono::milliseconds(0));
     }
     if (now < mLineDue) return;
     const bool isLive = console::showsProgress();
@@ -56,7 +54,7 @@ void Progress::step() {
 }
 
 void Progress::finish() {
-    writeBlock("end");
+    writeBlock("end", std::chrono::seconds(1));
     console::progress("");
 }
 
@@ -76,8 +74,8 @@ std::string Progress::lineText() const {
                   left.empty() ? "" : ", " + left + " s left", ", ", decimal(rate, 1), " frames/s");
 }
 
-void Progress::writeBlock(const char* progress) {
-    if (mTarget < 0) return;
+void Progress::writeBlock(const char* progress, std::chrono::milliseconds patience) {
+    if (!mTarget) return;
     const auto totals = mEvidence.totals();
     const double elapsed = Seconds(Clock::now() - mStart).count();
     std::string text =
@@ -86,13 +84,10 @@ void Progress::writeBlock(const char* progress) {
                "\nframes_checked=", totals.checked, "\nmismatches=", totals.mismatches,
                "\nelapsed_us=", decimal(elapsed * 1e6, 0), "\n");
     for (const auto& node : mEvidence.nodes()) {
-        text += concat("node.", node.record.name, ".queued=", node.queued, "\n");
+        text += concat("node.", printable(node.record.name), ".queued=", node.queued, "\n");
     }
     text += concat("progress=", progress, "\n");
-    // A reader that does not read must not hold up the watchdog, and a run is no worse when nobody reads
-    // any more.
-    pollfd target = {mTarget, POLLOUT, 0};
-    if (poll(&target, 1, 0) == 1 && write(mTarget, text.data(), text.size()) < 0) return;
+    mTarget->write(text, patience);  // a run is no worse when its progress is not read
 }
 
 }  // namespace vxrun

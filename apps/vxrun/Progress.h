@@ -2,8 +2,10 @@
 #pragma once
 
 #include "Evidence.h"
+#include "Outlet.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 namespace vxrun {
@@ -18,9 +20,6 @@ public:
     // none. `limit`: the end of the run's time, or Clock::time_point::max(). A Failure with the verdict
     // BAD_OPTION when the target cannot be written.
     Progress(const std::string& target, const Evidence& evidence, Clock::time_point limit);
-    ~Progress();
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
 
     // Shows what is due.
     void step();
@@ -30,7 +29,7 @@ public:
     void finish();
 
 private:
-    void writeBlock(const char* progress);
+    void writeBlock(const char* progress, std::chrono::milliseconds patience);
     std::string lineText() const;
 
     const Evidence& mEvidence;
@@ -38,7 +37,7 @@ private:
     const Clock::time_point mStart = Clock::now();
     Clock::time_point mLineDue;
     Clock::time_point mBlockDue = mStart;
-    int mTarget = -1;
+    std::optional<Outlet> mTarget;
 };
 
 }  // namespace vxrun

@@ -145,8 +145,10 @@ std::string jsonReport(const Suite& suite) {
     return report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-std::string csvField(const std::string& text) {
-    if (text.find_first_of(",\"\r\n") == text.npos) return text;
+// Spreadsheets would run a field that begins like a formula; the quote in front has them show it.
+std::string csvField(const std::string& name) {
+    std::string text = (name.find_first_of("=+-@") == 0 ? "'" : "") + printable(name);
+    if (text.find_first_of(",\"") == text.npos) return text;
     return concat(std::quoted(text, '"', '"'));
 }
 
@@ -159,12 +161,15 @@ std::string csvReport(const Suite& suite) {
     return report;
 }
 
-// A row of a table; what would end the cell or the row is kept from it.
+// A row of a table; what would end the cell or the row, or become markup, is kept from it.
 std::string markdownRow(const std::string& first, const std::string& second) {
     std::string row;
     for (const std::string* cell : {&first, &second}) {
         row += '|';
-        for (const char c : *cell) row += c == '|' ? "\\|" : c == '\n' ? " " : std::string(1, c);
+        for (const char c : printable(*cell)) {
+            if (c == '|' || c == '<') row += '\\';
+            row += c;
+        }
     }
     return row + "|\n";
 }
@@ -214,7 +219,7 @@ std::vector<Failure> writeReports(const Reports& reports, const Suite& suite) {
 std::string profileTable(const Suite& suite) {
     std::vector<std::pair<std::string, Sums>> rows;
     for (const auto& [profile, sums] : sumsByProfile(suite)) {
-        rows.emplace_back(profile.empty() ? "-" : profile, sums);
+        rows.emplace_back(profile.empty() ? "-" : printable(profile), sums);
     }
     rows.emplace_back("all", suite.sums());
     size_t width = 7;  // of "profile"

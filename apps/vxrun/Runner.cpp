@@ -3,6 +3,7 @@
 #include "Console.h"
 #include "Progress.h"
 #include "Snapshot.h"
+#include "Text.h"
 #include "Trace.h"
 
 #include <pthread.h>
@@ -12,7 +13,9 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <exception>
 #include <optional>
+#include <system_error>
 #include <thread>
 
 namespace vxrun {
@@ -22,9 +25,9 @@ using vexa::VXGraph;
 using vexa::VXGraphInfo;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kStopLimit(3);    // for a graph to stop
+constexpr std::chrono::seconds kStopLimit(3);    // for the next node of a graph to stop
 constexpr std::chrono::milliseconds kStep(500);  // of the watchdog
-constexpr int kWake = SIGUSR2;                   // has the watchdog look at once
+constexpr int kWake = SIGUSR2;                   // wakes the watchdog
 
 std::string inSeconds(double seconds) {
     char text[32];
@@ -67,22 +70,23 @@ public:
     // [watchdog] Returns when the graph is gone. `signals` are blocked.
     void watch(sigset_t signals) {
         while (!mDone) {
-            const auto now = Clock::now();
+            const auto still = timeStill();
             if (mEnding && !mStopping) {
                 startStopping();
-            } else if (now >= mDeadline) {
-                if (mStopping) leave();
+            } else if (mStopping) {
+                if (still >= kStopLimit) leave();
+            } else if (Clock::now() >= mDeadline) {
                 stop("TIMEOUT", "out of time after " + inSeconds(mOptions.timeout) +
                                     "; not finished: " + mEvidence.unfinished());
                 showSnapshot("timeout");
-            } else if (!mStopping && hasStalled()) {
+            } else if (mOptions.stall > 0 && still >= asTime(mOptions.stall)) {
                 stop("STALL", "no work has moved for " + inSeconds(mOptions.stall) +
                                   "; not finished: " + mEvidence.unfinished());
                 showSnapshot("stall");
             }
             if (gTrace != nullptr) gTrace->flush();
             mProgress.step();
-            const auto next = std::min({mDeadline, mProgress.next(), now + step()});
+            const auto next = std::min({mDeadline, mProgress.next(), mLastLook + step()});
             const auto limit = std::max<std::chrono::nanoseconds>(next - Clock::now(), {}).count();
             const timespec time = {limit / 1000000000, limit % 1000000000};
             const int number = sigtimedwait(&signals, nullptr, &time);
@@ -150,21 +154,22 @@ private:
                                   : kStep;
     }
 
-    // No work has moved for so long. Time that this thread was not given does not count: the others
-    // were not given it, either.
-    bool hasStalled() {
+    // For how long no work has moved and no node has stopped. Time that this thread was not given does not
+    // count: the others were not given it, either.
+    Clock::duration timeStill() {
         const auto now = Clock::now();
-        const uint64_t moved = mEvidence.moved();
+        const uint64_t moved = mEvidence.moved() + (mStopping ? mEvidence.stopped() : 0);
         mStill =
             moved == mMoved ? mStill + std::min(now - mLastLook, 2 * step()) : Clock::duration(0);
         mMoved = moved;
         mLastLook = now;
-        return mOptions.stall > 0 && mStill >= asTime(mOptions.stall);
+        return mStill;
     }
 
     void startStopping() {
         mStopping = true;
-        mDeadline = Clock::now() + kStopLimit;
+        mStill = {};
+        mDeadline = Clock::time_point::max();
     }
 
     void stop(const std::string& verdict, const std::string& line) {
@@ -196,29 +201,54 @@ private:
     std::atomic<bool> mDone{false};    // the graph is gone
 
     // [watchdog]
-    Clock::time_point mDeadline;  // of the run, then of its stop
+    Clock::time_point mDeadline;  // of the run
     Progress mProgress;
-    uint64_t mMoved = 0;  // works at the last look
+    uint64_t mMoved = 0;  // works, and nodes that have stopped, at the last look
     Clock::time_point mLastLook = mStart;
-    Clock::duration mStill{};  // since when nothing has moved
+    Clock::duration mStill{};  // for how long nothing has moved
     bool mStopping = false;
 };
+
+// The evidence of the run that is under way. std::terminate() takes no argument.
+Evidence* sEvidence = nullptr;
+
+// An exception that cannot be caught: the library starts its threads where none can. The run ends with a line
+// and a verdict all the same.
+[[noreturn]] void endWithVerdict() {
+    std::string text = "std::terminate() was called";
+    vexa::VexaError error = vexa::NODE_FAIL_FATAL;
+    try {
+        if (std::current_exception() != nullptr) throw;
+    } catch (const std::system_error& thread) {  // nothing else throws it
+        text = concat("a thread cannot be started: ", thread.what());
+        error = vexa::NODE_FAIL_START;
+    } catch (const std::exception& exception) {  // memory, for instance
+        text = exception.what();
+    } catch (...) {
+    }
+    sEvidence->fail(errorName(error));
+    console::line("vxrun: " + text);
+    _exit(sEvidence->printVerdict());
+}
 
 }  // namespace
 
 void runGraph(VXGraphInfo info, const RunOptions& options, Evidence* evidence) {
     sigset_t signals;
     sigemptyset(&signals);
-    // SIGPIPE is only blocked: the end of a reader is not the end of a run.
-    for (const int number : {SIGINT, SIGTERM, SIGUSR1, kWake, SIGPIPE}) sigaddset(&signals, number);
+    for (const int number : {SIGINT, SIGTERM, SIGUSR1, kWake}) sigaddset(&signals, number);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // for every thread that starts from now on
-    sigdelset(&signals, SIGPIPE);
+    sEvidence = evidence;
+    const auto terminate = std::set_terminate(endWithVerdict);
     std::optional<Trace> trace;
     if (!options.trace.empty()) trace.emplace(options.trace);
     const auto run = std::make_shared<Run>(std::move(info), options, evidence);
-    std::thread runner([run] { run->execute(); });
+    const auto start = [&]() noexcept { return std::thread([run] { run->execute(); }); };
+    std::thread runner = start();  // endWithVerdict() where it cannot be started
     run->watch(signals);
     runner.join();
+    std::set_terminate(terminate);
+    if (trace && !trace->flush()) evidence->fail(kNotWritten);
 }
 
 }  // namespace vxrun

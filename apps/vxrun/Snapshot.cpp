@@ -37,7 +37,7 @@ std::string poolText(const PoolRecord& pool) {
     int64_t elsewhere = out;
     for (const auto& [node, count] : pool.holders()) {
         if (count <= 0) continue;
-        text += concat(", ", node->name, " holds ", count);
+        text += concat(", ", printable(node->name), " holds ", count);
         elsewhere -= count;
     }
     return elsewhere > 0 ? concat(text, ", on the way ", elsewhere) : text;
@@ -47,9 +47,9 @@ std::string poolText(const PoolRecord& pool) {
 std::string label(const std::vector<std::string>& lines) {
     std::string text = "\"";
     for (const std::string& line : lines) {
-        for (const char c : line) {
+        for (const char c : printable(line)) {
             if (c == '"' || c == '\\') text += '\\';
-            text += static_cast<unsigned char>(c) < ' ' ? '?' : c;
+            text += c;
         }
         text += "\\l";
     }
@@ -70,16 +70,16 @@ SnapshotMaker::SnapshotMaker(const vexa::VXGraphInfo& info, const Evidence& evid
 }
 
 std::string SnapshotMaker::text(std::chrono::milliseconds age) const {
-    std::string text = concat("  graph '", mInfo.name, "' at ", clockText(age), ":");
+    std::string text = concat("  graph '", printable(mInfo.name), "' at ", clockText(age), ":");
     for (const Evidence::Moment& node : mEvidence.nodes()) {
-        text +=
-            concat("\n  node '", node.record.name, "': ", stateText(node), "; ", worksText(node));
+        text += concat("\n  node '", printable(node.record.name), "': ", stateText(node), "; ",
+                       worksText(node));
         for (const auto& port : node.status.inputPorts) {
-            text += concat("; port '", port.name, "' queued ", port.queuedWorks);
+            text += concat("; port '", printable(port.name), "' queued ", port.queuedWorks);
         }
     }
     for (const PoolRecord* pool : mEvidence.pools()) {
-        text += concat("\n  pool of '", pool->name, "': ", poolText(*pool));
+        text += concat("\n  pool of '", printable(pool->name), "': ", poolText(*pool));
     }
     return text;
 }

@@ -104,8 +104,8 @@ using DecodeFunction = std::function<int(const DecodeOptions&)>;
 // exceeds its time limit is sent SIGTERM, and then SIGKILL. At SIGINT or SIGTERM the processes are ended,
 // and their vectors stay in the reports as unfinished. They end with this process in any case.
 //
-// A Failure for a bad option, suite file or report file, before anything runs. Blocks the signals, and
-// ignores SIGPIPE; on the main thread and before others start.
+// A Failure for a bad option, suite file or report file, before anything runs. Blocks the signals; on
+// the main thread and before others start.
 int runSuite(SuiteOptions options, const DecodeFunction& decode);
 
 }  // namespace vxrun

@@ -28,7 +28,6 @@ using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
 constexpr std::chrono::seconds kGrace(5);  // for a process to end before it is made to
-constexpr char kNoResult[] = "NO_RESULT";  // for exitCode(): standard output does not take it
 
 // ---- Selection --------------------------------------------------------------------------------
 
@@ -213,11 +212,13 @@ private:
         if (child.out != nullptr && child.err != nullptr && memoryFile() != nullptr) {
             child.pid = fork();
         }
-        if (child.pid < 0 && mChildren.empty()) {
-            fail(vector, "no process: " + errnoText(errno));
-            return true;
-        }
         if (child.pid < 0) {
+            const int error = errno;
+            added.clear();  // reporting may need its descriptors
+            if (mChildren.empty()) {
+                fail(vector, "no process: " + errnoText(error));
+                return true;
+            }
             mIsShort = true;
             mJobs = std::max<size_t>(mChildren.size() / 2, 1);
             return false;
@@ -339,13 +340,12 @@ std::string verdictOf(const Sums& sums, int signal, bool anySelected) {
 }  // namespace
 
 int runSuite(SuiteOptions options, const DecodeFunction& decode) {
-    std::signal(SIGPIPE, SIG_IGN);  // the end of a reader is not the end of a run
     Suite suite = readSuite(options.file);
     const bool anySelected = selectVectors(options, &suite);
     if (options.list) {
         std::string names;
-        for (const Vector& vector : suite.vectors) names += vector.name + "\n";
-        return exitCode(console::result(names) ? "DONE" : kNoResult);
+        for (const Vector& vector : suite.vectors) names += printable(vector.name) + "\n";
+        return printResult(names);
     }
     if (options.resources.empty()) throw badOption("--resources", "missing");
     // "xml:FILE" or "xml:FOLDER/"; other kinds are GoogleTest's own.
@@ -357,19 +357,20 @@ int runSuite(SuiteOptions options, const DecodeFunction& decode) {
     constexpr char kStatus[] = "GTEST_SHARD_STATUS_FILE";
     if (!variable(kStatus).empty()) writeTextFile(kStatus, variable(kStatus), "");
     // They take the place of older ones before anything runs, or can fail to.
-    for (const Failure& failure : writeReports(options.reports, suite)) throw failure;
+    const std::vector<Failure> failures = writeReports(options.reports, suite);
+    if (!failures.empty()) throw Failure(failures.front());
     if (!options.output.empty()) makeFolder("--output", fs::path(options.output) / suite.name);
     const int signal = SuiteRun(options, decode, &suite).run();
     const Sums sums = suite.sums();
     std::string word = verdictOf(sums, signal, anySelected);
     for (const Failure& failure : writeReports(options.reports, suite)) {
         console::line(failure.what());
-        word = "NO_REPORT";
+        if (exitCode(word) == 0) word = kNotWritten;
     }
     const std::string verdict = concat("verdict: ", word, " passed=", sums.of[Vector::SUCCESS],
                                        " failed=", sums.of[Vector::FAIL], " errors=", sums.errors(),
                                        " skipped=", sums.skipped(), "\n");
-    return exitCode(console::result(profileTable(suite) + verdict) ? word : kNoResult);
+    return printResult(profileTable(suite) + verdict, exitCode(word));
 }
 
 }  // namespace vxrun

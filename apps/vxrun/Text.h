@@ -35,6 +35,11 @@ inline std::string lowerCase(std::string text) {
     return text;
 }
 
+// `text` as it may stand in a line for people or programs: UTF-8 without control characters. Those, and what
+// is not UTF-8, are shown as \n, \t or \x1b, so that names which come from files neither end a line nor
+// control a terminal.
+std::string printable(const std::string& text);
+
 // A variable of the environment; empty when it is not set.
 inline std::string variable(const char* name) {
     const char* const value = std::getenv(name);

@@ -8,7 +8,9 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <string_view>
 #include <utility>
 
 namespace vxrun {
@@ -19,6 +21,8 @@ Trace* gTrace = nullptr;
 
 Trace::Trace(const std::string& path) : mPath(path), mFile(openOutput("--trace", path)) {
     gTrace = this;
+    mBuffer = "[";
+    flush();
 }
 
 Trace::~Trace() {
@@ -64,24 +68,36 @@ void Trace::add(const char* phase, const std::string& name, size_t node, Clock::
     const std::string text = more.dump(-1, ' ', false, json::error_handler_t::replace);
     constexpr size_t kEnough = 1 << 16;
     std::unique_lock<std::mutex> lock(mLock);
-    mBuffer += (mBuffer == "[" ? "\n" : ",\n") + text;
+    if (mFailed) return;
+    mBuffer += (std::exchange(mFirst, false) ? "\n" : ",\n") + text;
     const bool full = mBuffer.size() >= kEnough;
     lock.unlock();
     if (full) flush();
 }
 
 // Each write ends with the bracket that closes the array; the next one begins on it.
-void Trace::flush() {
-    std::lock_guard<std::mutex> lock(mLock);
-    if (mBuffer.size() <= 1) return;  // no event
-    const std::string text = std::exchange(mBuffer, "") + "\n]\n";
-    const ssize_t got = pwrite(mFile, text.data(), text.size(), mWritten);
-    if (got == static_cast<ssize_t>(text.size())) {
-        mWritten += got - 3;
-    } else if (!std::exchange(mFailed, true)) {
-        console::line("vxrun: --trace: " + mPath + ": " +
-                      (got < 0 ? errnoText(errno) : "the file system is full"));
+bool Trace::flush() {
+    std::unique_lock<std::mutex> lock(mLock);
+    if (mBuffer.empty() || mFailed) return !mFailed;
+    static constexpr std::string_view kEnd = "\n]\n";
+    const std::string text = std::exchange(mBuffer, {}).append(kEnd);
+    const ssize_t written = pwrite(mFile, text.data(), text.size(), mWritten);
+    if (written == static_cast<ssize_t>(text.size())) {
+        mWritten += written - static_cast<ssize_t>(kEnd.size());
+        return true;
     }
+    const std::string why = written < 0 ? errnoText(errno) : "the file system is full";
+    mFailed = true;
+    // The array ends behind the last event that is there whole, and has room for the bracket after it.
+    const size_t room = static_cast<size_t>(std::max<ssize_t>(written, 0));
+    const size_t last = room > kEnd.size() ? text.rfind(",\n", room - kEnd.size()) : text.npos;
+    const off_t end = mWritten + (last != text.npos ? static_cast<off_t>(last) : 0);
+    if (pwrite(mFile, kEnd.data(), kEnd.size(), end) > 0) {
+        (void)!ftruncate(mFile, end + static_cast<off_t>(kEnd.size()));
+    }
+    lock.unlock();
+    console::line("vxrun: --trace: " + mPath + ": " + why);
+    return false;
 }
 
 TracedFrame::TracedFrame(std::string makerName, size_t makerNumber, uint64_t frameId)

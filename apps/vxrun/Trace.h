@@ -16,8 +16,9 @@ namespace vxrun {
 
 // Life     one per process, made before the graph; it outlives every node.
 // Threads  any.
-// Owns     the file, which is a complete JSON array after every write. A kill in the middle of one may
-//          cost the closing bracket, which trace viewers can do without.
+// Owns     the file, which is a complete JSON array from the start and after every write. A kill in the
+//          middle of one may cost the closing bracket, which trace viewers can do without. When the file
+//          cannot be written any more, it ends with the last events that could.
 class Trace {
 public:
     using Clock = std::chrono::steady_clock;
@@ -40,8 +41,8 @@ public:
     void instant(size_t node, const std::string& name, const std::string& detail);
     static constexpr size_t kGraph = SIZE_MAX;
 
-    // Puts what was traced so far into the file.
-    void flush();
+    // Puts what was traced so far into the file. False when that, now or before, could not be done.
+    bool flush();
 
 private:
     void add(const char* phase, const std::string& name, size_t node, Clock::time_point time,
@@ -51,8 +52,9 @@ private:
     const int mFile;
     const Clock::time_point mStart = Clock::now();
     std::mutex mLock;
-    std::string mBuffer = "[";  // guarded by mLock, as the rest is: not yet in the file
-    int64_t mWritten = 0;       // bytes of the file that stay
+    std::string mBuffer;   // guarded by mLock, as the rest is: not yet in the file
+    int64_t mWritten = 0;  // bytes of the file that stay: all but the closing bracket
+    bool mFirst = true;    // no event is in the file or buffer
     bool mFailed = false;
 };
 

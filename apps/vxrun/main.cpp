@@ -12,9 +12,15 @@
 #include <cutils/properties.h>
 #include <CLI/CLI.hpp>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <optional>
 
 namespace vxrun {
 namespace {
@@ -50,6 +56,20 @@ std::string checkMask(const std::string& mask) {
     return hex ? "" : "expected a hexadecimal mask, got " + quote(mask);
 }
 
+// Takes a time in seconds, `least` or more. (A range of CLI11's would take "nan", too.)
+CLI::Validator seconds(double least) {
+    return {[least](const std::string& text) {
+                constexpr double kMost = 1e9;
+                try {
+                    parseReal(text, least, kMost);
+                    return std::string();
+                } catch (const Failure& failure) {
+                    return std::string(failure.what());
+                }
+            },
+            ""};
+}
+
 void addOptions(CLI::App* app, Options* options) {
     RunOptions& run = options->run;
     app->set_version_flag("--version", "vxrun " VXRUN_VERSION);
@@ -67,10 +87,10 @@ void addOptions(CLI::App* app, Options* options) {
         ->check(checkMask);
     add(app, "--timeout SECONDS", &run.timeout,
         "End the run after this time, with exit 124; the vectors of a suite: 60")
-        ->check(CLI::Range(0.001, 1e9));
+        ->check(seconds(0.001));
     add(app, "--stall SECONDS", &run.stall,
         "End the run when nothing has moved for this time, with exit 124; default 30, 0: never")
-        ->check(CLI::Range(0.0, 1e9));
+        ->check(seconds(0));
     add(app, "--progress FILE|FD", &run.progress, "Write progress as key=value blocks");
     add(app, "--trace FILE", &run.trace, "Write what happened when, for trace viewers");
     add(app, "--dot DIR", &run.dot, "Write pictures of the graph: at the start and of trouble");
@@ -84,6 +104,7 @@ void addOptions(CLI::App* app, Options* options) {
 // Has the help of `command` show those options of the app that apply to it.
 void showOptions(const CLI::App& app, const std::vector<std::string>& names, CLI::App* command) {
     std::vector<const CLI::Option*> options;
+    options.reserve(names.size());
     for (const std::string& name : names) options.push_back(app.get_option(name));
     command->footer(CLI::Formatter().make_group("Options of every run", false, options));
 }
@@ -131,44 +152,70 @@ void addSuite(CLI::App* app, SuiteOptions* options) {
 }
 
 int listNodes() {
+    std::string text;
+    const auto add = [&](const char* indent, int width, const auto& item) {
+        text += concat(indent, std::left, std::setw(width), item.name, " ", item.help, "\n");
+    };
     for (const NodeType& type : nodeTypes()) {
-        std::printf("%-22s %s\n", type.name.c_str(), type.help.c_str());
-        for (const ConfigKey& config : type.configs) {
-            std::printf("    %-18s %s\n", config.name.c_str(), config.help.c_str());
-        }
-        for (const EntryKey& entry : type.entries) {
-            std::printf("    entry %-12s %s\n", entry.name.c_str(), entry.help.c_str());
-        }
+        add("", 22, type);
+        for (const ConfigKey& config : type.configs) add("    ", 18, config);
+        for (const EntryKey& entry : type.entries) add("    entry ", 12, entry);
     }
-    return 0;
+    return printResult(text);
 }
 
-// Makes the one sink/checksum of `graph` write a list to `path`.
-void record(const Options& options, const std::string& path, vexa::VXGraphInfo* graph) {
-    std::vector<vexa::VXNodeDescriptor*> sinks;
-    for (const auto& node : graph->nodes) {
-        if (node->type == "sink/checksum") sinks.push_back(node.get());
+// Recording: the list of --record. It lies beside its place, under a name that no other file has, until the
+// run is known to be good.
+class Recording {
+public:
+    // Makes the one sink/checksum of `graph` write it.
+    Recording(const std::string& path, bool force, vexa::VXGraphInfo* graph) : mPath(path) {
+        std::vector<vexa::VXNodeDescriptor*> sinks;
+        for (const auto& node : graph->nodes) {
+            if (node->type == "sink/checksum") sinks.push_back(node.get());
+        }
+        if (sinks.size() != 1) {
+            fail(concat("the graph has ", sinks.size(), " sink/checksum nodes, expected 1"));
+        }
+        std::error_code none;
+        const auto status = std::filesystem::symlink_status(mPath, none);
+        if (std::filesystem::exists(status)) {
+            if (!std::filesystem::is_regular_file(status)) fail(mPath + " is not a regular file");
+            if (!force) fail(mPath + " exists; --force replaces it");
+        }
+        mUnproven = mPath + ".XXXXXX";
+        const int file = mkstemp(mUnproven.data());
+        if (file < 0) fail(mPath + ": " + errnoText(errno));
+        close(file);
+        auto& configs = sinks.front()->configs;
+        configs.erase("expect");
+        configs["write"] = mUnproven;
+        std::string& format = configs["format"];
+        if (format.empty()) format = checksumFormatOf(mPath);
     }
-    if (sinks.size() != 1) {
-        throw badOption("--record",
-                        concat("the graph has ", sinks.size(), " sink/checksum nodes, expected 1"));
+    ~Recording() { std::remove(mUnproven.c_str()); }
+    Recording(const Recording&) = delete;
+    Recording& operator=(const Recording&) = delete;
+
+    void commit() {
+        std::error_code error;
+        std::filesystem::rename(mUnproven, mPath, error);
+        if (error) fail(mPath + ": " + error.message());
     }
-    if (!options.force && std::filesystem::exists(options.record)) {
-        throw badOption("--record", options.record + " exists; --force replaces it");
-    }
-    auto& configs = sinks.front()->configs;
-    configs["expect"] = "";
-    configs["write"] = path;
-    std::string& format = configs["format"];
-    if (format.empty()) format = checksumFormatOf(options.record);
-}
+
+private:
+    [[noreturn]] static void fail(const std::string& text) { throw badOption("--record", text); }
+
+    const std::string mPath;
+    std::string mUnproven;
+};
 
 // Prints all that is wrong with a graph file, and returns the exit code.
-int check(const std::string& graph) {
-    const auto failures = checkGraphFile(graph);
+int check(const Options& options) {
+    const auto failures = checkGraphFile(options.graph, options.overrides);
     for (const Failure& failure : failures) console::line(failure.what());
-    std::printf("check: mistakes=%zu\n", failures.size());
-    return failures.empty() ? 0 : exitCode("CORRUPT_DESCR");
+    return printResult(concat("check: mistakes=", failures.size(), "\n"),
+                       failures.empty() ? 0 : exitCode("CORRUPT_DESCR"));
 }
 
 // Builds and runs the graph, that of a file or of `vxrun decode`.
@@ -177,9 +224,8 @@ void runGraph(const Options& options, Evidence* evidence) {
     vexa::VXGraphInfo graph = decodes ? decodeGraph(options.decode) : readGraphFile(options.graph);
     for (const std::string& assignment : options.overrides) overrideConfig(&graph, assignment);
     if (!options.dumpFolder.empty()) setWhereKnown(&graph, "dump_bad", options.dumpFolder);
-    // Where the list is until the run is known to be good.
-    const std::string unproven = options.record + ".new";
-    if (!options.record.empty()) record(options, unproven, &graph);
+    std::optional<Recording> recording;
+    if (!options.record.empty()) recording.emplace(options.record, options.force, &graph);
     if (decodes || !options.record.empty()) evidence->expectNoCheck();
 
     // Before the log level is set: what registers here is no news to anyone.
@@ -192,14 +238,7 @@ void runGraph(const Options& options, Evidence* evidence) {
     vexa::vxUpdateLogLevel();
     runGraph(std::move(graph), options.run, evidence);
     evidence->closePools(options.stats);
-    if (options.record.empty()) return;
-    std::error_code error;
-    if (exitCode(evidence->verdict()) == 0) {
-        std::filesystem::rename(unproven, options.record, error);
-    } else {
-        std::filesystem::remove(unproven, error);
-    }
-    if (error) throw badOption("--record", options.record + ": " + error.message());
+    if (recording && exitCode(evidence->verdict()) == 0) recording->commit();
 }
 
 // Does what the options say, and returns the exit code.
@@ -207,7 +246,7 @@ int run(const Options& options) {
     console::set(options.quiet, options.color);
     // The MD5 is the last line on standard output.
     const bool decodes = options.command == "decode";
-    Evidence evidence(decodes ? stderr : stdout);
+    Evidence evidence(decodes ? STDERR_FILENO : STDOUT_FILENO);
     const auto fail = [&](const std::string& text, const std::string& verdict) {
         console::line(text);
         evidence.fail(verdict);
@@ -221,7 +260,7 @@ int run(const Options& options) {
                                      : "vxrun: unexpected " + quote(options.graph),
                           "BAD_OPTION");
         }
-        if (options.command == "check") return check(options.graph);
+        if (options.command == "check") return check(options);
         if (options.command == "suite") {
             return runSuite(options.suite, [&](const DecodeOptions& vector) {
                 Options its = options;
@@ -252,11 +291,16 @@ int start(int argc, char** argv) {
     addSuite(&app, &options.suite);
     CLI::App* const check =
         app.add_subcommand("check", "Tells all that is wrong with a graph file, and runs nothing");
+    check->fallthrough();
     add(check, "graph GRAPH.json", &options.graph, "The graph file")->required();
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
+        if (error.get_exit_code() == 0) {  // --help, --version
+            std::ostringstream text;
+            app.exit(error, text, text);
+            return printResult(text.str());
+        }
         options.mistake = error.what();
     }
     for (const CLI::App* const command : app.get_subcommands()) {
@@ -270,6 +314,15 @@ int start(int argc, char** argv) {
 }  // namespace vxrun
 
 int main(int argc, char** argv) {
+    // What is opened must not become standard input, output or error because that is closed.
+    while (true) {
+        const int file = open("/dev/null", O_RDWR | O_CLOEXEC);
+        if (file > STDERR_FILENO) close(file);
+        if (file < 0 || file > STDERR_FILENO) break;
+        fcntl(file, F_SETFD, 0);
+    }
+    // A reader that has gone and a file that is too large (ulimit -f) are errors like a full disk.
+    for (const int number : {SIGPIPE, SIGXFSZ}) std::signal(number, SIG_IGN);
     // A snapshot may be asked for before there is a graph: it comes when there is one.
     sigset_t signals;
     sigemptyset(&signals);

@@ -77,6 +77,12 @@ public:
     Process& operator=(const Process&) = delete;
 
     void kill(int signal) { ::kill(mPid, signal); }
+    // Whether the program has ended; wait() tells how.
+    bool ended() const {
+        siginfo_t info = {};
+        return waitid(P_PID, static_cast<id_t>(mPid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == mPid;
+    }
 
     // Collects standard error until it contains `text`; false when it never does.
     bool waitForError(const std::string& text) {
@@ -188,8 +194,25 @@ protected:
         return path("graph.json");
     }
 
+    // The shipped graph `graph` without an expectation.
+    std::string unchecked(const std::string& name) const {
+        return graph(name, R"("configs": { "expect": "clip.framemd5" },)");
+    }
+    // One that reads /dev/zero and never ends.
+    std::string endless() const {
+        const std::string text = contentOf(unchecked("linear"));
+        writeFile(path("graph.json"),
+                  replaced(replaced(text, "source/y4m", "source/file"), "clip.y4m", "/dev/zero"));
+        return path("graph.json");
+    }
+
     Result vxrun(std::vector<std::string> arguments) const {
         arguments.insert(arguments.begin(), VXRUN_BINARY);
+        return run(arguments);
+    }
+    // The same after `setup`, words of a shell: ulimit or, behind "$@", where descriptors lead.
+    Result vxrunIn(const std::string& setup, std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), {"sh", "-c", setup, "sh", VXRUN_BINARY});
         return run(arguments);
     }
 

@@ -3,9 +3,9 @@
 #include "AppNode.h"
 #include "BadFrames.h"
 #include "ChecksumList.h"
+#include "Console.h"
 #include "Text.h"
 
-#include <cstdio>
 #include <optional>
 
 namespace vxrun {
@@ -56,11 +56,16 @@ private:
         const bool isBad = !expected.matches(got);
         mAlignment.add(got.hash, expected.hash, isBad);
         if (!isBad) return;
-        if (!surplus && mDiffering++ == 0) {
+        if (!surplus) ++mDiffering;
+        if (record().mismatches ==
+            0) {  // only the first one is shown, at once: the run may break off
+            mFirstBad = mFrames;
             const bool sizes = expected.size != 0 && got.size != expected.size;
-            mFirstDifference =
-                concat("frame ", mFrames, ": expected ", describe(expected, sizes), ", got ",
-                       describe(got, sizes), " (timestamp ", frame.info.timestamp, ")");
+            const std::string text =
+                surplus ? concat(mExpectPath, " has ", mFrames, " frames, this is one more")
+                        : "expected " + describe(expected, sizes) + ", got " + describe(got, sizes);
+            failCheck(vexa::CRC_MISMATCH,
+                      concat("frame ", mFrames, " (timestamp ", frame.info.timestamp, "): ", text));
         }
         noteBad(mFrames);
         mBadFrames->add(mFrames, frame, nullptr);
@@ -73,17 +78,16 @@ private:
     void finish() override {
         if (mList) mList->commit();
         const std::string md5 = needsWhole() ? mWhole.hex() : "";
-        if (flagConfig("print_md5")) {
-            std::printf("%s\n", md5.c_str());
-            std::fflush(stdout);
+        if (flagConfig("print_md5") && !console::result(md5 + "\n")) {
+            throw Failure("the MD5 could not be printed", kNotWritten);
         }
         if (expectsWhole()) return compareWhole(md5);
         if (!mExpected) return;
         const size_t rows = mExpected->rows.size();
         std::string text;
         if (mDiffering > 0) {
-            text = concat(mDiffering, " of ", record().checked, " frames differ, first is ",
-                          mFirstDifference);
+            text = concat(mDiffering, " of ", record().checked, " frames differ, first is frame ",
+                          mFirstBad);
         }
         if (mFrames != rows) {
             if (mFrames < rows) noteBad(mFrames);  // the surplus ones are noted
@@ -117,7 +121,7 @@ private:
     Md5 mWhole;            // where it is printed or expected
     uint64_t mFrames = 0;  // that were consumed
     uint64_t mDiffering = 0;
-    std::string mFirstDifference;
+    uint64_t mFirstBad = 0;
 };
 
 const bool kAdded = addNodeType<ChecksumSink>(

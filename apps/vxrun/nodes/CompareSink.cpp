@@ -8,12 +8,15 @@
 #include "Text.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <limits>
 #include <optional>
 
 namespace vxrun {
 namespace {
+
+// A floor below these would let any pictures pass, but for the opposite of what they should be.
+constexpr double kLeastPsnr = 1, kLeastSsim = 0.01;
+constexpr double kMostPsnr = 6 * 16 + 12;  // that of equal pictures of 16 bits
 
 class CompareSink : public AppNode {
 public:
@@ -44,31 +47,16 @@ private:
     };
 
     void open() override {
-        constexpr double kMaxPsnr = 6 * 16 + 12;
-        if (!config("psnr").empty()) setFloor("psnr", kMaxPsnr);
-        if (!config("ssim").empty()) setFloor("ssim", 1);
-        if (!config("tolerance").empty()) setMeasure("tolerance");
+        for (const std::string measure : {"psnr", "ssim", "tolerance"}) {  // one at most
+            if (!config(measure).empty()) mMeasure = measure;
+        }
+        if (!mMeasure.empty()) mError = vexa::INFO_VALIDATION_FAIL;
+        if (mMeasure == "psnr") mFloor = parseReal(config("psnr"), kLeastPsnr, kMostPsnr);
+        if (mMeasure == "ssim") mFloor = parseReal(config("ssim"), kLeastSsim, 1);
+        mTolerance = static_cast<uint32_t>(numberConfig("tolerance"));
         mBadFrames.emplace(config("dump_bad"), numberConfig("dump_limit"), record().name);
         record().checking = true;
         setTotalDelay(numberConfig("ahead"));
-    }
-
-    void setMeasure(const std::string& measure) {
-        if (!mMeasure.empty()) {
-            throw Failure("configs '" + mMeasure + "' and '" + measure + "' exclude each other");
-        }
-        mMeasure = measure;
-        mError = vexa::INFO_VALIDATION_FAIL;
-    }
-
-    void setFloor(const std::string& measure, double highest) {
-        setMeasure(measure);
-        const std::string text = config(measure);
-        char* end = nullptr;
-        mFloor = std::strtod(text.c_str(), &end);
-        if (*end == '\0' && mFloor > 0 && mFloor <= highest) return;
-        throw Failure(concat("config '", measure, "': expected a number above 0, at most ", highest,
-                             ", got ", quote(text)));
     }
 
     void process(const SharedWorks& inputs) override {
@@ -89,16 +77,9 @@ private:
         const auto* const route = infoOf<Route>(work.frameInfo());
         const auto port = route != nullptr ? route->port.lock() : nullptr;
         if (port == nullptr) throw Failure("a work of unknown origin");
-        const auto comesBy = [&](Input input) {
-            const auto& connected = port->downstreamPorts();
-            return std::find(connected.begin(), connected.end(), inputPorts()[input]) !=
-                   connected.end();
-        };
-        if (comesBy(GOT) && comesBy(WANTED)) {
-            throw Failure("both inputs are connected to the output '" + port->name() +
-                          "', which would be compared with itself");
-        }
-        return comesBy(GOT) ? GOT : WANTED;
+        const auto& connected = port->downstreamPorts();
+        const auto got = std::find(connected.begin(), connected.end(), inputPorts()[GOT]);
+        return got != connected.end() ? GOT : WANTED;
     }
 
     // Either may be null.
@@ -115,7 +96,13 @@ private:
 
     bool differ(uint64_t frame, const Frame& got, const Frame& wanted) {
         ++record().checked;
-        const FrameDiff difference(got, wanted, static_cast<uint32_t>(numberConfig("tolerance")));
+        const int peak = (1 << got.format().depth()) - 1;
+        if (mTolerance >= static_cast<uint32_t>(peak)) {
+            throw Failure(concat("config 'tolerance': no samples of ", got.format().depth(),
+                                 " bits differ by more than ", mTolerance),
+                          errorName(vexa::NODE_FAIL_CONFIG));
+        }
+        const FrameDiff difference(got, wanted, mTolerance);
         const bool measured = mFloor > 0 && difference.sameFormat();
         bool isBad = difference.anyWrong();
         std::string text;
@@ -152,6 +139,7 @@ private:
 
     std::string mMeasure;  // the config that says what is compared; empty: all samples
     double mFloor = 0;     // of the figure; 0: samples are compared
+    uint32_t mTolerance = 0;
     vexa::VexaError mError = vexa::CRC_MISMATCH;
     std::optional<BadFrames> mBadFrames;
     // [event thread]
@@ -164,10 +152,12 @@ private:
 
 const bool kAdded = addNodeType<CompareSink>(
     "sink/compare", "compares the frames of the first input with those of the second", 2, 0,
-    {{"tolerance", number(0, 65535, 0),
-      "the largest difference of a sample that is allowed, default 0"},
-     {"psnr", kText, "instead: the lowest PSNR of a frame that is allowed, in dB"},
-     {"ssim", kText, "instead: the lowest SSIM of a plane that is allowed, up to 1"},
+    {{"tolerance", number(0, 65534, 0),
+      "the largest difference of a sample that is allowed, default 0; less than the peak", true},
+     {"psnr", real(kLeastPsnr, kMostPsnr),
+      "instead: the lowest PSNR of a frame that is allowed, in dB, 1 to 108", true},
+     {"ssim", real(kLeastSsim, 1), "instead: the lowest SSIM of a plane that is allowed, 0.01 to 1",
+      true},
      {"ahead", number(1, 10000, 16), "frames that one input may be ahead of the other, default 16"},
      {"dump_bad", kFile, "a folder for the frames that differ, as PNG and raw"},
      {"dump_limit", number(1, 10000, 8), "how many frames to write there, default 8"}});

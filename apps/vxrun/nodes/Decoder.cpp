@@ -177,9 +177,7 @@ private:
     // What the log says of an error is better than what the call returned.
     void noteError(const std::string& text) {
         const std::string wrong = mLog.take(text);
-        if (mErrors++ > 0) return;
-        mFirstError = concat("frame ", mFrames, ": ", wrong);
-        if (!flagConfig("tolerate_errors")) noteBad(mFrames);
+        if (mErrors++ == 0) mFirstError = concat("frame ", mFrames, ": ", wrong);
     }
 
     CodecLog mLog;

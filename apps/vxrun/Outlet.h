@@ -1,0 +1,40 @@
+// Outlet: a way out of the process whose other end may have stopped reading.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+namespace vxrun {
+
+// Writes texts whole or not at all, and waits for a reader only so long. The watchdog writes through it, and
+// must not hang.
+//
+// Life     what it writes to stays open for as long as it lives; the descriptor it was made from need not.
+// Threads  one at a time.
+// Owns     a descriptor of its own, whose mode does not change that of others.
+class Outlet {
+public:
+    static constexpr std::chrono::milliseconds kForever = std::chrono::milliseconds::max();
+
+    // Leads to where the descriptor `fd` leads; invalid when that is not open (errno tells why).
+    explicit Outlet(int fd);
+    ~Outlet();
+    Outlet(const Outlet&) = delete;
+    Outlet& operator=(const Outlet&) = delete;
+
+    bool isOpen() const { return mFile >= 0; }
+    // Writes `text`. Waits for the reader, if it does not read, for `patience` at most: once that was not
+    // enough not at all, until there is room again. False when the text is lost or could not be written
+    // whole; errno tells why, EAGAIN when there was no room.
+    bool write(const std::string& text, std::chrono::milliseconds patience);
+
+private:
+    bool writeRest(std::chrono::milliseconds patience);
+
+    bool mIsSocket = false;
+    int mFile;
+    std::string mRest;      // of a text that has begun
+    bool mIsStuck = false;  // the last write ended without room
+};
+
+}  // namespace vxrun

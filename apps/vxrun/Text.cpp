@@ -1,0 +1,46 @@
+#include "Text.h"
+
+namespace vxrun {
+
+// The bytes of the character that begins at `at`, as UTF-8; 0 when there is none.
+static size_t characterSize(const std::string& text, size_t at) {
+    const auto byte = [&](size_t i) {
+        return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u;
+    };
+    const unsigned first = byte(at);
+    const size_t size = first < 0x80   ? 1
+                        : first < 0xc2 ? 0
+                        : first < 0xe0 ? 2
+                        : first < 0xf0 ? 3
+                                       : 4;
+    for (size_t i = 1; i < size; ++i) {
+        if ((byte(at + i) & 0xc0u) != 0x80) return 0;
+    }
+    return first < 0xf5 ? size : 0;
+}
+
+std::string printable(const std::string& text) {
+    std::string clean;
+    for (size_t at = 0; at < text.size();) {
+        const size_t size = characterSize(text, at);
+        const auto first = static_cast<unsigned char>(text[at]);
+        const bool isLatin =
+            size == 2 && first == 0xc2;  // U+0080 to U+00BF, control characters first
+        const bool isControl = first < ' ' || first == 0x7f ||
+                               (isLatin && static_cast<unsigned char>(text[at + 1]) < 0xa0);
+        if (size > 0 && !isControl) {
+            clean.append(text, at, size);
+            at += size;
+            continue;
+        }
+        if (first == '\n' || first == '\t') {
+            clean += first == '\n' ? "\\n" : "\\t";
+        } else {
+            clean += concat("\\x", std::hex, std::setfill('0'), std::setw(2), unsigned{first});
+        }
+        ++at;
+    }
+    return clean;
+}
+
+}  // namespace vxrun
