@@ -19,6 +19,7 @@ static constexpr char kProperty[] = "vendor.vexa.log.msg";
 
 // Catches: a mask read in decimal, a wrong default, text that leaves the old mask in force.
 TEST(Log, MaskComesFromThePropertyInHexadecimal) {
+    unsetenv("VENDOR_VEXA_LOG_MSG");  // which would stand in for the property
     const std::pair<const char*, uint32_t> rows[] = {{"", 0x3},  {"10", 0x10}, {"1f", 0x1f},
                                                      {"8", 0x8}, {"none", 0},  {"0", 0}};
     for (const auto& [text, mask] : rows) {

@@ -14,7 +14,7 @@ bool sQuiet = false;
 std::string sColor = "auto";
 // Standard output and error. One that is not read holds up only those that write there.
 struct Way {
-    std::timed_mutex lock;
+    std::mutex lock;
     std::optional<Outlet> outlet;  // guarded by lock
 } sWays[2];
 
@@ -23,22 +23,16 @@ bool onTerminal() {
 }
 
 // See Outlet::write(). `fd` is standard output or error.
-bool write(int fd, const std::string& text, std::chrono::milliseconds patience) {
+int write(int fd, const std::string& text, std::chrono::milliseconds patience) {
     Way& way = sWays[fd - STDOUT_FILENO];
-    std::unique_lock<std::timed_mutex> lock(way.lock, std::defer_lock);
-    if (patience == Outlet::kForever) {
-        lock.lock();
-    } else if (!lock.try_lock_for(patience)) {
-        errno = EAGAIN;
-        return false;
-    }
+    std::lock_guard<std::mutex> lock(way.lock);
     if (!way.outlet) way.outlet.emplace(fd);
     return way.outlet->write(text, patience);
 }
 
 void print(const std::string& text) {
-    constexpr std::chrono::seconds kPatience(3);
-    if (!sQuiet) write(STDERR_FILENO, text, kPatience);  // nothing can be done when that is lost
+    constexpr std::chrono::seconds kMost(3);
+    if (!sQuiet) write(STDERR_FILENO, text, kMost);  // nothing can be done when that is lost
 }
 
 bool hasColor(int fd) {
@@ -78,8 +72,9 @@ void progress(const std::string& text) {
 }
 
 bool result(const std::string& text, int fd, std::chrono::milliseconds patience) {
-    if (write(fd, text, patience)) return true;
-    line("vxrun: standard output: " + (errno == EAGAIN ? "it is not read" : errnoText(errno)));
+    const int error = write(fd, text, patience);
+    if (error == 0) return true;
+    line("vxrun: standard output: " + (error == EAGAIN ? "it is not read" : errnoText(error)));
     return false;
 }
 

@@ -160,8 +160,7 @@ int Evidence::printVerdict() const {
     const std::string line =
         concat("verdict: ", console::painted(word, exitCode(word) == 0, mOut),
                " frames=", sums.frames, " checked=", sums.checked, " first_bad=", firstBad, "\n");
-    constexpr std::chrono::seconds kPatience(5);
-    return printResult(line, exitCode(word), mOut, kPatience);
+    return printResult(line, exitCode(word), mOut, console::kPatience);
 }
 
 }  // namespace vxrun

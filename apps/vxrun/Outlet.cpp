@@ -30,15 +30,15 @@ Outlet::~Outlet() {
     if (mFile >= 0) close(mFile);
 }
 
-bool Outlet::write(const std::string& text, std::chrono::milliseconds patience) {
+int Outlet::write(const std::string& text, std::chrono::milliseconds patience) {
     if (mIsStuck) patience = std::chrono::milliseconds(0);
     // What comes after a text that has begun waits for it: nothing is put into the middle of a line.
-    if (!writeRest(patience)) return false;
+    if (const int error = writeRest(patience)) return error;
     mRest = text;
     return writeRest(patience);
 }
 
-bool Outlet::writeRest(std::chrono::milliseconds patience) {
+int Outlet::writeRest(std::chrono::milliseconds patience) {
     using Clock = std::chrono::steady_clock;
     const bool forever = patience == kForever;
     const auto end = Clock::now() + (forever ? std::chrono::milliseconds(0) : patience);
@@ -53,7 +53,7 @@ bool Outlet::writeRest(std::chrono::milliseconds patience) {
         if (errno == EINTR) continue;
         if (errno != EAGAIN) {
             mRest.clear();
-            return false;
+            return errno;
         }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
         pollfd room = {mFile, POLLOUT, 0};
@@ -62,11 +62,10 @@ bool Outlet::writeRest(std::chrono::milliseconds patience) {
             continue;
         }
         mIsStuck = true;
-        errno = EAGAIN;
-        return false;
+        return EAGAIN;
     }
     mIsStuck = false;
-    return true;
+    return 0;
 }
 
 }  // namespace vxrun

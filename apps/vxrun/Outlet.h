@@ -16,7 +16,7 @@ class Outlet {
 public:
     static constexpr std::chrono::milliseconds kForever = std::chrono::milliseconds::max();
 
-    // Leads to where the descriptor `fd` leads; invalid when that is not open (errno tells why).
+    // Leads to where the descriptor `fd` leads; not open when that is not (errno has the reason).
     explicit Outlet(int fd);
     ~Outlet();
     Outlet(const Outlet&) = delete;
@@ -24,12 +24,12 @@ public:
 
     bool isOpen() const { return mFile >= 0; }
     // Writes `text`. Waits for the reader, if it does not read, for `patience` at most: once that was not
-    // enough not at all, until there is room again. False when the text is lost or could not be written
-    // whole; errno tells why, EAGAIN when there was no room.
-    bool write(const std::string& text, std::chrono::milliseconds patience);
+    // enough not at all, until there is room again. 0, or the errno number of what failed. EAGAIN: there was
+    // no room; what has begun is written first next time, and a text that comes before that is lost.
+    int write(const std::string& text, std::chrono::milliseconds patience);
 
 private:
-    bool writeRest(std::chrono::milliseconds patience);
+    int writeRest(std::chrono::milliseconds patience);
 
     bool mIsSocket = false;
     int mFile;

@@ -78,7 +78,8 @@ private:
     void finish() override {
         if (mList) mList->commit();
         const std::string md5 = needsWhole() ? mWhole.hex() : "";
-        if (flagConfig("print_md5") && !console::result(md5 + "\n")) {
+        if (flagConfig("print_md5") &&
+            !console::result(md5 + "\n", STDOUT_FILENO, console::kPatience)) {
             throw Failure("the MD5 could not be printed", kNotWritten);
         }
         if (expectsWhole()) return compareWhole(md5);
