@@ -20,8 +20,9 @@ struct VX_EXPORT VXGraphInfo {
 // VXGraph: owns the nodes of a test and runs them.
 //
 // Life     BuildFromGraphInfo() -> runAsync() -> onGraphComplete -> stop() -> last release, with an
-//          onGraphError for each error from the start of the build to the end of stop(). stop() before the last release is the application's duty; it ends a run from
-//          outside as well. Each graph runs once.
+//          onGraphError for each error from the start of the build to the end of stop(). stop() before
+//          the last release is the application's duty; it ends a run from outside as well. Each graph
+//          runs once.
 // Threads  the application builds, runs, stops and releases. The run has the graph's own event thread,
 //          a completion thread and one waiter thread per sink node; each node has its event thread.
 // Owns     its nodes; the listener is held weakly. The listener may drop the application's last

@@ -200,8 +200,8 @@ private:
 
     // Lies in front of every work that was made by new.
     struct alignas(std::max_align_t) Home {
-        static void* inside(
-            void* memory);         // makes one there, returns where the work goes; null for null
+        // Makes a home in `memory` and returns where the work goes; null for null.
+        static void* inside(void* memory);
         void* enter(size_t size);  // null when there is no room
         void leave();
         // By the address alone: asked for what lies elsewhere, the home itself may be gone.

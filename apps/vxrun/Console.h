@@ -32,8 +32,8 @@ bool showsProgress();
 void progress(const std::string& text);
 
 // Prints `text`, what was asked for, on standard output (or error), at once and even when quiet. Waits for a
-// reader that does not read for `patience` at most: without limit only where no run is under way. False, after an error line, when it does not get there
-// whole: a disk is full, a reader has gone.
+// reader that does not read for `patience` at most: without limit only where no run is under way. False,
+// after an error line, when it does not get there whole: a disk is full, a reader has gone.
 constexpr std::chrono::seconds kPatience(5);
 bool result(const std::string& text, int fd = STDOUT_FILENO,
             std::chrono::milliseconds patience = Outlet::kForever);
