@@ -26,7 +26,9 @@ size_t memcpy_s(void* dst, size_t dstSize, const void* src, size_t count) {
 }
 
 void* VXSharedWork::Home::inside(void* memory) {
-    return memory != nullptr ? new (memory) Home() + 1 : nullptr;
+    if (memory == nullptr) return nullptr;
+    Home* const home = new (memory) Home();
+    return home + 1;
 }
 
 // While nobody else can enter or leave, so it need not count atomically.
