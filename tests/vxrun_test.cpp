@@ -703,10 +703,10 @@ TEST_F(Vxrun, AVerdictWithoutThreads) {
     makeClip();
     const std::string file = graph("linear");
     int passed = 0;
-    for (int stacks = 0; stacks < 12;
-         ++stacks) {  // of 16 GiB each, beside 2 GiB for everything else
+    // Stacks of 4 GiB each, beside 3 GiB for everything else.
+    for (uint64_t stacks = 0; stacks < 12; ++stacks) {
         std::ostringstream limits;
-        limits << "ulimit -s 16777216; ulimit -v " << (stacks * 16 + 2) * 1024 * 1024
+        limits << "ulimit -s 4194304; ulimit -v " << (stacks * 4 + 3) * 1024 * 1024
                << "; exec \"$@\"";
         const Result result = vxrunIn(limits.str(), {file});
         passed += result.exit == 0;

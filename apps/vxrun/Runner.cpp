@@ -243,8 +243,12 @@ void runGraph(VXGraphInfo info, const RunOptions& options, Evidence* evidence) {
     std::optional<Trace> trace;
     if (!options.trace.empty()) trace.emplace(options.trace);
     const auto run = std::make_shared<Run>(std::move(info), options, evidence);
-    const auto start = [&]() noexcept { return std::thread([run] { run->execute(); }); };
-    std::thread runner = start();  // endWithVerdict() where it cannot be started
+    std::thread runner;
+    try {
+        runner = std::thread([run] { run->execute(); });
+    } catch (const std::system_error&) {
+        endWithVerdict();
+    }
     run->watch(signals);
     runner.join();
     std::set_terminate(terminate);
