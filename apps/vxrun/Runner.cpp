@@ -220,7 +220,7 @@ Evidence* sEvidence = nullptr;
     try {
         if (std::current_exception() != nullptr) throw;
     } catch (const std::system_error& thread) {  // nothing else throws it
-        text = concat("a thread cannot be started: ", thread.what());
+        text = "a thread cannot be started: " + thread.code().message();
         error = vexa::NODE_FAIL_START;
     } catch (const std::exception& exception) {  // memory, for instance
         text = exception.what();
