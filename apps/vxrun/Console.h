@@ -1,4 +1,4 @@
-// Console: what vxrun says on standard error. Standard output belongs to the verdict and other results.
+// Console: what vxrun prints on standard error. Standard output belongs to the verdict and other results.
 //
 // Threads  any. Lines come out whole. Where standard error is not read, lines are lost after a few seconds:
 //          neither the run nor its watchdog hangs on it.

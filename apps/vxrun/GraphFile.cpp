@@ -115,7 +115,7 @@ private:
     };
     using Ports = std::map<std::string, Port>;
 
-    // Who gives a video for a graph file wants to see it decoded.
+    // A video in place of a graph file is most likely meant to be decoded.
     static JsonDocument parse(const std::string& path) {
         try {
             return JsonDocument(path);

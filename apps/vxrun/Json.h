@@ -26,7 +26,7 @@ struct JsonValue {
 // Threads  any number of readers at once.
 class JsonDocument {
 public:
-    // Reads and parses `path`. Refuses what is no JSON, nests deeper than any of our files, gives a key of
+    // Reads and parses `path`. Refuses what is not valid JSON, nests deeper than any of our files, gives a key of
     // one object twice, or is larger than `limit` bytes: every value costs many times its text. `rootName`
     // is what error lines call the document itself.
     explicit JsonDocument(const std::string& path, std::string rootName = "graph",

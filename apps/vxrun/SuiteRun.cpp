@@ -64,7 +64,7 @@ bool selectVectors(const SuiteOptions& options, Suite* suite) {
 
 // ---- Processes --------------------------------------------------------------------------------
 
-// An empty file in memory; null, and errno, where there is no descriptor for it.
+// An empty file in memory; null, with errno set, where no descriptor is left for it.
 FileHandle memoryFile() {
     const int file = memfd_create("output", MFD_CLOEXEC);
     return FileHandle(file < 0 ? nullptr : fdopen(file, "r"));

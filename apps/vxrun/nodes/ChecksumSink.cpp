@@ -57,8 +57,8 @@ private:
         mAlignment.add(got.hash, expected.hash, isBad);
         if (!isBad) return;
         if (!surplus) ++mDiffering;
-        if (record().mismatches ==
-            0) {  // only the first one is shown, at once: the run may break off
+        // Only the first one is shown, and at once: the run may break off.
+        if (record().mismatches == 0) {
             mFirstBad = mFrames;
             const bool sizes = expected.size != 0 && got.size != expected.size;
             const std::string text =
