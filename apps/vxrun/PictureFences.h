@@ -5,7 +5,7 @@
 
 #include "Payload.h"
 
-#include <vexa_testing/Codec2.h>
+#include <C2FenceSource.h>
 
 #include <deque>
 
@@ -29,7 +29,7 @@ private:
     struct Pending {
         std::shared_ptr<vexa::VXBuffer> buffer;
         StreamInfo stream;
-        vexa_testing::FenceTrigger fence;
+        vexa_host::FenceSource fence;
     };
     std::deque<Pending> mPending;
 };

@@ -1,5 +1,5 @@
 #include <C2Buffer.h>
-#include <vexa_testing/Codec2.h>
+#include <C2FenceSource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -62,17 +62,17 @@ bool C2Fence::isHW() const {
     return false;
 }
 
-namespace vexa_testing {
+namespace vexa_host {
 
-FenceTrigger::FenceTrigger() : mImpl(std::make_shared<C2Fence::Impl>()) {}
-C2Fence FenceTrigger::fence() const {
+FenceSource::FenceSource() : mImpl(std::make_shared<C2Fence::Impl>()) {}
+C2Fence FenceSource::fence() const {
     return C2Fence(mImpl);
 }
-void FenceTrigger::fire() {
+void FenceSource::fire() {
     mImpl->fire();
 }
-void FenceTrigger::abandon() {
+void FenceSource::abandon() {
     mImpl->abandon();
 }
 
-}  // namespace vexa_testing
+}  // namespace vexa_host

@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Installs a build to a prefix and has the programs of the README and of docs/writing-a-node.md find it
-# there, by CMake and by pkg-config.
+# there, by CMake and by pkg-config. The headers for tests come with a component of their own.
 #
 #   run.sh BUILD_DIR CXX [CXX_FLAG...]
 set -euo pipefail
 build=$1 cxx=$2
 shift 2
+flags=$*
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -21,11 +22,23 @@ check() {  # DIR: of the built programs
     said=$("$1/nodes") && [ "$said" = "1.5 2.5 3.5 4" ] || { echo "$1/nodes printed '$said'"; exit 1; }
 }
 
-cmake -S "$here" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" -DPROGRAMS="$work" \
-    -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$*" >/dev/null
+configure() {  # [COMPONENT]: of find_package
+    cmake -S "$here" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" -DPROGRAMS="$work" \
+        -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" -DCOMPONENTS="${1-}"
+}
+configure >/dev/null
 cmake --build "$work/build" >/dev/null
 check "$work/build"
 echo "find_package: ok"
+
+[ -z "$(find "$work/prefix" -path '*testing*')" ] || { echo "a plain install has the testing component"; exit 1; }
+said=$(configure testing 2>&1) && { echo "testing was found before it was installed"; exit 1; }
+grep -q "component 'testing' is not installed" <<<"$said" || { echo "$said"; exit 1; }
+cmake --install "$build" --component testing --prefix "$work/prefix" >/dev/null
+configure testing >/dev/null
+cmake --build "$work/build" >/dev/null
+"$work/build/fault" 2>"$work/log" || { echo "fault failed"; cat "$work/log"; exit 1; }
+echo "find_package, testing: ok"
 
 libdir=$(dirname "$(find "$work/prefix" -name vxbase.pc)")/..
 export PKG_CONFIG_PATH=$libdir/pkgconfig

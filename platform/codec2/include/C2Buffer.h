@@ -13,8 +13,8 @@
 
 class C2CircularBlock;
 struct _C2BlockFactory;
-namespace vexa_testing {
-class FenceTrigger;
+namespace vexa_host {
+class FenceSource;
 }
 
 // One descriptor first, then numbers that belong to whoever made the handle.
@@ -23,7 +23,7 @@ typedef ::native_handle_t C2Handle;
 // C2Fence: something that will have happened. Copies share it.  [any thread]
 //
 // A fence made by the default constructor counts as fired. There is no fence of the kernel here; an
-// unfired one is made by tests (<vexa_testing/Codec2.h>).
+// unfired one comes from a vexa_host::FenceSource (<C2FenceSource.h>).
 class C2Fence {
 public:
     constexpr C2Fence() : mImpl(nullptr) {}
@@ -41,7 +41,7 @@ public:
 
 private:
     class Impl;
-    friend class vexa_testing::FenceTrigger;
+    friend class vexa_host::FenceSource;
     explicit C2Fence(std::shared_ptr<Impl> impl);
 
     std::shared_ptr<Impl> mImpl;
