@@ -1,36 +1,9 @@
-#include "Evidence.h"
-
-#include "Console.h"
-#include "Text.h"
-
-#include <VXUtils.h>
+#include <vxkit/Evidence.h>
+#include <vxkit/Text.h>
 
 #include <algorithm>
-#include <csignal>
-#include <set>
 
-namespace vxrun {
-
-int exitCode(const std::string& verdict) {
-    static const std::map<int, std::set<std::string>> codes = {
-        {0, {"PASS", "DONE"}},
-        {1, {"FAIL", "CRC_MISMATCH", "INFO_VALIDATION_FAIL", "NO_END_OF_STREAM"}},
-        {2, {"BAD_OPTION", "CORRUPT_DESCR", "NODE_NOT_FOUND"}},
-        {4, {"NOTHING_CHECKED"}},
-        {77, {"NOT_SUPPORTED", "SKIPPED"}},
-        {124, {"STALL", "TIMEOUT"}},
-        {128 + SIGINT, {"SIGINT"}},
-        {128 + SIGTERM, {"SIGTERM"}},
-    };
-    for (const auto& [code, verdicts] : codes) {
-        if (verdicts.count(verdict) > 0) return code;
-    }
-    return 3;  // could not run: kNotWritten and the library's other names
-}
-
-int printResult(const std::string& text, int code, int out, std::chrono::milliseconds patience) {
-    return console::result(text, out, patience) || code != 0 ? code : exitCode(kNotWritten);
-}
+namespace vxkit {
 
 NodeRecord& Evidence::addNode(vexa::VXNode& node, const std::string& name,
                               const std::string& allocator, bool sink) {
@@ -54,25 +27,34 @@ PoolRecord& Evidence::addPool(const std::string& name, size_t slots) {
     return mPools.emplace_back(name, slots);
 }
 
-bool Evidence::fail(const std::string& word) {
+bool Evidence::setFailure(Verdict verdict) {
     std::lock_guard<std::mutex> lock(mLock);
-    const int failed = exitCode("FAIL");
-    const bool isFirst = mError.empty();
-    if (isFirst || (exitCode(word) == failed && exitCode(mError) != failed)) mError = word;
+    const bool isFirst = !mFailure;
+    if (isFirst || (isFailedTest(verdict) && !isFailedTest(*mFailure))) mFailure = verdict;
     return isFirst;
 }
 
-std::string Evidence::verdict() const {
+void Evidence::setStreamMd5(const std::string& md5) {
     std::lock_guard<std::mutex> lock(mLock);
-    if (!mError.empty()) return mError;
+    mStreamMd5 = md5;
+}
+
+std::string Evidence::streamMd5() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mStreamMd5;
+}
+
+Verdict Evidence::verdict() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mFailure) return *mFailure;
     bool anyChecking = false, allChecked = true;
     for (const NodeRecord& node : mNodes) {
-        if (node.sink && !node.endOfStream) return "NO_END_OF_STREAM";
+        if (node.sink && !node.endOfStream) return Verdict::NoEndOfStream;
         anyChecking = anyChecking || node.checking;
         allChecked = allChecked && (!node.checking || node.checked > 0);
     }
-    if (!anyChecking && !mChecks) return "DONE";
-    return anyChecking && allChecked ? "PASS" : "NOTHING_CHECKED";
+    if (!anyChecking && !mChecks) return Verdict::Done;
+    return anyChecking && allChecked ? Verdict::Pass : Verdict::NothingChecked;
 }
 
 Evidence::Totals Evidence::totals() const {
@@ -109,7 +91,7 @@ std::vector<const PoolRecord*> Evidence::pools() const {
     return pools;
 }
 
-// What `textOf` says of each node; nothing where it is empty.
+// The texts that `textOf` returns for the nodes; those that are empty are left out.
 template <typename TextOf>
 std::string Evidence::textOfNodes(TextOf textOf) const {
     std::lock_guard<std::mutex> lock(mLock);
@@ -138,29 +120,4 @@ std::string Evidence::allocators() const {
     });
 }
 
-void Evidence::closePools(bool report) {
-    for (const PoolRecord& pool : mPools) {  // nothing is added any more
-        const std::string line = concat("vxrun: pool of '", pool.name, "': made=", pool.made,
-                                        " recycled=", pool.recycled, " high_water=", pool.highWater,
-                                        " left_out=", pool.out);
-        if (pool.out != 0) {
-            console::line(line);
-            fail(errorName(vexa::NODE_FAIL_FATAL));
-        } else if (report) {
-            console::note(line);
-        }
-    }
-}
-
-int Evidence::printVerdict() const {
-    const std::string word = verdict();
-    const Totals sums = totals();
-    const std::string firstBad =
-        sums.firstBad == NodeRecord::kNone ? "-" : std::to_string(sums.firstBad);
-    const std::string line =
-        concat("verdict: ", console::painted(word, exitCode(word) == 0, mOut),
-               " frames=", sums.frames, " checked=", sums.checked, " first_bad=", firstBad, "\n");
-    return printResult(line, exitCode(word), mOut, console::kPatience);
-}
-
-}  // namespace vxrun
+}  // namespace vxkit

@@ -1,6 +1,12 @@
-#include "Text.h"
+#include <vxkit/Failure.h>
+#include <vxkit/Text.h>
 
-namespace vxrun {
+#include <charconv>
+#include <cstdlib>
+#include <iomanip>
+#include <system_error>
+
+namespace vxkit {
 
 // The bytes of the character that begins at `at`, as UTF-8; 0 when there is none.
 static size_t characterSize(const std::string& text, size_t at) {
@@ -43,4 +49,33 @@ std::string printable(const std::string& text) {
     return clean;
 }
 
-}  // namespace vxrun
+std::string quote(const std::string& text) {
+    constexpr size_t kShown = 60;
+    return "'" + printable(text.substr(0, kShown)) + (text.size() > kShown ? "...'" : "'");
+}
+
+std::string errnoText(int number) {
+    return std::generic_category().message(number);
+}
+
+uint64_t parseNumber(const std::string& text, uint64_t low, uint64_t high) {
+    uint64_t number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [parsed, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || parsed != end || number < low || number > high) {
+        throw Failure(concat("expected a number from ", low, " to ", high, ", got ", quote(text)));
+    }
+    return number;
+}
+
+double parseReal(const std::string& text, double low, double high) {
+    char* end = nullptr;
+    const double number = std::strtod(text.c_str(), &end);
+    const bool isDecimal = text.find_first_not_of("0123456789.e-") == text.npos;
+    if (!isDecimal || *end != '\0' || !(number >= low && number <= high)) {
+        throw Failure(concat("expected a number from ", low, " to ", high, ", got ", quote(text)));
+    }
+    return number;
+}
+
+}  // namespace vxkit

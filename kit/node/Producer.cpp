@@ -1,20 +1,19 @@
-#include "Producer.h"
-#include "Text.h"
+#include <vxkit/Producer.h>
+#include <vxkit/Text.h>
 
 #include <algorithm>
 #include <climits>
-#include <cstring>
 
-namespace vxrun {
+namespace vxkit {
 
 using namespace vexa;
 
 VXError Producer::countAvailablePendingInputWorks(unsigned long maxCount,
                                                   unsigned long* actualCount, bool* hasEOS) {
-    if (!mNext) return AppNode::countAvailablePendingInputWorks(maxCount, actualCount, hasEOS);
+    if (!mNext) return Node::countAvailablePendingInputWorks(maxCount, actualCount, hasEOS);
     if (actualCount == nullptr || hasEOS == nullptr || maxCount == 0) return VX_BAD_VALUE;
     *hasEOS = false;
-    // Without memory it is offered all the same: process() says what is wrong.
+    // Without memory a step is offered all the same: process() reports what is wrong.
     const bool wait = mBuffer == nullptr && mPool->fetch(&mBuffer) == VX_NO_FREE_SLOT;
     *actualCount = wait ? 0 : 1;
     return VX_OK;
@@ -24,10 +23,10 @@ VXError Producer::getPendingInputWorks(unsigned long requestedCount, SharedWorks
     if (works == nullptr) return VX_BAD_VALUE;
     *works = {mStep};
     if (mNext) return VX_OK;
-    SharedWorks taken;
-    const VXError ret = AppNode::getPendingInputWorks(requestedCount, &taken);
-    hold(&taken);
-    mInputs.splice(mInputs.end(), taken);
+    SharedWorks inputs;
+    const VXError ret = Node::getPendingInputWorks(requestedCount, &inputs);
+    hold(&inputs);
+    mInputs.splice(mInputs.end(), inputs);
     return ret;
 }
 
@@ -47,10 +46,12 @@ void Producer::process(const SharedWorks&) {
 void Producer::write() {
     const Output output = *std::exchange(mNext, {});  // gone also if something is thrown below
     if (mBuffer == nullptr) throw Failure("no memory for a buffer");
-    output.fill(mBuffer);
+    output.fill(*mBuffer);
+    const auto sent = fenced(std::move(mBuffer), output.frame);
     mWritten = std::make_unique<VXWork>();
     mWritten->frameInfo() = output.frame;
-    attach(mWritten.get(), fenced(std::move(mBuffer), output.frame));
+    mWritten->frameInfo().mInfos.push_back(sent);
+    attach(mWritten.get(), PoolBuffer::payload(sent));
 }
 
 // Goes on until the next frame or the end is known, or the next input is missing.
@@ -75,7 +76,7 @@ void Producer::sendWritten() {
 }
 
 void Producer::finish(bool nothing) {
-    if (nothing) throw Failure("nothing comes out", errorName(INFO_VALIDATION_FAIL));
+    if (nothing) throw Failure("nothing comes out", Verdict::InfoValidationFail);
     for (const auto& entry : entries()) {
         if (entry.frameIndex < mTaken) continue;
         failCheck(INFO_VALIDATION_FAIL, concat("an entry '", entry.key, "' is for frame ",
@@ -88,30 +89,28 @@ void Producer::give(const PictureFormat& format, VXFrameInfo frame, Fill fill) {
     mNext = {std::move(frame), std::move(fill)};
 }
 
-void Producer::givePicture(std::shared_ptr<AVFrame> picture, std::shared_ptr<StreamInfo> stream,
-                           uint64_t timestamp) {
+void Producer::givePicture(std::shared_ptr<StreamInfo> stream, uint64_t timestamp,
+                           std::function<void(const FrameView&)> fill) {
     VXFrameInfo frame;
     frame.timestamp = timestamp;
     frame.mInfos = {stream};
-    give(stream->picture, std::move(frame), [=](const auto& buffer) {
-        const Payload payload(buffer, *stream);
-        av_frame_copy(&payload.view(), picture.get());
+    give(stream->picture, std::move(frame), [stream, fill = std::move(fill)](PoolBuffer& buffer) {
+        fill(FrameView(buffer, *stream));
     });
 }
 
-void Producer::giveUnit(Libav<AVPacket> unit, std::shared_ptr<BitstreamInfo> stream) {
-    const std::shared_ptr<AVPacket> packet = std::move(unit);
-    const auto info = std::make_shared<UnitInfo>();
-    if (av_packet_copy_props(info->properties.get(), packet.get()) < 0) throw std::bad_alloc();
-    while (mBlock < packet->size) mBlock = mBlock > INT_MAX / 2 ? INT_MAX : 2 * mBlock;
-    const int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+void Producer::giveUnit(std::shared_ptr<BitstreamInfo> stream, std::shared_ptr<UnitInfo> unit,
+                        size_t size, std::function<void(uint8_t*)> fill) {
+    while (mBlock < size) mBlock = std::min<size_t>(2 * mBlock, INT_MAX);
+    const int64_t time = unit->pts != UnitInfo::kNoTime ? unit->pts : unit->dts;
     VXFrameInfo frame;
     frame.timestamp = static_cast<uint64_t>(std::max<int64_t>(time, 0));
-    frame.mInfos = {std::move(stream), info};
-    give({AV_PIX_FMT_NONE, mBlock, 1}, std::move(frame), [packet](const auto& buffer) {
-        buffer->setFilledRange(0, static_cast<size_t>(packet->size));
-        std::memcpy(Payload(buffer, {}).view().data[0], packet->data, buffer->size());
-    });
+    frame.mInfos = {stream, std::move(unit)};
+    give(PictureFormat::block(static_cast<int>(mBlock)), std::move(frame),
+         [stream, size, fill = std::move(fill)](PoolBuffer& buffer) {
+             buffer.buffer().setFilledRange(0, size);
+             fill(FrameView(buffer, *stream).plane(0));
+         });
 }
 
-}  // namespace vxrun
+}  // namespace vxkit

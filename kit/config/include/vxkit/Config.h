@@ -1,0 +1,132 @@
+// Config: the configs of a node as typed keys. One declaration serves the list of node types, the
+// check of a description and the reading of a value:
+//
+//     const NumberKey kFrames{"frames", 0, 10000, 0, "how many are held back, default 0"};
+//     ...
+//     mFrames = config(kFrames);  // a uint64_t in [0, 10000]
+//
+// In a description every value is text, see vexa::VXNodeDescriptor. An empty one counts as not given.
+#pragma once
+
+#include <VXNode.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vxkit {
+
+// ConfigKey: what all keys have in common.
+//
+// Life     static objects; node types and nodes refer to them.
+// Threads  any.
+class ConfigKey {
+public:
+    // Whether the key may stand beside others of its node that are exclusive.
+    enum Use { FREE, EXCLUSIVE };
+
+    virtual ~ConfigKey() = default;
+    ConfigKey(const ConfigKey&) = delete;
+    ConfigKey& operator=(const ConfigKey&) = delete;
+
+    // What is wrong with a value that was given; empty when nothing is.
+    virtual std::string mistakeIn(const std::string& text) const = 0;
+    // True when the value names a file or folder, relative to that of the graph file.
+    virtual bool isPath() const { return false; }
+
+    // The value in a description; empty when it was not given.
+    std::string textIn(const vexa::VXNodeDescriptor& node) const;
+    bool isGivenIn(const vexa::VXNodeDescriptor& node) const { return !textIn(node).empty(); }
+
+    const std::string name;
+    const std::string help;
+    const bool exclusive;
+
+protected:
+    ConfigKey(const char* keyName, const char* helpText, Use use)
+        : name(keyName), help(helpText), exclusive(use == EXCLUSIVE) {}
+};
+
+// Any text.
+class TextKey final : public ConfigKey {
+public:
+    using Value = std::string;
+    TextKey(const char* name, const char* help, Use use = FREE) : ConfigKey(name, help, use) {}
+    std::string mistakeIn(const std::string&) const override { return ""; }
+    Value valueOf(const std::string& text) const { return text; }
+};
+
+// The path of a file or folder. One that is given as '' is a mistake: a variable that is not set must
+// not drop a check or an output.
+class PathKey final : public ConfigKey {
+public:
+    using Value = std::string;
+    PathKey(const char* name, const char* help, Use use = FREE) : ConfigKey(name, help, use) {}
+    std::string mistakeIn(const std::string& text) const override;
+    bool isPath() const override { return true; }
+    Value valueOf(const std::string& text) const { return text; }
+};
+
+// One of a few words.
+class ChoiceKey final : public ConfigKey {
+public:
+    using Value = std::string;
+    ChoiceKey(const char* name, std::vector<std::string> words, const char* help, Use use = FREE)
+        : ConfigKey(name, help, use), mWords(std::move(words)) {}
+    std::string mistakeIn(const std::string& text) const override;
+    Value valueOf(const std::string& text) const { return text; }
+
+private:
+    const std::vector<std::string> mWords;
+};
+
+// true or false; false when not given.
+class FlagKey final : public ConfigKey {
+public:
+    using Value = bool;
+    FlagKey(const char* name, const char* help, Use use = FREE) : ConfigKey(name, help, use) {}
+    std::string mistakeIn(const std::string& text) const override;
+    Value valueOf(const std::string& text) const { return text == "true"; }
+};
+
+// A decimal number in [low, high]; `preset` when it is not given or, which mistakeIn() reports, wrong.
+class NumberKey final : public ConfigKey {
+public:
+    using Value = uint64_t;
+    NumberKey(const char* name, uint64_t low, uint64_t high, uint64_t preset, const char* help,
+              Use use = FREE)
+        : ConfigKey(name, help, use), mLow(low), mHigh(high), mPreset(preset) {}
+    std::string mistakeIn(const std::string& text) const override;
+    Value valueOf(const std::string& text) const;
+
+private:
+    const uint64_t mLow, mHigh, mPreset;
+};
+
+// A decimal fraction in [low, high]; 0 when it is not given or wrong.
+class RealKey final : public ConfigKey {
+public:
+    using Value = double;
+    RealKey(const char* name, double low, double high, const char* help, Use use = FREE)
+        : ConfigKey(name, help, use), mLow(low), mHigh(high) {}
+    std::string mistakeIn(const std::string& text) const override;
+    Value valueOf(const std::string& text) const;
+
+private:
+    const double mLow, mHigh;
+};
+
+// EntryKey: a per-frame entry of a node type, a number in [low, high].
+struct EntryKey {
+    // Whether `entry` has this kind and key, and is none of the alternate ones.
+    bool names(const vexa::VXNodeDescriptor::ConfigEntry& entry) const;
+
+    uint32_t kind;  // vexa::VXNodeDescriptor::ConfigEntry::COMMAND or TUNING
+    std::string name;
+    uint64_t low;
+    uint64_t high;
+    std::string help;
+};
+
+}  // namespace vxkit

@@ -1,0 +1,207 @@
+#include <vxkit/Node.h>
+#include <vxkit/Text.h>
+
+#include <algorithm>
+
+namespace vxkit {
+
+using namespace vexa;
+
+Node::Node(NodeArguments arguments)
+    : VXNode(arguments.fullName, std::move(arguments.descriptor)),
+      mType(arguments.type),
+      mRun(arguments.run),
+      mRecord(mRun.evidence.addNode(*this, arguments.nodeName, configText(kAllocator),
+                                    mType.outputs == 0)),
+      mEntries(std::move(arguments.entries)),
+      mMistake(std::move(arguments.mistake)) {
+    if (mRun.trace != nullptr) mRun.trace->nameRow(mRecord.number, arguments.fullName);
+}
+
+std::vector<std::string> Node::getPreferredAllocatorTypes() {
+    // A name that is no allocator's is refused at set-up, by a line that names the node.
+    const bool insists = !mRecord.allocator.empty() && mMistake.empty();
+    return {insists ? mRecord.allocator : "any"};
+}
+
+VXError Node::onSetup(bool beforeFence) {
+    return guarded(NODE_FAIL_INIT, [=] {
+        if (!mMistake.empty()) throw Failure(mMistake);
+        mBeforeFence = beforeFence;
+        for (const auto& port : inputPortInfos()) addInputPort(port.name, {port.format});
+        for (const auto& port : outputPortInfos()) addOutputPort(port.name, {port.format});
+        if (!outputPorts().empty()) mRoute->port = outputPorts().front();
+        open();
+    });
+}
+
+VXError Node::onStart() {
+    return guarded(NODE_FAIL_START, [this] { begin(); });
+}
+
+VXError Node::onProcess(SharedWorks inputs, Works* outputs) {
+    if (mBroken) return VX_OK;  // the run is ending; what still arrives is not worth another line
+    ++mRecord.moved;
+    mRecord.busy = true;
+    Trace::Clock::time_point start;
+    if (mRun.trace != nullptr) {
+        traceQueue();
+        start = Trace::Clock::now();
+    }
+    const VXError result = guarded(NODE_FAIL_FATAL, [&] {
+        hold(&inputs);
+        process(inputs);
+    });
+    outputs->swap(mOutputs);
+    if (mRun.trace != nullptr) mRun.trace->span(mRecord.number, "process", start);
+    mRecord.busy = false;
+    return result;
+}
+
+// EVENT_FENCE, which only wakeUp() posts.
+VXError Node::onBufferFilled(int) {
+    if (mBroken) return VX_OK;
+    const VXError result = guarded(NODE_FAIL_FATAL, [this] { wake(); });
+    if (mBroken) signalError(result, errorName(NODE_FAIL_FATAL));
+    return result;
+}
+
+void Node::wakeUp(unsigned delay) {
+    const auto to = handler();
+    if (to != nullptr) to->postAsyncDelayed(std::make_shared<xc2::Event>(EVENT_FENCE), delay);
+}
+
+void Node::send(std::unique_ptr<VXWork> work) {
+    finishWork(*work);
+    Works works;
+    works.push_back(std::move(work));
+    returnWorks(std::move(works));
+}
+
+void Node::sendOutput(std::unique_ptr<VXWork> work) {
+    finishWork(*work);
+    mOutputs.push_back(std::move(work));
+}
+
+void Node::finishWork(VXWork& work) {
+    ++mRecord.moved;
+    countFrame(work.frameInfo());
+    // In place of the mark of the node that sent the frame to this one.
+    auto& infos = work.frameInfo().mInfos;
+    const auto isRoute = [](const auto& info) {
+        return dynamic_cast<const Route*>(info.get()) != nullptr;
+    };
+    infos.erase(std::remove_if(infos.begin(), infos.end(), isRoute), infos.end());
+    infos.push_back(mRoute);
+    // A frame's span begins with the node that makes it, and ends with its last holder.
+    if (mRun.trace != nullptr && infoOf<TracedFrame>(work.frameInfo()) == nullptr) {
+        infos.push_back(
+            std::make_shared<TracedFrame>(mRun.trace, mRecord.name, mRecord.number, mTraced++));
+    }
+}
+
+std::unique_ptr<VXWork> Node::shareOf(const VXSharedWork& input) {
+    auto work = std::make_unique<VXWork>();
+    work->frameInfo() = input.frameInfo();
+    attach(work.get(), bufferOf(input));
+    return work;
+}
+
+std::shared_ptr<PoolBuffer> Node::fenced(std::shared_ptr<PoolBuffer> buffer,
+                                         const VXFrameInfo& frame) {
+    if (!mBeforeFence) return buffer;
+    auto given = mFences.withFence(buffer, *infoOf<StreamInfo>(frame));
+    if (given != buffer) wakeUp(static_cast<unsigned>(config(kFenceMs)));
+    return given;
+}
+
+void Node::hold(SharedWorks* works) {
+    for (auto& work : *works) {
+        const auto* const buffer = infoOf<PoolBuffer>(work->frameInfo());
+        if (buffer == nullptr) continue;
+        PoolRecord& pool = buffer->record();
+        pool.held(mRecord, 1);
+        const auto letGo = [work, &pool, &record = mRecord](VXSharedWork*) mutable {
+            pool.held(record, -1);
+            work.reset();
+        };
+        work = std::shared_ptr<VXSharedWork>(work.get(), letGo);
+    }
+}
+
+void Node::traceQueue() {
+    const Status now = status();
+    Trace::Counts counts = {{"pending", now.pendingInputs}, {"out", now.outstandingWorks}};
+    for (const auto& port : now.inputPorts) counts.push_back({port.name, port.queuedWorks});
+    mRun.trace->counter("queue." + mRecord.name, counts);
+}
+
+// Runs `action` and turns whatever it throws into the run's error. The status that is returned makes
+// the library end the build or the run.
+template <typename Action>
+VXError Node::guarded(VexaError error, Action action) {
+    try {
+        action();
+        return VX_OK;
+    } catch (const Failure& failure) {
+        fail(failure.verdict().value_or(verdictOf(error)), failure.what());
+    } catch (const std::exception& exception) {  // memory, for instance
+        fail(verdictOf(error), exception.what());
+    }
+    mBroken = true;
+    return VX_ERROR;
+}
+
+void Node::fail(Verdict verdict, const std::string& text) {
+    mRun.evidence.setFailure(verdict);
+    if (mRun.trace != nullptr) mRun.trace->instant(mRecord.number, verdictName(verdict), text);
+    print(text);
+}
+
+void Node::print(const std::string& text) const {
+    mRun.printLine("vxrun: node '" + mRecord.name + "': " + text);
+}
+
+void Node::failCheck(VexaError error, const std::string& text) {
+    fail(verdictOf(error), text);
+    signalError(VX_OK, errorName(error));  // VX_OK: the graph informs its listener and goes on
+}
+
+std::string Node::configText(const ConfigKey& key) {
+    if (!mType.declares(key)) {
+        throw Failure("a " + mType.name + " declares no config '" + key.name + "'");
+    }
+    std::string value;
+    getInitConfig(key.name, &value);
+    return value;
+}
+
+void Node::countFrame(const VXFrameInfo& frame) {
+    ++mRecord.frames;
+    if ((frame.flags & VXFrameInfo::FLAG_END_OF_STREAM) == 0) return;
+    mRecord.endOfStream = true;
+    if (mRun.trace != nullptr) mRun.trace->instant(mRecord.number, "end of stream", "");
+}
+
+void Node::countMismatch(uint64_t number) {
+    ++mRecord.mismatches;
+    if (mRecord.firstBad == NodeRecord::kNone) mRecord.firstBad = number;
+    if (mRun.trace != nullptr) {
+        mRun.trace->instant(mRecord.number, "mismatch", "frame " + std::to_string(number));
+    }
+}
+
+// Works are released before their buffers are, so the release of a work does not mean a free buffer:
+// the pool reports that itself.
+std::shared_ptr<Pool> Node::newPool(const PictureFormat& format) {
+    const auto scheduleSelf = [weakHandler = std::weak_ptr<Handler>(handler())] {
+        if (const auto handler = weakHandler.lock()) {
+            handler->postAsync(std::make_shared<xc2::Event>(EVENT_SCHEDULE));
+        }
+    };
+    const size_t slots = config(kSlots);
+    return Pool::make(allocatorType(), format, slots, mRun.evidence.addPool(mRecord.name, slots),
+                      mRun.trace, scheduleSelf);
+}
+
+}  // namespace vxkit

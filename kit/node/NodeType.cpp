@@ -1,0 +1,128 @@
+#include <vxkit/Failure.h>
+#include <vxkit/NodeType.h>
+#include <vxkit/Text.h>
+
+#include <algorithm>
+
+namespace vxkit {
+
+using vexa::VXNode;
+using vexa::VXNodeDescriptor;
+
+const ChoiceKey kAllocator{
+    "allocator", {"dmabuf", "xcodec2"}, "insists on a buffer allocator: dmabuf or xcodec2"};
+const NumberKey kSlots{"slots", 1, 1000, 8, "buffers of the node's pool, default 8"};
+const NumberKey kFenceMs{"fence_ms", 0, 3600000, 1,
+                         "before a transform/fence: when fences fire, default 1"};
+
+static std::vector<NodeType>& types() {
+    static std::vector<NodeType> all;  // made when the first type is registered, before main()
+    return all;
+}
+
+void registerNodeType(NodeType type) {
+    type.configs.push_back(&kAllocator);
+    if (type.hasPool) type.configs.insert(type.configs.end(), {&kSlots, &kFenceMs});
+    const auto isAfter = [&](const NodeType& other) { return other.name > type.name; };
+    types().insert(std::find_if(types().begin(), types().end(), isAfter), std::move(type));
+}
+
+const std::vector<NodeType>& nodeTypes() {
+    return types();
+}
+
+const NodeType* findNodeType(const std::string& name) {
+    for (const NodeType& type : types()) {
+        if (type.name == name) return &type;
+    }
+    return nullptr;
+}
+
+bool NodeType::declares(const ConfigKey& key) const {
+    return std::find(configs.begin(), configs.end(), &key) != configs.end();
+}
+
+const ConfigKey* NodeType::findConfig(const std::string& key) const {
+    for (const ConfigKey* config : configs) {
+        if (config->name == key) return config;
+    }
+    return nullptr;
+}
+
+// What is wrong with an entry; empty when nothing is.
+static std::string mistakeIn(const VXNodeDescriptor::ConfigEntry& entry, const NodeType& type) {
+    const auto nameOf = [](uint32_t kind, const std::string& key) {
+        const bool command = kind == VXNodeDescriptor::ConfigEntry::COMMAND;
+        return (command ? "command '" : "tuning '") + key + "'";
+    };
+    const std::string text = concat(entry.alternate != 0 ? "alternate " : "",
+                                    nameOf(entry.kind, entry.key), " at frame ", entry.frameIndex);
+    std::string known = type.entries.empty() ? " no entries" : "";
+    for (const EntryKey& key : type.entries) {
+        if (key.names(entry)) {
+            try {
+                parseNumber(entry.value, key.low, key.high);
+                return "";
+            } catch (const Failure& failure) {
+                return text + ": " + failure.what();
+            }
+        }
+        known += (known.empty() ? " " : ", ") + nameOf(key.kind, key.name);
+    }
+    return text + ": a " + type.name + " takes" + known;
+}
+
+std::vector<std::pair<std::string, std::string>> mistakesIn(const VXNodeDescriptor& node,
+                                                            const NodeType& type) {
+    std::vector<std::pair<std::string, std::string>> mistakes;
+    const auto checkCount = [&](const char* kind, size_t expected, size_t actual) {
+        if (actual == expected) return;
+        mistakes.emplace_back("", concat("a ", type.name, " has ", expected, " ", kind,
+                                         " port(s), the description gives it ", actual));
+    };
+    checkCount("input", type.inputs, node.inputPorts.size());
+    checkCount("output", type.outputs, node.outputPorts.size());
+    std::string exclusive;  // the config that excludes others
+    for (const auto& [name, value] : node.configs) {
+        const ConfigKey* const key = type.findConfig(name);
+        if (key == nullptr) {
+            std::string text = concat("unknown config '", name, "' = ", quote(value), ", a ",
+                                      type.name, " knows:");
+            for (const ConfigKey* known : type.configs) text.append(" ").append(known->name);
+            mistakes.emplace_back(name, text);
+            continue;
+        }
+        if (key->exclusive && !value.empty()) {
+            if (!exclusive.empty()) {
+                const auto& [first, second] = std::minmax(exclusive, name);
+                mistakes.emplace_back(
+                    name, concat("configs '", first, "' and '", second, "' exclude each other"));
+            }
+            exclusive = name;
+        }
+        const std::string mistake = key->mistakeIn(value);
+        if (!mistake.empty()) {
+            mistakes.emplace_back(name, concat("config '", name, "': ", mistake));
+        }
+    }
+    for (const auto& entry : node.entries) {
+        const std::string mistake = mistakeIn(entry, type);
+        if (!mistake.empty()) mistakes.emplace_back("", mistake);
+    }
+    return mistakes;
+}
+
+NodeFactory::NodeFactory(const NodeType& type, const RunContext& run)
+    : VXNodeBaseFactory(type.name), mType(type), mRun(run) {}
+
+void NodeFactory::createNode(const std::string& name, std::unique_ptr<VXNodeDescriptor> descriptor,
+                             std::unique_ptr<VXNode>* node) {
+    const auto mistakes = mistakesIn(*descriptor, mType);
+    const std::string nodeName = descriptor->name;
+    auto entries = descriptor->entries;
+    *node =
+        mType.make({mType, name, nodeName, std::move(entries),
+                    mistakes.empty() ? "" : mistakes.front().second, std::move(descriptor), mRun});
+}
+
+}  // namespace vxkit

@@ -1,0 +1,142 @@
+// Node: what the nodes of an application have in common.
+//
+// A node type is one source file: a class derived from Source, Transform, Decoder, Encoder, Sink or
+// Node, its keys, and a Registered object (<vxkit/NodeType.h>). Its hooks throw Failure; Node's final
+// overrides catch everything, so that no exception reaches libvxbase.
+#pragma once
+
+#include <VXNode.h>
+#include <vxkit/Evidence.h>
+#include <vxkit/Failure.h>
+#include <vxkit/Fences.h>
+#include <vxkit/FrameView.h>
+#include <vxkit/NodeType.h>
+#include <vxkit/Pool.h>
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vxkit {
+
+// Route: the output port that has sent a work. Works carry it, since the list of pending inputs does
+// not state by which input a work came.
+struct Route : public vexa::VXInfo {
+    std::weak_ptr<vexa::VXOutputPort> port;
+};
+
+// Life     made by a NodeFactory, ended by teardown() in Registered's class.
+// Threads  open(): the one that builds the graph. begin(): the graph's. process(), wake(): the node's
+//          event thread. The other operations: those of the hook that calls them, unless marked.
+// Owns     its fences; its record belongs to the evidence.
+class Node : public vexa::VXNode {
+public:
+    // For derived classes to hide. Whether their frames lie in buffers of their own.
+    static constexpr bool kHasPool = false;
+    // Whether a node so described checks its inputs.
+    static bool checks(const vexa::VXNodeDescriptor&) { return false; }
+    // The least number of frames that a node so described holds back before it sends the first.
+    static uint64_t leastFramesHeld(const vexa::VXNodeDescriptor&) { return 0; }
+
+    explicit Node(NodeArguments arguments);
+    ~Node() override { mRun.evidence.removeNode(mRecord); }
+    std::vector<std::string> getPreferredAllocatorTypes() override;
+
+protected:
+    using SharedWorks = std::list<std::shared_ptr<vexa::VXSharedWork>>;
+    using Works = std::list<std::unique_ptr<vexa::VXWork>>;
+
+    // Reads the configs and opens files. The ports exist.
+    virtual void open() {}
+    // Makes the files that the node writes: a graph that cannot be built leaves none. Before any
+    // process() of a node without outputs; one that has some may be processing already.
+    virtual void begin() {}
+    virtual void process(const SharedWorks& inputs) = 0;
+    // The answer to wakeUp(); here: the fence that fenced() has made first fires.
+    virtual void wake() { mFences.fireNext(); }
+
+    // Has wake() called on the event thread, `delay` milliseconds from now; once per call. A node that
+    // has stopped sleeps on.  [any thread]
+    void wakeUp(unsigned delay);
+    // Sends a finished work, and counts it. It goes when the events that wait now have been handled.
+    void send(std::unique_ptr<vexa::VXWork> work);
+    // The same within process(), once per input or not at all: the work goes as soon as that returns. A
+    // node sends in one way only, or works would overtake others.
+    void sendOutput(std::unique_ptr<vexa::VXWork> work);
+    // Replaces each work by a share of it that reports to the pool of its buffer when the node lets go.
+    void hold(SharedWorks* works);
+    // A work that carries the same frame as `input`.
+    static std::unique_ptr<vexa::VXWork> shareOf(const vexa::VXSharedWork& input);
+    // What to send in place of `buffer`, a new picture: before a transform/fence the same with a fence
+    // that fires "fence_ms" milliseconds later, else `buffer` itself. Such a node has no wake().
+    std::shared_ptr<PoolBuffer> fenced(std::shared_ptr<PoolBuffer> buffer,
+                                       const vexa::VXFrameInfo& frame);
+
+    // A config's value, see the key's class. Throws Failure for a key that the node's type has not
+    // declared.
+    template <typename Key>
+    typename Key::Value config(const Key& key) {
+        return key.valueOf(configText(key));
+    }
+    // The same as the text of the description; empty when it was not given.
+    std::string configText(const ConfigKey& key);
+    bool isGiven(const ConfigKey& key) { return !configText(key).empty(); }
+    // The same as config(); Failure when it was not given, too.
+    template <typename Key>
+    typename Key::Value requiredConfig(const Key& key) {
+        if (!isGiven(key)) throw Failure("config '" + key.name + "' is missing");
+        return config(key);
+    }
+
+    // The entries of the description: each is declared by the type, with a value in its range. Which of
+    // them apply to a frame, configStore() answers.
+    const std::vector<vexa::VXNodeDescriptor::ConfigEntry>& entries() const { return mEntries; }
+
+    // Counts a frame; the last one, too, as the end of the stream.
+    void countFrame(const vexa::VXFrameInfo& frame);
+    // Counts frame `number` as one that differs, is missing or is extra.
+    void countMismatch(uint64_t number);
+    // Reports a failed check. The run goes on, so that the other sinks finish.
+    void failCheck(vexa::VexaError error, const std::string& text);
+    // Prints a line for the user that begins with the node's name.
+    void print(const std::string& text) const;
+
+    NodeRecord& record() { return mRecord; }
+    Evidence& evidence() const { return mRun.evidence; }
+
+    // A new pool of the node's, of as many buffers as "slots". It has the node scheduled again when a
+    // buffer comes back after none was free.
+    std::shared_ptr<Pool> newPool(const PictureFormat& format);
+
+private:
+    vexa::VXError onSetup(bool beforeFence) final;
+    vexa::VXError onStart() final;
+    vexa::VXError onStop() final { return vexa::VX_OK; }
+    vexa::VXError onProcess(SharedWorks inputs, Works* outputs) final;
+    vexa::VXError onBufferFilled(int fd) final;
+    void onDrain() final {}
+    void onFlush() final {}
+
+    template <typename Action>
+    vexa::VXError guarded(vexa::VexaError error, Action action);
+    void finishWork(vexa::VXWork& work);
+    void traceQueue();
+    void fail(Verdict verdict, const std::string& text);
+
+    const NodeType& mType;
+    const RunContext mRun;
+    NodeRecord& mRecord;
+    const std::vector<vexa::VXNodeDescriptor::ConfigEntry> mEntries;
+    const std::string mMistake;  // in the description
+    const std::shared_ptr<Route> mRoute = std::make_shared<Route>();
+    Works mOutputs;  // of the process() that runs. [event thread]
+    bool mBeforeFence = false;
+    PictureFences mFences;
+    uint64_t mTraced = 0;              // frames that the trace has a span for  [event thread]
+    std::atomic<bool> mBroken{false};  // a hook has failed; the others do nothing any more
+};
+
+}  // namespace vxkit

@@ -1,0 +1,100 @@
+// NodeType: the node types of a program: what each is called, has and accepts, and how its nodes are
+// made.
+#pragma once
+
+#include <VXNode.h>
+#include <vxkit/Config.h>
+#include <vxkit/Evidence.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vxkit {
+
+struct NodeType;
+
+// What a node is made from.
+struct NodeArguments {
+    const NodeType& type;
+    std::string fullName;  // "graph.node"
+    std::string nodeName;  // as the description has it
+    std::vector<vexa::VXNodeDescriptor::ConfigEntry> entries;
+    std::string mistake;  // the first of mistakesIn() it; empty: none
+    std::unique_ptr<vexa::VXNodeDescriptor> descriptor;
+    const RunContext& run;
+};
+
+// Life     static; registered before main(), see Registered.
+// Threads  any, once they are registered.
+struct NodeType {
+    bool declares(const ConfigKey& key) const;
+    // The config of that name; null when the type has none.
+    const ConfigKey* findConfig(const std::string& key) const;
+
+    std::string name;
+    std::string help;
+    size_t inputs;  // how many ports of each kind a node of this type has
+    size_t outputs;
+    std::vector<const ConfigKey*> configs;
+    std::vector<EntryKey> entries;
+    // The rest: Node's members of these names.
+    bool hasPool;
+    bool (*checks)(const vexa::VXNodeDescriptor& node);
+    uint64_t (*leastFramesHeld)(const vexa::VXNodeDescriptor& node);
+    std::unique_ptr<vexa::VXNode> (*make)(NodeArguments arguments);
+};
+
+// The configs that nodes of every type have, and those of nodes with a pool.
+extern const ChoiceKey kAllocator;
+extern const NumberKey kSlots, kFenceMs;
+
+// The types of this program, in the order of their names; null for an unknown one.
+const std::vector<NodeType>& nodeTypes();
+const NodeType* findNodeType(const std::string& name);
+// Adds a type, and the configs that all have to its own.
+void registerNodeType(NodeType type);
+
+// Registered: a node type whose nodes are of the class `Author`, derived from Node. Each source of a
+// node type defines one:
+//
+//     const Registered<Delay> kType("transform/delay", "holds frames back", 1, 1, {&kFrames, &kMs});
+template <typename Author>
+class Registered {
+public:
+    Registered(const char* name, const char* help, size_t inputs, size_t outputs,
+               std::vector<const ConfigKey*> configs = {}, std::vector<EntryKey> entries = {}) {
+        // The most derived class has to end the node's life.
+        struct Made final : public Author {
+            using Author::Author;
+            ~Made() override { this->teardown(); }
+        };
+        const auto make = [](NodeArguments arguments) -> std::unique_ptr<vexa::VXNode> {
+            return std::make_unique<Made>(std::move(arguments));
+        };
+        registerNodeType({name, help, inputs, outputs, std::move(configs), std::move(entries),
+                          Author::kHasPool, Author::checks, Author::leastFramesHeld, make});
+    }
+};
+
+// What is wrong with the ports, configs and entries of a description for a node of `type`: the config
+// in question, or "", and a line.
+std::vector<std::pair<std::string, std::string>> mistakesIn(const vexa::VXNodeDescriptor& node,
+                                                            const NodeType& type);
+
+// NodeFactory: makes the nodes of one type for one run.
+//
+// Life     registered with the library as long as it lives; `run` outlives it.
+class NodeFactory final : public vexa::VXNodeBaseFactory {
+public:
+    NodeFactory(const NodeType& type, const RunContext& run);
+    void createNode(const std::string& name, std::unique_ptr<vexa::VXNodeDescriptor> descriptor,
+                    std::unique_ptr<vexa::VXNode>* node) override;
+
+private:
+    const NodeType& mType;
+    const RunContext& mRun;
+};
+
+}  // namespace vxkit
