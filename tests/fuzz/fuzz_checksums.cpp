@@ -1,8 +1,8 @@
 // Lists of checksums in every format that is read.
 #include "FuzzFile.h"
 
-#include <ChecksumList.h>
-#include <Failure.h>
+#include <ChecksumFormat.h>
+#include <vxkit/Failure.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const FuzzFile file(data, size);

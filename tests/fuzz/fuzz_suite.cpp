@@ -1,8 +1,9 @@
 // Conformance suites, and the filters over them.
 #include "FuzzFile.h"
 
-#include <Failure.h>
-#include <Suite.h>
+#include <Report.h>
+#include <Selection.h>
+#include <vxkit/Failure.h>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const FuzzFile file(data, size);

@@ -1,6 +1,5 @@
 #include "Console.h"
 
-#include "Failure.h"
 #include "Text.h"
 
 #include <cerrno>
@@ -12,6 +11,8 @@ namespace {
 
 bool sQuiet = false;
 std::string sColor = "auto";
+std::mutex sErrorLock;
+std::string sFirstError;  // guarded by sErrorLock
 // Standard output and error. One that is not read holds up only those that write there.
 struct Way {
     std::mutex lock;
@@ -45,9 +46,10 @@ bool hasColor(int fd) {
 
 }  // namespace
 
-void set(bool quiet, const std::string& color) {
+void configure(bool quiet, const std::string& color) {
     sQuiet = quiet;
     sColor = color;
+    sFirstError.clear();
     for (Way& way : sWays) way.outlet.reset();
 }
 
@@ -56,11 +58,20 @@ std::string painted(const std::string& text, bool good, int fd) {
 }
 
 void line(const std::string& text) {
+    {
+        std::lock_guard<std::mutex> lock(sErrorLock);
+        if (sFirstError.empty()) sFirstError = text;
+    }
     note(painted(printable(text), false, STDERR_FILENO));
 }
 
 void note(const std::string& text) {
     print((onTerminal() ? "\r\033[K" : "") + text + "\n");
+}
+
+std::string firstError() {
+    std::lock_guard<std::mutex> lock(sErrorLock);
+    return sFirstError;
 }
 
 bool showsProgress() {
@@ -76,6 +87,11 @@ bool result(const std::string& text, int fd, std::chrono::milliseconds patience)
     if (error == 0) return true;
     line("vxrun: standard output: " + (error == EAGAIN ? "it is not read" : errnoText(error)));
     return false;
+}
+
+int exitWithResult(const std::string& text, int code, int fd, std::chrono::milliseconds patience) {
+    const bool isPrinted = result(text, fd, patience);
+    return isPrinted || code != 0 ? code : exitCode(Verdict::NotWritten);
 }
 
 }  // namespace vxrun::console

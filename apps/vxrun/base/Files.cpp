@@ -1,6 +1,5 @@
 #include "Files.h"
 
-#include "Failure.h"
 #include "Text.h"
 
 #include <fcntl.h>
@@ -19,8 +18,8 @@ FileHandle withBuffer(std::FILE* file, const std::string& path) {
     return FileHandle(file);
 }
 
-// A new file, in place of one that a run which broke off has left. A link is not followed, and a pipe not
-// waited for: what else is there stays.
+// A new file, in place of one that an aborted run has left. A link is not followed, and a pipe not
+// waited for: whatever else is there stays.
 FileHandle create(const std::string& path) {
     std::error_code ignored;
     const auto status = std::filesystem::symlink_status(path, ignored);

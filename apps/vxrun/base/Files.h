@@ -1,4 +1,4 @@
-// Files: reading with the place known, and writing that is complete or not there.
+// Files: reading with the place known, and files that appear complete or not at all.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,11 @@ struct FileCloser {
 };
 using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
 
-// InputFile: a file, pipe or device that is read from its start to its end. Every failure is a
-// Failure whose text begins with the path.
+// InputFile: a file, pipe or device that is read from its start to its end. Failures begin with the
+// path.
+//
+// Threads  one at a time.
+// Owns     the open file.
 class InputFile {
 public:
     explicit InputFile(const std::string& path);
@@ -39,21 +42,25 @@ private:
     uint64_t mOffset = 0;
 };
 
-// The whole of a text file; a Failure when it is larger than `limit` bytes.
+// The whole of a text file. Throws Failure when it is larger than `limit` bytes.
 std::string readTextFile(const std::string& path, size_t limit);
 
 // OutputFile: a file that appears under its name when it is complete, by commit(). Until then it is
 // written as "<name>.part", which is removed if commit() is never reached.
+//
+// Threads  one at a time.
+// Owns     the open file.
 class OutputFile {
 public:
-    // A Failure when `path` or "<path>.part" names something other than a regular file, which must not be
-    // replaced.
+    // Throws Failure when `path` or "<path>.part" names something other than a regular file, which must
+    // not be replaced.
     explicit OutputFile(const std::string& path);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    // A path for those who can only write to one: to this file, whatever has come to its name since.
+    // A path for libraries that can only write to one: it leads to this file, whatever its name has come to
+    // mean since.
     std::string alias() const;
     void write(const void* data, size_t size);
     void write(const std::string& text) { write(text.data(), text.size()); }
@@ -69,8 +76,9 @@ private:
     FileHandle mFile;
 };
 
-// For what an option names, which the Failure then does, too: writes a file as a whole; makes a folder
-// where there is none; opens a file that is overwritten, and returns its descriptor.
+// For files and folders that an option names, and that Failure then names, too: writes a file as a
+// whole; makes a folder where there is none; opens a file that is overwritten, and returns its
+// descriptor.
 void writeTextFile(const std::string& option, const std::string& path, const std::string& text);
 void makeFolder(const std::string& option, const std::string& path);
 int openOutput(const std::string& option, const std::string& path);

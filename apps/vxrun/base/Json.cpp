@@ -1,6 +1,5 @@
 #include "Json.h"
 
-#include "Failure.h"
 #include "Files.h"
 #include "Text.h"
 
@@ -29,8 +28,8 @@ std::string got(const JsonValue& value) {
 
 }  // namespace
 
-// Builder: the parser's handler. The parser tells it no positions, but where it has come to in the stream
-// that it reads says it: each call comes when the parser has read just its token (a number: one byte
+// Builder: the parser's handler. The parser reports no positions, but the position in the stream that
+// it reads gives them: each call comes when the parser has read just its token (a number: one byte
 // more), so the token began at the first byte after the last one that is no separator.
 class JsonDocument::Builder {
 public:
@@ -160,12 +159,12 @@ const std::vector<JsonValue>& JsonDocument::items(const JsonValue& object, const
 }
 
 void JsonDocument::fail(const JsonValue& value, const std::string& text,
-                        const std::string& verdict) const {
+                        std::optional<Verdict> verdict) const {
     failAt(value.offset, value.where + ": " + text, verdict);
 }
 
 void JsonDocument::failAt(size_t offset, const std::string& text,
-                          const std::string& verdict) const {
+                          std::optional<Verdict> verdict) const {
     offset = std::min(offset, mText.size());
     const auto next = std::upper_bound(mLines.begin(), mLines.end(), offset);
     throw Failure(concat(mPath, ":", next - mLines.begin(), ":", offset - next[-1] + 1, ": ", text),

@@ -1,7 +1,12 @@
 // JsonDocument: a JSON file in which every value knows its place, for error lines that name it.
 #pragma once
 
+#include "Vxkit.h"
+
+#include <vxkit/Verdict.h>
+
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,14 +26,15 @@ struct JsonValue {
     const JsonValue* find(const std::string& name) const;
 };
 
-// Every failure is a Failure "file:line:column: where: text".
+// Failures read "file:line:column: where: text".
 //
 // Threads  any number of readers at once.
+// Owns     the text and its values.
 class JsonDocument {
 public:
-    // Reads and parses `path`. Refuses what is not valid JSON, nests deeper than any of our files, gives a key of
-    // one object twice, or is larger than `limit` bytes: every value costs many times its text. `rootName`
-    // is what error lines call the document itself.
+    // Reads and parses `path`. Refuses what is not valid JSON, nests deeper than any of our files, gives
+    // a key of one object twice, or is larger than `limit` bytes: every value costs many times its
+    // text. `rootName` is what error lines call the document itself.
     explicit JsonDocument(const std::string& path, std::string rootName = "graph",
                           size_t limit = 2 << 20);
 
@@ -51,13 +57,13 @@ public:
                                         JsonValue::Kind kind) const;
 
     [[noreturn]] void fail(const JsonValue& value, const std::string& text,
-                           const std::string& verdict = {}) const;
+                           std::optional<Verdict> verdict = {}) const;
 
 private:
     class Builder;
 
     [[noreturn]] void failAt(size_t offset, const std::string& text,
-                             const std::string& verdict = {}) const;
+                             std::optional<Verdict> verdict = {}) const;
 
     const std::string mPath;
     const std::string mRootName;

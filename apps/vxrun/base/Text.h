@@ -1,31 +1,19 @@
-// Text: what the lines and files of vxrun are put together with.
+// Text: what the program's own texts are put together with, beside <vxkit/Text.h>.
 #pragma once
+
+#include "Vxkit.h"
+
+#include <vxkit/Failure.h>
+#include <vxkit/Text.h>
 
 #include <cctype>
 #include <cstdlib>
 #include <iomanip>
-#include <sstream>
 #include <string>
 
 namespace vxrun {
 
-// The parts one after another, as a stream writes them.
-template <typename... Parts>
-std::string concat(const Parts&... parts) {
-    std::ostringstream stream;
-    (stream << ... << parts);
-    return stream.str();
-}
-
-// The texts of `list` with ", " between them.
-template <typename List>
-std::string joined(const List& list) {
-    std::string text;
-    for (const std::string& item : list) text += (text.empty() ? "" : ", ") + item;
-    return text;
-}
-
-// `value` with `digits` digits after the stop.
+// `value` with `digits` digits after the decimal point.
 inline std::string decimal(double value, int digits) {
     return concat(std::fixed, std::setprecision(digits), value);
 }
@@ -35,15 +23,15 @@ inline std::string lowerCase(std::string text) {
     return text;
 }
 
-// `text` as it may stand in a line for people or programs: UTF-8 without control characters. Those, and what
-// is not UTF-8, are shown as \n, \t or \x1b, so that names which come from files neither end a line nor
-// control a terminal.
-std::string printable(const std::string& text);
-
 // A variable of the environment; empty when it is not set.
 inline std::string variable(const char* name) {
     const char* const value = std::getenv(name);
     return value != nullptr ? value : "";
+}
+
+// What to throw for a bad option: "vxrun: OPTION: text", Verdict::BadOption.
+inline Failure badOption(const std::string& option, const std::string& text) {
+    return Failure("vxrun: " + option + ": " + text, Verdict::BadOption);
 }
 
 }  // namespace vxrun

@@ -1,9 +1,9 @@
 #include "BadFrames.h"
 
-#include "Console.h"
-#include "Failure.h"
 #include "Files.h"
 #include "FrameDiff.h"
+#include "LibavFrames.h"
+#include "Text.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>
@@ -15,6 +15,11 @@ extern "C" {
 #include <filesystem>
 
 namespace vxrun {
+
+const PathKey kDumpBad{"dump_bad", "a folder for the frames that differ, as PNG and raw"};
+const NumberKey kDumpLimit{"dump_limit", 1, 1000000, 8,
+                           "how many frames to write there, default 8"};
+
 namespace {
 
 std::string fileNameOf(std::string name) {
@@ -55,17 +60,20 @@ void writePng(const std::string& path, const AVFrame& picture) {
     writeFile(path, packet->data, static_cast<size_t>(packet->size));
 }
 
-void writeFrame(const std::string& path, const Payload& payload) {
+void writeFrame(const std::string& path, const FrameView& frame) {
     OutputFile raw(path + ".raw");
-    payload.forEachRow([&](const uint8_t* row, size_t bytes) { raw.write(row, bytes); });
+    frame.forEachRow([&](const uint8_t* row, size_t bytes) { raw.write(row, bytes); });
     raw.commit();
-    if (payload.isPicture()) writePng(path + ".png", *payload.copy());
+    if (frame.isPicture()) writePng(path + ".png", *copyOf(frame));
 }
 
 }  // namespace
 
-BadFrames::BadFrames(const std::string& folder, uint64_t limit, const std::string& node)
-    : mNode(node), mStem(folder + "/" + fileNameOf(node)), mLeft(folder.empty() ? 0 : limit) {
+BadFrames::BadFrames(const std::string& folder, uint64_t limit, const std::string& node,
+                     std::function<void(const std::string&)> print)
+    : mPrint(std::move(print)),
+      mStem(folder + "/" + fileNameOf(node)),
+      mLeft(folder.empty() ? 0 : limit) {
     if (folder.empty()) return;
     std::error_code error;
     std::filesystem::create_directories(folder, error);
@@ -79,27 +87,27 @@ BadFrames::BadFrames(const std::string& folder, uint64_t limit, const std::strin
     CodecLog::takeOver();
 }
 
-void BadFrames::add(uint64_t frame, const Payload& got, const Payload* wanted) {
+void BadFrames::dump(uint64_t frame, const FrameView& actual, const FrameView* expected) {
     if (mLeft == 0) return;
     --mLeft;
     try {
-        write(frame, got, wanted);
+        write(frame, actual, expected);
     } catch (const Failure& failure) {
-        console::line("vxrun: node '" + mNode + "': no more frames are dumped: " + failure.what());
+        mPrint(std::string("no more frames are dumped: ") + failure.what());
         mLeft = 0;
     }
 }
 
-void BadFrames::write(uint64_t frame, const Payload& got, const Payload* wanted) const {
+void BadFrames::write(uint64_t frame, const FrameView& actual, const FrameView* expected) const {
     char number[32];
     std::snprintf(number, sizeof number, ".frame%06llu.", static_cast<unsigned long long>(frame));
-    writeFrame(mStem + number + "got", got);
-    if (wanted == nullptr) return;
-    writeFrame(mStem + number + "wanted", *wanted);
-    const std::vector<uint8_t> difference = FrameDiff(got, *wanted, 0).picture();
-    if (difference.empty() || !got.isPicture()) return;
+    writeFrame(mStem + number + "actual", actual);
+    if (expected == nullptr) return;
+    writeFrame(mStem + number + "expected", *expected);
+    const std::vector<uint8_t> difference = FrameDiff(actual, *expected, 0).picture();
+    if (difference.empty() || !actual.isPicture()) return;
     writeFile(mStem + number + "diff.raw", difference.data(), difference.size());
-    const int width = got.format().width, height = got.format().height;
+    const int width = actual.format().width, height = actual.format().height;
     const auto picture = newPicture(AV_PIX_FMT_GRAY8, width, height);
     av_image_copy_plane(picture->data[0], picture->linesize[0], difference.data(), width, width,
                         height);

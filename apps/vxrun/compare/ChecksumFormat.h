@@ -1,85 +1,91 @@
-// ChecksumList: what the frames of a stream are compared with: lists of their checksums, and checksums
-// of the whole, as other programs write them (docs/reports.md).
+// ChecksumFormat: what the frames of a stream are compared with: lists of their checksums, and
+// checksums of the whole, as other programs write them (docs/checksum-lists.md). Each format is one
+// source file here that registers itself.
 #pragma once
 
 #include "Files.h"
-#include "Payload.h"
+#include "Vxkit.h"
 
+#include <vxkit/FrameView.h>
+
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-struct AVMD5;
-
 namespace vxrun {
 
-enum class ChecksumFormat {
-    FRAMEMD5,  // FFmpeg's framemd5 muxer
-    FRAMECRC,  // FFmpeg's framecrc muxer
-    MD5,       // one MD5 over the visible bytes of all frames, in order
-    MD5_LIST,  // a line "hash  name" per frame
-    JSON       // an object with md5_checksums, one per frame
-};
-
-// The format that goes by `name` (framemd5, framecrc, md5, md5-list, json); a Failure for none.
-ChecksumFormat checksumFormat(const std::string& name);
-// The name that the extension of `path` stands for: .framecrc, .md5 (a list), .json, else framemd5.
-std::string checksumFormatOf(const std::string& path);
-
-// Md5: the MD5 of what was added.
-class Md5 {
-public:
-    Md5();
-    void add(const Payload& payload);  // its visible bytes
-    std::string hex();                 // ends it
-
-private:
-    std::unique_ptr<AVMD5, void (*)(void*)> mState;
-};
-
-// The checksum of a payload's visible rows as a list of `format` spells it: the MD5 in hexadecimal, or
-// the Adler-32 with both sums started at 0, as framecrc (and not zlib) has it, as "0x........".
-std::string checksum(ChecksumFormat format, const Payload& payload);
-
+// A row of a list: the checksum of a frame, or of the whole stream.
 struct ChecksumRow {
-    // Whether a frame (or stream) is the expected one. A size of 0 is not known. A hash with a digit
-    // too many, as published lists have them, stands for each hash that it becomes without one digit.
-    bool matches(const ChecksumRow& got) const;
+    // Whether this row expects a frame (or stream) with the row `actual`. A size of 0 is not known. A
+    // hash with a digit too many, as published lists have them, stands for each hash that it becomes
+    // without one digit.
+    bool matches(const ChecksumRow& actual) const;
 
     uint64_t size = 0;
     std::string hash;
 };
+using ChecksumRows = std::vector<ChecksumRow>;
 
-struct ChecksumList {
-    ChecksumFormat format = ChecksumFormat::FRAMEMD5;
-    std::vector<ChecksumRow> rows;  // in order; at least one, for MD5 just one
-};
-
-// Reads a list and finds out its format. Only sizes and hashes are kept. A Failure names file and
-// line: what is no list, holds no row, mixes formats or streams, or expects the hash of nothing.
-ChecksumList readChecksumList(const std::string& path);
-
-// The MD5 of no data, which any producer matches that makes nothing: it is never an expectation.
-extern const char kMd5OfNothing[];
-
-// ChecksumWriter: writes a list, which appears when it is complete. FRAMEMD5 and FRAMECRC are what
-// FFmpeg writes with -fflags +bitexact.
+// ChecksumWriter: writes a list, which appears when it is complete.
+//
+// Threads  one at a time.
+// Owns     the file.
 class ChecksumWriter {
 public:
-    ChecksumWriter(const std::string& path, ChecksumFormat format) : mFile(path), mFormat(format) {}
+    explicit ChecksumWriter(const std::string& path) : mFile(path) {}
+    virtual ~ChecksumWriter() = default;
+    ChecksumWriter(const ChecksumWriter&) = delete;
+    ChecksumWriter& operator=(const ChecksumWriter&) = delete;
 
-    // Adds a frame; a Failure when it is empty.
-    void add(const Payload& payload, const StreamInfo& stream, uint64_t timestamp);
+    // Adds a frame. Throws Failure when it is empty.
+    void add(const Frame& frame);
     void commit();
+
+protected:
+    virtual void addFrame(const Frame& frame) = 0;
+    // What follows the last frame.
+    virtual void addEnd() {}
+
+    void write(const std::string& text) { mFile.write(text); }
+    uint64_t frames() const { return mFrames; }  // that were added, the one being added among them
 
 private:
     OutputFile mFile;
-    const ChecksumFormat mFormat;
     uint64_t mFrames = 0;
-    Md5 mWhole;  // MD5
-    // JSON
-    StreamInfo mFirst;  // the stream as it was at its first frame
-    std::vector<std::string> mHashes;
 };
+
+// Life     static; registered before main().
+// Threads  any.
+struct ChecksumFormat {
+    std::string name;       // in the config "format" of a sink/checksum
+    std::string extension;  // of files that are written in this format; empty: none
+    bool isOfWholeStream;   // one row stands for all frames
+    // The checksum of a frame's visible bytes as rows of this format spell it.
+    std::string (*hash)(const FrameView& frame);
+    // The rows of the file `path`, whose content is `text`; empty when that is of another format. Throws
+    // Failure with the file and line of what is malformed.
+    std::optional<ChecksumRows> (*read)(const std::string& path, const std::string& text);
+    std::unique_ptr<ChecksumWriter> (*newWriter)(const std::string& path);
+};
+
+// True, for a static object of the format's source file to call it.
+bool registerChecksumFormat(const ChecksumFormat& format);
+
+// The format of that name. Throws Failure for an unknown one.
+const ChecksumFormat& checksumFormat(const std::string& name);
+// The name of the format that the extension of `path` stands for, else "framemd5".
+std::string checksumFormatOf(const std::string& path);
+
+struct ChecksumList {
+    const ChecksumFormat* format;
+    ChecksumRows rows;  // in order; at least one, just one of a whole stream
+};
+
+// Reads a list of any format; only sizes and hashes are kept. Throws Failure with file and line: what is
+// not a list, holds no row, mixes formats or streams, or expects the hash of nothing.
+ChecksumList readChecksumList(const std::string& path);
 
 }  // namespace vxrun

@@ -1,18 +1,11 @@
 #include "FrameDiff.h"
 
-#include "Failure.h"
 #include "Text.h"
-
-extern "C" {
-#include <libavutil/intreadwrite.h>
-}
 
 #include <algorithm>
 #include <cmath>
-
 #include <cstdlib>
 #include <cstring>
-#include <tuple>
 
 namespace vxrun {
 namespace {
@@ -22,33 +15,26 @@ std::string point(int64_t x, int64_t y) {
 }
 
 double peakOf(const PictureFormat& format) {
-    return (1 << format.depth()) - 1;
+    return (1 << format.pixels.depth) - 1;
 }
 
-// Whether frames have the same planes. What their samples mean is not looked at: full range is no
+// Whether frames have the same planes. What their samples mean is ignored: full range is no
 // difference.
-bool comparable(const PictureFormat& got, const PictureFormat& wanted) {
-    const auto geometry = [](const PictureFormat& format) {
-        const AVPixFmtDescriptor& pixels = format.description();
-        return std::tuple(format.isPicture(), format.width, format.height, pixels.nb_components,
-                          pixels.log2_chroma_w, pixels.log2_chroma_h, pixels.comp[0].depth,
-                          pixels.comp[0].plane);
-    };
-    return geometry(got) == geometry(wanted);
+bool comparable(const PictureFormat& actual, const PictureFormat& expected) {
+    return actual.pixels.rangelessName() == expected.pixels.rangelessName() &&
+           actual.width == expected.width && actual.height == expected.height;
 }
 
-const uint8_t* rowOf(const Payload& payload, int plane, int y) {
-    return payload.view().data[plane] + static_cast<ptrdiff_t>(y) * payload.view().linesize[plane];
-}
-
-std::vector<uint16_t> samplesOf(const Payload& payload, int plane) {
-    const PictureFormat& format = payload.format();
+std::vector<uint16_t> samplesOf(const FrameView& frame, int plane) {
+    const PictureFormat& format = frame.format();
     std::vector<uint16_t> samples;
     for (int y = 0; y < format.rows(plane); ++y) {
-        const uint8_t* const row = rowOf(payload, plane, y);
+        const uint8_t* const row = frame.row(plane, y);
         for (int x = 0; x < format.columns(plane); ++x) {
-            samples.push_back(format.bytesPerSample() == 1 ? row[x]
-                                                           : AV_RL16(row + ptrdiff_t{2} * x));
+            const uint8_t* const wide = row + ptrdiff_t{2} * x;
+            samples.push_back(format.pixels.bytesPerSample() == 1
+                                  ? row[x]
+                                  : static_cast<uint16_t>(wide[0] | wide[1] << 8));
         }
     }
     return samples;
@@ -57,29 +43,28 @@ std::vector<uint16_t> samplesOf(const Payload& payload, int plane) {
 }  // namespace
 
 uint32_t FrameDiff::Plane::difference(size_t at) const {
-    return got.empty() ? 0 : static_cast<uint32_t>(std::abs(got[at] - wanted[at]));
+    return actual.empty() ? 0 : static_cast<uint32_t>(std::abs(actual[at] - expected[at]));
 }
 
-FrameDiff::FrameDiff(const Payload& got, const Payload& wanted, uint32_t tolerance)
-    : mFormat(got.format()), mTolerance(tolerance) {
-    if (!comparable(got.format(), wanted.format())) {
-        mFormats = "got " + mFormat.text() + ", wanted " + wanted.format().text();
+FrameDiff::FrameDiff(const FrameView& actual, const FrameView& expected, uint32_t tolerance)
+    : mFormat(actual.format()), mTolerance(tolerance) {
+    if (!comparable(actual.format(), expected.format())) {
+        mFormats = "actual " + mFormat.text() + ", expected " + expected.format().text();
         return;
     }
     static constexpr const char* kNames[] = {"Y", "Cb", "Cr"};
-    for (int p = 0; p < mFormat.planes(); ++p) {
+    for (int p = 0; p < mFormat.pixels.planes; ++p) {
         Plane& plane = mPlanes.emplace_back();
         plane.name = mFormat.isPicture() ? kNames[p] : "byte";
         plane.columns = static_cast<size_t>(mFormat.columns(p));
         plane.rows = static_cast<size_t>(mFormat.rows(p));
         int y = 0;
         const size_t bytes = mFormat.rowBytes(p);
-        while (y < mFormat.rows(p) &&
-               std::memcmp(rowOf(got, p, y), rowOf(wanted, p, y), bytes) == 0)
+        while (y < mFormat.rows(p) && std::memcmp(actual.row(p, y), expected.row(p, y), bytes) == 0)
             ++y;
         if (y == mFormat.rows(p)) continue;
-        plane.got = samplesOf(got, p);
-        plane.wanted = samplesOf(wanted, p);
+        plane.actual = samplesOf(actual, p);
+        plane.expected = samplesOf(expected, p);
         compare(&plane);
     }
 }
@@ -115,7 +100,7 @@ std::vector<double> FrameDiff::psnr() const {
         constexpr double kLeast = 1e-16;
         const double mse = static_cast<double>(squares) / static_cast<double>(samples);
         return std::min(10 * std::log10(peak * peak / std::max(mse, kLeast)),
-                        6.0 * mFormat.depth() + 12);
+                        6.0 * mFormat.pixels.depth + 12);
     };
     std::vector<double> figures;
     uint64_t squares = 0, samples = 0;
@@ -136,7 +121,7 @@ std::vector<double> FrameDiff::ssim() const {
 }
 
 double FrameDiff::similarity(const Plane& plane) const {
-    if (plane.got.empty()) return 1;
+    if (plane.actual.empty()) return 1;
     constexpr size_t kWindow = 8;
     constexpr size_t kStep = 4;
     const double c1 = std::pow(0.01 * peakOf(mFormat), 2);
@@ -148,12 +133,12 @@ double FrameDiff::similarity(const Plane& plane) const {
         double a = 0, b = 0, squares = 0, products = 0;
         for (size_t y = top; y < top + height; ++y) {
             for (size_t x = left; x < left + width; ++x) {
-                const double got = plane.got[plane.at(x, y)];
-                const double wanted = plane.wanted[plane.at(x, y)];
-                a += got / count;
-                b += wanted / count;
-                squares += (got * got + wanted * wanted) / count;
-                products += got * wanted / count;
+                const double actual = plane.actual[plane.at(x, y)];
+                const double expected = plane.expected[plane.at(x, y)];
+                a += actual / count;
+                b += expected / count;
+                squares += (actual * actual + expected * expected) / count;
+                products += actual * expected / count;
             }
         }
         return (2 * a * b + c1) * (2 * (products - a * b) + c2) /
@@ -192,7 +177,8 @@ std::string FrameDiff::text() const {
     }
     const Plane& first = *found;
     const size_t at = first.at(first.x, first.y);
-    const std::string values = concat(" got ", first.got[at], " wanted ", first.wanted[at]);
+    const std::string values =
+        concat(" actual ", first.actual[at], " expected ", first.expected[at]);
     std::string place = concat("byte ", first.x, values);
     if (mFormat.isPicture()) {
         place = concat("plane ", first.name, " x=", first.x, " y=", first.y, values, ", 8x8 block ",
@@ -212,8 +198,8 @@ std::string FrameDiff::shape(const Plane& first) const {
         whole += (whole.empty() ? "" : ", ") + plane.name;
     }
     if (wrong == 1) return "one sample";
-    if (mPlanes.size() == 3 && !mPlanes[1].got.empty() && mPlanes[1].got == mPlanes[2].wanted &&
-        mPlanes[2].got == mPlanes[1].wanted) {
+    if (mPlanes.size() == 3 && !mPlanes[1].actual.empty() &&
+        mPlanes[1].actual == mPlanes[2].expected && mPlanes[2].actual == mPlanes[1].expected) {
         return "planes Cb and Cr swapped";
     }
     if (std::string shifted = shift(first); !shifted.empty()) return shifted;
@@ -236,7 +222,7 @@ std::string FrameDiff::shift(const Plane& plane) {
             const bool edge = std::abs(dy) == reach;
             for (int dx = -reach; dx <= reach; dx += edge ? 1 : 2 * reach) {
                 if (!isShifted(plane, dx, dy)) continue;
-                return concat("shifted by ", point(dx, dy), ": sample (x,y) is the wanted (x",
+                return concat("shifted by ", point(dx, dy), ": sample (x,y) is the expected (x",
                               std::showpos, dx, ",y", dy, ")");
             }
         }
@@ -244,7 +230,7 @@ std::string FrameDiff::shift(const Plane& plane) {
     return "";
 }
 
-// Whether each sample is the one wanted at (x + dx, y + dy), as far as both lie in the plane, which is to
+// Whether each sample is the one expected at (x + dx, y + dy), as far as both lie in the plane, which is to
 // explain most of the wrong ones.
 bool FrameDiff::isShifted(const Plane& plane, int dx, int dy) {
     const size_t width = plane.columns - std::min(plane.columns, size_t(std::abs(dx)));
@@ -252,11 +238,12 @@ bool FrameDiff::isShifted(const Plane& plane, int dx, int dy) {
     if (2 * width < plane.columns || 2 * height < plane.rows) return false;
     uint64_t explained = 0;
     for (size_t y = 0; y < height; ++y) {
-        const size_t got = plane.at(size_t(std::max(-dx, 0)), y + size_t(std::max(-dy, 0)));
-        const size_t wanted = plane.at(size_t(std::max(dx, 0)), y + size_t(std::max(dy, 0)));
-        if (!std::equal(&plane.got[got], &plane.got[got] + width, &plane.wanted[wanted]))
+        const size_t actual = plane.at(size_t(std::max(-dx, 0)), y + size_t(std::max(-dy, 0)));
+        const size_t expected = plane.at(size_t(std::max(dx, 0)), y + size_t(std::max(dy, 0)));
+        if (!std::equal(&plane.actual[actual], &plane.actual[actual] + width,
+                        &plane.expected[expected]))
             return false;
-        for (size_t x = 0; x < width; ++x) explained += plane.difference(got + x) > 0;
+        for (size_t x = 0; x < width; ++x) explained += plane.difference(actual + x) > 0;
     }
     return 2 * explained > plane.wrong;
 }
@@ -271,10 +258,10 @@ std::vector<uint8_t> FrameDiff::picture() const {
             uint32_t largest = 0;
             for (const Plane& plane : mPlanes) {
                 const bool chroma = &plane != mPlanes.data();
-                const auto& format = mFormat.description();
+                const PixelFormat& pixels = mFormat.pixels;
                 largest = std::max(
-                    largest, plane.difference(plane.at(x >> (chroma ? format.log2_chroma_w : 0),
-                                                       y >> (chroma ? format.log2_chroma_h : 0))));
+                    largest, plane.difference(plane.at(x >> (chroma ? pixels.chromaShiftX : 0),
+                                                       y >> (chroma ? pixels.chromaShiftY : 0))));
             }
             picture.push_back(static_cast<uint8_t>(
                 largest == 0 ? 0 : std::min(kVisible + kFactor * largest, 255u)));

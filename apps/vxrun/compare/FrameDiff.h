@@ -1,19 +1,24 @@
 // FrameDiff: how two frames differ: where, by how much, and in what shape.
 #pragma once
 
-#include "Payload.h"
+#include "Vxkit.h"
+
+#include <vxkit/FrameView.h>
 
 #include <string>
 #include <vector>
 
 namespace vxrun {
 
-// Compares when it is made. A block of bytes is one plane of 8-bit samples in one row. Frames of different
-// sizes or formats differ, and have no planes here.
+// Compares when it is made. A block of bytes is one plane of 8-bit samples in one row. Frames of
+// different sizes or formats differ, and have no planes here.
+//
+// Threads  one at a time.
+// Owns     copies of the samples of planes that differ.
 class FrameDiff {
 public:
     // `tolerance`: the largest difference of a sample that is not wrong.
-    FrameDiff(const Payload& got, const Payload& wanted, uint32_t tolerance);
+    FrameDiff(const FrameView& actual, const FrameView& expected, uint32_t tolerance);
 
     bool sameFormat() const { return mFormats.empty(); }
     bool anyWrong() const;
@@ -41,10 +46,10 @@ private:
 
         std::string name;  // "Y", "Cb", "Cr", or "byte" for a block
         size_t columns, rows;
-        std::vector<uint16_t> got, wanted;  // samples; none where all are equal
-        uint64_t wrong = 0;                 // samples
-        uint64_t squares = 0;               // the sum of all differences squared
-        uint32_t largest = 0;               // difference
+        std::vector<uint16_t> actual, expected;  // samples; none where all are equal
+        uint64_t wrong = 0;                      // samples
+        uint64_t squares = 0;                    // the sum of all differences squared
+        uint32_t largest = 0;                    // difference
         // The first wrong sample in reading order, and what all of them lie in, both ends included.
         size_t x = 0, y = 0;
         size_t left = SIZE_MAX, right = 0, bottom = 0;

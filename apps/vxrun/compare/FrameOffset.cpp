@@ -1,4 +1,4 @@
-#include "Alignment.h"
+#include "FrameOffset.h"
 
 #include "Text.h"
 
@@ -6,19 +6,19 @@
 
 namespace vxrun {
 
-std::string frameHash(const Payload& payload) {
-    size_t hash = payload.size();
-    payload.forEachRow([&](const uint8_t* row, size_t bytes) {
+std::string frameHash(const FrameView& frame) {
+    size_t hash = frame.size();
+    frame.forEachRow([&](const uint8_t* row, size_t bytes) {
         const std::string_view text(reinterpret_cast<const char*>(row), bytes);
         hash = hash * 0x9e3779b97f4a7c15u + std::hash<std::string_view>()(text);
     });
     return std::to_string(hash);
 }
 
-void Alignment::add(const std::string& got, const std::string& wanted, bool differs) {
+void FrameOffset::addPair(const std::string& actual, const std::string& expected, bool differs) {
     constexpr size_t kMostPairs = 1000;
     if (mPairs.size() == kMostPairs) return;
-    mPairs.push_back({got, wanted});
+    mPairs.push_back({actual, expected});
     if (!mDiffers && !differs && mPairs.size() > kReach) {
         mPairs.pop_front();
         ++mFirst;
@@ -27,24 +27,25 @@ void Alignment::add(const std::string& got, const std::string& wanted, bool diff
     mDiffers = mDiffers || differs;
 }
 
-std::string Alignment::text() const {
+std::string FrameOffset::finding() const {
     std::string equals;
     const uint64_t bad = mFirst + mFirstBad;
     for (const int offset : {-1, 1, -kReach, kReach}) {
         size_t pairs = 0, equalPairs = 0;
         for (size_t i = mFirstBad; mDiffers && i < mPairs.size(); ++i) {
             const size_t j = i + static_cast<size_t>(offset);  // wraps to something large
-            if (j >= mPairs.size() || mPairs[i].got.empty() || mPairs[j].wanted.empty()) continue;
+            if (j >= mPairs.size() || mPairs[i].actual.empty() || mPairs[j].expected.empty())
+                continue;
             ++pairs;
-            if (mPairs[i].got != mPairs[j].wanted) continue;
+            if (mPairs[i].actual != mPairs[j].expected) continue;
             ++equalPairs;
             if (i == mFirstBad && equals.empty()) {
-                equals = concat("frame ", bad, " is the wanted frame ", mFirst + j);
+                equals = concat("frame ", bad, " is the expected frame ", mFirst + j);
             }
         }
         if (pairs < 2 || equalPairs < pairs) continue;  // one may be chance
         return concat("shifted by ", offset, ": from frame ", bad,
-                      " on, frame n is the wanted frame n", std::showpos, offset);
+                      " on, frame n is the expected frame n", std::showpos, offset);
     }
     return equals;
 }

@@ -1,7 +1,9 @@
-// Alignment: whether a stream that differs from the one wanted is that stream some frames off.
+// FrameOffset: whether a stream that differs from the expected one is that stream some frames off.
 #pragma once
 
-#include "Payload.h"
+#include "Vxkit.h"
+
+#include <vxkit/FrameView.h>
 
 #include <deque>
 #include <string>
@@ -9,23 +11,25 @@
 namespace vxrun {
 
 // A hash for the frames of one run.
-std::string frameHash(const Payload& payload);
+std::string frameHash(const FrameView& frame);
 
-// Takes the hashes of both streams frame by frame. Keeps those from shortly before the first frame that
-// differs on, a thousand at most, which is evidence enough.
-class Alignment {
+// Collects the hashes of both streams frame by frame. Keeps those from shortly before the first frame
+// that differs on, a thousand at most, which is evidence enough.
+//
+// Threads  one at a time.
+class FrameOffset {
 public:
     // The next frame of both, or of the one that is longer; the other's hash is empty then.
-    void add(const std::string& got, const std::string& wanted, bool differs);
+    void addPair(const std::string& actual, const std::string& expected, bool differs);
 
-    // What was found: "shifted by -1: ...", "frame 3 is the wanted frame 2"; empty when nothing was.
-    std::string text() const;
+    // What was found: "shifted by -1: ...", "frame 3 is the expected frame 2"; empty when nothing was.
+    std::string finding() const;
 
 private:
     static constexpr int kReach = 2;  // offsets that are tried, both ways
 
     struct Pair {
-        std::string got, wanted;
+        std::string actual, expected;
     };
     std::deque<Pair> mPairs;
     uint64_t mFirst = 0;  // frame number of the first pair

@@ -1,4 +1,4 @@
-#include "Decode.h"
+#include "DecodeGraph.h"
 
 namespace vxrun {
 
@@ -9,28 +9,28 @@ VXGraphInfo decodeGraph(const DecodeOptions& options) {
     constexpr char kUnits[] = "video/bitstream", kPictures[] = "video/raw";
     VXGraphInfo graph;
     graph.name = "decode";
-    // Adds a node with a port for what it takes and one for what it gives; returns its configs.
-    const auto add = [&](const char* type, const std::string& name, const char* takes,
-                         const char* gives) -> auto& {
+    // Adds a node with an input and an output of these formats, null for none; returns its configs.
+    const auto addNode = [&](const char* type, const std::string& name, const char* input,
+                             const char* output) -> auto& {
         auto node = std::make_unique<VXNodeDescriptor>();
         node->type = type;
         node->name = name;
-        if (takes != nullptr) node->inputPorts.push_back({name + ".in", takes});
-        if (gives != nullptr) node->outputPorts.push_back({name + ".out", gives});
+        if (input != nullptr) node->inputPorts.push_back({name + ".in", input});
+        if (output != nullptr) node->outputPorts.push_back({name + ".out", output});
         return graph.nodes.emplace_back(std::move(node))->configs;
     };
     const bool anyFormat = options.format == "None" || options.format == "Unknown";
-    add("source/bitstream", "reader", nullptr, kUnits)["file"] = options.input;
-    add("codec/decoder", "decoder", kUnits, kPictures) = {
+    addNode("source/bitstream", "reader", nullptr, kUnits)["file"] = options.input;
+    addNode("codec/decoder", "decoder", kUnits, kPictures) = {
         {"codec", options.codec}, {"format", anyFormat ? "" : options.format}};
     graph.connections["reader.out"] = {"decoder.in"};
     auto& sinks = graph.connections["decoder.out"];
     if (!options.output.empty()) {
-        add("sink/file", "writer", kPictures, nullptr)["file"] = options.output;
+        addNode("sink/file", "writer", kPictures, nullptr)["file"] = options.output;
         sinks.push_back("writer.in");
     }
     if (options.md5 || options.output.empty()) {
-        add("sink/checksum", "md5", kPictures, nullptr)["print_md5"] = "true";
+        addNode("sink/checksum", "md5", kPictures, nullptr)["print_md5"] = "true";
         sinks.push_back("md5.in");
     }
     return graph;

@@ -1,5 +1,7 @@
-// Decode: the graph of `vxrun decode`, which needs no graph file.
+// DecodeGraph: the graph that decodes one video file, which needs no graph file.
 #pragma once
+
+#include "Vxkit.h"
 
 #include <VXGraph.h>
 

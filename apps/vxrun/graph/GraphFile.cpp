@@ -1,8 +1,9 @@
 #include "GraphFile.h"
 
-#include "AppNode.h"
 #include "Json.h"
 #include "Text.h"
+
+#include <vxkit/NodeType.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -16,7 +17,7 @@ namespace {
 using vexa::VXGraphInfo;
 using vexa::VXNodeDescriptor;
 
-// Sets one config by an option's text in one of `nodes`, whose descriptions `descriptorOf` returns.
+// Makes one assignment in one of `nodes`, whose descriptions `descriptorOf` returns.
 template <typename Nodes, typename DescriptorOf>
 void setConfig(const std::string& assignment, const Nodes& nodes, DescriptorOf descriptorOf) {
     // Node names may hold full stops, config keys hold none.
@@ -64,8 +65,8 @@ public:
         });
     }
 
-    // Sets a config by an option, see overrideConfig(); after read().
-    void set(const std::string& assignment) {
+    // Makes an assignment, see GraphEdits; after read().
+    void assign(const std::string& assignment) {
         setConfig(assignment, mNodes, [](const Node& node) { return node.descriptor.get(); });
     }
 
@@ -75,8 +76,8 @@ public:
         for (Node& node : mNodes) {
             if (node.type == nullptr) continue;
             node.hasPool = node.type->hasPool;
-            node.keeps = static_cast<int64_t>(node.type->keeps(*node.descriptor));
-            const auto mistakes = mistakesOf(*node.type, *node.descriptor);
+            node.framesHeld = static_cast<int64_t>(node.type->leastFramesHeld(*node.descriptor));
+            const auto mistakes = mistakesIn(*node.descriptor, *node.type);
             for (const auto& [key, text] : mistakes) note(*node.json, key, text);
             anyChecking = anyChecking || node.type->checks(*node.descriptor);
         }
@@ -87,7 +88,7 @@ public:
 
     // The graph of a description without mistakes, nodes that feed others first: nodes start from the last
     // one to the first, and one that has not started loses what it is sent.
-    VXGraphInfo take() {
+    VXGraphInfo release() {
         for (const size_t node : mOrder) {
             mInfo.nodes.push_back(std::move(mNodes[node].descriptor));
         }
@@ -103,8 +104,8 @@ private:
         std::unique_ptr<VXNodeDescriptor> descriptor = std::make_unique<VXNodeDescriptor>();
         std::vector<size_t> upstream = {};  // the numbers of the nodes that feed it
         bool done = false;                  // checkAcyclic() has been behind it
-        bool hasPool = false;               // these two: see NodeType
-        int64_t keeps = 0;
+        bool hasPool = false;               // see NodeType
+        int64_t framesHeld = 0;             // at least, see NodeType
     };
     struct Port {
         size_t node;  // its number
@@ -175,16 +176,16 @@ private:
             if (read->type != nullptr) return;
             mDocument.fail(*json.find("type"),
                            "unknown node type " + quote(node->type) + ", see --list-nodes",
-                           errorName(vexa::NODE_NOT_FOUND));
+                           Verdict::NodeNotFound);
         });
         forEach(json, "configs", JsonValue::OBJECT, [&](const JsonValue& config) {
             const std::string& value = mDocument.scalar(config);
             // The node refuses unknown keys.
             const ConfigKey* const key =
-                read->type != nullptr ? read->type->find(config.key) : nullptr;
-            const bool isFile = key != nullptr && key->value.kind == ConfigKind::FILE;
+                read->type != nullptr ? read->type->findConfig(config.key) : nullptr;
+            const bool isPath = key != nullptr && key->isPath();
             node->configs[config.key] =
-                isFile && !value.empty() ? (mFolder / value).string() : value;
+                isPath && !value.empty() ? (mFolder / value).string() : value;
         });
         node->inputPorts = readPorts(json, "inputs", &mInputs);
         node->outputPorts = readPorts(json, "outputs", &mOutputs);
@@ -268,11 +269,11 @@ private:
             mDocument.fail(target,
                            "an output of " + quote(output.format) + " cannot feed input port " +
                                quote(target.text) + " of " + quote(input.format),
-                           errorName(vexa::GRAPH_BUILD_FAIL));
+                           Verdict::GraphBuildFail);
         }
     }
 
-    // A node whose port leads nowhere would wait for ever, or work for nobody.
+    // A node whose port leads nowhere would wait forever, or work for no consumer.
     void checkAllConnected() {
         for (const Ports* ports : {&mInputs, &mOutputs}) {
             for (const auto& [name, port] : *ports) {
@@ -306,27 +307,27 @@ private:
 
     // A node may have (largest downstream total delay + batch + 2) works out, but never more than its
     // pool has slots. Fewer slots only pace it, as long as every work comes back without a further one.
-    // Nodes that keep works until more follow take that many slots out of use for ever.
-    // One that brings streams together keeps what has come by one way until the same has come by the longest.
+    // Nodes that hold works until more follow take that many slots out of use forever. One that brings
+    // streams together holds what has come by one way until the same has come by the longest.
     void checkSlots(size_t origin) {
         if (!mNodes[origin].hasPool) return;
-        std::vector<int64_t> kept(mNodes.size(), -1);  // frames, from `origin` to behind a node
+        std::vector<int64_t> held(mNodes.size(), -1);  // frames, from `origin` to behind a node
         std::vector<bool> gets(mNodes.size());         // whether a node gets buffers of this pool
-        kept[origin] = 0;
+        held[origin] = 0;
         int64_t most = 0;
         for (const size_t node : mOrder) {
             for (const size_t upstream : mNodes[node].upstream) {
-                if (kept[upstream] < 0) continue;  // no way leads here
-                kept[node] = std::max(kept[node], kept[upstream] + mNodes[node].keeps);
+                if (held[upstream] < 0) continue;  // no way leads here
+                held[node] = std::max(held[node], held[upstream] + mNodes[node].framesHeld);
                 const bool passesOn = gets[upstream] && !mNodes[upstream].hasPool;
                 gets[node] = gets[node] || passesOn || upstream == origin;
             }
-            if (gets[node] && !mNodes[node].hasPool) most = std::max(most, kept[node]);
+            if (gets[node] && !mNodes[node].hasPool) most = std::max(most, held[node]);
         }
-        const uint64_t slots = numberOf(*mNodes[origin].descriptor, "slots");
+        const uint64_t slots = kSlots.valueOf(kSlots.textIn(*mNodes[origin].descriptor));
         if (slots > static_cast<uint64_t>(most)) return;
         note(*mNodes[origin].json, "slots",
-             concat("a pool of ", slots, " buffers, of which the nodes behind it keep ", most,
+             concat("a pool of ", slots, " buffers, of which the nodes behind it hold ", most,
                     ": the run could not move"));
     }
 
@@ -347,15 +348,15 @@ VXGraphInfo readGraphFile(const std::string& path) {
     GraphReader reader(path);
     reader.read();
     if (!reader.failures().empty()) throw Failure(reader.failures().front());
-    return reader.take();
+    return reader.release();
 }
 
 std::vector<Failure> checkGraphFile(const std::string& path,
-                                    const std::vector<std::string>& overrides) {
+                                    const std::vector<std::string>& assignments) {
     try {
         GraphReader reader(path);
         reader.read();
-        for (const std::string& assignment : overrides) reader.set(assignment);
+        for (const std::string& assignment : assignments) reader.assign(assignment);
         reader.checkFurther();
         return reader.failures();
     } catch (const Failure& failure) {  // not a graph file, or an option without a node
@@ -363,14 +364,15 @@ std::vector<Failure> checkGraphFile(const std::string& path,
     }
 }
 
-void overrideConfig(VXGraphInfo* graph, const std::string& assignment) {
-    setConfig(assignment, graph->nodes, [](const auto& node) { return node.get(); });
-}
-
-void setWhereKnown(VXGraphInfo* graph, const std::string& key, const std::string& value) {
+void GraphEdits::applyTo(VXGraphInfo* graph) const {
+    for (const std::string& assignment : assignments) {
+        setConfig(assignment, graph->nodes, [](const auto& node) { return node.get(); });
+    }
     for (const auto& node : graph->nodes) {
         const NodeType* const type = findNodeType(node->type);
-        if (type != nullptr && type->find(key) != nullptr) node->configs[key] = value;
+        for (const auto& [key, value] : whereKnown) {
+            if (type != nullptr && type->findConfig(key) != nullptr) node->configs[key] = value;
+        }
     }
 }
 

@@ -1,6 +1,5 @@
 #include "Libav.h"
 
-#include "Failure.h"
 #include "Text.h"
 
 extern "C" {
@@ -46,7 +45,7 @@ Libav<SwsContext> newScaler(const AVFrame& from, const AVFrame& to, const std::s
                           av_get_pix_fmt_name(static_cast<AVPixelFormat>(picture.format)));
         };
         throw Failure("libswscale does not convert " + text(from) + " to " + text(to),
-                      "NOT_SUPPORTED");
+                      Verdict::NotSupported);
     }
     return scaler;
 }
@@ -62,14 +61,14 @@ void LibavOptions::preset(const char* key, const std::string& value) {
     if (!value.empty()) av_dict_set(&mOptions, key, value.c_str(), AV_DICT_DONT_OVERWRITE);
 }
 
-void LibavOptions::check(int result, const std::string& who) const {
+void LibavOptions::check(int result, const std::string& subject) const {
     if (result < 0) {
-        throw Failure(who + " does not open" +
+        throw Failure(subject + " does not open" +
                       (mText.empty() ? "" : " with the options " + quote(mText)) + ": " +
                       libavText(result));
     }
     const AVDictionaryEntry* const left = av_dict_get(mOptions, "", nullptr, AV_DICT_IGNORE_SUFFIX);
-    if (left != nullptr) throw Failure(who + " has no option " + quote(left->key));
+    if (left != nullptr) throw Failure(subject + " has no option " + quote(left->key));
 }
 
 void CodecLog::attach(AVCodecContext* codec) {
@@ -77,7 +76,7 @@ void CodecLog::attach(AVCodecContext* codec) {
     codec->opaque = this;  // the copies that a codec makes for its threads keep it
 }
 
-std::string CodecLog::take(const std::string& otherwise) {
+std::string CodecLog::takeFirstError(const std::string& otherwise) {
     std::lock_guard<std::mutex> lock(mLock);
     return mFirst.empty() ? otherwise : std::exchange(mFirst, {});
 }

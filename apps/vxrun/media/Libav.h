@@ -1,5 +1,7 @@
-// Libav: what the parts that use FFmpeg's libraries share.
+// Libav: what all users of FFmpeg's libraries share: ownership, options, the codec's log, scaling.
 #pragma once
+
+#include "Vxkit.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -26,7 +28,7 @@ struct LibavDeleter {
 template <typename Object>
 using Libav = std::unique_ptr<Object, LibavDeleter>;
 
-// A new object of a kind that only takes memory: made<AVFrame>(av_frame_alloc()).
+// A new object whose allocation can only fail for lack of memory: made(av_frame_alloc()).
 template <typename Object>
 Libav<Object> made(Object* object) {
     if (object == nullptr) throw std::bad_alloc();
@@ -39,35 +41,40 @@ std::string libavText(int error);
 // A new picture, not filled.
 Libav<AVFrame> newPicture(AVPixelFormat pixels, int width, int height);
 
-// A scaler from the format and size of one picture to another's, without dithering. `flags` are those of
-// libswscale; a Failure when it does not know them or does not convert.
+// A scaler from the format and size of one picture to another's, without dithering. `flags` are those
+// of libswscale. Throws Failure when it does not know them or does not convert.
 Libav<SwsContext> newScaler(const AVFrame& from, const AVFrame& to, const std::string& flags);
 
 // LibavOptions: what a codec or demuxer is opened with.
+//
+// Threads  one at a time.
+// Owns     the dictionary.
 class LibavOptions {
 public:
-    // From the text of a config 'options', key=value:key=value; a Failure when it is none.
+    // From the text of a config 'options', key=value:key=value. Throws Failure when it is malformed.
     explicit LibavOptions(const std::string& text);
     ~LibavOptions() { av_dict_free(&mOptions); }
     LibavOptions(const LibavOptions&) = delete;
     LibavOptions& operator=(const LibavOptions&) = delete;
 
-    // Unless the text has set it; an empty value is none.
+    // Sets an option unless the text has set it or `value` is empty.
     void preset(const char* key, const std::string& value);
     // For the call that opens, which takes out what it knows.
     AVDictionary** get() { return &mOptions; }
-    // A Failure for the `result` of that call, or that names the first option that was left; `who` is
+    // Throws Failure for the `result` of that call, and for the first option that it left; `subject` is
     // what was to be opened.
-    void check(int result, const std::string& who) const;
+    void check(int result, const std::string& subject) const;
 
 private:
     const std::string mText;
     AVDictionary* mOptions = nullptr;
 };
 
-// CodecLog: the first error that a codec has told the log since the last look. Codecs conceal most
-// damage and tell nobody but the log. What the libraries log besides goes nowhere from
-// takeOver() on.
+// CodecLog: the first error that a codec has logged since it was last asked. Codecs conceal most damage
+// and report it nowhere but in the log.
+//
+// The libraries have one log callback per process. takeOver() replaces it: from then on messages of
+// codecs go to the CodecLog that each is attached to, and all others are dropped.
 //
 // Life     outlives the codecs that it listens to.
 // Threads  any: codecs log on threads of their own.
@@ -76,9 +83,9 @@ public:
     // Listens to `codec`, which has not been opened.
     void attach(AVCodecContext* codec);
     // The first error since the last call; `otherwise` when there was none.
-    std::string take(const std::string& otherwise = {});
+    std::string takeFirstError(const std::string& otherwise = {});
 
-    // Puts itself in the place of the libraries' own log.
+    // Takes the place of the libraries' own log.
     static void takeOver();
 
 private:

@@ -1,10 +1,10 @@
-#include "Y4mReader.h"
+#include "Y4m.h"
 
-#include "Failure.h"
 #include "Text.h"
 
 #include <algorithm>
 #include <map>
+#include <numeric>
 #include <sstream>
 
 namespace vxrun {
@@ -27,17 +27,15 @@ Rational parseRatio(const std::string& text, Rational unknown) {
 }
 
 // By the values of C without the place of the chroma samples: "420", "444p10", "mono12".
-const std::map<std::string, AVPixelFormat>& colourSpaces() {
-    static const std::map<std::string, AVPixelFormat> all = [] {
-        std::map<std::string, AVPixelFormat> known;
+const std::map<std::string, PixelFormat>& colorSpaces() {
+    static const std::map<std::string, PixelFormat> all = [] {
+        std::map<std::string, PixelFormat> known;
         for (const std::string sampling : {"420", "422", "444", "411", "mono"}) {
             for (const std::string depth : {"", "9", "10", "12", "14", "16"}) {
                 const bool mono = sampling == "mono";
-                const AVPixelFormat pixels = av_get_pix_fmt(
-                    concat(mono ? "gray" : "yuv" + sampling + "p", depth, depth.empty() ? "" : "le")
-                        .c_str());
-                if (pixels == AV_PIX_FMT_NONE) continue;
-                known[concat(sampling, mono || depth.empty() ? "" : "p", depth)] = pixels;
+                const auto pixels = findPixelFormat(concat(mono ? "gray" : "yuv" + sampling + "p",
+                                                           depth, depth.empty() ? "" : "le"));
+                known[concat(sampling, mono || depth.empty() ? "" : "p", depth)] = *pixels;
             }
         }
         return known;
@@ -45,15 +43,15 @@ const std::map<std::string, AVPixelFormat>& colourSpaces() {
     return all;
 }
 
-AVPixelFormat parseColourSpace(const std::string& text) {
-    if (text == "444alpha") throw Failure("not supported", "NOT_SUPPORTED");
+PixelFormat parseColorSpace(const std::string& text) {
+    if (text == "444alpha") throw Failure("not supported", Verdict::NotSupported);
     std::string sampling = text;
     // These say where the chroma samples lie, which does not change their number.
     for (const char* place : {"jpeg", "mpeg2", "paldv"}) {
         if (text == text.substr(0, 3) + place) sampling = text.substr(0, 3);
     }
-    const auto found = colourSpaces().find(sampling);
-    if (found == colourSpaces().end()) throw Failure("unknown colour space");
+    const auto found = colorSpaces().find(sampling);
+    if (found == colorSpaces().end()) throw Failure("unknown color space");
     return found->second;
 }
 
@@ -64,11 +62,12 @@ void parseField(char letter, const std::string& value, StreamInfo* stream) {
             static_cast<int>(parseNumber(value, 1, kMaxSide));
     } else if (letter == 'F') {
         const Rational rate = parseRatio(value, {25, 1});  // as FFmpeg counts unknown ones
-        av_reduce(&stream->timeBase.num, &stream->timeBase.den, rate.den, rate.num, INT32_MAX);
+        const int divisor = std::gcd(rate.num, rate.den);
+        stream->timeBase = {rate.den / divisor, rate.num / divisor};
     } else if (letter == 'A') {
         stream->sar = parseRatio(value, {0, 1});
     } else if (letter == 'C') {
-        stream->picture.pixels = parseColourSpace(value);
+        stream->picture.pixels = parseColorSpace(value);
     } else if (letter != 'I' && letter != 'X') {  // interlacing, and comments of any kind
         throw Failure("no such field");
     }
@@ -80,7 +79,7 @@ StreamInfo parseHeader(const std::string& line) {
     fields >> field;
     if (field != kMagic) throw Failure("expected 'YUV4MPEG2', got " + quote(line));
     StreamInfo stream;
-    stream.picture.pixels = AV_PIX_FMT_YUV420P;
+    stream.picture.pixels = *findPixelFormat("yuv420p");
     stream.timeBase = {1, 25};
     stream.duration = 1;
     while (fields >> field) {
@@ -102,18 +101,17 @@ StreamInfo parseHeader(const std::string& line) {
 
 std::string y4mHeader(const StreamInfo& stream) {
     const PictureFormat& picture = stream.picture;
-    std::string pixels = picture.isPicture() ? picture.description().name : "";
-    // FFmpeg's names for full range are formats of their own.
-    const bool full = pixels.rfind("yuvj", 0) == 0;
-    if (full) pixels.erase(3, 1);
-    const auto& known = colourSpaces();
-    const auto space = std::find_if(known.begin(), known.end(), [&](const auto& entry) {
-        return av_get_pix_fmt_name(entry.second) == pixels;
-    });
+    const std::string pixels = picture.pixels.rangelessName();
+    const bool full = pixels != picture.pixels.name;
+    const auto& known = colorSpaces();
+    const auto space = std::find_if(known.begin(), known.end(),
+                                    [&](const auto& entry) { return entry.second.name == pixels; });
     if (space == known.end()) {
-        throw Failure("Y4M does not take " + stream.codec + " " + quote(pixels), "NOT_SUPPORTED");
+        throw Failure("Y4M does not take " + stream.codec + " " + quote(pixels),
+                      Verdict::NotSupported);
     }
-    const uint64_t num = stream.timeBase.num * std::max<uint64_t>(stream.duration, 1);
+    const uint64_t num =
+        static_cast<uint64_t>(stream.timeBase.num) * std::max<uint64_t>(stream.duration, 1);
     const Rational sar = stream.sar.num == 0 ? Rational{0, 0} : stream.sar;
     return concat(kMagic, " W", picture.width, " H", picture.height, " F", stream.timeBase.den, ":",
                   num, " Ip A", sar.num, ":", sar.den, " C", space->first,
@@ -124,7 +122,7 @@ Y4mReader::Y4mReader(const std::string& path) : mFile(path) {
     std::string line;
     const bool complete = mFile.readLine(kMaxLine, &line);
     if (!complete && line.empty()) mFile.fail("empty file");
-    // A file of another kind is told by its first bytes, however long its first line is.
+    // A file of another kind is recognized by its first bytes, however long its first line is.
     if (!complete && line.rfind(kMagic, 0) == 0) {
         mFile.fail(line.size() == kMaxLine ? "header line longer than 4096 bytes"
                                            : "header line ends with the file");
@@ -148,12 +146,13 @@ bool Y4mReader::nextFrame() {
     return true;
 }
 
-void Y4mReader::readFrame(const Payload& picture) {
+void Y4mReader::readFrame(const FrameView& picture) {
     const uint64_t offset = mFile.offset();
-    size_t got = 0;
-    picture.forEachRow([&](uint8_t* row, size_t bytes) { got += mFile.read(row, bytes); });
-    if (got != picture.size()) {
-        failFrame(offset, concat("truncated: expected ", picture.size(), " bytes, got ", got));
+    size_t actual = 0;
+    picture.forEachRow([&](uint8_t* row, size_t bytes) { actual += mFile.read(row, bytes); });
+    if (actual != picture.size()) {
+        failFrame(offset,
+                  concat("truncated: expected ", picture.size(), " bytes, actual ", actual));
     }
     ++mFrame;
 }

@@ -1,33 +1,36 @@
-// Y4mReader: YUV4MPEG2 files: a header line, then per frame a line and the planes, without padding.
+// Y4m: YUV4MPEG2 files: a header line, then per frame a line and the planes, without padding.
 #pragma once
 
 #include "Files.h"
-#include "Payload.h"
+#include "Vxkit.h"
+
+#include <vxkit/FrameView.h>
 
 #include <string>
 
 namespace vxrun {
 
-// The header line, with its line feed, for pictures of `stream`. A Failure with the verdict NOT_SUPPORTED
+// The header line, with its line feed, for pictures of `stream`. Throws Failure, Verdict::NotSupported,
 // for those that Y4M does not have.
 std::string y4mHeader(const StreamInfo& stream);
 
-// Every failure is a Failure that names the file, the header field or the frame and its byte offset, and
-// what was expected.
+// Y4mReader: reads such a file. Failures name the file, the header field or the frame and its byte
+// offset, and what was expected.
 //
-// Use      nextFrame(), and while it is true readFrame().
+// Life     nextFrame(), and while it is true readFrame().
 // Threads  one at a time.
+// Owns     the open file.
 class Y4mReader {
 public:
-    // Opens `path` and reads its header. The verdict is NOT_SUPPORTED for a colour space that exists but
-    // is not handled.
+    // Opens `path` and reads its header. Verdict::NotSupported: a color space that exists but is not
+    // handled.
     explicit Y4mReader(const std::string& path);
 
     const StreamInfo& stream() const { return mStream; }
     // Reads the line before a frame; false at the end of the file.
     bool nextFrame();
     // Reads the planes of that frame into `picture`, which has the stream's format.
-    void readFrame(const Payload& picture);
+    void readFrame(const FrameView& picture);
 
 private:
     [[noreturn]] void failFrame(uint64_t offset, const std::string& text) const;

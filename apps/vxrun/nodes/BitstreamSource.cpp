@@ -1,19 +1,23 @@
 // source/bitstream: the access units of the best video stream of a file, as libavformat demuxes them.
-#include "Producer.h"
+#include "Keys.h"
+#include "LibavFrames.h"
+#include "Text.h"
+
+#include <vxkit/Source.h>
 
 #include <cstring>
 
 namespace vxrun {
 namespace {
 
-class BitstreamSource : public Producer {
+class BitstreamSource : public Source {
 public:
-    using Producer::Producer;
+    using Source::Source;
 
 private:
     void open() override {
         CodecLog::takeOver();
-        mPath = requiredConfig("file");
+        mPath = requiredConfig(kFile);
         openFile();
         const int best = av_find_best_stream(mFile.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
         if (best < 0) throw Failure(mPath + ": no video stream in the file");
@@ -27,16 +31,16 @@ private:
 
     void openFile() {
         // A file is a file, whatever its name looks like, and fetches nothing from elsewhere.
-        LibavOptions options(config("options"));
+        LibavOptions options(config(kOptions));
         av_dict_set(options.get(), "protocol_whitelist", "file", 0);
         AVFormatContext* file = nullptr;
         const int result =
             avformat_open_input(&file, ("file:" + mPath).c_str(), nullptr, options.get());
         mFile.reset(file);
-        // "tty" takes any text for a video, by the file's name.
+        // "tty" takes any text for a video, going by the file's name.
         const bool unknown = result == AVERROR_INVALIDDATA ||
                              (result == 0 && std::strcmp(file->iformat->name, "tty") == 0);
-        if (unknown) throw Failure(mPath + ": no video file that libavformat can read");
+        if (unknown) throw Failure(mPath + ": not a video file that libavformat can read");
         check(result);
         options.check(0, std::string("the demuxer ") + file->iformat->name);
         check(avformat_find_stream_info(file, nullptr));
@@ -45,19 +49,18 @@ private:
     void describe() {
         const AVCodecParameters& parameters = *mVideo->codecpar;
         if (parameters.codec_id == AV_CODEC_ID_NONE) {
-            throw Failure(mPath + ": a video stream of an unknown codec", "NOT_SUPPORTED");
+            throw Failure(mPath + ": a video stream of an unknown codec", Verdict::NotSupported);
         }
         const int result = avcodec_parameters_copy(mStream->parameters.get(), &parameters);
         if (result < 0) throw std::bad_alloc();
-        mStream->frameRate = av_guess_frame_rate(mFile.get(), mVideo, nullptr);
-        mStream->codec = avcodec_get_name(parameters.codec_id);
-        mStream->picture = {AV_PIX_FMT_NONE, parameters.width, parameters.height};
-        mStream->timeBase = mVideo->time_base;
-        mStream->sar = av_guess_sample_aspect_ratio(mFile.get(), mVideo, nullptr);
+        mStream->describe();
+        mStream->frameRate = fromLibav(av_guess_frame_rate(mFile.get(), mVideo, nullptr));
+        mStream->timeBase = fromLibav(mVideo->time_base);
+        mStream->sar = fromLibav(av_guess_sample_aspect_ratio(mFile.get(), mVideo, nullptr));
     }
 
     bool next() override {
-        auto unit = made(av_packet_alloc());
+        const std::shared_ptr<AVPacket> unit = made(av_packet_alloc());
         do {
             av_packet_unref(unit.get());
             const int result = av_read_frame(mFile.get(), unit.get());
@@ -67,12 +70,13 @@ private:
             check(result, ": access unit " + std::to_string(mUnits));
         } while (unit->stream_index != mVideo->index || unit->size == 0);
         ++mUnits;
-        // Time starts at 0, as it does for those who write lists.
+        // Time starts at 0, as it does in the lists of other programs.
         const int64_t start = mVideo->start_time == AV_NOPTS_VALUE ? 0 : mVideo->start_time;
         for (int64_t* time : {&unit->dts, &unit->pts}) {
             if (*time != AV_NOPTS_VALUE) *time -= start;
         }
-        giveUnit(std::move(unit), mStream);
+        giveUnit(mStream, std::make_shared<LibavUnitInfo>(*unit), static_cast<size_t>(unit->size),
+                 [unit](uint8_t* bytes) { std::memcpy(bytes, unit->data, unit->size); });
         return true;
     }
 
@@ -85,14 +89,12 @@ private:
     std::string mPath;
     Libav<AVFormatContext> mFile;
     AVStream* mVideo = nullptr;  // of mFile
-    const std::shared_ptr<BitstreamInfo> mStream = std::make_shared<BitstreamInfo>();
+    const std::shared_ptr<LibavStreamInfo> mStream = std::make_shared<LibavStreamInfo>();
     uint64_t mUnits = 0;  // that were read
 };
 
-const bool kAdded = addNodeType<BitstreamSource>(
-    "source/bitstream", "the access units of a video file", 0, 1,
-    {{"file", kFile, "the file to read: MP4, Matroska, IVF, Annex B, ..."},
-     {"options", kText, "of the demuxer: key=value:key=value"}});
+const Registered<BitstreamSource> kType("source/bitstream", "the access units of a video file", 0,
+                                        1, {&kFile, &kOptions});
 
 }  // namespace
 }  // namespace vxrun

@@ -1,11 +1,11 @@
-// sink/compare: compares two streams frame by frame: the first input's is tested, the second one's is
-// how it should be.
-#include "Alignment.h"
-#include "AppNode.h"
+// sink/compare: compares two streams frame by frame: that of the first input is tested, that of the
+// second is the expected one.
 #include "BadFrames.h"
-#include "Console.h"
 #include "FrameDiff.h"
+#include "FrameOffset.h"
 #include "Text.h"
+
+#include <vxkit/Node.h>
 
 #include <algorithm>
 #include <limits>
@@ -18,14 +18,30 @@ namespace {
 constexpr double kLeastPsnr = 1, kLeastSsim = 0.01;
 constexpr double kMostPsnr = 6 * 16 + 12;  // that of equal pictures of 16 bits
 
-class CompareSink : public AppNode {
+const NumberKey kTolerance{
+    "tolerance",
+    0,
+    65534,
+    0,
+    "the largest difference of a sample that is allowed, default 0; less than the peak",
+    ConfigKey::EXCLUSIVE};
+const RealKey kPsnr{"psnr", kLeastPsnr, kMostPsnr,
+                    "instead: the lowest PSNR of a frame that is allowed, in dB, 1 to 108",
+                    ConfigKey::EXCLUSIVE};
+const RealKey kSsim{"ssim", kLeastSsim, 1,
+                    "instead: the lowest SSIM of a plane that is allowed, 0.01 to 1",
+                    ConfigKey::EXCLUSIVE};
+const NumberKey kAhead{"ahead", 1, 10000, 16,
+                       "frames that one input may be ahead of the other, default 16"};
+
+class CompareSink : public Node {
 public:
     static bool checks(const vexa::VXNodeDescriptor&) { return true; }
 
-    using AppNode::AppNode;
+    using Node::Node;
 
 private:
-    enum Input : size_t { GOT = 0, WANTED = 1 };
+    enum Input : size_t { ACTUAL = 0, EXPECTED = 1 };
 
     // One of the two streams.
     struct Stream {
@@ -47,120 +63,113 @@ private:
     };
 
     void open() override {
-        for (const std::string measure : {"psnr", "ssim", "tolerance"}) {  // one at most
-            if (!config(measure).empty()) mMeasure = measure;
-        }
-        if (!mMeasure.empty()) mError = vexa::INFO_VALIDATION_FAIL;
-        if (mMeasure == "psnr") mFloor = parseReal(config("psnr"), kLeastPsnr, kMostPsnr);
-        if (mMeasure == "ssim") mFloor = parseReal(config("ssim"), kLeastSsim, 1);
-        mTolerance = static_cast<uint32_t>(numberConfig("tolerance"));
-        mBadFrames.emplace(config("dump_bad"), numberConfig("dump_limit"), record().name);
+        if (isGiven(kPsnr)) mMeasure = &kPsnr;
+        if (isGiven(kSsim)) mMeasure = &kSsim;
+        if (mMeasure != nullptr) mFloor = config(*mMeasure);
+        if (mMeasure != nullptr || isGiven(kTolerance)) mError = vexa::INFO_VALIDATION_FAIL;
+        mTolerance = static_cast<uint32_t>(config(kTolerance));
+        mBadFrames.emplace(config(kDumpBad), config(kDumpLimit), record().name,
+                           [this](const std::string& text) { print(text); });
         record().checking = true;
-        setTotalDelay(numberConfig("ahead"));
+        setTotalDelay(config(kAhead));
     }
 
     void process(const SharedWorks& inputs) override {
         for (const auto& work : inputs) mStreams[inputOf(*work)].works.push_back(work);
-        Stream& got = mStreams[GOT];
-        Stream& wanted = mStreams[WANTED];
-        while (!(got.works.empty() && wanted.works.empty()) && (!got.works.empty() || got.ended) &&
-               (!wanted.works.empty() || wanted.ended)) {
-            compare(got.front().get(), wanted.front().get());
-            got.advance();
-            wanted.advance();
-            if (got.ended && wanted.ended) finish();
+        Stream& actual = mStreams[ACTUAL];
+        Stream& expected = mStreams[EXPECTED];
+        while (!(actual.works.empty() && expected.works.empty()) &&
+               (!actual.works.empty() || actual.ended) &&
+               (!expected.works.empty() || expected.ended)) {
+            compare(actual.front().get(), expected.front().get());
+            actual.advance();
+            expected.advance();
+            if (actual.ended && expected.ended) finish();
         }
     }
 
-    // A work says by which output it was sent, and this one to which inputs it is connected.
+    // A work carries the output that sent it, and that output lists the inputs it is connected to.
     size_t inputOf(const vexa::VXSharedWork& work) const {
         const auto* const route = infoOf<Route>(work.frameInfo());
         const auto port = route != nullptr ? route->port.lock() : nullptr;
         if (port == nullptr) throw Failure("a work of unknown origin");
         const auto& connected = port->downstreamPorts();
-        const auto got = std::find(connected.begin(), connected.end(), inputPorts()[GOT]);
-        return got != connected.end() ? GOT : WANTED;
+        const auto found = std::find(connected.begin(), connected.end(), inputPorts()[ACTUAL]);
+        return found != connected.end() ? ACTUAL : EXPECTED;
     }
 
     // Either may be null.
-    void compare(const Frame* got, const Frame* wanted) {
-        const uint64_t frame = std::max(mStreams[GOT].frames, mStreams[WANTED].frames);
-        const bool isBad = got == nullptr || wanted == nullptr || differ(frame, *got, *wanted);
-        if (got != nullptr) ++record().frames;
-        mAlignment.add(got != nullptr ? frameHash(*got) : "",
-                       wanted != nullptr ? frameHash(*wanted) : "", isBad);
+    void compare(const Frame* actual, const Frame* expected) {
+        const uint64_t frame = std::max(mStreams[ACTUAL].frames, mStreams[EXPECTED].frames);
+        const bool isBad =
+            actual == nullptr || expected == nullptr || differ(frame, *actual, *expected);
+        if (actual != nullptr) ++record().frames;
+        mOffset.addPair(actual != nullptr ? frameHash(*actual) : "",
+                        expected != nullptr ? frameHash(*expected) : "", isBad);
         if (!isBad) return;
-        noteBad(frame);
-        if (got != nullptr) mBadFrames->add(frame, *got, wanted);
+        countMismatch(frame);
+        if (actual != nullptr) mBadFrames->dump(frame, *actual, expected);
     }
 
-    bool differ(uint64_t frame, const Frame& got, const Frame& wanted) {
+    bool differ(uint64_t frame, const Frame& actual, const Frame& expected) {
         ++record().checked;
-        const int peak = (1 << got.format().depth()) - 1;
+        const int peak = (1 << actual.format().pixels.depth) - 1;
         if (mTolerance >= static_cast<uint32_t>(peak)) {
-            throw Failure(concat("config 'tolerance': no samples of ", got.format().depth(),
+            throw Failure(concat("config 'tolerance': no samples of ", actual.format().pixels.depth,
                                  " bits differ by more than ", mTolerance),
-                          errorName(vexa::NODE_FAIL_CONFIG));
+                          Verdict::NodeFailConfig);
         }
-        const FrameDiff difference(got, wanted, mTolerance);
-        const bool measured = mFloor > 0 && difference.sameFormat();
+        const FrameDiff difference(actual, expected, mTolerance);
+        const bool measured = mMeasure != nullptr && difference.sameFormat();
         bool isBad = difference.anyWrong();
         std::string text;
         if (measured) {
-            const auto figures = mMeasure == "psnr" ? difference.psnr() : difference.ssim();
+            const auto figures = mMeasure == &kPsnr ? difference.psnr() : difference.ssim();
             isBad = figures.back() < mFloor;
-            text = mMeasure + " " + difference.text(figures);
+            text = mMeasure->name + " " + difference.text(figures);
             if (figures.back() < mLowest) mLowestText = text + " in frame " + std::to_string(frame);
             mLowest = std::min(mLowest, figures.back());
         }
         if (isBad && mBad++ == 0) {  // only the first one is shown
-            text = measured ? text + " is below " + config(mMeasure) : difference.text();
+            text = measured ? text + " is below " + configText(*mMeasure) : difference.text();
             failCheck(mError,
-                      concat("frame ", frame, " (timestamp ", got.info.timestamp, "): ", text));
+                      concat("frame ", frame, " (timestamp ", actual.info.timestamp, "): ", text));
         }
         return isBad;
     }
 
     void finish() {
-        const uint64_t got = mStreams[GOT].frames;
-        const uint64_t wanted = mStreams[WANTED].frames;
+        const uint64_t actual = mStreams[ACTUAL].frames;
+        const uint64_t expected = mStreams[EXPECTED].frames;
         if (!mLowestText.empty()) {
-            console::line("vxrun: node '" + record().name + "': the lowest is " + mLowestText);
+            print("the lowest is " + mLowestText);
         }
-        if (mBad > 0 || got != wanted) {
-            const std::string alignment = mAlignment.text();
+        if (mBad > 0 || actual != expected) {
+            const std::string offset = mOffset.finding();
             failCheck(mError,
-                      concat(mBad, " of ", record().checked, " frames are wrong, got ", got,
-                             ", wanted ", wanted, alignment.empty() ? "" : "; ", alignment));
+                      concat(mBad, " of ", record().checked, " frames are wrong, actual ", actual,
+                             ", expected ", expected, offset.empty() ? "" : "; ", offset));
         }
         record().endOfStream = true;
         signalComplete();
     }
 
-    std::string mMeasure;  // the config that says what is compared; empty: all samples
-    double mFloor = 0;     // of the figure; 0: samples are compared
+    const RealKey* mMeasure = nullptr;  // the figure that is compared; null: all samples
+    double mFloor = 0;                  // of the figure
     uint32_t mTolerance = 0;
     vexa::VexaError mError = vexa::CRC_MISMATCH;
     std::optional<BadFrames> mBadFrames;
     // [event thread]
     Stream mStreams[2];  // by Input
-    Alignment mAlignment;
+    FrameOffset mOffset;
     uint64_t mBad = 0;
     double mLowest = std::numeric_limits<double>::infinity();
     std::string mLowestText;
 };
 
-const bool kAdded = addNodeType<CompareSink>(
+const Registered<CompareSink> kType(
     "sink/compare", "compares the frames of the first input with those of the second", 2, 0,
-    {{"tolerance", number(0, 65534, 0),
-      "the largest difference of a sample that is allowed, default 0; less than the peak", true},
-     {"psnr", real(kLeastPsnr, kMostPsnr),
-      "instead: the lowest PSNR of a frame that is allowed, in dB, 1 to 108", true},
-     {"ssim", real(kLeastSsim, 1), "instead: the lowest SSIM of a plane that is allowed, 0.01 to 1",
-      true},
-     {"ahead", number(1, 10000, 16), "frames that one input may be ahead of the other, default 16"},
-     {"dump_bad", kFile, "a folder for the frames that differ, as PNG and raw"},
-     {"dump_limit", number(1, 10000, 8), "how many frames to write there, default 8"}});
+    {&kTolerance, &kPsnr, &kSsim, &kAhead, &kDumpBad, &kDumpLimit});
 
 }  // namespace
 }  // namespace vxrun

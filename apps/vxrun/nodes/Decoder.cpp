@@ -1,6 +1,9 @@
 // codec/decoder: the pictures of a bitstream, decoded by libavcodec, each in its own size and format.
-#include "Producer.h"
+#include "Keys.h"
+#include "LibavFrames.h"
 #include "Text.h"
+
+#include <vxkit/Decoder.h>
 
 #include <algorithm>
 #include <cctype>
@@ -9,11 +12,9 @@
 namespace vxrun {
 namespace {
 
-// What a pixel format is called: those of full range, which libavcodec names apart, lie in memory like
-// all others.
-std::string plainName(std::string format) {
-    return format.rfind("yuvj", 0) == 0 ? format.erase(3, 1) : format;
-}
+const TextKey kCodec{"codec", "the decoder, or the codec, to use; default is libavcodec's choice"};
+const TextKey kFormat{"format", "the pixel format that the pictures must have, such as yuv420p"};
+const FlagKey kTolerateErrors{"tolerate_errors", "true: damaged pictures do not fail the run"};
 
 // The decoder that goes by `name`, or libavcodec's choice for the codec that does; null when there is
 // none. Codecs go first: "av1" is also the name of a decoder that needs hardware.
@@ -25,8 +26,8 @@ const AVCodec* findDecoder(const std::string& name) {
     return decoder != nullptr && decoder->type == AVMEDIA_TYPE_VIDEO ? decoder : nullptr;
 }
 
-// The profile of a stream in the words of the lists that name it: H264PROFILE_BASELINE,
-// HEVCPROFILE_MAIN10; empty where they have none.
+// The profile of a stream as lists name it: H264PROFILE_BASELINE,
+// HEVCPROFILE_MAIN10; empty where they have no name.
 std::string profileOf(const AVCodecContext& codec) {
     if (codec.codec_id == AV_CODEC_ID_VP8) return "VP8PROFILE_ANY";
     static const std::map<AVCodecID, std::string> prefixes = {
@@ -44,53 +45,30 @@ std::string profileOf(const AVCodecContext& codec) {
     return prefix->second + profile;
 }
 
-class Decoder : public Producer {
+class LibavDecoder : public Decoder {
 public:
-    using Producer::Producer;
+    using Decoder::Decoder;
 
 private:
     void open() override {
-        const std::string name = config("codec");
+        const std::string name = config(kCodec);
         if (name.empty()) return;
         mCodec = findDecoder(name);
         if (mCodec == nullptr) {
-            throw Failure("config 'codec': no decoder " + quote(name), "NOT_SUPPORTED");
+            throw Failure("config 'codec': no decoder " + quote(name), Verdict::NotSupported);
         }
     }
 
-    bool feed(const vexa::VXSharedWork& unit, uint64_t number) override {
-        const Frame frame(unit);
-        if (!obey(number)) return false;
-        const BitstreamInfo* stream = nullptr;
-        // A copy, since decoders read on behind the end of what they are given.
-        const auto packet = frame.unit(&stream);
-        if (mContext == nullptr) openCodec(*stream);
-        if ((packet->flags & AV_PKT_FLAG_CORRUPT) != 0) noteError("a damaged access unit");
+    void decode(const AccessUnit& unit) override {
+        const auto packet = packetOf(unit);
+        if (mContext == nullptr) openCodec(unit.stream);
+        if (unit.info.isCorrupt) noteError("a damaged access unit");
         const int result = avcodec_send_packet(mContext.get(), packet.get());
         if (result < 0) noteError(libavText(result));
-        return true;
     }
 
-    // Obeys the commands at access unit `number`. False when it is to wait for a drain; what is left is
-    // obeyed next time.
-    bool obey(uint64_t number) {
-        for (auto& command : configStore().commandsAt(number)) {
-            mCommands.push_back(std::move(command.first));
-        }
-        while (!mCommands.empty()) {
-            const std::string command = std::move(mCommands.front());
-            mCommands.pop_front();
-            if (mContext == nullptr) continue;  // nothing to flush or drain
-            if (command == "drain") {
-                feedEnd();
-                return false;
-            }
-            avcodec_flush_buffers(mContext.get());
-        }
-        return true;
-    }
-
-    void feedEnd() override { avcodec_send_packet(mContext.get(), nullptr); }
+    void drain() override { avcodec_send_packet(mContext.get(), nullptr); }
+    void flush() override { avcodec_flush_buffers(mContext.get()); }
 
     bool next() override {
         if (mContext == nullptr) return false;
@@ -100,11 +78,11 @@ private:
             const int result = avcodec_receive_frame(mContext.get(), picture.get());
             if (result == AVERROR(EAGAIN)) return false;
             if (result == 0) {
-                take(std::move(picture));
+                givePicture(std::move(picture));
                 return true;
             }
             if (result == AVERROR_EOF) {
-                const std::string logged = mLog.take();
+                const std::string logged = mLog.takeFirstError();
                 if (!logged.empty()) noteError(logged);
                 avcodec_flush_buffers(mContext.get());  // it may be a drain that has ended
                 return false;
@@ -115,17 +93,20 @@ private:
     }
 
     void openCodec(const BitstreamInfo& stream) {
-        if (mCodec == nullptr) mCodec = avcodec_find_decoder(stream.parameters->codec_id);
-        if (mCodec == nullptr) throw Failure("no decoder for " + stream.codec, "NOT_SUPPORTED");
-        LibavOptions options(config("options"));
+        const auto parameters = parametersOf(stream);
+        if (mCodec == nullptr) mCodec = avcodec_find_decoder(parameters->codec_id);
+        if (mCodec == nullptr)
+            throw Failure("no decoder for " + stream.codec, Verdict::NotSupported);
+        LibavOptions options(config(kOptions));
         mContext = made(avcodec_alloc_context3(mCodec));
-        if (avcodec_parameters_to_context(mContext.get(), stream.parameters.get()) < 0) {
+        if (avcodec_parameters_to_context(mContext.get(), parameters.get()) < 0) {
             throw std::bad_alloc();
         }
-        mContext->pkt_timebase = stream.timeBase;
-        mTimeBase = stream.frameRate.num > 0 ? av_inv_q(stream.frameRate) : stream.timeBase;
+        mContext->pkt_timebase = asLibav(stream.timeBase);
+        mTimeBase = asLibav(stream.timeBase);
+        if (stream.frameRate.num > 0) mTimeBase = av_inv_q(asLibav(stream.frameRate));
         mSar = stream.sar;
-        mContext->thread_count = static_cast<int>(numberConfig("threads"));
+        mContext->thread_count = static_cast<int>(config(kThreads));
         mContext->flags |= AV_CODEC_FLAG_UNALIGNED;  // cropped to the sample, not to the alignment
         mContext->err_recognition = AV_EF_CRCCHECK;
         mLog.attach(mContext.get());
@@ -133,15 +114,16 @@ private:
         options.check(result, std::string("the decoder ") + mCodec->name);
     }
 
-    void take(Libav<AVFrame> picture) {
+    void givePicture(std::shared_ptr<AVFrame> picture) {
         const bool flagged =
             picture->decode_error_flags != 0 || (picture->flags & AV_FRAME_FLAG_CORRUPT) != 0;
-        const std::string wrong = mLog.take(flagged ? "the decoder calls it damaged" : "");
+        const std::string wrong =
+            mLog.takeFirstError(flagged ? "the decoder calls it damaged" : "");
         if (!wrong.empty()) noteError(wrong);
         ++mFrames;
-        // Known better only now: how many pictures it keeps to put them in order.
-        const int kept = mContext->has_b_frames + mContext->thread_count;
-        setTotalDelay(static_cast<uint64_t>(kept));
+        // Known better only now: how many pictures it holds back to put them in order.
+        const int held = mContext->has_b_frames + mContext->thread_count;
+        setTotalDelay(static_cast<uint64_t>(held));
         const int64_t time = picture->best_effort_timestamp;
         mTime = time == AV_NOPTS_VALUE
                     ? mTime + 1
@@ -149,61 +131,54 @@ private:
         const auto stream = std::make_shared<StreamInfo>();
         stream->picture =
             formatOf(static_cast<AVPixelFormat>(picture->format), picture->width, picture->height);
-        const std::string got = plainName(stream->picture.description().name);
-        const std::string wanted = plainName(config("format"));
-        if (!wanted.empty() && got != wanted) {
-            throw Failure("the pictures are " + got + ", not " + quote(wanted), "NOT_SUPPORTED");
+        const std::string actual = stream->picture.pixels.rangelessName();
+        const std::string expected = PixelFormat{config(kFormat)}.rangelessName();
+        if (!expected.empty() && actual != expected) {
+            throw Failure("the pictures are " + actual + ", not " + quote(expected),
+                          Verdict::NotSupported);
         }
         stream->profile = profileOf(*mContext);
-        stream->timeBase = mTimeBase;
-        const Rational sar = picture->sample_aspect_ratio;
-        stream->sar = sar.num > 0 ? sar : mSar;
+        stream->timeBase = fromLibav(mTimeBase);
+        const AVRational sar = picture->sample_aspect_ratio;
+        stream->sar = sar.num > 0 ? fromLibav(sar) : mSar;
         stream->duration = 1;
-        givePicture(std::move(picture), stream, static_cast<uint64_t>(mTime));
+        Decoder::givePicture(stream, static_cast<uint64_t>(mTime),
+                             [picture](const FrameView& output) { copyTo(output, *picture); });
     }
 
     void finish(bool nothing) override {
         if (nothing) {
             throw Failure("no frame in the stream" + (mErrors > 0 ? "; " + mFirstError : ""),
-                          errorName(vexa::INFO_VALIDATION_FAIL));
+                          Verdict::InfoValidationFail);
         }
-        if (mErrors > 0 && !flagConfig("tolerate_errors")) {
+        if (mErrors > 0 && !config(kTolerateErrors)) {
             failCheck(vexa::INFO_VALIDATION_FAIL,
                       concat("errors in decoding: ", mErrors, ", first at ", mFirstError));
         }
-        Producer::finish(nothing);
+        Decoder::finish(nothing);
     }
 
-    // What the log says of an error is better than what the call returned.
+    // The log is more precise about an error than the value that the call returned.
     void noteError(const std::string& text) {
-        const std::string wrong = mLog.take(text);
+        const std::string wrong = mLog.takeFirstError(text);
         if (mErrors++ == 0) mFirstError = concat("frame ", mFrames, ": ", wrong);
     }
 
     CodecLog mLog;
     const AVCodec* mCodec = nullptr;
     // [event thread]
-    Libav<AVCodecContext> mContext;     // from the first access unit on
-    Rational mTimeBase = {1, 1};        // of the pictures
-    Rational mSar = {0, 1};             // where the pictures have none of their own
-    std::deque<std::string> mCommands;  // still to be obeyed
-    uint64_t mFrames = 0;               // that were decoded
-    int64_t mTime = -1;                 // of the picture decoded last
+    Libav<AVCodecContext> mContext;  // from the first access unit on
+    AVRational mTimeBase = {1, 1};   // of the pictures
+    Rational mSar = {0, 1};          // where the pictures have none of their own
+    uint64_t mFrames = 0;            // that were decoded
+    int64_t mTime = -1;              // of the picture decoded last
     uint64_t mErrors = 0;
     std::string mFirstError;
 };
 
-constexpr uint32_t kCommand = vexa::VXNodeDescriptor::ConfigEntry::COMMAND;
-
-const bool kAdded = addNodeType<Decoder>(
-    "codec/decoder", "decodes a bitstream with libavcodec", 1, 1,
-    {{"codec", kText, "the decoder, or the codec, to use; default is libavcodec's choice"},
-     {"format", kText, "the pixel format that the pictures must have, such as yuv420p"},
-     {"threads", number(1, 64, 1), "default 1"},
-     {"options", kText, "of the decoder: key=value:key=value"},
-     {"tolerate_errors", kFlag, "true: damaged pictures do not fail the run"}},
-    {{kCommand, "flush", 1, 1, "command, 1: drops the pictures that the decoder still keeps back"},
-     {kCommand, "drain", 1, 1, "command, 1: has the decoder give these first, then start anew"}});
+const Registered<LibavDecoder> kType("codec/decoder", "decodes a bitstream with libavcodec", 1, 1,
+                                     {&kCodec, &kFormat, &kThreads, &kOptions, &kTolerateErrors},
+                                     Decoder::commands());
 
 }  // namespace
 }  // namespace vxrun

@@ -1,21 +1,28 @@
-// transform/delay: keeps some frames back, as a decoder does, and may take its time for each.
-#include "AppNode.h"
+// transform/delay: holds some frames back, as a decoder does, and may spend time on each.
+#include "Vxkit.h"
+
+#include <vxkit/Node.h>
 
 #include <algorithm>
 
 namespace vxrun {
 namespace {
 
-class Delay : public AppNode {
-public:
-    static uint64_t keeps(const vexa::VXNodeDescriptor& node) { return numberOf(node, "frames"); }
+const NumberKey kFrames{"frames", 0, 10000, 0, "how many are held back, default 0"};
+const NumberKey kMs{"ms", 0, 3600000, 0, "time spent on each frame, in milliseconds, default 0"};
 
-    using AppNode::AppNode;
+class Delay : public Node {
+public:
+    static uint64_t leastFramesHeld(const vexa::VXNodeDescriptor& node) {
+        return kFrames.valueOf(kFrames.textIn(node));
+    }
+
+    using Node::Node;
 
 private:
     void open() override {
-        mFrames = numberConfig("frames");
-        mTime = static_cast<unsigned>(numberConfig("ms"));
+        mFrames = config(kFrames);
+        mTime = static_cast<unsigned>(config(kMs));
         setTotalDelay(std::max<uint64_t>(mFrames, 1));
     }
 
@@ -56,10 +63,8 @@ private:
     bool mBusy = false;    // the clock runs for the first frame held
 };
 
-const bool kAdded = addNodeType<Delay>(
-    "transform/delay", "keeps frames back, for tests of flow control", 1, 1,
-    {{"frames", number(0, 10000, 0), "how many are kept back, default 0"},
-     {"ms", number(0, 3600000, 0), "time taken for each frame, in milliseconds, default 0"}});
+const Registered<Delay> kType("transform/delay", "holds frames back, for tests of flow control", 1,
+                              1, {&kFrames, &kMs});
 
 }  // namespace
 }  // namespace vxrun

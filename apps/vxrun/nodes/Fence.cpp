@@ -1,17 +1,21 @@
 // transform/fence: holds every picture until its fence has fired.
-#include "AppNode.h"
 #include "Text.h"
+
+#include <vxkit/Node.h>
 
 #include <chrono>
 
 namespace vxrun {
 namespace {
 
-// A fence has no handle to wait on beside events, so the one in front is looked at every millisecond
-// while it has not fired.
-class Fence : public AppNode {
+const NumberKey kTimeoutMs{"timeout_ms", 1, 3600000, 5000,
+                           "how long a fence may take, default 5000"};
+
+// A fence has no handle to wait on beside events, so the one in front is polled every millisecond while
+// it has not fired.
+class Fence : public Node {
 public:
-    using AppNode::AppNode;
+    using Node::Node;
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -30,13 +34,13 @@ private:
             mSince = Clock::now();
         }
         if (mHeld.empty()) return;
-        if (Clock::now() - mSince > std::chrono::milliseconds(numberConfig("timeout_ms"))) fail();
+        if (Clock::now() - mSince > std::chrono::milliseconds(config(kTimeoutMs))) fail();
         mAsleep = true;
         wakeUp(1);
     }
 
-    // Never waits: a buffer whose fence is not valid has none, or one that never will fire, and says
-    // which at once.
+    // Never waits: for a buffer whose fence is not valid, because it has none or because it never will
+    // fire, the answer comes at once.
     bool hasFired(const vexa::VXBuffer& buffer) {
         if (buffer.isFenceValid()) return buffer.isFenceReady();
         if (buffer.waitForFenceSignal() != vexa::VX_OK) fail();
@@ -54,9 +58,8 @@ private:
     bool mAsleep = false;      // wake() will be called
 };
 
-const bool kAdded = addNodeType<Fence>(
-    "transform/fence", "holds every picture until its fence has fired", 1, 1,
-    {{"timeout_ms", number(1, 3600000, 5000), "how long a fence may take, default 5000"}});
+const Registered<Fence> kType("transform/fence", "holds every picture until its fence has fired", 1,
+                              1, {&kTimeoutMs});
 
 }  // namespace
 }  // namespace vxrun

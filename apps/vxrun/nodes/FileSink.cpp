@@ -1,7 +1,11 @@
 // sink/file: the visible bytes of every frame, one after another, or in a container.
-#include "AppNode.h"
 #include "Files.h"
-#include "Y4mReader.h"
+#include "Keys.h"
+#include "LibavFrames.h"
+#include "Text.h"
+#include "Y4m.h"
+
+#include <vxkit/Sink.h>
 
 #include <algorithm>
 #include <cstring>
@@ -10,6 +14,11 @@
 
 namespace vxrun {
 namespace {
+
+const TextKey kContainer{
+    "container",
+    "raw, y4m, ivf, h264, hevc, obu, mp4, matroska, ...; default by the file's "
+    "extension, else raw"};
 
 // Muxer: a file in a container that libavformat writes.
 class Muxer {
@@ -22,10 +31,11 @@ public:
     }
 
     void add(const Frame& frame) {
-        const BitstreamInfo* stream = nullptr;
-        const auto packet = frame.unit(&stream);
-        if (mContext->nb_streams == 0) begin(*stream, packet.get());
-        av_packet_rescale_ts(packet.get(), stream->timeBase, mContext->streams[0]->time_base);
+        const AccessUnit unit(frame);
+        const auto packet = packetOf(unit);
+        if (mContext->nb_streams == 0) begin(unit.stream, packet.get());
+        av_packet_rescale_ts(packet.get(), asLibav(unit.stream.timeBase),
+                             mContext->streams[0]->time_base);
         packet->stream_index = 0;
         check(av_write_frame(mContext.get(), packet.get()));
     }
@@ -39,16 +49,16 @@ private:
     void begin(const BitstreamInfo& stream, AVPacket* first) {
         AVStream* const track = avformat_new_stream(mContext.get(), nullptr);
         if (track == nullptr) throw std::bad_alloc();
-        check(avcodec_parameters_copy(track->codecpar, stream.parameters.get()));
+        check(avcodec_parameters_copy(track->codecpar, parametersOf(stream).get()));
         track->codecpar->codec_tag = 0;  // another container's
-        track->time_base = stream.timeBase;
-        track->avg_frame_rate = stream.frameRate;
-        track->sample_aspect_ratio = stream.sar;
+        track->time_base = asLibav(stream.timeBase);
+        track->avg_frame_rate = asLibav(stream.frameRate);
+        track->sample_aspect_ratio = asLibav(stream.sar);
         check(avformat_write_header(mContext.get(), nullptr), " does not take " + stream.codec);
         addHeaders(*track->codecpar, first);
     }
 
-    // Where a container has no place for headers they stand in the stream. An encoder gives them apart.
+    // Where a container has no place for headers they are part of the stream. An encoder gives them apart.
     void addHeaders(const AVCodecParameters& parameters, AVPacket* first) const {
         if ((mContext->oformat->flags & AVFMT_GLOBALHEADER) != 0) return;
         const uint8_t* const headers = parameters.extradata;
@@ -81,8 +91,8 @@ public:
 private:
     void open() override {
         CodecLog::takeOver();
-        const std::string path = requiredConfig("file");
-        mContainer = config("container");
+        const std::string path = requiredConfig(kFile);
+        mContainer = config(kContainer);
         const std::string extension = std::filesystem::path(path).extension();
         const bool known = std::strstr(" .y4m .ivf .264 .h264 .265 .hevc .obu .mp4 .mkv ",
                                        (" " + extension + " ").c_str()) != nullptr;
@@ -98,7 +108,7 @@ private:
     }
 
     void begin() override {
-        mFile.emplace(config("file"));
+        mFile.emplace(config(kFile));
         if (mFormat != nullptr) mMuxer.emplace(*mFormat, mFile->alias());
     }
 
@@ -132,12 +142,9 @@ private:
     std::optional<PictureFormat> mPicture;    // of the last frame
 };
 
-const bool kAdded = addNodeType<FileSink>(
-    "sink/file", "writes every frame; the file appears when it is complete", 1, 0,
-    {{"file", kFile, "the file to write"},
-     {"container", kText,
-      "raw, y4m, ivf, h264, hevc, obu, mp4, matroska, ...; default by the file's extension, else "
-      "raw"}});
+const Registered<FileSink> kType("sink/file",
+                                 "writes every frame; the file appears when it is complete", 1, 0,
+                                 {&kFile, &kContainer});
 
 }  // namespace
 }  // namespace vxrun

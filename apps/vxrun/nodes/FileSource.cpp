@@ -1,17 +1,23 @@
 // source/file: the bytes of any file, in chunks of one size; the last may be shorter.
 #include "Files.h"
-#include "Producer.h"
+#include "Keys.h"
+
+#include <vxkit/Source.h>
+
+#include <optional>
 
 namespace vxrun {
 namespace {
 
-class FileSource : public Producer {
+const NumberKey kChunk{"chunk", 1, 1 << 30, 65536, "bytes per work, default 65536"};
+
+class FileSource : public Source {
 public:
-    using Producer::Producer;
+    using Source::Source;
 
 private:
     void open() override {
-        mFile.emplace(requiredConfig("file"));
+        mFile.emplace(requiredConfig(kFile));
         // What FFmpeg's demuxer of plain data states: no time, no duration.
         mStream->media = "data";
         mStream->codec = "none";
@@ -23,10 +29,10 @@ private:
         if (mFile->atEnd()) return false;
         vexa::VXFrameInfo frame;
         frame.mInfos = {mStream};
-        give({AV_PIX_FMT_NONE, static_cast<int>(numberConfig("chunk")), 1}, std::move(frame),
-             [this](const auto& buffer) {
-                 const Payload payload(buffer, *mStream);
-                 buffer->setFilledRange(0, mFile->read(payload.view().data[0], payload.size()));
+        give(PictureFormat::block(static_cast<int>(config(kChunk))), std::move(frame),
+             [this](PoolBuffer& buffer) {
+                 const FrameView chunk(buffer, *mStream);
+                 buffer.buffer().setFilledRange(0, mFile->read(chunk.plane(0), chunk.size()));
              });
         return true;
     }
@@ -35,10 +41,7 @@ private:
     const std::shared_ptr<StreamInfo> mStream = std::make_shared<StreamInfo>();
 };
 
-const bool kAdded = addNodeType<FileSource>(
-    "source/file", "the bytes of a file", 0, 1,
-    {{"file", kFile, "the file to read"},
-     {"chunk", number(1, 1 << 30, 65536), "bytes per work, default 65536"}});
+const Registered<FileSource> kType("source/file", "the bytes of a file", 0, 1, {&kFile, &kChunk});
 
 }  // namespace
 }  // namespace vxrun

@@ -1,5 +1,7 @@
-// sink/null: takes every frame and drops it.
-#include "AppNode.h"
+// sink/null: drops every frame.
+#include "Vxkit.h"
+
+#include <vxkit/Sink.h>
 
 namespace vxrun {
 namespace {
@@ -12,7 +14,7 @@ private:
     void consume(const Frame&) override {}
 };
 
-const bool kAdded = addNodeType<NullSink>("sink/null", "drops every frame", 1, 0);
+const Registered<NullSink> kType("sink/null", "drops every frame", 1, 0);
 
 }  // namespace
 }  // namespace vxrun

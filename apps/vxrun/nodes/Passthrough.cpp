@@ -1,12 +1,14 @@
-// transform/passthrough: hands on what it gets; the payload is shared, not copied.
-#include "AppNode.h"
+// transform/passthrough: hands on every frame; the buffer is shared, not copied.
+#include "Vxkit.h"
+
+#include <vxkit/Node.h>
 
 namespace vxrun {
 namespace {
 
-class Passthrough : public AppNode {
+class Passthrough : public Node {
 public:
-    using AppNode::AppNode;
+    using Node::Node;
 
 private:
     void process(const SharedWorks& inputs) override {
@@ -14,7 +16,7 @@ private:
     }
 };
 
-const bool kAdded = addNodeType<Passthrough>("transform/passthrough", "hands every frame on", 1, 1);
+const Registered<Passthrough> kType("transform/passthrough", "hands every frame on", 1, 1);
 
 }  // namespace
 }  // namespace vxrun

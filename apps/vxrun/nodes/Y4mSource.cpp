@@ -1,17 +1,21 @@
 // source/y4m: the pictures of a YUV4MPEG2 file.
-#include "Producer.h"
-#include "Y4mReader.h"
+#include "Keys.h"
+#include "Y4m.h"
+
+#include <vxkit/Source.h>
+
+#include <optional>
 
 namespace vxrun {
 namespace {
 
-class Y4mSource : public Producer {
+class Y4mSource : public Source {
 public:
-    using Producer::Producer;
+    using Source::Source;
 
 private:
     void open() override {
-        const std::string path = requiredConfig("file");
+        const std::string path = requiredConfig(kFile);
         mReader.emplace(path);
         mStream = std::make_shared<StreamInfo>(mReader->stream());
         if (!next()) throw Failure(path + ": no frame in the file");
@@ -19,11 +23,8 @@ private:
 
     bool next() override {
         if (!mReader->nextFrame()) return false;
-        vexa::VXFrameInfo frame;
-        frame.timestamp = mTimestamp++;
-        frame.mInfos = {mStream};
-        give(mStream->picture, std::move(frame),
-             [this](const auto& buffer) { mReader->readFrame(Payload(buffer, *mStream)); });
+        givePicture(mStream, mTimestamp++,
+                    [this](const FrameView& picture) { mReader->readFrame(picture); });
         return true;
     }
 
@@ -32,8 +33,7 @@ private:
     uint64_t mTimestamp = 0;
 };
 
-const bool kAdded = addNodeType<Y4mSource>("source/y4m", "the pictures of a YUV4MPEG2 file", 0, 1,
-                                           {{"file", kFile, "the file to read"}});
+const Registered<Y4mSource> kType("source/y4m", "the pictures of a YUV4MPEG2 file", 0, 1, {&kFile});
 
 }  // namespace
 }  // namespace vxrun

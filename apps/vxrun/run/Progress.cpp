@@ -1,7 +1,6 @@
 #include "Progress.h"
 
 #include "Console.h"
-#include "Failure.h"
 #include "Files.h"
 #include "Text.h"
 

@@ -1,8 +1,10 @@
-// Progress: tells during a run how far it is: a line for people and blocks for programs.
+// Progress: reports during a run how far it is: a line for people and blocks for programs.
 #pragma once
 
-#include "Evidence.h"
 #include "Outlet.h"
+#include "Vxkit.h"
+
+#include <vxkit/Evidence.h>
 
 #include <chrono>
 #include <optional>
@@ -12,13 +14,14 @@ namespace vxrun {
 
 // Life     for one run.
 // Threads  one.
+// Owns     a descriptor for the target.
 class Progress {
 public:
     using Clock = std::chrono::steady_clock;
 
     // `target`: the file, or the number of an open file descriptor, that the blocks go to; empty for
-    // none. `limit`: the end of the run's time, or Clock::time_point::max(). A Failure with the verdict
-    // BAD_OPTION when the target cannot be written.
+    // none. `limit`: the end of the run's time, or Clock::time_point::max(). Throws Failure,
+    // Verdict::BadOption, when the target cannot be written.
     Progress(const std::string& target, const Evidence& evidence, Clock::time_point limit);
 
     // Shows what is due.

@@ -4,7 +4,10 @@
 #include "Progress.h"
 #include "Snapshot.h"
 #include "Text.h"
-#include "Trace.h"
+#include "TraceFile.h"
+
+#include <cutils/properties.h>
+#include <vxkit/NodeType.h>
 
 #include <pthread.h>
 #include <semaphore.h>
@@ -13,6 +16,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <deque>
 #include <exception>
 #include <optional>
 #include <system_error>
@@ -39,10 +43,13 @@ std::string inSeconds(double seconds) {
 // not even one of its set-up, can hold up the watchdog, which takes the signals and decides.
 class Run final : public VXGraph::Listener, public std::enable_shared_from_this<Run> {
 public:
-    Run(VXGraphInfo info, const RunOptions& options, Evidence* evidence)
+    Run(VXGraphInfo info, const RunOptions& options, Evidence* evidence, const Conclude& conclude,
+        std::shared_ptr<TraceFile> trace)
         : mInfo(std::move(info)),
           mOptions(options),
           mEvidence(*evidence),
+          mConclude(conclude),
+          mTrace(std::move(trace)),
           mSnapshots(mInfo, *evidence, options.dot),
           mDeadline(options.timeout > 0 ? mStart + asTime(options.timeout)
                                         : Clock::time_point::max()),
@@ -59,8 +66,8 @@ public:
                 while (!mEnding) sem_wait(&mEnd);
             }
             graph->stop();
-        } else if (mEvidence.fail(errorName(vexa::GRAPH_BUILD_FAIL))) {
-            // The only failure that the library tells the log alone.
+        } else if (mEvidence.setFailure(Verdict::GraphBuildFail)) {
+            // The only failure that the library reports nowhere but in the log.
             console::line("vxrun: no buffer allocator suits every node: " + mEvidence.allocators());
         }
         mDone = true;
@@ -76,15 +83,15 @@ public:
             } else if (mStopping) {
                 if (still >= kStopLimit) leave();
             } else if (Clock::now() >= mDeadline) {
-                stop("TIMEOUT", "out of time after " + inSeconds(mOptions.timeout) +
-                                    "; not finished: " + mEvidence.unfinished());
+                stop(Verdict::Timeout, "out of time after " + inSeconds(mOptions.timeout) +
+                                           "; not finished: " + mEvidence.unfinished());
                 showSnapshot("timeout");
             } else if (mOptions.stall > 0 && still >= asTime(mOptions.stall)) {
-                stop("STALL", "no work has moved for " + inSeconds(mOptions.stall) +
-                                  "; not finished: " + mEvidence.unfinished());
+                stop(Verdict::Stall, "no work has moved for " + inSeconds(mOptions.stall) +
+                                         "; not finished: " + mEvidence.unfinished());
                 showSnapshot("stall");
             }
-            if (gTrace != nullptr) gTrace->flush();
+            if (mTrace != nullptr) mTrace->flush();
             mProgress.step();
             const auto next = std::min({mDeadline, mProgress.next(), mLastLook + step()});
             const auto limit = std::max<std::chrono::nanoseconds>(next - Clock::now(), {}).count();
@@ -101,24 +108,20 @@ public:
                 std::signal(signal, [](int again) { _exit(128 + again); });
             }
             pthread_sigmask(SIG_UNBLOCK, &leaving, nullptr);
-            const std::string name = number == SIGINT ? "SIGINT" : "SIGTERM";
-            stop(name, name + ", stopping; once more leaves at once");
+            const Verdict verdict = number == SIGINT ? Verdict::Interrupted : Verdict::Terminated;
+            stop(verdict, concat(verdictName(verdict), ", stopping; once more leaves at once"));
         }
         mProgress.finish();
     }
 
     // [a node's or the graph's thread]
     void onGraphError(std::string message) override {
-        const auto isName = [&](const auto& entry) { return entry.second == message; };
-        const auto& names = vexa::gVexaErrorNames;
-        const bool known = std::any_of(names.begin(), names.end(), isName);
-        if (mEvidence.fail(known ? message : errorName(vexa::UNKNOWN_ERROR))) {
+        if (mEvidence.setFailure(verdictOfErrorName(message).value_or(Verdict::UnknownError))) {
             console::line("vxrun: the graph reports: " + message);
         }
-        // What a stream turned out to be, or a check, is no trouble of the graph.
-        const std::string verdict = mEvidence.verdict();
-        if (verdict == errorName(vexa::NODE_FAIL_FATAL) ||
-            verdict == errorName(vexa::UNKNOWN_ERROR)) {
+        // A wrong frame, or a stream that does not suit the codec, is no trouble of the graph.
+        const Verdict verdict = mEvidence.verdict();
+        if (verdict == Verdict::NodeFailFatal || verdict == Verdict::UnknownError) {
             showSnapshot("error");
         } else {
             mSnapshots.draw(age(), "error");
@@ -135,7 +138,7 @@ private:
     }
 
     void showSnapshot(const std::string& reason) {
-        if (gTrace != nullptr) gTrace->instant(Trace::kGraph, reason, "");
+        if (mTrace != nullptr) mTrace->instant(Trace::kGraph, reason, "");
         console::note(mSnapshots.text(age()));
         mSnapshots.draw(age(), reason);
     }
@@ -172,9 +175,9 @@ private:
         mDeadline = Clock::time_point::max();
     }
 
-    void stop(const std::string& verdict, const std::string& line) {
+    void stop(Verdict verdict, const std::string& line) {
         console::line("vxrun: " + line);
-        mEvidence.fail(verdict);
+        mEvidence.setFailure(verdict);
         startStopping();
         end();
     }
@@ -182,15 +185,17 @@ private:
     [[noreturn]] void leave() {
         console::line("vxrun: the graph does not stop, leaving it; not finished: " +
                       mEvidence.unfinished());
-        mEvidence.fail(errorName(vexa::NODE_FAIL_STOP));
+        mEvidence.setFailure(Verdict::NodeFailStop);
         mProgress.finish();
-        if (gTrace != nullptr) gTrace->flush();
-        _exit(mEvidence.printVerdict());
+        if (mTrace != nullptr) mTrace->flush();
+        _exit(mConclude(mEvidence));
     }
 
     VXGraphInfo mInfo;  // [run thread]
     const RunOptions mOptions;
     Evidence& mEvidence;
+    const Conclude& mConclude;
+    const std::shared_ptr<TraceFile> mTrace;  // null: none
     const Clock::time_point mStart = Clock::now();
     const SnapshotMaker mSnapshots;
 
@@ -209,50 +214,106 @@ private:
     bool mStopping = false;
 };
 
-// The evidence of the run that is under way. std::terminate() takes no argument.
-Evidence* sEvidence = nullptr;
+// The run that is under way, for the handler of std::terminate(), which has no arguments.
+struct Current {
+    Evidence* evidence;
+    const Conclude* conclude;
+} sCurrent;
 
-// An exception that cannot be caught: the library starts its threads where none can. The run ends with a line
-// and a verdict all the same.
+// An exception that cannot be caught: the library starts its threads where none can. The run ends with
+// a line and a verdict all the same.
 [[noreturn]] void endWithVerdict() {
     std::string text = "std::terminate() was called";
-    vexa::VexaError error = vexa::NODE_FAIL_FATAL;
+    Verdict verdict = Verdict::NodeFailFatal;
     try {
         if (std::current_exception() != nullptr) throw;
     } catch (const std::system_error& thread) {  // nothing else throws it
         text = "a thread cannot be started: " + thread.code().message();
-        error = vexa::NODE_FAIL_START;
+        verdict = Verdict::NodeFailStart;
     } catch (const std::exception& exception) {  // memory, for instance
         text = exception.what();
     } catch (...) {
     }
-    sEvidence->fail(errorName(error));
+    sCurrent.evidence->setFailure(verdict);
     console::line("vxrun: " + text);
-    _exit(sEvidence->printVerdict());
+    _exit((*sCurrent.conclude)(*sCurrent.evidence));
+}
+
+// Fails the run for pools that miss buffers, and prints a line per pool when `stats` is set.
+void closePools(Evidence* evidence, bool stats) {
+    for (const PoolRecord* pool : evidence->pools()) {
+        const std::string line = concat("vxrun: pool of '", pool->name, "': made=", pool->made,
+                                        " recycled=", pool->recycled,
+                                        " high_water=", pool->highWater, " left_out=", pool->out);
+        if (pool->out != 0) {
+            console::line(line);
+            evidence->setFailure(Verdict::NodeFailFatal);
+        } else if (stats) {
+            console::note(line);
+        }
+    }
 }
 
 }  // namespace
 
-void runGraph(VXGraphInfo info, const RunOptions& options, Evidence* evidence) {
+int printVerdict(const Evidence& evidence, int fd) {
+    const Verdict verdict = evidence.verdict();
+    const int code = exitCode(verdict);
+    const auto totals = evidence.totals();
+    const std::string firstBad =
+        totals.firstBad == NodeRecord::kNone ? "-" : std::to_string(totals.firstBad);
+    const std::string line = concat(
+        "verdict: ", console::painted(verdictName(verdict), code == 0, fd),
+        " frames=", totals.frames, " checked=", totals.checked, " first_bad=", firstBad, "\n");
+    return console::exitWithResult(line, code, fd, console::kPatience);
+}
+
+void runGraph(VXGraphInfo info, const RunOptions& options, Evidence* evidence,
+              const Conclude& conclude) {
+    std::shared_ptr<TraceFile> trace;
+    if (!options.trace.empty()) trace = std::make_shared<TraceFile>(options.trace);
+    const RunContext context = {*evidence, console::line, trace};
+    // Before the log level is set: a factory that registers is not worth a message.
+    std::deque<NodeFactory> factories;
+    for (const NodeType& type : nodeTypes()) factories.emplace_back(type, context);
+    if (!options.logMask.empty()) property_set("vendor.vexa.log.msg", options.logMask.c_str());
+    vexa::vxUpdateLogLevel();
+
     sigset_t signals;
     sigemptyset(&signals);
     for (const int number : {SIGINT, SIGTERM, SIGUSR1, kWake}) sigaddset(&signals, number);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // for every thread that starts from now on
-    sEvidence = evidence;
+    sCurrent = {evidence, &conclude};
     const auto terminate = std::set_terminate(endWithVerdict);
-    std::optional<Trace> trace;
-    if (!options.trace.empty()) trace.emplace(options.trace);
-    const auto run = std::make_shared<Run>(std::move(info), options, evidence);
-    std::thread runner;
-    try {
-        runner = std::thread([run] { run->execute(); });
-    } catch (const std::system_error&) {
-        endWithVerdict();
+    {
+        const auto run = std::make_shared<Run>(std::move(info), options, evidence, conclude, trace);
+        std::thread runner;
+        try {
+            runner = std::thread([run] { run->execute(); });
+        } catch (const std::system_error&) {
+            endWithVerdict();
+        }
+        run->watch(signals);
+        runner.join();
     }
-    run->watch(signals);
-    runner.join();
     std::set_terminate(terminate);
-    if (trace && !trace->flush()) evidence->fail(kNotWritten);
+    if (trace != nullptr && !trace->flush()) evidence->setFailure(Verdict::NotWritten);
+    closePools(evidence, options.stats);
+}
+
+int concluded(Evidence* evidence, const Conclude& conclude, const std::function<int()>& action) {
+    const auto fail = [&](const std::string& text, Verdict verdict) {
+        console::line(text);
+        evidence->setFailure(verdict);
+    };
+    try {
+        return action();
+    } catch (const Failure& failure) {
+        fail(failure.what(), failure.verdict().value_or(Verdict::CorruptDescription));
+    } catch (const std::exception& exception) {  // memory, for instance
+        fail(concat("vxrun: ", exception.what()), Verdict::UnknownError);
+    }
+    return conclude(*evidence);
 }
 
 }  // namespace vxrun

@@ -1,7 +1,6 @@
 #include "Snapshot.h"
 
 #include "Console.h"
-#include "Failure.h"
 #include "Files.h"
 #include "Text.h"
 
@@ -118,10 +117,10 @@ std::string SnapshotMaker::dot(const std::string& title) const {
         }
     };
     for (const auto& node : mInfo.nodes) {
-        auto& its = lines[node->name];
-        its.insert(its.begin(), {node->name, node->type});
+        auto& nodeLines = lines[node->name];
+        nodeLines.insert(nodeLines.begin(), {node->name, node->type});
         text << "  subgraph cluster_" << inputs.size() + outputs.size()
-             << " {\n    label=" << label(its) << ";\n";
+             << " {\n    label=" << label(nodeLines) << ";\n";
         addPorts(node->inputPorts, &inputs, "in", "#aaaaff");
         addPorts(node->outputPorts, &outputs, "out", "#ffaaaa");
         text << "  }\n";

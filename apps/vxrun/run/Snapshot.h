@@ -1,23 +1,24 @@
-// Snapshot: where a graph stands at one moment, for those who ask why it does not move.
+// Snapshot: the state of a graph at one moment, to find out why it does not move.
 #pragma once
 
-#include "Evidence.h"
+#include "Vxkit.h"
 
 #include <VXGraph.h>
+#include <vxkit/Evidence.h>
 
 #include <chrono>
 #include <string>
 
 namespace vxrun {
 
-// SnapshotMaker: knows the nodes and connections of one graph, and draws it as it stands.
+// SnapshotMaker: draws one graph with the present state of its nodes.
 //
 // Life     made from a description before the graph is built from it.
 // Threads  any.
 class SnapshotMaker {
 public:
-    // `folder`: where the pictures go; empty for none. It is made when it is not there; a Failure with
-    // the verdict BAD_OPTION when it cannot be.
+    // `folder`: where the pictures go; empty for none. It is made when it is not there; throws Failure,
+    // Verdict::BadOption, when it cannot be.
     SnapshotMaker(const vexa::VXGraphInfo& info, const Evidence& evidence, std::string folder);
 
     // The state of every node and pool, in indented lines.

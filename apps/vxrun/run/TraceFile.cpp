@@ -1,8 +1,8 @@
-#include "Trace.h"
+#include "TraceFile.h"
 
 #include "Console.h"
-#include "Failure.h"
 #include "Files.h"
+#include "Text.h"
 
 #include <nlohmann/json.hpp>
 
@@ -17,48 +17,44 @@ namespace vxrun {
 
 using nlohmann::json;
 
-Trace* gTrace = nullptr;
-
-Trace::Trace(const std::string& path) : mPath(path), mFile(openOutput("--trace", path)) {
-    gTrace = this;
+TraceFile::TraceFile(const std::string& path) : mPath(path), mFile(openOutput("--trace", path)) {
     mBuffer = "[";
     flush();
 }
 
-Trace::~Trace() {
-    gTrace = nullptr;
+TraceFile::~TraceFile() {
     flush();
     close(mFile);
 }
 
-void Trace::nameRow(size_t node, const std::string& name) {
-    add("M", "thread_name", node, Clock::now(), {{"args", {{"name", name}}}});
+void TraceFile::nameRow(size_t node, const std::string& name) {
+    addEvent("M", "thread_name", node, Clock::now(), {{"args", {{"name", name}}}});
 }
 
-void Trace::span(size_t node, const std::string& name, Clock::time_point start) {
+void TraceFile::span(size_t node, const std::string& name, Clock::time_point start) {
     const std::chrono::duration<double, std::micro> duration = Clock::now() - start;
-    add("X", name, node, start, {{"dur", duration.count()}});
+    addEvent("X", name, node, start, {{"dur", duration.count()}});
 }
 
-void Trace::frame(const char* phase, size_t node, const std::string& maker, uint64_t id) {
-    add(phase, maker + " frame", node, Clock::now(), {{"cat", "frame." + maker}, {"id", id}});
+void TraceFile::frame(const char* phase, size_t node, const std::string& maker, uint64_t id) {
+    addEvent(phase, maker + " frame", node, Clock::now(), {{"cat", "frame." + maker}, {"id", id}});
 }
 
-void Trace::counter(const std::string& name, const Figures& figures) {
+void TraceFile::counter(const std::string& name, const Counts& counts) {
     json args;
-    for (const auto& [key, value] : figures) args[key] = value;
-    add("C", name, kGraph, Clock::now(), {{"args", args}});
+    for (const auto& [key, value] : counts) args[key] = value;
+    addEvent("C", name, kGraph, Clock::now(), {{"args", args}});
 }
 
-void Trace::instant(size_t node, const std::string& name, const std::string& detail) {
-    add("i", name, node, Clock::now(),
-        {{"s", node == kGraph ? "g" : "t"}, {"args", {{"detail", detail}}}});
+void TraceFile::instant(size_t node, const std::string& name, const std::string& detail) {
+    addEvent("i", name, node, Clock::now(),
+             {{"s", node == kGraph ? "g" : "t"}, {"args", {{"detail", detail}}}});
 }
 
 // Adds an event that began at `time`, with `more` than every event has. The nodes' rows are numbered
 // from 1; 0 is the graph's.
-void Trace::add(const char* phase, const std::string& name, size_t node, Clock::time_point time,
-                json more) {
+void TraceFile::addEvent(const char* phase, const std::string& name, size_t node,
+                         Clock::time_point time, json more) {
     const std::chrono::duration<double, std::micro> age = time - mStart;
     more.update({{"ph", phase},
                  {"name", name},
@@ -76,7 +72,7 @@ void Trace::add(const char* phase, const std::string& name, size_t node, Clock::
 }
 
 // Each write ends with the bracket that closes the array; the next one begins on it.
-bool Trace::flush() {
+bool TraceFile::flush() {
     std::unique_lock<std::mutex> lock(mLock);
     if (mBuffer.empty() || mFailed) return !mFailed;
     static constexpr std::string_view kEnd = "\n]\n";
@@ -98,16 +94,6 @@ bool Trace::flush() {
     lock.unlock();
     console::line("vxrun: --trace: " + mPath + ": " + why);
     return false;
-}
-
-TracedFrame::TracedFrame(std::string makerName, size_t makerNumber, uint64_t frameId)
-    : maker(std::move(makerName)), number(makerNumber), id(frameId) {
-    gTrace->frame("b", number, maker, id);
-}
-
-// NOLINTNEXTLINE(bugprone-exception-escape): without memory there is nobody to tell
-TracedFrame::~TracedFrame() {
-    if (gTrace != nullptr) gTrace->frame("e", number, maker, id);
 }
 
 }  // namespace vxrun

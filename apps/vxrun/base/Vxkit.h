@@ -1,0 +1,7 @@
+// The names of vxkit are vxrun's own.
+#pragma once
+
+namespace vxkit {}
+namespace vxrun {
+using namespace vxkit;
+}

@@ -1,0 +1,117 @@
+#include "Command.h"
+
+#include "BadFrames.h"
+#include "Recording.h"
+#include "Text.h"
+
+#include <unistd.h>
+
+#include <optional>
+
+namespace vxrun {
+namespace {
+
+std::vector<std::unique_ptr<Command>>& all() {
+    static std::vector<std::unique_ptr<Command>> list;  // made when the first command is registered
+    return list;
+}
+
+std::string checkMask(const std::string& mask) {
+    const bool hex = !mask.empty() && mask.size() <= 8 &&
+                     mask.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+    return hex ? "" : "expected a hexadecimal mask, got " + quote(mask);
+}
+
+// A time in seconds, `least` or more. (A range of CLI11's would accept "nan", too.)
+CLI::Validator seconds(double least) {
+    return {[least](const std::string& text) {
+                constexpr double kMost = 1e9;
+                try {
+                    parseReal(text, least, kMost);
+                    return std::string();
+                } catch (const Failure& failure) {
+                    return std::string(failure.what());
+                }
+            },
+            ""};
+}
+
+}  // namespace
+
+void CommonOptions::addTo(CLI::App* app) {
+    addOption(app, "graph GRAPH.json", &graph, "The graph file");
+    addOption(app, "--set NODE.KEY=VALUE", &assignments,
+              "Set a config of a node; may be given again")
+        ->allow_extra_args(false);
+    addOption(app, "--dump-bad DIR", &dumpFolder,
+              "Have every checking sink write its first wrong frames as PNG and raw");
+    addOption(app, "--record FILE", &record,
+              "Have the graph's sink/checksum write this list instead of comparing");
+    app->add_flag("--force", force, "Let --record replace a file");
+    addOption(app, "--log MASK", &run.logMask,
+              "Log mask, hexadecimal: 1 errors, 2 warnings, 8 debug, 10 per node")
+        ->check(checkMask);
+    addOption(app, "--timeout SECONDS", &run.timeout,
+              "End the run after this time, with exit 124; the vectors of a suite: 60")
+        ->check(seconds(0.001));
+    addOption(
+        app, "--stall SECONDS", &run.stall,
+        "End the run when nothing has moved for this time, with exit 124; default 30, 0: never")
+        ->check(seconds(0));
+    addOption(app, "--progress FILE|FD", &run.progress, "Write progress as key=value blocks");
+    addOption(app, "--trace FILE", &run.trace, "Write what happened when, for trace viewers");
+    addOption(app, "--dot DIR", &run.dot,
+              "Write pictures of the graph: at the start and of trouble");
+    addOption(app, "--color WHEN", &color, "Colors: always, never or auto (default)")
+        ->check(CLI::IsMember({"always", "never", "auto"}));
+    app->add_flag("--stats", run.stats, "Print what every buffer pool has done");
+    app->add_flag("--quiet", quiet, "Print the verdict only");
+}
+
+RunOptions CommonOptions::runOptions() const {
+    RunOptions options = run;
+    if (options.logMask.empty() && quiet) options.logMask = "0";
+    return options;
+}
+
+GraphEdits CommonOptions::edits() const {
+    GraphEdits edits = {assignments, {}};
+    if (!dumpFolder.empty()) edits.whereKnown[kDumpBad.name] = dumpFolder;
+    return edits;
+}
+
+int Command::conclude(const Evidence& evidence) const {
+    return printVerdict(evidence, STDOUT_FILENO);
+}
+
+bool registerCommand(std::unique_ptr<Command> command) {
+    all().push_back(std::move(command));
+    return true;
+}
+
+const std::vector<std::unique_ptr<Command>>& commands() {
+    return all();
+}
+
+void showOptions(const CLI::App& app, const std::vector<std::string>& names, CLI::App* command) {
+    std::vector<const CLI::Option*> options;
+    options.reserve(names.size());
+    for (const std::string& name : names) options.push_back(app.get_option(name));
+    command->footer(CLI::Formatter().make_group("Options of every run", false, options));
+}
+
+int runToVerdict(const Command& command, vexa::VXGraphInfo graph, const CommonOptions& options,
+                 Evidence* evidence) {
+    options.edits().applyTo(&graph);
+    std::optional<Recording> recording;
+    if (!options.record.empty()) {
+        recording.emplace(options.record, options.force, &graph);
+        evidence->expectNoCheck();
+    }
+    const Conclude conclude = [&](const Evidence& shown) { return command.conclude(shown); };
+    runGraph(std::move(graph), options.runOptions(), evidence, conclude);
+    if (recording && exitCode(evidence->verdict()) == 0) recording->commit();
+    return conclude(*evidence);
+}
+
+}  // namespace vxrun

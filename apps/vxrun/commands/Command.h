@@ -1,0 +1,72 @@
+// Command: what vxrun can be told to do. Each command is one source file here that registers itself.
+#pragma once
+
+#include "GraphFile.h"
+#include "Runner.h"
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace vxrun {
+
+// The options that several commands share; they may stand before or behind the command's name.
+struct CommonOptions {
+    void addTo(CLI::App* app);
+    // The run's options and the edits of its graph as these options have them.
+    RunOptions runOptions() const;
+    GraphEdits edits() const;
+
+    std::string graph;
+    std::vector<std::string> assignments;
+    std::string dumpFolder;
+    std::string record;
+    bool force = false;
+    std::string color = "auto";
+    bool quiet = false;
+    RunOptions run;
+};
+
+// Life     static; registered before main(), its members are the options of the one command line.
+// Threads  the main one.
+class Command {
+public:
+    virtual ~Command() = default;
+
+    // Adds the command to `app`. Returns the app that is parsed when it is chosen: a new subcommand, or
+    // `app` itself for the command that needs no name.
+    virtual CLI::App* addTo(CLI::App* app) = 0;
+    // Whether it reads a graph file, CommonOptions::graph.
+    virtual bool readsGraph() const { return false; }
+    // Does what the options ask for, and returns the exit code. Throws Failure.
+    virtual int execute(const CommonOptions& options, Evidence* evidence) = 0;
+    // Reports the verdict of a run, or of a Failure, and returns the exit code.
+    virtual int conclude(const Evidence& evidence) const;
+};
+
+// True, for a static object of the command's source file to call it.
+bool registerCommand(std::unique_ptr<Command> command);
+// All commands.
+const std::vector<std::unique_ptr<Command>>& commands();
+
+// ---- For commands -----------------------------------------------------------------------------
+
+// Adds the option that `usage` shows, such as "--log MASK".
+template <typename Value>
+CLI::Option* addOption(CLI::App* app, const std::string& usage, Value* value,
+                       const std::string& help) {
+    const size_t blank = usage.find(' ');
+    return app->add_option(usage.substr(0, blank), *value, help)
+        ->type_name(usage.substr(blank + 1));
+}
+
+// Has the help of `command` show those options of `app` that apply to it.
+void showOptions(const CLI::App& app, const std::vector<std::string>& names, CLI::App* command);
+
+// Runs `graph` with the options, writes the list of --record when all is well, and concludes.
+int runToVerdict(const Command& command, vexa::VXGraphInfo graph, const CommonOptions& options,
+                 Evidence* evidence);
+
+}  // namespace vxrun

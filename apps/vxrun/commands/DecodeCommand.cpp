@@ -1,0 +1,52 @@
+// vxrun decode FILE: decodes a video file; prints the MD5 of all its pictures, or writes them.
+#include "Command.h"
+#include "DecodeGraph.h"
+
+#include <unistd.h>
+
+namespace vxrun {
+namespace {
+
+class DecodeCommand final : public Command {
+public:
+    CLI::App* addTo(CLI::App* app) override {
+        CLI::App* const decode = app->add_subcommand(
+            "decode", "Decodes a video file; prints the MD5 of all its pictures, or writes them");
+        decode->fallthrough();
+        addOption(decode, "IN FILE", &mDecode.input, "The file to decode")->required();
+        addOption(decode, "-o,--output FILE", &mDecode.output, "The raw video to write");
+        decode->add_flag("--md5", mDecode.md5, "Print the MD5; default without -o");
+        addOption(decode, "--format FORMAT", &mDecode.format,
+                  "The pixel format that the pictures must have, never converted to");
+        addOption(decode, "--codec CODEC", &mDecode.codec,
+                  "A codec (h264, hevc, av1, ...) or a decoder");
+        addOption(decode, "--unsupported-exit CODE", &mUnsupportedExit,
+                  "Exit code for what is not supported, default 69")
+            ->check(CLI::Range(0, 255));
+        showOptions(*app,
+                    {"--set", "--record", "--force", "--log", "--timeout", "--stall", "--progress",
+                     "--trace", "--dot", "--color", "--stats", "--quiet"},
+                    decode);
+        return decode;
+    }
+
+    int execute(const CommonOptions& options, Evidence* evidence) override {
+        evidence->expectNoCheck();
+        return runToVerdict(*this, decodeGraph(mDecode), options, evidence);
+    }
+
+    // On standard error: the MD5 is the last line on standard output.
+    int conclude(const Evidence& evidence) const override {
+        const int code = printVerdict(evidence, STDERR_FILENO);
+        return code == exitCode(Verdict::NotSupported) ? mUnsupportedExit : code;
+    }
+
+private:
+    DecodeOptions mDecode;
+    int mUnsupportedExit = 69;  // EX_UNAVAILABLE, as runners of conformance suites expect it
+};
+
+const bool kRegistered = registerCommand(std::make_unique<DecodeCommand>());
+
+}  // namespace
+}  // namespace vxrun

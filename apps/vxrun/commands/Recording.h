@@ -1,0 +1,30 @@
+// Recording: the list of --record. It lies beside its place, under a name that no other file has, until
+// the run is known to be good.
+#pragma once
+
+#include <VXGraph.h>
+
+#include <string>
+
+namespace vxrun {
+
+// Life     from before the run until after it; without commit() it leaves nothing behind.
+// Threads  one.
+// Owns     the file that is not yet in its place.
+class Recording {
+public:
+    // Makes the one sink/checksum of `graph` write it. Throws Failure, Verdict::BadOption.
+    Recording(const std::string& path, bool force, vexa::VXGraphInfo* graph);
+    ~Recording();
+    Recording(const Recording&) = delete;
+    Recording& operator=(const Recording&) = delete;
+
+    // Moves it to its place.
+    void commit();
+
+private:
+    const std::string mPath;
+    std::string mUnproven;
+};
+
+}  // namespace vxrun

@@ -1,0 +1,35 @@
+// framecrc: the table of FFmpeg's framecrc muxer.
+#include "TableList.h"
+#include "Text.h"
+
+extern "C" {
+#include <libavutil/adler32.h>
+}
+
+namespace vxrun {
+namespace {
+
+// The Adler-32 with both sums started at 0, as framecrc (and not zlib) has it, as "0x........".
+std::string crcOf(const FrameView& frame) {
+    AVAdler sum = 0;
+    frame.forEachRow(
+        [&](const uint8_t* row, size_t bytes) { sum = av_adler32_update(sum, row, bytes); });
+    return concat("0x", std::hex, std::setfill('0'), std::setw(8), sum);
+}
+
+const ChecksumFormat kFrameCrc = {"framecrc",
+                                  ".framecrc",
+                                  false,
+                                  crcOf,
+                                  [](const std::string& path, const std::string& text) {
+                                      return readTable(TableHash::CRC, path, text);
+                                  },
+                                  [](const std::string& path) -> std::unique_ptr<ChecksumWriter> {
+                                      return std::make_unique<TableWriter>(TableHash::CRC,
+                                                                           kFrameCrc, path);
+                                  }};
+
+const bool kRegistered = registerChecksumFormat(kFrameCrc);
+
+}  // namespace
+}  // namespace vxrun

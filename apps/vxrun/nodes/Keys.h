@@ -1,0 +1,14 @@
+// Keys: the configs that several node types share.
+#pragma once
+
+#include "Vxkit.h"
+
+#include <vxkit/Config.h>
+
+namespace vxrun {
+
+inline const PathKey kFile{"file", "the file to read or to write"};
+inline const NumberKey kThreads{"threads", 1, 64, 1, "of the codec, default 1"};
+inline const TextKey kOptions{"options", "of the library's component: key=value:key=value"};
+
+}  // namespace vxrun

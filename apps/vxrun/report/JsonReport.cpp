@@ -1,0 +1,52 @@
+// json: the results as the summary file of a widely used runner of conformance suites has them.
+#include "Report.h"
+#include "Text.h"
+
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+namespace vxrun {
+namespace {
+
+std::string jsonReport(const Suite& suite) {
+    using Json = nlohmann::ordered_json;
+    utsname system{};
+    uname(&system);
+    const Counts counts = suite.counts();
+    Json run = {{"decoder_name", decoderName(suite)},
+                {"total_tests", counts.total},
+                {"passed", counts.of[TestVector::SUCCESS]},
+                {"not_run", counts.of[TestVector::NOT_RUN]},
+                {"not_supported", counts.of[TestVector::NOT_SUPPORTED]},
+                {"failed_error", counts.of[TestVector::FAIL] + counts.errors()},
+                {"total_time", counts.seconds},
+                {"profile_stats", Json::object()},
+                {"vectors", Json::object()}};
+    // No name comes twice, and looking for one takes long in an object that keeps the order.
+    auto& profiles = run["profile_stats"].get_ref<Json::object_t&>();
+    for (const auto& [profile, part] : countsByProfile(suite)) {
+        profiles.push_back(
+            {profile, Json{{"passed", part.of[TestVector::SUCCESS]}, {"total", part.total}}});
+    }
+    auto& vectors = run["vectors"].get_ref<Json::object_t&>();
+    for (const TestVector& vector : suite.vectors) {
+        Json entry = {{"result", stateName(vector.state)}, {"time", vector.seconds}};
+        if (!vector.profile.empty()) entry["profile"] = vector.profile;
+        vectors.push_back({vector.name, std::move(entry)});
+    }
+    Json report;
+    report["system_info"] = {{"os", std::string(system.sysname) + " " + system.release},
+                             {"cpu", system.machine},
+                             {"gpu", Json::array()},
+                             {"ram", sysconf(_SC_PHYS_PAGES) * sysconf(_SC_PAGE_SIZE)},
+                             {"backends", Json::object()}};
+    report["test_suites"][suite.name]["decoders"][decoderName(suite)] = std::move(run);
+    return report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+const bool kRegistered = registerReportKind({"json", jsonReport});
+
+}  // namespace
+}  // namespace vxrun

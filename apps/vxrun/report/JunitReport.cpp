@@ -1,0 +1,97 @@
+// junit: JUnit XML, as CI systems read it.
+#include "Report.h"
+#include "Text.h"
+
+#include <sys/utsname.h>
+
+#include <nlohmann/json.hpp>
+#include <pugixml.hpp>
+
+#include <algorithm>
+#include <ctime>
+
+namespace vxrun {
+namespace {
+
+// `text` without what XML 1.0 forbids, which codecs' logs contain: bytes that are not UTF-8, control
+// characters, U+FFFE and U+FFFF.
+std::string xmlText(const std::string& text) {
+    using nlohmann::json;
+    const std::string quoted = json(text).dump(-1, ' ', false, json::error_handler_t::ignore);
+    std::string clean = json::parse(quoted).get<std::string>();
+    const auto forbidden = [](unsigned char c) { return c < ' ' && c != '\t' && c != '\n'; };
+    clean.erase(std::remove_if(clean.begin(), clean.end(), forbidden), clean.end());
+    for (const char* const bytes : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"}) {
+        for (size_t at; (at = clean.find(bytes)) != clean.npos;) clean.erase(at, 3);
+    }
+    return clean;
+}
+
+using Attributes = std::vector<std::pair<const char*, std::string>>;
+
+pugi::xml_node addNode(pugi::xml_node parent, const char* kind, const Attributes& attributes) {
+    pugi::xml_node node = parent.append_child(kind);
+    for (const auto& [name, value] : attributes) {
+        node.append_attribute(name) = xmlText(value).c_str();
+    }
+    return node;
+}
+
+void addCase(pugi::xml_node parent, const Suite& suite, const TestVector& vector) {
+    const std::string codec = suite.codec.empty() ? "" : "." + suite.codec;
+    const std::string profile = vector.profile.empty() ? "" : "." + vector.profile;
+    pugi::xml_node node = addNode(parent, "testcase",
+                                  {{"classname", suite.name + codec + profile},
+                                   {"name", vector.name},
+                                   {"time", decimal(vector.seconds, 3)}});
+    if (vector.state == TestVector::NOT_RUN || vector.state == TestVector::NOT_SUPPORTED) {
+        node.append_child("skipped");
+    } else if (vector.state != TestVector::SUCCESS) {
+        addNode(node, vector.state == TestVector::FAIL ? "failure" : "error",
+                {{"type", vector.type}, {"message", vector.message}})
+            .text() =
+            xmlText(vector.message).c_str();  // some readers show this, some the attribute
+    }
+    if (vector.state != TestVector::SUCCESS && !vector.log.empty()) {
+        node.append_child("system-err").text() = xmlText(vector.log).c_str();
+    }
+}
+
+std::string junitReport(const Suite& suite) {
+    const Counts counts = suite.counts();
+    Attributes attributes = {{"name", "vxrun"},
+                             {"tests", std::to_string(counts.total)},
+                             {"failures", std::to_string(counts.of[TestVector::FAIL])},
+                             {"errors", std::to_string(counts.errors())},
+                             {"time", decimal(counts.seconds, 3)}};
+    pugi::xml_document document;
+    pugi::xml_node root = addNode(document, "testsuites", attributes);
+    utsname system{};
+    uname(&system);
+    const time_t time = std::time(nullptr);
+    std::tm now{};
+    gmtime_r(&time, &now);
+    attributes.front().second = suite.name;
+    attributes.insert(attributes.end(),
+                      {{"skipped", std::to_string(counts.skipped())},
+                       {"timestamp", concat(std::put_time(&now, "%Y-%m-%dT%H:%M:%S"))},
+                       {"hostname", system.nodename}});
+    pugi::xml_node node = addNode(root, "testsuite", attributes);
+    addNode(node.append_child("properties"), "property",
+            {{"name", "decoder"}, {"value", decoderName(suite)}});
+    for (const TestVector& vector : suite.vectors) addCase(node, suite, vector);
+    // Not through a stream: pugixml was built for one standard library, and this may use another.
+    struct Writer final : pugi::xml_writer {
+        void write(const void* data, size_t size) override {
+            text.append(static_cast<const char*>(data), size);
+        }
+        std::string text;
+    } writer;
+    document.save(writer, "  ", pugi::format_indent, pugi::encoding_utf8);
+    return writer.text;
+}
+
+const bool kRegistered = registerReportKind({"junit", junitReport});
+
+}  // namespace
+}  // namespace vxrun

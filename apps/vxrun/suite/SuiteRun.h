@@ -1,0 +1,32 @@
+// SuiteRun: runs the test vectors of a suite, each in a process of its own.
+#pragma once
+
+#include "Suite.h"
+#include "VectorProcess.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <thread>
+
+namespace vxrun {
+
+struct SuiteRunOptions {
+    std::string resources;  // <resources>/<suite>/<vector>/<input file> are the vectors' files
+    std::string
+        output;  // the raw videos are kept as <output>/<suite>/<vector>.out; empty: not at all
+    uint32_t jobs = std::max(std::thread::hardware_concurrency(), 1u);  // vectors at once
+    VectorOptions vectors;
+    std::function<void()> writeReports;  // those of the suite as it is now
+};
+
+// Runs the vectors that have no result yet and prints a line for each on standard error. Reports are
+// written soon after a vector starts or ends ("soon" keeps them to a small share of the time). A process
+// that exceeds its time limit is sent SIGTERM, and then SIGKILL. At SIGINT or SIGTERM the processes are
+// ended, and their vectors stay unfinished. They end with this process in any case.
+//
+// The signal that ended it; else 0. Blocks the signals; on the main thread and before others start.
+int runVectors(const SuiteRunOptions& options, Suite* suite);
+
+}  // namespace vxrun
