@@ -34,7 +34,8 @@ std::shared_ptr<Pool> createByName(const char* name, VXBufferUsage usage,
 // ---- Buffers ----------------------------------------------------------------------------------
 
 // The result of mmap is kept unchecked: a failed mapping shows by its address, and unmapping that
-// address fails without harm.
+// address fails without harm. The offset is ignored on purpose: every mapping shows its buffer from
+// the start.
 VXBuffer::Mapping::Mapping(int fd, size_t size, size_t /*offset*/)
     : mVaddr(static_cast<uint8_t*>(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0))),
       mSize(static_cast<uint32_t>(size)) {}
@@ -79,6 +80,9 @@ void VXBufferPool::setMaxSlots(size_t maxSlots) {
 
 VXError VXBufferPool::fetchBuffer(std::shared_ptr<VXBuffer>* buf) noexcept {
     VX_FAIL_IF(!buf, VX_BAD_VALUE);
+    // A full pool is an answer, not a wait: only the caller knows whether a buffer will come back.
+    // Nothing may come between this question and track(), or two fetches would pass the limit
+    // together, so back-ends hold their lock over both.
     const VXError status = mStash->getFreeIfAvailable(buf);
     if (status != VX_NO_FREE_BUFFER) return status;
     VXBuffer* newBuffer = onAllocate();
@@ -97,6 +101,7 @@ VXBufferPool::Stash::Tracker::Tracker(std::weak_ptr<Stash> stash) : mStash(std::
 VXBufferPool::Stash::Tracker::~Tracker() = default;
 
 void VXBufferPool::Stash::Tracker::onRelease(VXBuffer* buf) {
+    // Left alone without its stash, on purpose.
     if (const auto stash = mStash.lock()) stash->reuseOrFree(buf);
 }
 
@@ -122,6 +127,7 @@ VXError VXBufferPool::Stash::getFreeIfAvailable(std::shared_ptr<VXBuffer>* buf) 
         kept = mFree.front();
         mInUse.splice(mInUse.end(), mFree, mFree.begin());
     }
+    // In use already, and so without the lock: a reset is the back-end's code.
     kept->reset();
     *buf = share(kept);
     return VX_OK;
@@ -142,18 +148,21 @@ VXError VXBufferPool::Stash::reuseOrFree(VXBuffer* buf) noexcept {
     VX_FAIL_IF(buf == nullptr, VX_BAD_VALUE);
     {
         VXLocker lock(mLock);
-        // A buffer handed out before a reset() is not found and destroyed like one without room.
+        // A buffer handed out before a reset() is not found, for it may have an old shape, and is
+        // destroyed like one without room. The search is linear, but few buffers are out at a time.
         const auto found = std::find(mInUse.begin(), mInUse.end(), buf);
         if (found != mInUse.end()) {
             std::list<VXBuffer*> released;
             released.splice(released.end(), mInUse, found);
-            // The released buffer itself is not counted, on purpose.
+            // The released buffer itself is not counted, and without a limit nothing is kept: both on
+            // purpose.
             if (mMaxSlots != SIZE_MAX && total() <= mMaxSlots) {
                 mFree.splice(mFree.end(), released);
                 return VX_OK;
             }
         }
     }
+    // Without the lock: a buffer's end may be the release of another pool's buffer.
     delete buf;
     return VX_OK;
 }
@@ -168,6 +177,7 @@ void VXBufferPool::Stash::reset() noexcept {
         unique = mUnique.size();
         mUnique.clear();
     }
+    // Those in use belong to their holders, and are destroyed when they come back.
     for (VXBuffer* buffer : kept) delete buffer;
     VX_LOGD("Allocated %s Unique buffers",
             unique < kUniqueLimit ? std::to_string(unique).c_str() : "too many");
@@ -183,6 +193,7 @@ std::shared_ptr<VXBuffer> VXBufferPool::Stash::share(VXBuffer* buf) {
 }
 
 size_t VXBufferPool::Stash::total() const {
+    // Locked again inside the callers' lock, which is why the mutex is recursive.
     VXLocker lock(mLock);
     return mInUse.size() + mFree.size();
 }

@@ -19,6 +19,7 @@ const std::unordered_map<uint32_t, uint32_t> sColorFormats = {
     {0xC2000000, 9}, {0xC2000002, 11}, {0xC2000001, 12}, {0x16, 13},
 };
 
+// The formats that keep their padding under the HEIC flag: that is about 4:2:0 pictures only.
 bool isRGBA(uint32_t pixelFormat) {
     switch (pixelFormat) {
         case 0x1:
@@ -32,7 +33,8 @@ bool isRGBA(uint32_t pixelFormat) {
     }
 }
 
-// A descriptor of `size` bytes, negative on failure.
+// A descriptor of `size` bytes, negative on failure. One heap for every usage; the flags, 0, reach only
+// kernels older than DMA-BUF heaps.
 int allocate(BufferAllocator* allocator, uint32_t size) {
     const int fd = allocator->Alloc("vndr,system", size, 0);
     if (fd < 0) VX_LOGE("Failed to Allocate DMA Buffer");
@@ -45,6 +47,7 @@ void closeDescriptor(int32_t* fd) {
     *fd = -1;
 }
 
+// Recorded and not used: no usage changes where the memory comes from.
 void recordUsage(VXBufferUsage usage, bool* secure, bool* cached) {
     if (usage == SECURE) *secure = true;
     if (usage == CACHED) *cached = true;
@@ -58,9 +61,11 @@ uint64_t getUniqueIdForFileDescriptor(int fd) {
         VX_LOGE("Failed to fstat(%d)", fd);
         return 0;
     }
+    // The inode and not the descriptor: all descriptors of one DMA-BUF share it.
     return status.st_ino;
 }
 
+// The usage is ignored on purpose: callers pass it to setUsage().
 std::shared_ptr<VXLinearBufferPool> VXLinearBufferPoolCreate_dmabuf(VXBufferUsage) {
     return std::make_shared<VXLinearBufferPool_DMABUF>();
 }
@@ -110,6 +115,7 @@ VXError VXBuffer_DMABUF::waitForFenceSignal() const {
 size_t VXBuffer_DMABUF::size() const {
     return mFilledSize;
 }
+// 0 on purpose, here and in pictures: a mapping shows its buffer from the start.
 size_t VXBuffer_DMABUF::offset() const {
     return 0;
 }
@@ -140,6 +146,8 @@ void VXBuffer_DMABUF::reset() {
 
 // ---- VXGraphicBuffer_DMABUF -------------------------------------------------------------------
 
+// Repeats much of VXBuffer_DMABUF on purpose: a base class for both would change the order of bases and
+// virtual operations, which is part of the library's interface.
 VXGraphicBuffer_DMABUF::VXGraphicBuffer_DMABUF(int fd, const Geometry& geometry)
     : VXBuffer(GRAPHIC, kImplType),
       mFd(fd),
@@ -199,6 +207,7 @@ uint32_t VXGraphicBuffer_DMABUF::sliceHeight() const {
 uint32_t VXGraphicBuffer_DMABUF::stride() const {
     return mGeometry.stride;
 }
+// An unset frame size follows the allocated one. No number stands for unset: 0 can be set as well.
 uint32_t VXGraphicBuffer_DMABUF::frameWidth() const {
     return mFrameWidth.value_or(width());
 }
@@ -253,6 +262,8 @@ VXLinearBufferPool_DMABUF::~VXLinearBufferPool_DMABUF() = default;
 
 VXError VXLinearBufferPool_DMABUF::setSize(size_t size) {
     VXLocker lock(mLock);
+    // Every setter that shapes buffers drops the kept ones, which have the old shape. The lock
+    // order is the pool's, then the stash's.
     mBufferSize = static_cast<uint32_t>(size);
     reset();
     return VX_OK;
@@ -260,12 +271,15 @@ VXError VXLinearBufferPool_DMABUF::setSize(size_t size) {
 
 VXError VXLinearBufferPool_DMABUF::setAlignment(size_t alignment) {
     VXLocker lock(mLock);
+    // Recorded only: heaps hand out whole pages.
     mAlignment = static_cast<uint32_t>(alignment);
     reset();
     return VX_OK;
 }
 
 VXError VXLinearBufferPool_DMABUF::fetch(std::shared_ptr<VXBuffer>* buf) noexcept {
+    // Over the whole fetch: the limit is checked in one step and used in another, and no setting
+    // may change in between. The same for pictures.
     VXLocker lock(mLock);
     return fetchBuffer(buf);
 }
@@ -289,6 +303,7 @@ VXBuffer* VXLinearBufferPool_DMABUF::onAllocate() {
     const int fd = allocate(&mAllocator, mBufferSize);
     if (fd < 0) return nullptr;
     VX_LOGD("Allocated DMA Linear buffer fd %d mBufferSize %d", fd, mBufferSize);
+    // Without memory for the object the process ends, see VXBufferPool, so no descriptor is lost.
     return new VXBuffer_DMABUF(fd, mBufferSize);
 }
 
@@ -298,6 +313,8 @@ VXGraphicBufferPool_DMABUF::VXGraphicBufferPool_DMABUF() = default;
 VXGraphicBufferPool_DMABUF::~VXGraphicBufferPool_DMABUF() = default;
 
 VXError VXGraphicBufferPool_DMABUF::setHEICFlag(bool isHEIC) {
+    // No lock and no reset: it is set before the pool is shared, and takes effect with the next
+    // setResolution().
     mHEIC = isHEIC;
     return VX_OK;
 }
@@ -308,6 +325,8 @@ VXError VXGraphicBufferPool_DMABUF::reserved() {
 
 VXError VXGraphicBufferPool_DMABUF::setPixelFormat(uint32_t pixelFormat) {
     VXLocker lock(mLock);
+    // Not checked here. The geometry needs format and size, so both are judged by setResolution(),
+    // which callers make second.
     mGeometry.pixelFormat = pixelFormat;
     reset();
     return VX_OK;
@@ -327,6 +346,7 @@ VXError VXGraphicBufferPool_DMABUF::setResolution(uint32_t width, uint32_t heigh
         mGeometry.stride = width;
         mGeometry.scanlines = height;
     } else {
+        // The 1 belongs to the layout library's signature only.
         mGeometry.stride = VideoBufferLayout_GetStrideInPixels(colorFormat, width, 1);
         mGeometry.scanlines = VideoBufferLayout_GetScanlines(colorFormat, height, 1);
     }
@@ -347,6 +367,7 @@ std::shared_ptr<VXGraphicBuffer> VXGraphicBufferPool_DMABUF::createFromNative(st
 
 VXError VXGraphicBufferPool_DMABUF::setUsage(VXBufferUsage usage) {
     VXLocker lock(mLock);
+    // No reset, unlike in the linear pool, on purpose.
     recordUsage(usage, &mSecure, &mCached);
     return VX_OK;
 }

@@ -45,6 +45,7 @@ uint32_t toC2Format(uint32_t vxFormat) {
     }
 }
 
+// 0xC2000001 is a code of both sides, for different pictures.
 uint32_t toVXFormat(uint32_t c2Format) {
     switch (c2Format) {
         case 0x1:
@@ -77,6 +78,7 @@ bool hasSecureBit(VXBufferUsage usage) {
     return (usage & SECURE) != 0;
 }
 
+// The words are the codec library's own; here they are constants.
 uint64_t linearUsageWord(VXBufferUsage usage) {
     switch (usage) {
         case CACHED:
@@ -109,7 +111,7 @@ uint64_t graphicUsageWord(VXBufferUsage usage) {
 
 // ---- Buffers and pools of either kind ---------------------------------------------------------
 
-// A new Codec 2.0 block pool, or null.
+// A new Codec 2.0 block pool, or null. The basic pools ignore the component, so there is none.
 std::shared_ptr<C2BlockPool> blockPool(C2BlockPool::local_id_t id) {
     std::shared_ptr<C2BlockPool> pool;
     if (android::GetCodec2BlockPool(id, nullptr, &pool) != C2_OK || pool == nullptr) {
@@ -160,6 +162,7 @@ VXFence_XC2::~VXFence_XC2() = default;
 VXError VXFence_XC2::waitForSignal() const {
     C2Fence* const fence = inside();
     if (fence == nullptr) return VX_OK;
+    // Whatever ended the wait, the memory may not be touched: one error for all.
     return fence->wait(c2_nsecs_t{mTimeoutMs} * 1000000) == C2_OK ? VX_OK : VX_ERROR;
 }
 
@@ -189,6 +192,8 @@ VXBuffer_XC2::VXBuffer_XC2(std::shared_ptr<xc2::XC2Buffer> xc2Buf, bool secure)
     : VXBuffer(LINEAR, kImplType), mXC2Buf(std::move(xc2Buf)), mSecure(secure) {}
 VXBuffer_XC2::~VXBuffer_XC2() = default;
 
+// Asked before every access: the constructor takes any buffer, and the block that is not of the
+// buffer's own kind is all zero.
 bool VXBuffer_XC2::isGood() const {
     return mXC2Buf != nullptr && mXC2Buf->isLinear();
 }
@@ -199,6 +204,7 @@ int VXBuffer_XC2::fd() const {
 int32_t VXBuffer_XC2::id() const {
     return isGood() ? mXC2Buf->linearBlock().id : -1;
 }
+// The id is the buffer's, not the block's, so its kind does not matter.
 uint64_t VXBuffer_XC2::uid() const {
     return uniqueId(mXC2Buf.get());
 }
@@ -231,6 +237,7 @@ VXError VXBuffer_XC2::setFilledRange(size_t offset, size_t size) {
 }
 
 std::any VXBuffer_XC2::nativeBuffer() {
+    // A share, which the receiver may keep for longer than this object lives.
     return VXNativeBufContainer<xc2::XC2Buffer>(mXC2Buf);
 }
 std::list<xc2::viewId_t> VXBuffer_XC2::enumviews() const {
@@ -239,6 +246,7 @@ std::list<xc2::viewId_t> VXBuffer_XC2::enumviews() const {
 
 std::shared_ptr<VXBuffer> VXBuffer_XC2::getview(xc2::viewId_t viewId) const {
     const auto view = mXC2Buf != nullptr ? mXC2Buf->getView(viewId) : nullptr;
+    // A plain shared pointer, past the stash: the view belongs to the codec library's buffer.
     return view != nullptr ? std::make_shared<VXBuffer_XC2>(view, false) : nullptr;
 }
 
@@ -252,9 +260,12 @@ void VXBuffer_XC2::reset() {
 
 // ---- VXGraphicBuffer_XC2 ----------------------------------------------------------------------
 
+// Repeats much of VXBuffer_XC2 on purpose, for the same reason as in the other back-end: the order of
+// bases and virtual operations.
 VXGraphicBuffer_XC2::VXGraphicBuffer_XC2(std::shared_ptr<xc2::XC2Buffer> xc2Buf, bool secure)
     : VXBuffer(GRAPHIC, kImplType),
       mXC2Buf(std::move(xc2Buf)),
+      // Read once, here. A fence that the codec library's buffer gets later is not seen.
       mFence(std::make_unique<VXFence_XC2>(mXC2Buf != nullptr ? mXC2Buf->fence() : nullptr)),
       mSecure(secure) {}
 VXGraphicBuffer_XC2::~VXGraphicBuffer_XC2() = default;
@@ -291,9 +302,12 @@ VXError VXGraphicBuffer_XC2::waitForFenceSignal() const {
 }
 
 size_t VXGraphicBuffer_XC2::size() const {
+    // What the application said comes before what the codec said, and that before what the layout
+    // makes of the allocated size.
     if (mSizeOverride != SIZE_MAX) return mSizeOverride;
     if (!isGood()) return 0;
     if (mXC2Buf->compressedSize() != 0) return mXC2Buf->compressedSize();
+    // Either side may mark the picture interlaced. A missing info leaves 0: progressive.
     uint32_t inputInterlace = 0;
     uint32_t outputInterlace = 0;
     if (mXC2Buf->getInfo(0xC2008005, &inputInterlace) == xc2::XC2_OK) {
@@ -314,6 +328,7 @@ size_t VXGraphicBuffer_XC2::offset() const {
 
 VXError VXGraphicBuffer_XC2::setFilledRange(size_t /*offset*/, size_t size) {
     if (!isGood()) return VX_NO_INIT;
+    // Only for a good buffer, so that a refused call leaves size() as it was.
     mSizeOverride = size;
     mXC2Buf->setCompressedSize(static_cast<uint32_t>(size));
     return VX_OK;
@@ -343,6 +358,7 @@ uint32_t VXGraphicBuffer_XC2::frameHeight() const {
 }
 
 VXError VXGraphicBuffer_XC2::setFrameWidth(uint32_t width) {
+    // VX_OK without a buffer as well, on purpose; so with the height.
     if (isGood()) mXC2Buf->setFrameWidth(width);
     return VX_OK;
 }
@@ -365,6 +381,8 @@ VXGraphicBuffer::Rect VXGraphicBuffer_XC2::crop() const {
 
 VXError VXGraphicBuffer_XC2::setCrop(const Rect& rect) {
     VX_FAIL_IF(!mXC2Buf || !mXC2Buf->isGraphic(), VX_NO_INIT);
+    // Width and height go to the constructor, left and top by at(): the four-argument constructor
+    // is private.
     mXC2Buf->setCrop(C2Rect(rect.width, rect.height).at(rect.left, rect.top));
     return VX_OK;
 }
@@ -397,8 +415,11 @@ std::shared_ptr<VXBuffer> VXGraphicBuffer_XC2::getview(xc2::viewId_t viewId) con
 // ---- VXLinearBufferPool_XC2 -------------------------------------------------------------------
 
 VXLinearBufferPool_XC2::VXLinearBufferPool_XC2(VXBufferUsage usage) : mSecure(hasSecureBit(usage)) {
+    // Without a block pool the object exists all the same: a constructor has no result, and every
+    // setting answers VX_NO_INIT. The same for pictures.
     const auto pool = blockPool(C2BlockPool::BASIC_LINEAR);
     if (pool == nullptr) return;
+    // nothrow: the library is built without exceptions, and a failure is a message and no pool.
     mPool.reset(new (std::nothrow)
                     xc2::XC2LinearBufferPool(pool, mSecure ? 0x20410002 : 0x20410000));
     if (mPool == nullptr) VX_LOGE("Failed to create linear buffer pool !");
@@ -408,6 +429,8 @@ VXLinearBufferPool_XC2::~VXLinearBufferPool_XC2() = default;
 VXError VXLinearBufferPool_XC2::setSize(size_t size) {
     VXLocker lock(mLock);
     VX_FAIL_IF(mPool == nullptr, VX_NO_INIT);
+    // The linear pool's statuses are ignored on purpose; what cannot be had shows when a buffer is
+    // fetched.
     mPool->setBufferSize(static_cast<uint32_t>(size));
     reset();
     return VX_OK;
@@ -422,11 +445,14 @@ VXError VXLinearBufferPool_XC2::setAlignment(size_t alignment) {
 }
 
 VXError VXLinearBufferPool_XC2::fetch(std::shared_ptr<VXBuffer>* buf) noexcept {
+    // Over the whole fetch: the limit is checked in one step and used in another. The same for
+    // pictures.
     VXLocker lock(mLock);
     return fetchBuffer(buf);
 }
 
 std::shared_ptr<VXBuffer> VXLinearBufferPool_XC2::createFromNative(std::any native) {
+    // The caller's buffer: the stash neither counts nor keeps it.
     const auto xc2Buffer = fromContainer(native);
     if (xc2Buffer == nullptr || !xc2Buffer->isLinear()) {
         VX_LOGE("LinearPool::createFromNative: xc2 buf is not linear !");
@@ -450,6 +476,7 @@ const char* VXLinearBufferPool_XC2::implType() const {
 VXBuffer* VXLinearBufferPool_XC2::onAllocate() {
     VX_FAIL_IF(mPool == nullptr, nullptr);
     std::shared_ptr<xc2::XC2Buffer> xc2Buffer;
+    // Checked here once: a buffer of the wrong kind would answer every question with 0.
     VX_FAIL_IF(mPool->allocate(&xc2Buffer) != xc2::XC2_OK, nullptr);
     VX_FAIL_IF(xc2Buffer == nullptr, nullptr);
     VX_FAIL_IF(xc2Buffer->isLinear() == false, nullptr);
@@ -466,12 +493,15 @@ VXGraphicBufferPool_XC2::VXGraphicBufferPool_XC2(VXBufferUsage usage)
     : mSecure(hasSecureBit(usage)) {
     const auto pool = blockPool(C2BlockPool::BASIC_GRAPHIC);
     if (pool == nullptr) return;
+    // 0 stands for the usage word, which setUsage() supplies; the others are constants of the
+    // signature.
     mPool.reset(new (std::nothrow) xc2::XC2GraphicBufferPoolImpl(pool, 1, nullptr, 0));
     if (mPool == nullptr) VX_LOGE("Failed to create graphic pool !");
 }
 VXGraphicBufferPool_XC2::~VXGraphicBufferPool_XC2() = default;
 
 VXError VXGraphicBufferPool_XC2::setHEICFlag(bool isHEIC) {
+    // Stored only: the codec library lays pictures out.
     mHEIC = isHEIC;
     return VX_OK;
 }
@@ -483,6 +513,7 @@ VXError VXGraphicBufferPool_XC2::reserved() {
 VXError VXGraphicBufferPool_XC2::setPixelFormat(uint32_t pixelFormat) {
     VXLocker lock(mLock);
     VX_FAIL_IF(mPool == nullptr, VX_NO_INIT);
+    // An unknown format goes on as 0, on purpose; the codec library judges it.
     const xc2::XC2Status status = mPool->setPixelFormat(toC2Format(pixelFormat));
     VX_FAIL_IF(status != xc2::XC2_OK, VX_ERROR);
     reset();

@@ -30,6 +30,7 @@ private:
 
 static void notifyListener(const std::weak_ptr<VXGraph::Listener>& weakListener,
                            std::string message) {
+    // A listener that has gone silences the report and nothing else: the run goes on.
     const std::shared_ptr<VXGraph::Listener> listener = weakListener.lock();
     if (listener == nullptr) return;
     VX_LOGE("Notifying Error: %s", message.c_str());
@@ -52,8 +53,12 @@ std::shared_ptr<VXGraph> VXGraph::BuildFromGraphInfo(VXGraphInfo& info,
 std::shared_ptr<VXGraph> VXGraph::Builder::build() {
     VX_LOGD("Builder: Build graph %zu", mNodes.size());
 
+    // All nodes exist before the first is set up: the allocator is one for all, chosen from what
+    // each can work with, and a node needs it in onSetup(). Ports come with set-up, so connections
+    // come last.
     std::vector<std::unique_ptr<VXNode>> nodes;
     for (auto& descriptor : mNodes) {
+        // The graph's name in front, so that nodes of two graphs differ in the log.
         const std::string nodeName = mName + "." + (descriptor != nullptr ? descriptor->name : "");
         std::unique_ptr<VXNode> node;
         VXNodeRegistry::Create(nodeName, std::move(descriptor), &node);
@@ -67,8 +72,10 @@ std::shared_ptr<VXGraph> VXGraph::Builder::build() {
 
     std::string allocator = getPreferredAllocator(nodes);
     VX_LOGD("Preferred allocator = %s", allocator.c_str());
+    // No node restricts the choice, and pools are made by a concrete name.
     if (allocator == "any") allocator = "xcodec2";
     if (allocator.empty()) {
+        // Logged only, on purpose: the caller sees the empty result.
         VX_LOGE("No compatible allocator found !");
         return nullptr;
     }
@@ -123,6 +130,7 @@ std::string VXGraph::Builder::getPreferredAllocator(
             return "";
         }
         if (std::find(preferred.begin(), preferred.end(), "any") != preferred.end()) continue;
+        // The first list is enough: what it does not name, this node refuses.
         candidates = std::move(preferred);
         break;
     }
@@ -131,7 +139,9 @@ std::string VXGraph::Builder::getPreferredAllocator(
     std::string best;
     int64_t bestScore = kRefused;
     for (const std::string& candidate : candidates) {
-        uint64_t score = 1;  // unsigned, for the product may wrap
+        // A product, not a sum: it rewards a name that every node ranks first. Unsigned, for it may wrap,
+        // and a refusal is kept apart from it, for a wrapped score may look small.
+        uint64_t score = 1;
         bool refused = false;
         for (const auto& node : nodes) {
             VX_FAIL_IF(node == nullptr, "");
@@ -139,6 +149,7 @@ std::string VXGraph::Builder::getPreferredAllocator(
             refused = refused || rank == kRefused;
             score *= static_cast<uint64_t>(rank);
         }
+        // Strictly less: of equal scores the first node's order decides.
         if (!refused && static_cast<int64_t>(score) < bestScore) {
             best = candidate;
             bestScore = static_cast<int64_t>(score);
@@ -161,6 +172,7 @@ VXGraph::VXGraph(const std::string& name, std::vector<std::unique_ptr<VXNode>> n
 
 VXGraph::~VXGraph() {
     mEventQueue->stop();  // before anything that the handler reaches goes
+    // From the last to the first: a vector leaves the order open.
     while (!mNodes.empty()) mNodes.pop_back();
 }
 
@@ -169,6 +181,7 @@ VXError VXGraph::connect(const std::string& outPort, const std::string& inPort) 
     std::shared_ptr<VXOutputPort> output;
     std::shared_ptr<VXInputPort> input;
     for (const auto& node : mNodes) {
+        // The first node with the name supplies the port. Names are unique in a graph by agreement.
         if (input == nullptr) node->findInputPort(inPort, &input);
         if (output == nullptr) node->findOutputPort(outPort, &output);
         if (input != nullptr && output != nullptr) break;
@@ -193,6 +206,7 @@ VXError VXGraph::runAsync() {
     const std::shared_ptr<VXGraph> self = shared_from_this();  // the handler finds it from now on
     mEventQueue->start(0);
     mHandler->attach(mEventQueue);
+    // The run holds the graph's thread until it is over, so that stop events wait for its end.
     mHandler->postAsync(std::make_shared<xc2::Event>(EVENT_RUN));
     return VX_OK;
 }
@@ -202,11 +216,14 @@ VXError VXGraph::stop() {
     VX_FAIL_IF(mHandler == nullptr, VX_NO_INIT);
     // The end of the run tells the listener, which may drop the reference that the caller relies on.
     const std::shared_ptr<VXGraph> self = weak_from_this().lock();
+    // Counted first, then the wake-up: a run that has no waiters yet does not get the wake-up, and reads
+    // the count once it has them.
     {
         std::lock_guard<std::mutex> lock(mCompletionLock);
         ++mStopping;
     }
     mCompletion.notify_all();
+    // Handled behind the run. When it returns, every node has stopped.
     mHandler->postSyncAndWait(std::make_shared<xc2::Event>(EVENT_STOP), 0);
     mEventQueue->stop();
     std::lock_guard<std::mutex> lock(mCompletionLock);
@@ -216,31 +233,39 @@ VXError VXGraph::stop() {
 
 VXError VXGraph::onEvent(std::shared_ptr<xc2::Event> event) {
     if (event == nullptr) return VX_BAD_VALUE;
+    // A run ends with its nodes stopped. The stop event that may follow stops them again, which
+    // they refuse without harm.
     if (event->id() == EVENT_RUN) run();
     if (event->id() == EVENT_RUN || event->id() == EVENT_STOP) stopNodes();
     return VX_OK;
 }
 
 void VXGraph::run() {
+    // A node without output ports ends a stream, so each of them completes the test for its branch.
     const auto sinks =
         static_cast<unsigned int>(std::count_if(mNodes.begin(), mNodes.end(), [](const auto& node) {
             return node->outputPorts().empty();
         }));
 
     unsigned int waiting = 0;
+    // A thread of its own, since this one starts the nodes while the waiters wait.
     std::thread completion([this, sinks, &waiting] { waitForWakeUps(sinks, &waiting); });
     bool stopping = false;
     {
         // A wake-up is not remembered, so no node starts before every waiter waits. A stop() until now
-        // has woken nobody; it is made good.
+        // has woken no waiter; it is made good.
         std::unique_lock<std::mutex> lock(mCompletionLock);
         mNowWaiting.wait(lock, [&] { return waiting == sinks; });
         stopping = mStopping > 0;
     }
     if (stopping) mCompletion.notify_all();
 
+    // In reverse, so that consumers run before their producers: a node that does not run drops what
+    // it is sent.
     for (auto node = mNodes.rbegin(); node != mNodes.rend(); ++node) {
         if ((*node)->start(shared_from_this()) != VX_OK) {
+            // Ends the wait, not the loop, on purpose: the other nodes are still started, and all
+            // are stopped at the end of the run.
             notifyError(errorName(NODE_FAIL_ASYNC));
             mCompletion.notify_all();
         }
@@ -249,11 +274,14 @@ void VXGraph::run() {
     VX_LOGD("Wait for completion");
     completion.join();
     VX_LOGD("Wait for completion. Done!!");
+    // Before the nodes stop, and after errors as well: the listener judges by the errors that came.
     if (const std::shared_ptr<Listener> listener = mListener.lock()) listener->onGraphComplete();
 }
 
 void VXGraph::stopNodes() {
     VX_LOGD("Handle Stop");
+    // In description order, which normally has the producers first: what they still deliver while
+    // they stop finds consumers that run. A node that is not running refuses without harm.
     for (const auto& node : mNodes) node->stop();
 }
 
@@ -263,7 +291,8 @@ void VXGraph::waitForComplete(unsigned int count) {
 }
 
 // One thread per wake-up: each ends at its first, whatever woke it. `*waiting` counts those that have
-// begun to wait, under mCompletionLock.
+// begun to wait, under mCompletionLock. There is no condition to check on purpose: the number of
+// wake-ups is the whole bookkeeping, so that one notify_all() ends every wait.
 void VXGraph::waitForWakeUps(unsigned int count, unsigned int* waiting) {
     std::vector<std::thread> waiters;
     waiters.reserve(count);
@@ -281,14 +310,19 @@ void VXGraph::waitForWakeUps(unsigned int count, unsigned int* waiting) {
 
 void VXGraph::onComplete() {
     VX_LOGD("Completion event received ");
+    // One completion, one waiter: the run ends with the last sink.
     mCompletion.notify_one();
 }
 
 void VXGraph::onError(VXError error, std::string message) {
     VX_LOGE("Received Error: %s", message.c_str());
+    // The listener first: woken waiters end the run, and the error has to come before
+    // onGraphComplete().
     notifyError(std::move(message));
     if (error == VX_OK) return;
     mCompletion.notify_all();
+    // Posted, since a node's thread must not wait for the graph's, which waits for the nodes to
+    // stop.
     mHandler->postAsync(std::make_shared<xc2::Event>(EVENT_STOP));
 }
 

@@ -32,9 +32,13 @@ bool VXInputPort::connected() {
 
 VXError VXInputPort::acceptConnection(const Format& format, std::weak_ptr<DelayObserver> observer) {
     VXLocker lock(mLock);
+    // One sender for each input port: the order of its works, and the delay that is reported
+    // upstream, are then those of one node.
     if (mConnected) return VX_INCOMPATIBLE;
+    // Byte for byte. The library knows no formats, so it cannot know that two of them go together.
     if (format.type != mFormat.type) return VX_INCOMPATIBLE;
     if (observer.lock() == nullptr) return VX_BAD_VALUE;  // gone, or a reference to nothing
+    // Weakly: the upstream port owns this one, and two strong references would keep both forever.
     mObserver = std::move(observer);
     mConnected = true;
     return VX_OK;
@@ -46,18 +50,24 @@ VXError VXInputPort::queueWorks(std::list<std::shared_ptr<VXSharedWork>> works) 
     workInfo->works = std::move(works);
     workInfo->port = this;
     const uint64_t count = workInfo->works.size();
-    mQueued.fetch_add(count, std::memory_order_relaxed);  // before the node can have taken them
+    // Before the post: the node may take the works before this thread gets on, and the count of works
+    // taken must never be ahead of the count of works queued.
+    mQueued.fetch_add(count, std::memory_order_relaxed);
     VX_LOGT("[%s] posting EVENT_DO_WORK with %zu works", name().c_str(), workInfo->works.size());
     auto event = std::make_shared<xc2::Event>(VXNode::EVENT_DO_WORK);
     event->info().put("works", std::move(workInfo));
+    // A refusal is no failure of the sender: the node has stopped. The works go with the event, and
+    // their release gives the sender its capacity back.
     if (mHandler->postAsync(std::move(event)) != xc2::XC2_OK) {
-        mQueued.fetch_sub(count, std::memory_order_relaxed);  // dropped
+        mQueued.fetch_sub(count, std::memory_order_relaxed);
     }
     return VX_OK;
 }
 
 VXError VXInputPort::flush() {
     if (mHandler == nullptr) return VX_NO_INIT;
+    // Without a time limit, since the caller relies on nothing old being left downstream. A refusal
+    // means that the node does not run, so there is nothing to flush.
     mHandler->postSyncAndWait(std::make_shared<xc2::Event>(VXNode::EVENT_FLUSH), 0);
     return VX_OK;
 }
@@ -77,6 +87,8 @@ void VXInputPort::setDelay(uint64_t VXInputPort::*member, unsigned long delay, D
         this->*member = delay;
         observer = mObserver.lock();
     }
+    // Without the lock: the report takes the lock of the output port, and connectTo() takes the two
+    // in the other order.
     if (observer != nullptr) ((*observer).*report)(name(), delay);
 }
 
@@ -106,6 +118,8 @@ bool VXOutputPort::connected() {
 VXError VXOutputPort::connectTo(std::shared_ptr<VXInputPort> downstream) {
     VX_FAIL_IF_TAGGED("Vexa:VXGraph", downstream == nullptr, VX_BAD_VALUE);
     VXLocker lock(mLock);
+    // The observer first, then the delays under mDelayLock. A delay that changes in between is
+    // either read here, or its report waits for that lock and finds the entry.
     const VXError ret = downstream->acceptConnection(mFormat, shared_from_this());
     if (ret != VX_OK) return ret;
     {
@@ -119,6 +133,8 @@ VXError VXOutputPort::connectTo(std::shared_ptr<VXInputPort> downstream) {
 
 VXError VXOutputPort::sendWorks(std::list<std::shared_ptr<VXSharedWork>> works) {
     VX_LOGT("[%s] sendWorks", name().c_str());
+    // Every port gets a list of its own of the same works. A work is released when the last of the
+    // downstream nodes lets it go.
     const auto send = [this](VXInputPort& port, std::list<std::shared_ptr<VXSharedWork>> batch) {
         VX_LOGT("[%s] Sending works to downstream [%s]", name().c_str(), port.name().c_str());
         return port.queueWorks(std::move(batch));
@@ -128,7 +144,8 @@ VXError VXOutputPort::sendWorks(std::list<std::shared_ptr<VXSharedWork>> works) 
         const VXError ret = send(**port, works);
         if (ret != VX_OK) return ret;
     }
-    return send(*mDownstreamPorts.back(), std::move(works));  // the last one gets the list itself
+    // The last port gets the list itself: most output ports feed one input port, and need no copy.
+    return send(*mDownstreamPorts.back(), std::move(works));
 }
 
 void VXOutputPort::onInputDelayChanged(const std::string& inputPortName, unsigned long delay) {
@@ -150,9 +167,13 @@ void VXOutputPort::updateDelay(DelayMap* delays, uint32_t eventId, const char* k
             oldMax = largest(*delays);
             entry->second = delay;
             newMax = largest(*delays);
+            // The capacity follows from the maximum alone. A change below it would only wake the
+            // node.
             if (newMax != oldMax) postDelay(eventId, newMax);
         }
     }
+    // A maximum is at least 1, so 0 says that the port was not found. Logged here, since only the
+    // post may be done under mDelayLock.
     if (oldMax == 0) {
         VX_LOGE("[%s] Unrecognized input port : %s", name().c_str(), inputPortName.c_str());
     } else if (newMax != oldMax) {
@@ -162,6 +183,7 @@ void VXOutputPort::updateDelay(DelayMap* delays, uint32_t eventId, const char* k
 
 // Under mDelayLock, so that the last one posted is the latest.
 void VXOutputPort::postDelay(uint32_t eventId, uint64_t delay) {
+    // Posted, not called: the regulator that has to know belongs to the node's event thread.
     if (mHandler == nullptr) return;
     auto event = std::make_shared<xc2::Event>(eventId);
     event->info().put("portId", name());
@@ -171,6 +193,7 @@ void VXOutputPort::postDelay(uint32_t eventId, uint64_t delay) {
 
 void VXOutputPort::reportTotalDelay(uint64_t known) {
     VXLocker lock(mDelayLock);
+    // Compared and posted under one lock, so that no newer report comes before this one.
     const uint64_t now = largest(mTotalDelays);
     if (now != known) postDelay(VXNode::EVENT_TOTAL_DELAY, now);
 }
@@ -200,6 +223,7 @@ void VXNode::ConfigStore::init(std::unique_ptr<VXNodeDescriptor> descriptor) {
                 map = e.alternate == 1 ? &mAlternateTunings : &mTunings;
                 break;
             default:
+                // The other entries are still good, so this one costs a warning and not the node.
                 VX_LOGW("Invalid e type for e : %s", e.key.c_str());
                 continue;
         }
@@ -211,6 +235,7 @@ void VXNode::ConfigStore::init(std::unique_ptr<VXNodeDescriptor> descriptor) {
 VXNode::ConfigStore::Pairs VXNode::ConfigStore::take(FrameMap* map, uint64_t frame) {
     const auto entry = map->find(frame);
     if (entry == map->end()) return {};
+    // Removed, so that a command is carried out once, even when a node asks for a frame twice.
     Pairs pairs = std::move(entry->second);
     map->erase(entry);
     return pairs;
@@ -219,6 +244,7 @@ VXNode::ConfigStore::Pairs VXNode::ConfigStore::take(FrameMap* map, uint64_t fra
 VXNode::ConfigStore::Map VXNode::ConfigStore::read(const FrameMap& map, uint64_t frame) {
     const auto entry = map.find(frame);
     if (entry == map.end()) return {};
+    // The range constructor keeps the first of equal keys, as the header promises.
     return Map(entry->second.begin(), entry->second.end());
 }
 
@@ -254,6 +280,8 @@ VXNode::CompletedWorkInfo::~CompletedWorkInfo() = default;
 VXNode::Handler::~Handler() = default;
 
 xc2::XC2Status VXNode::Handler::onEvent(std::shared_ptr<xc2::Event> event) {
+    // The queue delivers what is left while ~VXNode() stops it. Those events would call hooks of a
+    // derived class that has been destroyed.
     if (mNode.mDying.load(std::memory_order_relaxed)) return xc2::XC2_CANCELED;
     return static_cast<xc2::XC2Status>(mNode.handleMessage(std::move(event)));
 }
@@ -266,6 +294,8 @@ VXNode::VXNode(const std::string& name, std::unique_ptr<VXNodeDescriptor> descri
         mOutputPortInfos = std::move(descriptor->outputPorts);
         mConfigStore.init(std::move(descriptor));
     }
+    // Both exist before set-up, since ports take a share of the handler when they are created. The
+    // queue gets its thread only when the node starts.
     mEventQueue = std::make_shared<xc2::EventQueue>(name);
     mHandler = std::make_shared<Handler>(*this);
 }
@@ -293,10 +323,12 @@ VXError VXNode::setup(bool beforeFence) {
         if (mState != CREATED) return VX_INVALID_OPERATION;
         mState = SETTING_UP;
     }
+    // The state is claimed under the lock, and the hook is called without it: addInputPort() takes
+    // the lock, and checks for this state.
     const VXError ret = onSetup(beforeFence);
     {
         VXLocker lock(mLock);
-        // A stop() inside the hook has the last word.
+        // A stop() inside the hook has the last word. A failed set-up may be tried again.
         if (mState == SETTING_UP) mState = ret == VX_OK ? SET_UP : CREATED;
     }
     VX_LOGT("[%s] Setup %s ..", name().c_str(), ret == VX_OK ? "Done" : "Failed!");
@@ -310,11 +342,14 @@ VXError VXNode::start(std::weak_ptr<VXListener> listener) {
         if (mState != SET_UP) return VX_INVALID_OPERATION;
     }
 
+    // The state stays SET_UP until onStart() has succeeded, so a failed start can be repeated. Each
+    // attempt has a regulator of its own and so begins with nothing outstanding.
     std::vector<std::pair<std::string, unsigned long>> portDelays;
     for (const auto& port : mOutputPorts) portDelays.emplace_back(port->name(), port->totalDelay());
     std::shared_ptr<Handler> handler;
     {
         VXLocker lock(mLock);
+        // Listener and regulator come before the queue runs: its first event may need either.
         mListener = std::move(listener);
         mRegulator = std::make_shared<Regulator>(*this, 1, portDelays);
         VX_FAIL_IF(mRegulator == nullptr, VX_NO_MEMORY);
@@ -339,6 +374,8 @@ VXError VXNode::start(std::weak_ptr<VXListener> listener) {
         mState = RUNNING;
     }
     VX_LOGT("[%s] Started..", name().c_str());
+    // The first scheduling pass is an event like every other, so that onProcess() is called on no
+    // thread but the node's.
     handler->postAsync(std::make_shared<xc2::Event>(EVENT_START));
     return VX_OK;
 }
@@ -349,7 +386,10 @@ VXError VXNode::stop() {
         VXLocker lock(mLock);
         if (mState == CREATED || mState == STOPPED) return VX_INVALID_OPERATION;
     }
+    // The queue first: it delivers what was posted, and no event can then meet what onStop() has
+    // already taken down.
     if (mEventQueue != nullptr) mEventQueue->stop();
+    // A failing onStop() stops the node all the same: there is no state to go back to.
     const VXError ret = onStop();
     shutDown();
     {
@@ -366,6 +406,8 @@ void VXNode::shutDown() {
         VX_LOGT("[%s] Stopping event queue..", name().c_str());
         mEventQueue->stop();
     }
+    // Taken out under the lock and destroyed after it. Ports and trackers may still hold the
+    // handler; the stopped queue refuses what they post.
     std::shared_ptr<Handler> handler;
     std::shared_ptr<Regulator> regulator;
     {
@@ -377,6 +419,7 @@ void VXNode::shutDown() {
 }
 
 void VXNode::teardown() {
+    // Read without the lock: stop() decides under it.
     const State state = mState;
     if (state != CREATED && state != STOPPED) {
         VX_LOGW("[%s] Node being destroyed without stopping.. attempting stop", name().c_str());
@@ -385,6 +428,7 @@ void VXNode::teardown() {
     // A hook that has stopped the node on its own thread could not wait for that thread to end.
     if (mEventQueue != nullptr) mEventQueue->stop();
     VXLocker lock(mLock);
+    // Whatever stop() returned: ~VXNode() has nothing left to stop.
     mState = TORN_DOWN;
 }
 
@@ -403,6 +447,8 @@ VXNode::Status VXNode::status() {
             status.inputPorts.push_back({port->name(), stopped ? 0 : port->queuedWorks()});
         }
     }
+    // One lock after the other, never both. The figures need not be of one moment, and two locks
+    // held together would need an order.
     VXLocker lock(mPendingInputLock);
     status.pendingInputs = mPendingInputWorks.size();
     return status;
@@ -432,8 +478,12 @@ std::shared_ptr<VXNode::Regulator> VXNode::lockRegulator() {
 VXError VXNode::postToHandler(std::shared_ptr<xc2::Event> event) {
     VXLocker lock(mLock);
     if (mHandler != nullptr) {
+        // Under the lock, other than in returnWorks(): what these events carry runs no foreign code
+        // when a refused post drops it.
         mHandler->postAsync(std::move(event));
     } else {
+        // A report after shut-down is logged and no more: the run is over, and its caller, perhaps
+        // a thread of the node's own, could do nothing about it.
         VX_LOGE("Handler is gone !!!!");
     }
     return VX_OK;
@@ -454,6 +504,7 @@ VXError VXNode::signalComplete() {
 // ---- Node ports -------------------------------------------------------------------------------
 
 // The first port called `name`; empty when there is none.
+// Takes no lock: ports are fixed once the node is set up.
 template <typename Port>
 static std::shared_ptr<Port> findPort(const std::vector<std::shared_ptr<Port>>& ports,
                                       const std::string& name) {
@@ -473,6 +524,7 @@ VXError VXNode::addInputPort(const std::string& name, const VXPort::Format& form
 
 VXError VXNode::addOutputPort(const std::string& name, const VXPort::Format& format) {
     if (findPort(mOutputPorts, name) != nullptr) return VX_ALREADY_EXISTS;
+    // handler() takes the lock, which is not recursive, so it cannot be held here.
     mOutputPorts.push_back(std::make_shared<VXOutputPort>(name, format, handler()));
     return VX_OK;
 }
@@ -494,6 +546,7 @@ VXError VXNode::findOutputPort(const std::string& name, std::shared_ptr<VXOutput
 }
 
 void VXNode::setInputDelay(unsigned long delay) {
+    // On every port: the delay is the node's, and each upstream node plans with it.
     for (const auto& port : mInputPorts) port->setInputDelay(delay);
 }
 
@@ -508,6 +561,9 @@ VXError VXNode::handleMessage(std::shared_ptr<xc2::Event> event) {
     // A reference of its own: a hook may stop the node on this very thread, which drops the node's.
     const std::shared_ptr<Regulator> regulator = lockRegulator();
     switch (event->id()) {
+        // Without a regulator the node has not started or has shut down. The result of a scheduling
+        // pass is dropped here and below: the pass reports or logs what fails in it, and the poster
+        // has nothing to do with it.
         case EVENT_START:
         case EVENT_SCHEDULE:
             VX_FAIL_IF(regulator == nullptr, VX_NO_INIT);
@@ -526,6 +582,8 @@ VXError VXNode::handleMessage(std::shared_ptr<xc2::Event> event) {
             VX_FAIL_IF(event->info().get("res-id", &resId) != xc2::XC2_OK, VX_ERROR);
             VX_FAIL_IF(regulator == nullptr, VX_NO_INIT);
             const VXError ret = regulator->releaseDownstreamWork(resId);
+            // At once, and also for an unknown id: a node that waits for capacity gets no other
+            // event.
             regulator->schedule();
             return ret;
         }
@@ -542,9 +600,11 @@ VXError VXNode::handleMessage(std::shared_ptr<xc2::Event> event) {
             return VX_OK;
         }
         case EVENT_COMPLETE:
+            // As for an error: nothing of the node is touched after the call.
             if (const auto listener = lockListener()) listener->onComplete();
             return VX_OK;
         case EVENT_INPUT_DELAY:
+            // Ignored on purpose: the capacity follows from the total delays alone.
             return VX_OK;
         case EVENT_TOTAL_DELAY: {
             std::string portId;
@@ -558,15 +618,18 @@ VXError VXNode::handleMessage(std::shared_ptr<xc2::Event> event) {
             std::shared_ptr<VXInputPort::WorkInfo> workInfo;
             VX_FAIL_IF(event->info().get("works", &workInfo) != xc2::XC2_OK, VX_ERROR);
             VX_FAIL_IF(workInfo == nullptr, VX_ERROR);
-            if (workInfo->works.empty()) return VX_OK;
+            if (workInfo->works.empty()) return VX_OK;  // nothing has changed for a pass to act on
             // Ports of this node outlive it; another that was made with its handler may be gone.
             for (const auto& port : mInputPorts) {
                 if (port.get() == workInfo->port) port->noteTaken(workInfo->works.size());
             }
             {
+                // A lock of its own, since a node may use the pending inputs from threads of its
+                // own.
                 VXLocker lock(mPendingInputLock);
                 mPendingInputWorks.splice(mPendingInputWorks.end(), workInfo->works);
             }
+            // Last, so that works which arrive early are kept for the start.
             VX_FAIL_IF(regulator == nullptr, VX_NO_INIT);
             regulator->schedule();
             return VX_OK;
@@ -591,8 +654,11 @@ VXError VXNode::handleMessage(std::shared_ptr<xc2::Event> event) {
 
 VXError VXNode::handleFlush() {
     VX_LOGT("[%s] Flushing Node", name().c_str());
+    // The inputs first: when onFlush() drops what the node holds back, no older work can follow.
     erasePendingInputWorks();
     onFlush();
+    // Downstream last. The flush queues up behind everything this node has sent, so it erases that
+    // as well. It waits for each node in turn, and so for the whole graph below.
     for (const auto& outputPort : mOutputPorts) {
         VX_LOGT("[%s] Sending flush downstream", name().c_str());
         for (const auto& inputPort : outputPort->downstreamPorts()) {
@@ -613,6 +679,8 @@ VXError VXNode::countAvailablePendingInputWorks(unsigned long maxCount, unsigned
     VXLocker lock(mPendingInputLock);
     for (const auto& w : mPendingInputWorks) {
         VX_FAIL_IF(w == nullptr, VX_BAD_ADDRESS);
+        // The regulator takes a batch that is not full only when it ends a stream. So the count
+        // stops at the first end, and `*hasEOS` is about the last work counted.
         ++*actualCount;
         *hasEOS = (w->frameInfo().flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0;
         if (*hasEOS || *actualCount == maxCount) break;
@@ -625,9 +693,11 @@ VXError VXNode::countAvailablePendingInputWorks(unsigned long maxCount, unsigned
 VXError VXNode::getPendingInputWorks(unsigned long requestedCount,
                                      std::list<std::shared_ptr<VXSharedWork>>* works) {
     VX_FAIL_IF(works == nullptr, VX_BAD_VALUE);
+    // Before the lock: a release runs hooks.
     works->clear();
     VXLocker lock(mPendingInputLock);
     VX_FAIL_IF(requestedCount > mPendingInputWorks.size(), VX_INVALID_OPERATION);
+    // The whole list, on purpose: `requestedCount` is a lower bound.
     works->swap(mPendingInputWorks);
     VX_LOGT("[%s] get-inputs: returned %zu", name().c_str(), works->size());
     return VX_OK;
@@ -659,15 +729,20 @@ VXError VXNode::returnWorks(std::list<std::unique_ptr<VXWork>> works) {
 VXNode::DownstreamWorkTracker::~DownstreamWorkTracker() = default;
 
 void VXNode::DownstreamWorkTracker::onRelease(VXSharedWork* work) {
+    // Runs on whatever thread lets go last, so it touches nothing of the regulator: it reads the
+    // work and posts. The work is all that the hook is given, hence the id inside it.
     uint64_t id = 0;
     if (work == nullptr || work->get("_res_id", &id) != VX_OK) {
         VX_LOGW("Invalid work released !");
         return;  // left undeleted on purpose: it is not one of ours
     }
+    // Weakly: works in the hands of consumers may outlive the node that made them.
     if (const auto handler = mHandler.lock()) {
+        // The event lies in the work's own memory, which stays until both are gone.
         auto event = std::allocate_shared<xc2::Event>(VXSharedWork::Allocator<xc2::Event>(work),
                                                       EVENT_WORK_RELEASED);
         event->info().put("res-id", id);
+        // A refused post needs no care: a node that has stopped counts no longer.
         handler->postAsync(std::move(event));
     } else {
         VX_LOGE("Handler is gone !!!!");
@@ -681,6 +756,7 @@ VXNode::Regulator::Regulator(VXNode& node, unsigned long batchSize,
       mNode(node),
       mBatchSize(batchSize),
       mPortDelays(portDelays.begin(), portDelays.end()),
+      // Last, for it reads the two before it.
       mMaxDownstreamWorks(maxDownstreamCapacity()) {
     VX_LOGT("[%s] Created with downstream-capacity = %zu", name().c_str(), capacity());
 }
@@ -701,6 +777,8 @@ unsigned long VXNode::Regulator::maxDownstreamCapacity() const {
             maxPort = port.c_str();
         }
     }
+    // Saturated: any delay may be reported, and a wrapped sum would turn the largest into the
+    // smallest and stall the node.
     const uint64_t more = mBatchSize + 2;
     const uint64_t capacity = maxDelay > UINT64_MAX - more ? UINT64_MAX : maxDelay + more;
     VX_LOGD("[%s] Downstream-capacity=%zu [Port '%s' has max delay = %zu. batchsize = %zu",
@@ -713,12 +791,15 @@ unsigned long VXNode::Regulator::freeDownstreamCapacity() const {
     const uint64_t most = capacity();
     VX_LOGD("[%s] freeDownstreamCapacity mDownstreamWorksTracker.size(%d) mMaxDownstreamWorks(%d)",
             name().c_str(), static_cast<int>(outstanding), static_cast<int>(most));
+    // A delay may have shrunk since, so that more works are out than may be.
     return outstanding < most ? most - outstanding : 0;
 }
 
 bool VXNode::Regulator::canScheduleWorks(unsigned long* nWorksReady) {
     VX_FAIL_IF(nWorksReady == nullptr, false);
     *nWorksReady = 0;
+    // Capacity before inputs: a source that makes its inputs on demand is not even asked while
+    // nothing more may go out.
     const uint64_t freeCapacity = freeDownstreamCapacity();
     if (freeCapacity < mBatchSize) {
         VX_LOGT("[%s] Free-DownstreamCapacity(%zu) < batch-size(%zu)", name().c_str(), freeCapacity,
@@ -732,7 +813,9 @@ bool VXNode::Regulator::canScheduleWorks(unsigned long* nWorksReady) {
                 name().c_str());
         return false;
     }
+    // Not worth a message: a node that waits for input is the normal case.
     if (count == 0) return false;
+    // At the end of the stream no further input will complete the batch.
     if (count < mBatchSize && !hasEOS) {
         VX_LOGT("[%s] Inputs(%zu) < BatchSize(%zu)", name().c_str(), count, mBatchSize);
         return false;
@@ -753,18 +836,24 @@ VXError VXNode::Regulator::schedule() {
     const size_t nInputs = inputWorks.size();
 
     std::list<std::unique_ptr<VXWork>> possiblyProcessedWorks;
+    // The inputs are moved in. Those that the hook does not keep are released when it returns, so
+    // upstream gets its capacity back at once.
     ret = mNode.onProcess(std::move(inputWorks), &possiblyProcessedWorks);
+    // Reported, and the pass goes on: what the hook has finished is good all the same, and the
+    // listener decides whether the run ends.
     if (ret != VX_OK) {
         const std::string text = "Node [" + mNode.name() + "] failed to process !";
         mNode.signalError(ret, text);
         VX_LOGE("[%s] Error: %s: %d", name().c_str(), text.c_str(), ret);
     }
     if (!possiblyProcessedWorks.empty()) {
+        // One output per input. A node that finishes another number, or later, uses returnWorks().
         if (possiblyProcessedWorks.size() != nInputs) {
             VX_LOGE("[%s] onProcess returned only %zu works out of %zu !", name().c_str(),
                     possiblyProcessedWorks.size(), nInputs);
             return VX_ERROR;
         }
+        // An exchange and not a move, for the check below needs a list that is empty for certain.
         if (notifyCompletedWorks(std::exchange(possiblyProcessedWorks, {})) != VX_OK) {
             VX_LOGE("[%s] Failed to notify completed works", name().c_str());
             return VX_ERROR;
@@ -772,6 +861,8 @@ VXError VXNode::Regulator::schedule() {
     }
     VX_FAIL_IF(!possiblyProcessedWorks.empty(), VX_ERROR);
 
+    // What is left is an event of its own. Releases, delays and errors that wait in the queue come
+    // before it, so a node with endless inputs still hears of them.
     unsigned long nMore = 0;
     if (canScheduleWorks(&nMore) && nMore > 0) {
         // Empty when the hook has stopped the node on this thread.
@@ -786,14 +877,18 @@ VXError VXNode::Regulator::notifyCompletedWorks(std::list<std::unique_ptr<VXWork
     VX_LOGT("[%s] Notifying %zu completed works", name().c_str(), works.size());
     std::list<std::shared_ptr<VXSharedWork>> outgoing;
     for (std::unique_ptr<VXWork>& work : works) {
+        // A null work gets no number; registerDownstreamWork() refuses it.
         if (work != nullptr) work->frameInfo().index = mFrameCounter++;
         std::shared_ptr<VXSharedWork> sharedWork;
         if (registerDownstreamWork(std::move(work), &sharedWork) != VX_OK) {
             VX_LOGE("[%s] Failed to register completed work !", name().c_str());
         }
+        // The works registered so far are released with `outgoing`, and their ids come back by
+        // events.
         VX_FAIL_IF(sharedWork == nullptr, VX_NO_MEMORY);
         outgoing.push_back(std::move(sharedWork));
     }
+    // A sink's works are released here, so it never runs out of capacity.
     if (mNode.mOutputPorts.empty()) return VX_OK;
     VX_FAIL_IF(mNode.mOutputPorts.front() == nullptr, VX_ERROR);
     VX_LOGT("[%s] calling sendWorks : %zu works", name().c_str(), outgoing.size());
@@ -805,9 +900,12 @@ VXError VXNode::Regulator::registerDownstreamWork(std::unique_ptr<VXWork> proces
     VX_FAIL_IF(processedWork == nullptr, VX_BAD_VALUE);
     VX_FAIL_IF(workToDispatch == nullptr, VX_BAD_VALUE);
     const unsigned long id = ++mWorkIdCounter;
+    // In the work, because its release hook is given nothing else.
     processedWork->put<unsigned long>("_res_id", id);
     *workToDispatch = processedWork->share(DownstreamWorkTracker(mNode.weakHandler()));
     VX_FAIL_IF(*workToDispatch == nullptr, VX_NO_MEMORY);
+    // After share(), so that a failure leaves nothing registered. Ids only grow, which keeps the
+    // vector sorted for the binary search in releaseDownstreamWork().
     mDownstreamWorksTracker.push_back(id);
     mOutstanding.store(mDownstreamWorksTracker.size(), std::memory_order_relaxed);
     return VX_OK;
@@ -817,6 +915,7 @@ VXError VXNode::Regulator::registerInputWork(std::shared_ptr<VXSharedWork> input
                                              std::shared_ptr<VXSharedWork>* trackedInputWork) {
     VX_FAIL_IF(inputWork == nullptr, VX_BAD_VALUE);
     VX_FAIL_IF(trackedInputWork == nullptr, VX_BAD_VALUE);
+    // Not tracked: the node that sent the work does that.
     *trackedInputWork = std::move(inputWork);
     return VX_OK;
 }
@@ -838,14 +937,18 @@ VXError VXNode::Regulator::notifyDownstreamTotalDelay(const std::string& portId,
                                                       unsigned long delay) {
     VX_FAIL_IF(mPortDelays.count(portId) == 0, VX_NOT_FOUND);
     uint64_t& known = mPortDelays[portId];
+    // A start may report a delay that has arrived in the meantime.
     if (known == delay) return VX_OK;
     known = delay;
     mMaxDownstreamWorks.store(maxDownstreamCapacity(), std::memory_order_relaxed);
+    // A larger capacity may be just what the node waits for, and no other event would follow.
     return schedule();
 }
 
 // ---- Registry ---------------------------------------------------------------------------------
 
+// Plain statics: the loader initializes this library before the programs and libraries that link
+// it, whose static factories register here.
 std::unordered_map<std::string, VXNodeBaseFactory*> VXNodeRegistry::sFactories;
 VXMutex VXNodeRegistry::sLock;
 
@@ -868,13 +971,15 @@ VXError VXNodeRegistry::Create(const std::string& name,
                                std::unique_ptr<VXNodeDescriptor> descriptor,
                                std::unique_ptr<VXNode>* node) {
     if (node == nullptr || descriptor == nullptr) return VX_BAD_VALUE;
-    // The subscript leaves a null entry for an unknown type, which is listed from then on.
+    // The subscript leaves a null entry for an unknown type, which is listed from then on. No lock, here
+    // and below: registrations are over when graphs are built.
     VXNodeBaseFactory* factory = sFactories[descriptor->type];
     if (factory == nullptr) {
         VX_LOGE("No factory available for %s in %zu", descriptor->type.c_str(), sFactories.size());
     } else {
         factory->createNode(name, std::move(descriptor), node);
     }
+    // Judged by the result, since createNode() returns none.
     return *node != nullptr ? VX_OK : VX_ERROR;
 }
 

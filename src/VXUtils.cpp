@@ -16,6 +16,7 @@ uint32_t vxUpdateLogLevel() {
     char text[PROPERTY_VALUE_MAX] = {};
     property_get("vendor.vexa.log.msg", text, "3");
     const auto mask = static_cast<uint32_t>(std::strtoul(text, nullptr, 16));
+    // Relaxed, as every message reads it: a new mask need not order anything else.
     gVXLogLevel.store(mask, std::memory_order_relaxed);
     return mask;
 }
@@ -40,6 +41,7 @@ bool ReadFileToString(const std::string& path, std::string* content) {
     file.seekg(0, std::ios::beg);
 
     char chunk[1024];
+    // Until a read comes up short, and not for the stated size: a pipe states none.
     do {
         file.read(chunk, sizeof(chunk));
         content->append(chunk, static_cast<size_t>(file.gcount()));

@@ -27,11 +27,13 @@ size_t memcpy_s(void* dst, size_t dstSize, const void* src, size_t count) {
 
 void* VXSharedWork::Home::inside(void* memory) {
     if (memory == nullptr) return nullptr;
+    // In a step of its own: clang-tidy crashes on pointer arithmetic behind a new expression.
     Home* const home = new (memory) Home();
     return home + 1;
 }
 
-// While nobody else can enter or leave, so it need not count atomically.
+// Only the thread that makes the work or runs its release hook enters, before any resident could leave
+// on another, so it need not count atomically.
 void* VXSharedWork::Home::enter(size_t size) {
     if (size > sizeof(room) - used) return nullptr;
     residents.store(residents.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -40,7 +42,8 @@ void* VXSharedWork::Home::enter(size_t size) {
     return memory;
 }
 
-// The last to leave need not count.
+// The last to leave need not count: the load sees what the others have done, and no other thread is left
+// to change the number.
 void VXSharedWork::Home::leave() {
     if (residents.load(std::memory_order_acquire) == 1 ||
         residents.fetch_sub(1, std::memory_order_acq_rel) == 1) {
@@ -50,6 +53,7 @@ void VXSharedWork::Home::leave() {
 }
 
 void* VXSharedWork::operator new(size_t size) {
+    // One allocation for the work, its control block and the event of its release.
     return Home::inside(::operator new(sizeof(Home) + size));
 }
 

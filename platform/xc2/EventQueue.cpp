@@ -68,6 +68,8 @@ public:
             std::lock_guard<std::mutex> lock(mLock);
             mStatus = status;
         }
+        // Without the lock, or the waiter would wake up only to wait for it. The caller's share
+        // keeps the reply alive when the waiter has timed out.
         mGiven.notify_one();
     }
 
@@ -141,7 +143,7 @@ public:
     struct Delivery {
         Attachment* to;  // null when the handler has been let go already
         std::shared_ptr<Event> event;
-        std::shared_ptr<Reply> reply;  // null unless somebody waits
+        std::shared_ptr<Reply> reply;  // null unless a thread waits
     };
 
     explicit Core(const std::string& name) : mName(name.substr(0, 15)) {}
@@ -177,7 +179,7 @@ private:
     State mState = STOPPED;
     std::condition_variable mWork;   // the thread sleeps here
     std::condition_variable mEnded;  // DRAINING is over
-    std::thread mThread;             // empty in DRAINING: who joins it has it
+    std::thread mThread;             // empty in DRAINING: the thread that joins it has it
     std::thread::id mThreadId;
     std::multimap<Clock::time_point, Delivery> mDelayed;
 
@@ -191,11 +193,16 @@ private:
 
 void EventQueue::Core::start() {
     std::unique_lock<std::mutex> lock(mLock);
+    // A stop that is at work ends first, and a thread that has left by itself is joined, before
+    // there is a new one. On the queue's own thread that would be a wait for itself.
     while (mState == DRAINING || (mState == STOPPED && mThread.joinable())) {
         if (onOwnThread()) return;
         awaitEnd(lock);
     }
     if (mState == STOPPED) {
+        // Under the lock, which the new thread takes first: it cannot compare itself with mThreadId
+        // before that is set. It has a share of the core, for the queue may be released while it
+        // runs.
         mThread = std::thread([self = shared_from_this()] { self->run(); });
         mThreadId = mThread.get_id();
     }
@@ -206,10 +213,13 @@ void EventQueue::Core::stop() {
     std::multimap<Clock::time_point, Delivery> delays;
     std::vector<Delivery> rest;
     std::unique_lock<std::mutex> lock(mLock);
+    // Out of reach first: the thread goes on taking due delays while it drains.
     delays.swap(mDelayed);
     if (!onOwnThread()) {
         awaitEnd(lock);
     } else if (mState == RUNNING) {
+        // The thread cannot wait for its own end, and whatever it left queued would keep waiters
+        // waiting. So it finishes the event in hand, and the rest is dropped here.
         mState = LEAVING;
         const auto next = mBatch.begin() + static_cast<std::ptrdiff_t>(mNext);
         rest.assign(std::make_move_iterator(next), std::make_move_iterator(mBatch.end()));
@@ -219,28 +229,31 @@ void EventQueue::Core::stop() {
         mAnyWaiting.store(false, std::memory_order_relaxed);
     }
     lock.unlock();
+    // Without the lock: destructors of events are foreign code, and may post.
     for (auto& [due, delivery] : delays) drop(delivery);
     for (auto& delivery : rest) drop(delivery);
 }
 
-// The last stop: a thread that releases its own queue has nobody left to join it.
+// The last stop. When a thread releases its own queue, no other thread is left to join it.
 void EventQueue::Core::release() {
     stop();
     std::lock_guard<std::mutex> lock(mLock);
     if (mThread.joinable()) mThread.detach();
 }
 
-// Ends the thread, or waits for whoever is at it. Not for the thread itself.
+// Ends the thread, or waits for the other thread that does. Not for the thread itself.
 void EventQueue::Core::awaitEnd(std::unique_lock<std::mutex>& lock) {
     if (!mThread.joinable()) {
         mEnded.wait(lock, [this] { return mState != DRAINING; });
         return;
     }
+    // Taken out, so that of several stops one joins and the others wait for mEnded.
     mState = DRAINING;
     std::thread thread = std::move(mThread);
     unlockAndWake(lock);
     thread.join();
     lock.lock();
+    // The system may give the id to another thread, which would then count as the queue's own.
     mThreadId = std::thread::id();
     mState = STOPPED;
     mEnded.notify_all();
@@ -252,7 +265,10 @@ XC2Status EventQueue::Core::post(EventHandler& handler, Delivery&& delivery,
                                  std::chrono::milliseconds delay) {
     std::unique_lock<std::mutex> lock(mLock);
     if (mState != RUNNING) return XC2_BAD_STATE;
+    // The thread would wait for an event that only it can deliver.
     if (delivery.reply != nullptr && onOwnThread()) return XC2_BAD_STATE;
+    // The first event in flight takes a reference for all: one per event would be written by poster
+    // and queue in turns, each time on another core.
     if (delivery.to->inFlight == 0) {
         delivery.to->handler = handler.weak_from_this().lock();
         if (delivery.to->handler == nullptr) return XC2_BAD_STATE;
@@ -260,6 +276,7 @@ XC2Status EventQueue::Core::post(EventHandler& handler, Delivery&& delivery,
     ++delivery.to->inFlight;
     if (delay.count() == 0) {
         mWaiting.push_back(std::move(delivery));
+        // Relaxed: it only ends the yields early. What was queued is read under the lock.
         mAnyWaiting.store(true, std::memory_order_relaxed);
     } else {
         mDelayed.emplace(Clock::now() + delay, std::move(delivery));
@@ -268,7 +285,8 @@ XC2Status EventQueue::Core::post(EventHandler& handler, Delivery&& delivery,
     return XC2_OK;
 }
 
-// Unlocks first: a thread that wakes up only to wait for the lock would cost two switches more.
+// Unlocks first: a thread that wakes up only to wait for the lock would cost two switches more. And
+// only the first post after the thread fell asleep pays for a notification.
 void EventQueue::Core::unlockAndWake(std::unique_lock<std::mutex>& lock) {
     const bool wake = mSleeping;
     mSleeping = false;
@@ -282,18 +300,24 @@ void EventQueue::Core::run() {
     pthread_setname_np(pthread_self(), mName.c_str());
     std::unique_lock<std::mutex> lock(mLock);
     for (;;) {
+        // Each time round, and in front of the check, so that a delay that has come due keeps the
+        // thread from sleeping.
         takeDueDelays();
         if (mWaiting.empty()) {
             if (mState != RUNNING) break;
             sleep(lock);
             continue;
         }
+        // All that waits at once: one lock per batch instead of one per event. The two vectors keep
+        // their memory.
         mBatch.swap(mWaiting);
         mAnyWaiting.store(false, std::memory_order_relaxed);
         mNext = 0;
         lock.unlock();
         while (mNext < mBatch.size()) {  // stop() on this thread cuts mBatch short
             Delivery& delivery = mBatch[mNext++];
+            // The delivery counts as in flight, and so holds the handler; no reference of its own
+            // is needed.
             const XC2Status status = delivery.to->handler->onEvent(std::move(delivery.event));
             if (delivery.reply != nullptr) {
                 lock.lock();
@@ -307,12 +331,14 @@ void EventQueue::Core::run() {
         letGoOfDelivered(lock);
         mBatch.clear();
     }
-    if (mState == LEAVING) mState = STOPPED;
+    if (mState == LEAVING) mState = STOPPED;  // from DRAINING, the joining thread does it
 }
 
 // Comes after the yields: a handler that got its next event meanwhile has never been idle. And before
 // a waiter goes on: then the queue holds nothing of its event, nor of those before it.
 void EventQueue::Core::letGoOfDelivered(std::unique_lock<std::mutex>& lock) {
+    // From the start, as letGo() skips what it has seen. Handlers are destroyed without the lock:
+    // they are foreign code.
     for (size_t i = 0; i < mNext; ++i) letGo(mBatch[i], &mIdle);
     if (mIdle.empty()) return;
     lock.unlock();
@@ -355,6 +381,8 @@ void EventQueue::Core::sleep(std::unique_lock<std::mutex>& lock) {
         const Clock::time_point first = mDelayed.begin()->first;  // a copy: it may go meanwhile
         mWork.wait_until(lock, first);
     }
+    // Also when no poster has cleared it: the time was up, or the wake-up spurious. run() looks
+    // again.
     mSleeping = false;
 }
 
@@ -397,6 +425,7 @@ XC2Status EventHandler::postSyncAndWait(std::shared_ptr<Event> event, unsigned i
 XC2Status EventHandler::post(std::shared_ptr<Event> event, std::shared_ptr<EventQueue::Reply> reply,
                              unsigned int delay) {
     if (event == nullptr) return XC2_BAD_VALUE;
+    // No reference and no lock: an attachment lives as long as its handler, which the caller holds.
     EventQueue::Attachment* to = mAttachment.load(std::memory_order_acquire);
     if (to == nullptr) return XC2_BAD_STATE;
     return to->core->post(*this, {to, std::move(event), std::move(reply)},
@@ -407,6 +436,7 @@ void EventHandler::attach(std::shared_ptr<EventQueue> queue) {
     std::lock_guard<std::mutex> lock(mLock);
     EventQueue::Attachment* to = nullptr;
     if (queue != nullptr) {
+        // One per queue, however often a handler moves between two queues.
         const auto known = std::find_if(mAttachments.begin(), mAttachments.end(),
                                         [&](const auto& a) { return a.core == queue->mCore; });
         to = known != mAttachments.end() ? &*known : &mAttachments.emplace_front(queue->mCore);
