@@ -57,7 +57,11 @@ public:
         INVALID = 2,
     };
 
-    // Mapping: a buffer's memory in the address space of this process, for as long as it lives.
+    // Mapping: a buffer's memory in the address space of this process.
+    //
+    // Life     the caller's of map(); may outlive the buffer.
+    // Threads  any; accesses to the memory are not synchronized.
+    // Owns     the mapped addresses, not the descriptor.
     //
     // Virtual operations stand in slot order.
     class VX_EXPORT Mapping {
@@ -138,10 +142,14 @@ private:
     const std::string mAllocatorName;
 };
 
-// VXGraphicBuffer: a buffer that holds a picture. Virtual operations stand in slot order, the
-// inherited ones among them.
+// VXGraphicBuffer: a buffer that holds a picture.
+//
+// Life, Threads, Owns: as VXBuffer.
+//
+// Virtual operations stand in slot order, the inherited ones among them.
 class VX_EXPORT VXGraphicBuffer : public virtual VXBuffer {
 public:
+    // Rect: a part of a picture, in pixels. A plain value.
     struct Rect {
         uint32_t left = 0;
         uint32_t top = 0;
@@ -192,7 +200,11 @@ public:
     std::shared_ptr<VXBuffer> getview(xc2::viewId_t viewId) const override = 0;
 };
 
-// VXFence: a happening that a buffer waits for.  [any thread]
+// VXFence: an event that a buffer's reader has to wait for.
+//
+// Life     that of its buffer, which makes it. It fires at most once and stays fired.
+// Threads  any.
+// Owns     what the back-end waits with.
 //
 // Virtual operations stand in slot order.
 class VX_EXPORT VXFence {
@@ -212,7 +224,7 @@ public:
 };
 
 // VXNativeBufContainer: the back-end's own buffer, as nativeBuffer() and createFromNative() carry it
-// in a std::any.
+// in a std::any. A plain value, which owns a share of the buffer.
 template <typename T>
 struct VX_EXPORT VXNativeBufContainer {
     VXNativeBufContainer() = default;
@@ -282,8 +294,13 @@ private:
 // Owns     the free buffers.
 class VX_EXPORT VXBufferPool::Stash : public virtual std::enable_shared_from_this<Stash> {
 public:
-    // Tracker: the deleter of the buffers that a stash hands out. Virtual operations stand in slot
-    // order.
+    // Tracker: the deleter of the buffers that a stash hands out.
+    //
+    // Life     lies with the buffer's shared pointer.
+    // Threads  runs on whatever thread drops the last reference.
+    // Owns     nothing: the stash is held weakly.
+    //
+    // Virtual operations stand in slot order.
     class VX_EXPORT Tracker {
     public:
         explicit Tracker(std::weak_ptr<Stash> stash);
@@ -340,10 +357,14 @@ private:
     size_t mMaxSlots VX_GUARDED_BY(mLock) = SIZE_MAX;
 };
 
-// VXLinearBufferPool: a pool of plain memory. Usable once setSize() has been given a size.
+// VXLinearBufferPool: a pool of plain memory.
 //
-// All operations: [any thread]. A back-end without its allocator answers VX_NO_INIT to settings.
-// Virtual operations stand in slot order.
+// Life     as VXBufferPool; usable once setSize() has been given a size.
+// Threads  all operations: any.
+// Owns     as VXBufferPool.
+//
+// A back-end without its allocator answers VX_NO_INIT to settings. Virtual operations stand in slot
+// order.
 class VX_EXPORT VXLinearBufferPool : public virtual VXBufferPool {
 public:
     // Makes a pool of the back-end "dmabuf" or "xcodec2"; empty for any other name. `usage` reaches
@@ -370,11 +391,14 @@ public:
     VXBuffer* onAllocate() override = 0;
 };
 
-// VXGraphicBufferPool: a pool of pictures. Usable once setPixelFormat() and then setResolution() have
-// succeeded; the geometry is computed by the second only.
+// VXGraphicBufferPool: a pool of pictures.
 //
-// All operations: [any thread], but for setHEICFlag(), which comes before the pool is shared. A
-// back-end without its allocator answers VX_NO_INIT to settings. Virtual operations stand in slot
+// Life     as VXBufferPool; usable once setPixelFormat() and then setResolution() have succeeded: the
+//          geometry is computed by the second only.
+// Threads  all operations: any, but for setHEICFlag(), which comes before the pool is shared.
+// Owns     as VXBufferPool.
+//
+// A back-end without its allocator answers VX_NO_INIT to settings. Virtual operations stand in slot
 // order.
 class VX_EXPORT VXGraphicBufferPool : public virtual VXBufferPool {
 public:

@@ -25,6 +25,7 @@ VX_EXPORT std::shared_ptr<VXLinearBufferPool> VXLinearBufferPoolCreate_dmabuf(VX
 VX_EXPORT std::shared_ptr<VXGraphicBufferPool> VXGraphicBufferPoolCreate_dmabuf(
     VXBufferUsage usage);
 
+// VXBufferDMA_Mapping: the mapping of either kind of buffer; as VXBuffer::Mapping in everything.
 class VX_EXPORT VXBufferDMA_Mapping : public VXBuffer::Mapping {
 public:
     using VXBuffer::Mapping::Mapping;
@@ -33,6 +34,9 @@ public:
 
 // VXBuffer_DMABUF: plain memory. id() is the descriptor; offset() is always 0, whatever
 // setFilledRange() was given, on purpose.
+//
+// Life, Threads: as VXBuffer.
+// Owns     its descriptor, which its end closes.
 class VX_EXPORT VXBuffer_DMABUF : public virtual VXBuffer {
 public:
     // Takes over `fd`, which it closes.
@@ -66,14 +70,17 @@ private:
 };
 
 // VXGraphicBuffer_DMABUF: a picture, with the geometry of the pool at its allocation.
+//
+// Life, Threads: as VXBuffer.
+// Owns     its descriptor, which its end closes.
 class VX_EXPORT VXGraphicBuffer_DMABUF : public VXGraphicBuffer {
 public:
-    // How a pool's pictures lie in memory.
+    // Geometry: how a pool's pictures lie in memory. A plain value.
     struct Geometry {
-        uint32_t size = 0;  // bytes
-        uint32_t width = 0;
+        uint32_t size = 0;   // bytes
+        uint32_t width = 0;  // pixels, as stride
         uint32_t stride = 0;
-        uint32_t height = 0;
+        uint32_t height = 0;  // rows, as scanlines
         uint32_t scanlines = 0;
         uint32_t pixelFormat = 0;
     };
@@ -122,8 +129,12 @@ private:
     std::optional<uint32_t> mFrameHeight;
 };
 
-// VXLinearBufferPool_DMABUF: settings reset the pool. The alignment and the usages SECURE and CACHED
-// are recorded only, MULTIVIEW is not even that. createFromNative() is always empty.
+// VXLinearBufferPool_DMABUF: plain memory from the heap. Settings reset the pool. The alignment and
+// the usages SECURE and CACHED are recorded only, MULTIVIEW is not even that. createFromNative() is
+// always empty.
+//
+// Life, Threads: as VXLinearBufferPool.
+// Owns     its allocator, beside what VXBufferPool owns.
 class VX_EXPORT VXLinearBufferPool_DMABUF : public VXLinearBufferPool {
 public:
     VXLinearBufferPool_DMABUF();
@@ -146,8 +157,11 @@ private:
     BufferAllocator mAllocator;
 };
 
-// VXGraphicBufferPool_DMABUF: setPixelFormat() and setResolution() reset the pool, setUsage() does
-// not. createFromNative() is always empty.
+// VXGraphicBufferPool_DMABUF: pictures from the heap. setPixelFormat() and setResolution() reset the
+// pool, setUsage() does not. createFromNative() is always empty.
+//
+// Life, Threads: as VXGraphicBufferPool.
+// Owns     its allocator, beside what VXBufferPool owns.
 //
 // The format is checked by setResolution(), which fails with VX_ERROR when the table does not hold
 // it: width and height are then stored, the rest of the geometry stays. With the HEIC flag set, 4:2:0

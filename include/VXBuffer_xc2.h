@@ -26,6 +26,7 @@ namespace vexa {
 VX_EXPORT std::shared_ptr<VXLinearBufferPool> VXLinearBufferPoolCreate_xc2(VXBufferUsage usage);
 VX_EXPORT std::shared_ptr<VXGraphicBufferPool> VXGraphicBufferPoolCreate_xc2(VXBufferUsage usage);
 
+// VXBufferXC2_Mapping: the mapping of either kind of buffer; as VXBuffer::Mapping in everything.
 class VX_EXPORT VXBufferXC2_Mapping : public VXBuffer::Mapping {
 public:
     using VXBuffer::Mapping::Mapping;
@@ -34,6 +35,9 @@ public:
 
 // VXFence_XC2: the fence of a Codec 2.0 buffer. Without one inside, "fence is null" is logged and the
 // answers are VX_OK, false, false and -1.
+//
+// Life, Threads: as VXFence.
+// Owns     a share of the codec library's fence.
 class VX_EXPORT VXFence_XC2 : public VXFence {
 public:
     explicit VXFence_XC2(std::shared_ptr<C2Fence> fence);
@@ -53,6 +57,9 @@ private:
 };
 
 // VXBuffer_XC2: plain memory. Has no fence.
+//
+// Life, Threads: as VXBuffer; a view, and what createFromNative() makes, is no pool's.
+// Owns     a share of the codec library's buffer.
 class VX_EXPORT VXBuffer_XC2 : public virtual VXBuffer {
 public:
     VXBuffer_XC2(std::shared_ptr<xc2::XC2Buffer> xc2Buf, bool secure);
@@ -84,6 +91,9 @@ private:
 };
 
 // VXGraphicBuffer_XC2: a picture. id() is the descriptor.
+//
+// Life, Threads: as VXBuffer; a view, and what createFromNative() makes, is no pool's.
+// Owns     a share of the codec library's buffer, and its VXFence_XC2.
 class VX_EXPORT VXGraphicBuffer_XC2 : public VXGraphicBuffer {
 public:
     VXGraphicBuffer_XC2(std::shared_ptr<xc2::XC2Buffer> xc2Buf, bool secure);
@@ -132,8 +142,11 @@ private:
     size_t mSizeOverride = SIZE_MAX;  // SIZE_MAX: none
 };
 
-// VXLinearBufferPool_XC2: settings reset the pool. They answer VX_NO_INIT, and fetches VX_NO_MEMORY,
-// when the block pool could not be had.
+// VXLinearBufferPool_XC2: plain memory from a block pool. Settings reset the pool. They answer
+// VX_NO_INIT, and fetches VX_NO_MEMORY, when there was no block pool to be had.
+//
+// Life, Threads: as VXLinearBufferPool.
+// Owns     the codec library's pool, beside what VXBufferPool owns.
 class VX_EXPORT VXLinearBufferPool_XC2 : public VXLinearBufferPool {
 public:
     explicit VXLinearBufferPool_XC2(VXBufferUsage usage);
@@ -153,8 +166,12 @@ private:
     VXMutex mLock;                                    // mPool, and each fetch
 };
 
-// VXGraphicBufferPool_XC2: as the linear one. The HEIC flag is stored and not looked at. A pixel
-// format that the table does not hold reaches the block pool as 0, which makes fetches fail.
+// VXGraphicBufferPool_XC2: pictures from a block pool; otherwise as the linear one. The HEIC flag is
+// stored and ignored. A pixel format that the table does not hold reaches the block pool as 0, which
+// makes fetches fail.
+//
+// Life, Threads: as VXGraphicBufferPool.
+// Owns     the codec library's pool, beside what VXBufferPool owns.
 class VX_EXPORT VXGraphicBufferPool_XC2 : public VXGraphicBufferPool {
 public:
     explicit VXGraphicBufferPool_XC2(VXBufferUsage usage);

@@ -8,7 +8,8 @@
 
 namespace vexa {
 
-// VXGraphInfo: the description of a graph. A plain record; a build takes the node descriptors out.
+// VXGraphInfo: the description of a graph. A plain record, which owns its values and belongs to one
+// holder at a time; a build moves the node descriptors out.
 struct VX_EXPORT VXGraphInfo {
     std::string name;  // prefix of every node's name
     // In the order in which nodes are created, set up and stopped; they start in reverse order.
@@ -31,8 +32,11 @@ class VX_EXPORT VXGraph : public VXObject,
                           public VXListener,
                           public std::enable_shared_from_this<VXGraph> {
 public:
-    // What the application hears. Called on a graph or node thread (and, while a graph is built, on
-    // the building thread), with no lock held. Neither call may call stop() on the graph.
+    // Listener: what is reported to the application.
+    //
+    // Life     the application's; the graph holds it weakly, and never destroys it.
+    // Threads  called on a graph or node thread (and, while a graph is built, on the building thread),
+    //          with no lock held, perhaps on several at once. Neither call may call stop() on the graph.
     class VX_EXPORT Listener {
     public:
         // An error: the name of a VexaError, or the message of a node's error. It may also come after
@@ -111,7 +115,11 @@ private:
     unsigned int mStopping = 0;           // calls of stop() in progress
 };
 
-// Builder: one build of a graph; lives for one BuildFromGraphInfo().  [application thread]
+// Builder: one build of a graph.
+//
+// Life     one BuildFromGraphInfo().
+// Threads  [application thread].
+// Owns     the descriptors until their nodes are made; the listener is held weakly.
 class VX_EXPORT VXGraph::Builder {
 public:
     // Takes the descriptors out of `info` and copies the rest.

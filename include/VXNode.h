@@ -32,7 +32,7 @@ class VXNode;
 // Owns     a share of its node's event handler.
 class VX_EXPORT VXPort : public VXObject {
 public:
-    // What a port carries. Two ports match when the texts are equal byte for byte.
+    // Format: what a port carries. A plain value. Two ports match when the texts are equal byte for byte.
     struct Format {
         std::string type;
     };
@@ -56,12 +56,17 @@ protected:
     const Format mFormat;
 };
 
-// VXInputPort: receives works from at most one output port. It goes from unconnected to connected
-// once and never back.
+// VXInputPort: receives works from at most one output port.
+//
+// Life     as VXPort. It goes from unconnected to connected once and never back.
+// Threads  as tagged. The upstream node queues works, the owning node takes them.
+// Owns     as VXPort; the upstream port is held weakly, the works queued here belong to their events.
 class VX_EXPORT VXInputPort : public VXPort {
 public:
-    // The upstream end of a connection as the input port sees it. Called on the thread that sets
-    // the delay.
+    // DelayObserver: the upstream end of a connection as the input port sees it.
+    //
+    // Life     held weakly; one that is gone hears nothing any more.
+    // Threads  called on the thread that sets the delay, with no lock of the input port held.
     class VX_EXPORT DelayObserver {
     public:
         virtual void onInputDelayChanged(const std::string& inputPortName, unsigned long delay) = 0;
@@ -69,7 +74,11 @@ public:
         virtual ~DelayObserver();
     };
 
-    // The batch that one EVENT_DO_WORK carries, under the key "works", in the order sent.
+    // WorkInfo: the batch that one EVENT_DO_WORK carries, under the key "works", in the order sent.
+    //
+    // Life     that of its event.
+    // Threads  the sender's until it is posted, then the node's.
+    // Owns     a share of each work, until the node takes them.
     struct VX_EXPORT WorkInfo : public xc2::Bundle::Storable {
         ~WorkInfo() override;
         std::list<std::shared_ptr<VXSharedWork>> works;
@@ -134,7 +143,10 @@ private:
 };
 
 // VXOutputPort: sends works to any number of input ports, and combines their delays by maximum.
-// Always held by a shared pointer.
+//
+// Life     as VXPort. Always held by a shared pointer. Connections are made before the run and stay.
+// Threads  as tagged. Delay reports come from the threads of all downstream nodes.
+// Owns     as VXPort, and a share of the input ports that it feeds.
 class VX_EXPORT VXOutputPort : public VXPort,
                                public VXInputPort::DelayObserver,
                                public std::enable_shared_from_this<VXOutputPort> {
@@ -191,10 +203,10 @@ private:
 
 // ---- Description ------------------------------------------------------------------------------
 
-// VXNodeDescriptor: one node of a graph description. A plain record; the node's constructor takes
-// what it needs out of it.
+// VXNodeDescriptor: one node of a graph description. A plain record, which owns its values and belongs
+// to one holder at a time; the node's constructor moves out what it needs.
 struct VX_EXPORT VXNodeDescriptor {
-    // A configuration value that applies at one frame.
+    // ConfigEntry: a configuration value that applies at one frame. A plain value.
     struct ConfigEntry {
         enum Kind : uint32_t { TUNING = 0, COMMAND = 1 };  // any other kind is invalid
 
@@ -205,7 +217,7 @@ struct VX_EXPORT VXNodeDescriptor {
         uint32_t reserved = 0;  // the application's; not read by the library
         uint32_t frameIndex = 0;
     };
-    // A port to create: its name and what it carries. The library only stores them.
+    // PortInfo: a port to create, its name and what it carries. A plain value; the library only stores it.
     struct PortInfo {
         std::string name;
         std::string format;
@@ -219,8 +231,10 @@ struct VX_EXPORT VXNodeDescriptor {
     std::vector<PortInfo> outputPorts;
 };
 
-// VXListener: how a node reports to its graph. Called on the node's event thread, with no node lock
-// held.
+// VXListener: how a node reports to its graph.
+//
+// Life     held weakly by the node; one that is gone hears nothing any more.
+// Threads  called on the event threads of several nodes, with no node lock held.
 class VX_EXPORT VXListener {
 public:
     virtual void onComplete() = 0;
@@ -274,8 +288,9 @@ public:
         TORN_DOWN = 5,
     };
 
-    // What a node has in hand at one moment, for whoever watches it from outside.
+    // Status: what a node has in hand at one moment, for an observer from outside. A plain value.
     struct VX_EXPORT Status {
+        // One input port. A plain value.
         struct Port {
             std::string name;
             uint64_t queuedWorks;  // see VXInputPort::queuedWorks()
@@ -287,15 +302,23 @@ public:
         std::vector<Port> inputPorts;   // in order of creation
     };
 
-    // The finished works that one EVENT_WORKS_DONE carries; owns them until it is handled.
+    // CompletedWorkInfo: the finished works that one EVENT_WORKS_DONE carries.
+    //
+    // Life     that of its event.
+    // Threads  the caller's of returnWorks() until it is posted, then the node's.
+    // Owns     the works, until the regulator takes them.
     struct VX_EXPORT CompletedWorkInfo : public xc2::Bundle::Storable {
         ~CompletedWorkInfo() override;
         std::list<std::unique_ptr<VXWork>> works;
     };
 
     // ConfigStore: a node's configuration in three views: initial values by key, commands by frame
-    // (handed out once) and tunings by frame (read as often as wanted). Filled once, in the node's
-    // constructor. The alternate maps hold the entries marked so; their use is the node's.
+    // (handed out once) and tunings by frame (read as often as needed). The alternate maps hold the
+    // entries marked so; what they are for is up to the node type.
+    //
+    // Life     part of its node, filled once, in the node's constructor.
+    // Threads  the node's: it has no lock. configs() never changes and may be read on any.
+    // Owns     all values.
     class VX_EXPORT ConfigStore {
     public:
         using Pairs = std::vector<std::pair<std::string, std::string>>;  // key, value
@@ -492,7 +515,11 @@ private:
     std::string mType;
 };
 
-// Hands the events of a node's queue to the node. It lives no longer than the node's queue delivers.
+// Handler: hands the events of a node's queue to the node.
+//
+// Life     made with the node. Ports may hold it for longer, but the queue delivers nothing any more.
+// Threads  posts: any. onEvent(): [event thread].
+// Owns     nothing; it refers to its node.
 class VX_EXPORT VXNode::Handler : public virtual xc2::EventHandler {
 public:
     explicit Handler(VXNode& node) : mNode(node) {}
@@ -503,8 +530,12 @@ private:
     VXNode& mNode;
 };
 
-// DownstreamWorkTracker: the release hook of a work that was sent downstream: tells the producer the
-// work's id, and deletes it. Runs on whatever thread drops the last reference, and only posts.
+// DownstreamWorkTracker: the release hook of a work that was sent downstream. It reports the work's id
+// to the producer and deletes the work.
+//
+// Life     lies with the work's shared pointer, from the sending to the last release.
+// Threads  runs on whatever thread drops the last reference, and only posts.
+// Owns     nothing: the producer's handler is held weakly.
 class VX_EXPORT VXNode::DownstreamWorkTracker {
 public:
     explicit DownstreamWorkTracker(std::weak_ptr<Handler> handler) : mHandler(std::move(handler)) {}
@@ -588,9 +619,12 @@ private:
 
 // ---- Registry ---------------------------------------------------------------------------------
 
-// VXNodeBaseFactory: makes the nodes of one type. Normally a static object of the application, one
-// per type, so that every type is known before main. It must outlive every graph build, and its
-// destruction does not take its type back.
+// VXNodeBaseFactory: makes the nodes of one type.
+//
+// Life     normally a static object of the application, one per type, so that every type is known before
+//          main. It must outlive every graph build, and its destruction does not take its type back.
+// Threads  createNode(): [application thread].
+// Owns     nothing; a node belongs to the caller of createNode().
 class VX_EXPORT VXNodeBaseFactory {
 public:
     // Registers the factory under `type`, in place of an earlier one.
@@ -606,8 +640,12 @@ public:
     virtual ~VXNodeBaseFactory();
 };
 
-// VXNodeRegistry: the node types of this process. Owns no factory. Registrations are locked against
-// each other only: they are over, and graphs are built on one thread at a time, when it is read.
+// VXNodeRegistry: the node types of this process.
+//
+// Life     static, from the loading of the library to the end of the process.
+// Threads  registrations: any, locked against each other only. They are over, and graphs are built on
+//          one thread at a time, when it is read.
+// Owns     no factory.
 class VX_EXPORT VXNodeRegistry {
 public:
     // Sets the factory of `type`. VX_ERROR for a null one.

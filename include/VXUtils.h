@@ -155,6 +155,10 @@ VX_EXPORT bool ReadFileToString(const std::string& path, std::string* content);
 #endif
 #define VX_GUARDED_BY(lock) VX_THREAD_ANNOTATION(guarded_by(lock))
 
+// VXBasicMutex: a standard mutex with the annotations.
+//
+// Life     as long as what it guards; destroyed unlocked.
+// Threads  any.
 template <typename Mutex>
 class VX_THREAD_ANNOTATION(capability("mutex")) VXBasicMutex {
 public:
@@ -167,6 +171,11 @@ private:
 using VXMutex = VXBasicMutex<std::mutex>;
 using VXRecursiveMutex = VXBasicMutex<std::recursive_mutex>;
 
+// VXLocker: holds a lock for a scope.
+//
+// Life     one scope; the mutex outlives it.
+// Threads  the one that made it.
+// Owns     the lock, not the mutex.
 template <typename Mutex>
 class VX_THREAD_ANNOTATION(scoped_lockable) VXLocker {
 public:
@@ -184,7 +193,11 @@ private:
 
 // ---- Objects ----------------------------------------------------------------------------------
 
-// VXObject: the named base of graphs, nodes, ports and regulators. The name never changes.
+// VXObject: the named base of graphs, nodes, ports and regulators.
+//
+// Life     that of the object which derives from it. Never copied.
+// Threads  any: the name never changes.
+// Owns     its name.
 class VX_EXPORT VXObject {
 public:
     explicit VXObject(const std::string& name) : mName(name) {}

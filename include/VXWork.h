@@ -112,6 +112,10 @@ protected:
 };
 
 // VXEditableAuxInfo: aux info that its one owner may write.
+//
+// Life     as long as its work; a copy is independent of it.
+// Threads  one at a time.
+// Owns     its values.
 class VX_EXPORT VXEditableAuxInfo : public VXAuxInfo {
 public:
     VXEditableAuxInfo() = default;
@@ -140,6 +144,10 @@ public:
 
 // VXInfo: base of the information objects that applications attach to a frame. The library only
 // holds, shares and releases them.
+//
+// Life     held by shared pointer; ends with the last work that carries it.
+// Threads  every consumer of the work shares the object, so several may read it at once.
+// Owns     what the deriving class adds.
 class VX_EXPORT VXInfo {
 public:
     VXInfo() = default;
@@ -275,7 +283,11 @@ private:
     Home* mHome;
 };
 
-// VXWork: a work in the making, owned by one holder, who may write it.
+// VXWork: a work in the making.
+//
+// Life     made by a node, finished by share(), which leaves it without its payload.
+// Threads  none of its own: it belongs to one holder, which may write it.
+// Owns     its aux and frame info, and a share of the payload.
 class VX_EXPORT VXWork : public VXEditableAuxInfo {
 public:
     VXWork() = default;

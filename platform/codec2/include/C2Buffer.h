@@ -17,10 +17,14 @@ namespace vexa_host {
 class FenceSource;
 }
 
-// One descriptor first, then numbers that belong to whoever made the handle.
+// One descriptor first, then numbers that belong to the handle's maker.
 typedef ::native_handle_t C2Handle;
 
-// C2Fence: something that will have happened. Copies share it.  [any thread]
+// C2Fence: something that will have happened.
+//
+// Life     a value; copies share one state, which lives until the last of them is gone.
+// Threads  any.
+// Owns     its share of that state.
 //
 // A fence made by the default constructor counts as fired. There is no fence of the kernel here; an
 // unfired one comes from a vexa_host::FenceSource (<C2FenceSource.h>).
@@ -47,7 +51,7 @@ private:
     std::shared_ptr<Impl> mImpl;
 };
 
-// What a buffer will be used for, as bits.
+// C2MemoryUsage: what a buffer will be used for, as bits. A plain value.
 struct C2MemoryUsage {
     enum read_t : uint64_t {
         CPU_READ = 1 << 0,
@@ -64,6 +68,7 @@ struct C2MemoryUsage {
     uint64_t expected;
 };
 
+// C2Rect: a part of a picture, in pixels. A plain value.
 struct C2Rect {
     uint32_t width;
     uint32_t height;
@@ -79,7 +84,11 @@ private:
         : width(width_), height(height_), left(left_), top(top_) {}
 };
 
-// Blocks own their handle and its descriptor: duplicate the descriptor to keep it longer.
+// C2Block1D: linear memory, in bytes.
+//
+// Life     made by a pool, held by shared pointer; may outlive the pool.
+// Threads  any: it never changes.
+// Owns     its handle and the handle's descriptor: duplicate the descriptor to keep it longer.
 class C2Block1D {
 public:
     virtual ~C2Block1D();
@@ -97,11 +106,13 @@ private:
     const uint32_t mCapacity;
 };
 
+// C2LinearBlock: what a pool hands out; as C2Block1D in everything.
 class C2LinearBlock : public C2Block1D {
     using C2Block1D::C2Block1D;
     friend struct _C2BlockFactory;
 };
 
+// C2Block2D: the memory of a picture, its sides in pixels. Life, Threads, Owns: as C2Block1D.
 class C2Block2D {
 public:
     virtual ~C2Block2D();
@@ -120,18 +131,24 @@ private:
     const uint32_t mHeight;
 };
 
+// C2GraphicBlock: what a pool hands out; as C2Block2D in everything.
 class C2GraphicBlock : public C2Block2D {
     using C2Block2D::C2Block2D;
     friend struct _C2BlockFactory;
 };
 
+// C2Allocator: here only the type of an allocator's id.
 class C2Allocator {
 public:
     typedef uint32_t id_t;
 };
 
 // C2BlockPool: where blocks come from. A fetch empties `*block` first; a kind of block that a pool
-// does not make is C2_OMITTED.  [any thread]
+// does not make is C2_OMITTED.
+//
+// Life     held by shared pointer; its blocks may outlive it.
+// Threads  all operations: any.
+// Owns     its way to the memory, not the blocks.
 class C2BlockPool {
 public:
     typedef uint64_t local_id_t;

@@ -3,6 +3,7 @@
 
 #pragma GCC visibility push(default)
 
+// C2Component: what a component derives from on a device. Nothing is read from it here.
 class C2Component {
 public:
     virtual ~C2Component();

@@ -6,6 +6,7 @@
 extern "C" {
 #endif
 
+// native_handle_t: a plain record, freed by its owner with the functions below.  [any thread]
 typedef struct native_handle {
     int version;  // sizeof(native_handle_t)
     int numFds;

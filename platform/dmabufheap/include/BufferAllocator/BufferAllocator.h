@@ -11,7 +11,7 @@
 
 #pragma GCC visibility push(default)
 
-// Hands out shared memory: every result is a descriptor of whole pages, zero-filled, that can be
+// BufferAllocator: hands out shared memory. Every result is a descriptor of whole pages, zero-filled, that can be
 // mapped, duplicated and passed to other processes.
 //
 // Where the memory of a heap comes from is decided once per process, at the first allocation from it
@@ -26,6 +26,7 @@
 // environment variable VX_DMABUF_SOURCE, set to one of the three words, forces one: where it is missing,
 // or the word is another, every allocation fails.
 //
+// Life     made and destroyed at any time; what it handed out may outlive it.
 // Threads  all operations: any.
 // Owns     the heap devices that it opened, until it dies; never the descriptors that it handed out.
 class BufferAllocator {

@@ -15,29 +15,30 @@ namespace xc2 {
 
 typedef uint32_t viewId_t;
 
-// Memory of a linear buffer. `size` and `offset` are the filled range, empty at first.
+// XC2LinearBlock: the memory of a linear buffer. A plain value.
 struct XC2LinearBlock {
-    int fd;      // owned by the block
-    int32_t id;  // running number in its pool
-    uint32_t capacity;
-    uint32_t size;
+    int fd;             // owned by the block
+    int32_t id;         // running number in its pool
+    uint32_t capacity;  // bytes, as all below
+    uint32_t size;      // the filled range, empty at first
     uint32_t offset;
 };
 
-// Memory of a picture.
+// XC2GraphicBlock: the memory of a picture. A plain value.
 struct XC2GraphicBlock {
-    int fd;  // owned by the block
-    uint32_t capacity;
-    uint32_t offset;
-    uint32_t width;
+    int fd;             // owned by the block
+    uint32_t capacity;  // bytes
+    uint32_t offset;    // bytes
+    uint32_t width;     // pixels
     uint32_t height;
     uint32_t stride;       // pixels
     uint32_t sliceHeight;  // rows
     uint32_t format;       // a Codec 2.0 pixel format
 };
 
-// XC2Buffer: made by a pool (<xc2/BufferPool.h>), held by shared pointer.
+// XC2Buffer: a block of Codec 2.0 memory with the codec's notes about its contents.
 //
+// Life     made by a pool (<xc2/BufferPool.h>), held by shared pointer; may outlive the pool.
 // Threads  none of its own: it belongs to one holder at a time.
 // Owns     its block and, in a multi-view buffer, the buffers of its views, which have none.
 class XC2Buffer {

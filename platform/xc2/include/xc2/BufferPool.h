@@ -3,8 +3,6 @@
 // Every allocation is fresh: the pools keep no freed blocks. Statuses other than those named are the
 // block pool's own, passed on. A usage word with the multi-view bit makes buffers with two views,
 // 0 and 1, in blocks of their own.
-//
-// Threads  none of their own: the caller serialises.
 #pragma once
 
 #include <C2Buffer.h>
@@ -19,12 +17,18 @@ namespace xc2 {
 
 constexpr uint64_t kUsageMultiView = 1ull << 58;
 
+// XC2LinearBufferPool: makes linear buffers.
+//
+// Life     settings, then allocations; its buffers may outlive it.
+// Threads  one at a time: the caller serializes.
+// Owns     a share of its block pool.
 class XC2LinearBufferPool {
 public:
     XC2LinearBufferPool(std::shared_ptr<C2BlockPool> pool, uint64_t usage);
     ~XC2LinearBufferPool();
 
-    // Settings count for the next allocation. The capacity is the size rounded up to the alignment.
+    // Settings count for the next allocation. The capacity is the size rounded up to the alignment,
+    // both in bytes.
     XC2Status setBufferSize(uint32_t size);
     XC2Status setAlignment(uint32_t alignment);
     XC2Status setUsage(uint64_t usage);
@@ -42,6 +46,11 @@ private:
     int32_t mNextId = 0;
 };
 
+// XC2GraphicBufferPoolImpl: makes graphic buffers.
+//
+// Life     settings, then allocations; its buffers may outlive it.
+// Threads  one at a time: the caller serializes.
+// Owns     a share of its block pool.
 class XC2GraphicBufferPoolImpl {
 public:
     // The last three belong to the signature only: 1, null, 0.

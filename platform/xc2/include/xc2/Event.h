@@ -27,17 +27,19 @@ enum XC2Status : int32_t {
 
 // Bundle: an unordered map from name to item.
 //
-// Threads  none of its own; it belongs to who holds the event: the poster, then the handler.
+// Life     part of its event.
+// Threads  none of its own; it belongs to the holder of the event: the poster, then the handler.
 // Owns     its items. The first two need no allocation of their own while their names and
 //          strings are short (15 characters with libstdc++, 22 with libc++).
 class Bundle {
 public:
-    // Base of the objects that a bundle carries by shared pointer.
+    // Storable: base of the objects that a bundle carries by shared pointer. Ends with the last share;
+    // poster and handler may both have one, and agree on how they use it.
     struct Storable {
         virtual ~Storable();
     };
 
-    // One value of one of five types, which it remembers.
+    // Item: one value of one of five types, which it remembers. A plain value.
     class Item {
     public:
         explicit Item(uint32_t value) : mValue(value) {}
@@ -151,8 +153,12 @@ private:
     Room mInline[2];
 };
 
-// Event: an id, fixed at construction, and its bundle. Made as a shared object; the queue keeps a
-// reference until the event has been handled or dropped.
+// Event: an id, fixed at construction, and its bundle.
+//
+// Life     made as a shared object; the queue keeps a reference until the event has been handled or
+//          dropped.
+// Threads  none of its own: the poster's, then the handler's.
+// Owns     its bundle.
 class Event {
 public:
     explicit Event(uint32_t id) : mId(id) {}

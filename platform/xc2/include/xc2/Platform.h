@@ -8,7 +8,7 @@
 #pragma GCC visibility push(default)
 namespace xc2::Platform {
 
-// LyraBufferLayout: how a picture of a Codec 2.0 pixel format lies in its block.
+// LyraBufferLayout: how a picture of a Codec 2.0 pixel format lies in its block. A plain value.
 struct LyraBufferLayout {
     uint32_t stride;     // pixels
     uint32_t scanlines;  // rows
