@@ -1,6 +1,6 @@
-// What a buffer costs: a fetch and its release, recycled and fresh, from a pool that one or two threads
-// share, beside what one would write instead (malloc and free, a free list under a mutex); and a mapping
-// of which every page is touched, beside plain anonymous memory.
+// What a buffer costs: a fetch and its release, recycled and fresh, from a pool that one or two
+// threads share, beside what one would write instead (malloc and free, a free list under a mutex);
+// and a mapping of which every page is touched, beside plain anonymous memory.
 //
 // All times are wall-clock times per fetch + release, or per mapping.
 #include <VXBuffer.h>

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compares libvxbase with its peers on the same work; scripts/bench.sh builds everything and calls it.
+"""Compares libvxbase with its peers on the same work. scripts/bench.sh builds everything and calls it.
 
 Every row of the table is one piece of work. The programs that do it take turns (A B A B ...), one
 process each, and each ratio is one of medians out of the same run. Prints the table as Markdown and
@@ -40,7 +40,7 @@ missing = set()
 rows = []
 
 
-# ---- Measuring -----------------------------------------------------------------------------------
+# ---- Measuring ----------------------------------------------------------------------------------
 
 def execute(command, cores=2):
     """Runs one process on so many cores; returns {metric: value} of what it prints, and what it took."""
@@ -130,7 +130,7 @@ def compare(title, own, others, cores=2, metrics=("ns_per_item",), names=("",)):
             [(label, kind, limit if metric == metrics[0] else None) for label, (_, kind, limit) in others.items()])
 
 
-# ---- The rows --------------------------------------------------------------------------------------
+# ---- The rows -----------------------------------------------------------------------------------
 
 def chains():
     def chain(title, options, gstreamer, asio, actor, cores=2):
@@ -148,7 +148,8 @@ def chains():
     for n in 3, 5, 9:
         chain(f"chain of {n}, one core", f"n={n}", 2, 2, 2.5, cores=1)
     # Never slower: the rest is noise.
-    # Where the kernel puts the threads decides for a while: measured longer, and where it has no choice.
+    # Where the kernel puts the threads decides for a while: measured longer, and where it has no
+    # choice.
     chain("chain of 5 beside 2 busy threads", f"n=5 busy=2 ms={4 * MS}", 0.95, 0.95, None)
     chain("chain of 5 beside a busy thread, one core", "n=5 busy=1", 0.95, 0.95, None, cores=1)
     chain("chain of 5, 20 us of work per node", f"n=5 us=20 ms={4 * MS}", 0.95, 0.95, None)
@@ -268,7 +269,7 @@ def gates():
         add(title, "", {OWN: share}, [(None, "is", 1)], bars=False)
 
 
-# ---- What is written -------------------------------------------------------------------------------
+# ---- What is written ----------------------------------------------------------------------------
 
 def number(value, unit):
     if unit == "ns" and value >= 1e4:

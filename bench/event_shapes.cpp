@@ -1,10 +1,10 @@
-// Which shape the event layer has (platform/xc2/EventQueue.cpp), decided by measurement: two ways to
-// keep what waits, each with three ways to go to sleep, and beside them the queue as it stands.
+// Which shape the event layer has (platform/xc2/EventQueue.cpp), decided by measurement: two ways
+// to keep what waits, each with three ways to go to sleep, and beside them the queue as it stands.
 //
 // Every candidate carries the same chain of stages, one thread each. Each work is one event forward
-// and one back (room for the next), four in flight per hop; every event is made for its post, has one
-// item and keeps its handler alive, as in a graph. Candidates take turns within a round, so that a
-// noisy minute hits them all.
+// and one back (room for the next), four in flight per hop; every event is made for its post, has
+// one item and keeps its handler alive, as in a graph. Candidates take turns within a round, so
+// that a noisy minute hits them all.
 //
 //     event_shapes [rounds [milliseconds per measurement]]
 #include "BusyThreads.h"
@@ -149,8 +149,8 @@ private:
     std::thread mThread;
 };
 
-// A lock-free stack through the events, taken whole and turned round; a futex to sleep on. A consumer
-// that sleeps leaves a mark on the stack, and who posts on top of the mark wakes it.
+// A lock-free stack through the events, taken whole and turned round; a futex to sleep on. A
+// consumer that sleeps leaves a mark on the stack, and who posts on top of the mark wakes it.
 template <typename Yield>
 class StackQueue {
 public:

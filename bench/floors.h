@@ -1,6 +1,6 @@
-// Floors: the least that does the same kind of work, for rows of the benchmarks to be divided by. Each
-// is as fast as a few dozen lines can be made and has none of the engine's contracts: no refusals, no
-// end, one producer and one consumer, no releases back.
+// Floors: the least that does the same kind of work, for rows of the benchmarks to be divided by.
+// Each is as fast as a few dozen lines can be made and has none of the engine's contracts: no
+// refusals, no end, one producer and one consumer, no releases back.
 #pragma once
 
 #include <linux/futex.h>

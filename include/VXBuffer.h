@@ -42,11 +42,12 @@ enum VX_EXPORT VXBufferUsage : uint32_t {
 
 // VXBuffer: a piece of memory behind a file descriptor, with the range of it that is filled.
 //
-// Life     made by its pool, handed out by a fetch, given back by the last holder; reset() each time
-//          it is handed out again.
+// Life     made by its pool, handed out by a fetch, given back by the last holder; reset() each
+//          time it is handed out again.
 // Threads  none of its own: it belongs to one holder at a time, who may be any thread.
-// Owns     its memory. What map() returns belongs to the caller and may outlive the buffer: it keeps the
-//          memory, but not its contents, which are the next holder's once the buffer is given back.
+// Owns     its memory. What map() returns belongs to the caller and may outlive the buffer: it
+//          keeps the memory, but not its contents, which are the next holder's once the buffer is
+//          given back.
 //
 // Concrete classes derive from it virtually. Virtual operations stand in slot order.
 class VX_EXPORT VXBuffer {
@@ -101,8 +102,9 @@ public:
     virtual int fd() const = 0;
     // The back-end's number of the buffer.
     virtual int32_t id() const = 0;
-    // The identity of the memory, unique within one back-end and process: two buffers alive have the
-    // same one only when they share it. Those of different back-ends may coincide. 0: not known.
+    // The identity of the memory, unique within one back-end and process: two buffers alive have
+    // the same one only when they share it. Those of different back-ends may coincide. 0: not
+    // known.
     virtual uint64_t uid() const = 0;
     virtual bool isSecure() const = 0;
     // Allocated bytes.
@@ -223,8 +225,8 @@ public:
     virtual int fd() const = 0;
 };
 
-// VXNativeBufContainer: the back-end's own buffer, as nativeBuffer() and createFromNative() carry it
-// in a std::any. A plain value, which owns a share of the buffer.
+// VXNativeBufContainer: the back-end's own buffer, as nativeBuffer() and createFromNative() carry
+// it in a std::any. A plain value, which owns a share of the buffer.
 template <typename T>
 struct VX_EXPORT VXNativeBufContainer {
     VXNativeBufContainer() = default;
@@ -237,15 +239,15 @@ struct VX_EXPORT VXNativeBufContainer {
 
 // VXBufferPool: hands out buffers and takes them back.
 //
-// Life     usable once the settings that its kind needs have been made; a setting that shapes buffers
-//          destroys the kept ones of the old shape. Buffers may outlive their pool: they are then
-//          left alone for ever when their holders let go, on purpose.
+// Life     usable once the settings that its kind needs have been made; a setting that shapes
+//          buffers destroys the kept ones of the old shape. Buffers may outlive their pool: they
+//          are then left alone for ever when their holders let go, on purpose.
 // Threads  any; the back-ends serialise settings and fetches by a lock of their own. Buffers are
 //          given back on whatever thread lets go last. Lock order: a pool's lock, then its stash's.
 // Owns     its stash, which owns the buffers kept for reuse.
-// Memory   a buffer that cannot be had is VX_NO_MEMORY. Where an operation marked noexcept finds none for
-//          what it keeps itself, the process ends: on a device, which has no exceptions, and so
-//          everywhere. A lock left behind would stop every later fetch and release.
+// Memory   a buffer that cannot be had is VX_NO_MEMORY. Where an operation marked noexcept finds
+//          none for what it keeps itself, the process ends: on a device, which has no exceptions,
+//          and so everywhere. A lock left behind would stop every later fetch and release.
 //
 // Back-ends implement the virtual operations, which stand in slot order.
 class VX_EXPORT VXBufferPool {
@@ -267,7 +269,8 @@ public:
     virtual VXBuffer* onAllocate() = 0;
 
     // Lets at most `maxSlots` buffers be alive. Without a limit, which is SIZE_MAX and the default,
-    // no buffer is ever kept for reuse: every fetch allocates, every release destroys.  [any thread]
+    // no buffer is ever kept for reuse: every fetch allocates, every release destroys.
+    // [any thread]
     void setMaxSlots(size_t maxSlots);
 
     // Takes the buffer that was kept longest, else a new one. Never waits. Calls must not run into
@@ -393,8 +396,8 @@ public:
 
 // VXGraphicBufferPool: a pool of pictures.
 //
-// Life     as VXBufferPool; usable once setPixelFormat() and then setResolution() have succeeded: the
-//          geometry is computed by the second only.
+// Life     as VXBufferPool; usable once setPixelFormat() and then setResolution() have succeeded:
+//          the geometry is computed by the second only.
 // Threads  all operations: any, but for setHEICFlag(), which comes before the pool is shared.
 // Owns     as VXBufferPool.
 //

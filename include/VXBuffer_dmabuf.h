@@ -1,7 +1,7 @@
 // VXBuffer_dmabuf: buffers from the DMA-BUF heaps, back-end "dmabuf".
 //
-// All memory comes from the heap "vndr,system", whatever the usage. There are no fences, no views and
-// no native buffer (nativeBuffer() holds a nullptr_t), and no buffer is secure.
+// All memory comes from the heap "vndr,system", whatever the usage. There are no fences, no views
+// and no native buffer (nativeBuffer() holds a nullptr_t), and no buffer is secure.
 #pragma once
 
 #include <BufferAllocator/BufferAllocator.h>
@@ -157,15 +157,15 @@ private:
     BufferAllocator mAllocator;
 };
 
-// VXGraphicBufferPool_DMABUF: pictures from the heap. setPixelFormat() and setResolution() reset the
-// pool, setUsage() does not. createFromNative() is always empty.
+// VXGraphicBufferPool_DMABUF: pictures from the heap. setPixelFormat() and setResolution() reset
+// the pool, setUsage() does not. createFromNative() is always empty.
 //
 // Life, Threads: as VXGraphicBufferPool.
 // Owns     its allocator, beside what VXBufferPool owns.
 //
 // The format is checked by setResolution(), which fails with VX_ERROR when the table does not hold
-// it: width and height are then stored, the rest of the geometry stays. With the HEIC flag set, 4:2:0
-// pictures have no padding: stride and scanlines are width and height.
+// it: width and height are then stored, the rest of the geometry stays. With the HEIC flag set,
+// 4:2:0 pictures have no padding: stride and scanlines are width and height.
 class VX_EXPORT VXGraphicBufferPool_DMABUF : public VXGraphicBufferPool {
 public:
     VXGraphicBufferPool_DMABUF();

@@ -1,8 +1,8 @@
 // VXBuffer_xc2: buffers from Codec 2.0 block pools, through the codec library; back-end "xcodec2".
 //
 // A buffer here is a coat around an xc2::XC2Buffer, which nativeBuffer() hands out and
-// createFromNative() takes. Where it has none, or one of the wrong kind, descriptors and ids are -1,
-// numbers 0, and settings answer VX_NO_INIT unless said otherwise.
+// createFromNative() takes. Where it has none, or one of the wrong kind, descriptors and ids are
+// -1, numbers 0, and settings answer VX_NO_INIT unless said otherwise.
 #pragma once
 
 #include <any>
@@ -21,8 +21,8 @@
 
 namespace vexa {
 
-// New pools. Their buffers are secure when `usage` has the bit of SECURE, so those of MULTIVIEW too,
-// on purpose; setUsage() changes nothing about it.  [any thread]
+// New pools. Their buffers are secure when `usage` has the bit of SECURE, so those of MULTIVIEW
+// too, on purpose; setUsage() changes nothing about it.  [any thread]
 VX_EXPORT std::shared_ptr<VXLinearBufferPool> VXLinearBufferPoolCreate_xc2(VXBufferUsage usage);
 VX_EXPORT std::shared_ptr<VXGraphicBufferPool> VXGraphicBufferPoolCreate_xc2(VXBufferUsage usage);
 
@@ -33,8 +33,8 @@ public:
     ~VXBufferXC2_Mapping() override;
 };
 
-// VXFence_XC2: the fence of a Codec 2.0 buffer. Without one inside, "fence is null" is logged and the
-// answers are VX_OK, false, false and -1.
+// VXFence_XC2: the fence of a Codec 2.0 buffer. Without one inside, "fence is null" is logged and
+// the answers are VX_OK, false, false and -1.
 //
 // Life, Threads: as VXFence.
 // Owns     a share of the codec library's fence.
@@ -107,8 +107,8 @@ public:
     bool isFenceValid() const override;
     bool isFenceReady() const override;
     VXError waitForFenceSignal() const override;
-    // The size last given to setFilledRange(), for good; before the first, the size of the compressed
-    // picture; when that is not known, what the layout uses for the allocated size.
+    // The size last given to setFilledRange(), for good; before the first, the size of the
+    // compressed picture; when that is not known, what the layout uses for the allocated size.
     size_t size() const override;
     size_t offset() const override;
     // The offset is not kept.
@@ -166,9 +166,9 @@ private:
     VXMutex mLock;                                    // mPool, and each fetch
 };
 
-// VXGraphicBufferPool_XC2: pictures from a block pool; otherwise as the linear one. The HEIC flag is
-// stored and ignored. A pixel format that the table does not hold reaches the block pool as 0, which
-// makes fetches fail.
+// VXGraphicBufferPool_XC2: pictures from a block pool; otherwise as the linear one. The HEIC flag
+// is stored and ignored. A pixel format that the table does not hold reaches the block pool as 0,
+// which makes fetches fail.
 //
 // Life, Threads: as VXGraphicBufferPool.
 // Owns     the codec library's pool, beside what VXBufferPool owns.

@@ -21,11 +21,12 @@ struct VX_EXPORT VXGraphInfo {
 // VXGraph: owns the nodes of a test and runs them.
 //
 // Life     BuildFromGraphInfo() -> runAsync() -> onGraphComplete -> stop() -> last release, with an
-//          onGraphError for each error from the start of the build to the end of stop(). stop() before
-//          the last release is the application's duty; it ends a run from outside as well. Each graph
-//          runs once.
-// Threads  the application builds, runs, stops and releases. The run has the graph's own event thread,
-//          a completion thread and one waiter thread per sink node; each node has its event thread.
+//          onGraphError for each error from the start of the build to the end of stop(). stop()
+//          before the last release is the application's duty; it ends a run from outside as well.
+//          Each graph runs once.
+// Threads  the application builds, runs, stops and releases. The run has the graph's own event
+//          thread, a completion thread and one waiter thread per sink node; each node has its event
+//          thread.
 // Owns     its nodes; the listener is held weakly. The listener may drop the application's last
 //          reference inside its calls.
 class VX_EXPORT VXGraph : public VXObject,
@@ -35,13 +36,14 @@ public:
     // Listener: what is reported to the application.
     //
     // Life     the application's; the graph holds it weakly, and never destroys it.
-    // Threads  called on a graph or node thread (and, while a graph is built, on the building thread),
-    //          with no lock held, perhaps on several at once. Neither call may call stop() on the graph.
+    // Threads  called on a graph or node thread (and, while a graph is built, on the building
+    //          thread), with no lock held, perhaps on several at once. Neither call may call stop()
+    //          on the graph.
     class VX_EXPORT Listener {
     public:
-        // An error: the name of a VexaError, or the message of a node's error. It may also come after
-        // onGraphComplete(), since nodes deliver what is queued when they stop: a run is judged once
-        // stop() has returned.
+        // An error: the name of a VexaError, or the message of a node's error. It may also come
+        // after onGraphComplete(), since nodes deliver what is queued when they stop: a run is
+        // judged once stop() has returned.
         virtual void onGraphError(std::string message) = 0;
         // The run is over, also after errors; the nodes are being stopped. Once per run.
         virtual void onGraphComplete() = 0;
@@ -69,7 +71,8 @@ public:
 
     // Virtual operations stand in slot order.
     ~VXGraph() override;
-    // A node's error: told to the listener; unless it is VX_OK, the run ends.  [a node's event thread]
+    // A node's error: told to the listener; unless it is VX_OK, the run ends.
+    // [a node's event thread]
     void onError(VXError error, std::string message) override;
     // A sink's completion. The run ends with one for each sink.  [a node's event thread]
     void onComplete() override;
@@ -83,14 +86,14 @@ public:
     // Starts the run and returns at once. A graph that no shared pointer holds is a fatal error.
     // VX_NO_INIT when the graph has no queue or handler.  [application thread]
     VXError runAsync();
-    // Ends a run in progress, wherever it is, stops every node, and returns when that is done. A graph
-    // that was never run has no event thread to stop its nodes on: they end with the graph.
+    // Ends a run in progress, wherever it is, stops every node, and returns when that is done. A
+    // graph that was never run has no event thread to stop its nodes on: they end with the graph.
     // VX_NO_INIT when the graph has no queue or handler.  [application thread]
     VXError stop();
 
-    // Returns after `count` wake-ups: a completion wakes one waiter, an error or a stop all of them,
-    // and what comes while nobody waits is not remembered. A run waits in the same way, so a caller
-    // beside a run competes with it for completions: onGraphComplete tells the end of a run.
+    // Returns after `count` wake-ups: a completion wakes one waiter, an error or a stop all of
+    // them, and what comes while nobody waits is not remembered. A run waits in the same way, so a
+    // caller beside a run competes with it for completions: onGraphComplete tells the end of a run.
     // [any thread but a node's]
     void waitForComplete(unsigned int count);
 
@@ -128,9 +131,9 @@ public:
     // See VXGraph::BuildFromGraphInfo().
     std::shared_ptr<VXGraph> build();
 
-    // The allocator type with the smallest product of the nodes' ranks for it: "any" when every node
-    // accepts everything, empty when no type suits all. Candidates are those of the first node that
-    // names some; of equal products the earlier one wins.
+    // The allocator type with the smallest product of the nodes' ranks for it: "any" when every
+    // node accepts everything, empty when no type suits all. Candidates are those of the first node
+    // that names some; of equal products the earlier one wins.
     std::string getPreferredAllocator(const std::vector<std::unique_ptr<VXNode>>& nodes);
 
     // Tells the listener, if it is alive.

@@ -32,7 +32,8 @@ class VXNode;
 // Owns     a share of its node's event handler.
 class VX_EXPORT VXPort : public VXObject {
 public:
-    // Format: what a port carries. A plain value. Two ports match when the texts are equal byte for byte.
+    // Format: what a port carries. A plain value. Two ports match when the texts are equal byte for
+    // byte.
     struct Format {
         std::string type;
     };
@@ -60,7 +61,8 @@ protected:
 //
 // Life     as VXPort. It goes from unconnected to connected once and never back.
 // Threads  as tagged. The upstream node queues works, the owning node takes them.
-// Owns     as VXPort; the upstream port is held weakly, the works queued here belong to their events.
+// Owns     as VXPort; the upstream port is held weakly, the works queued here belong to their
+//          events.
 class VX_EXPORT VXInputPort : public VXPort {
 public:
     // DelayObserver: the upstream end of a connection as the input port sees it.
@@ -103,12 +105,13 @@ public:
     //   VX_NO_INIT  the port has no handler
     VXError queueWorks(std::list<std::shared_ptr<VXSharedWork>> works);
 
-    // Has the owning node flush and returns when it has done so, which includes all nodes downstream of
-    // it. For nodes, the library does this down the graph; an application calls it on a first port.
+    // Has the owning node flush and returns when it has done so, which includes all nodes
+    // downstream of it. For nodes, the library does this down the graph; an application calls it on
+    // a first port.
     //
-    // It waits for the event threads of the owning node and of every node downstream, so none of these may
-    // call it, directly or by way of another: a node that flushes a port upstream of its own from a hook,
-    // and flushes that go in a circle, wait forever.  [any other thread]
+    // It waits for the event threads of the owning node and of every node downstream, so none of
+    // these may call it, directly or by way of another: a node that flushes a port upstream of its
+    // own from a hook, and flushes that go in a circle, wait forever.  [any other thread]
     //   VX_OK       done, or the node does not run
     //   VX_NO_INIT  the port has no handler
     VXError flush();
@@ -136,15 +139,16 @@ private:
     std::weak_ptr<DelayObserver> mObserver VX_GUARDED_BY(mLock);  // the upstream output port
     uint64_t mInputDelay = 1;                                     // both guarded by mLock
     uint64_t mTotalDelay = 1;
-    // All that were ever queued, and taken. Two counts on cache lines of their own: the sender writes
-    // one, the node the other.
+    // All that were ever queued, and taken. Two counts on cache lines of their own: the sender
+    // writes one, the node the other.
     alignas(64) std::atomic<uint64_t> mQueued{0};
     alignas(64) std::atomic<uint64_t> mTaken{0};
 };
 
 // VXOutputPort: sends works to any number of input ports, and combines their delays by maximum.
 //
-// Life     as VXPort. Always held by a shared pointer. Connections are made before the run and stay.
+// Life     as VXPort. Always held by a shared pointer. Connections are made before the run and
+//          stay.
 // Threads  as tagged. Delay reports come from the threads of all downstream nodes.
 // Owns     as VXPort, and a share of the input ports that it feeds.
 class VX_EXPORT VXOutputPort : public VXPort,
@@ -203,8 +207,8 @@ private:
 
 // ---- Description ------------------------------------------------------------------------------
 
-// VXNodeDescriptor: one node of a graph description. A plain record, which owns its values and belongs
-// to one holder at a time; the node's constructor moves out what it needs.
+// VXNodeDescriptor: one node of a graph description. A plain record, which owns its values and
+// belongs to one holder at a time; the node's constructor moves out what it needs.
 struct VX_EXPORT VXNodeDescriptor {
     // ConfigEntry: a configuration value that applies at one frame. A plain value.
     struct ConfigEntry {
@@ -217,7 +221,8 @@ struct VX_EXPORT VXNodeDescriptor {
         uint32_t reserved = 0;  // the application's; not read by the library
         uint32_t frameIndex = 0;
     };
-    // PortInfo: a port to create, its name and what it carries. A plain value; the library only stores it.
+    // PortInfo: a port to create, its name and what it carries. A plain value; the library only
+    // stores it.
     struct PortInfo {
         std::string name;
         std::string format;
@@ -246,11 +251,11 @@ public:
 
 // VXNode: the abstract processing node. Derive from it, implement the hooks, register a factory.
 //
-// Life     constructor -> setup() -> start() -> stop() -> teardown() -> destructor. stop() is allowed
-//          from set-up on, teardown() always (it stops first when needed). A node author calls
-//          teardown() in the destructor of the most derived class: hooks can no longer be called
-//          when this base class is destroyed. Without it what is still queued is dropped, and a hook
-//          that runs at that moment is undefined behavior.
+// Life     constructor -> setup() -> start() -> stop() -> teardown() -> destructor. stop() is
+//          allowed from set-up on, teardown() always (it stops first when needed). A node author
+//          calls teardown() in the destructor of the most derived class: hooks can no longer be
+//          called when this base class is destroyed. Without it what is still queued is dropped,
+//          and a hook that runs at that moment is undefined behavior.
 // Threads  works, commands and reports are handled on the node's own event thread, one event at a
 //          time. Hooks run there, but for onSetup, onStart and onStop, which run on the caller's.
 //          Events are handled from just before onStart() until just before onStop().
@@ -277,8 +282,8 @@ public:
         EVENT_FENCE = 515,  // posted by node implementations; "fd": int32
     };
 
-    // CREATED -> SETTING_UP -> SET_UP -> RUNNING -> STOPPED -> TORN_DOWN; a failed onSetup() goes back
-    // to CREATED, stop() leads to STOPPED from everywhere but CREATED and STOPPED.
+    // CREATED -> SETTING_UP -> SET_UP -> RUNNING -> STOPPED -> TORN_DOWN; a failed onSetup() goes
+    // back to CREATED, stop() leads to STOPPED from everywhere but CREATED and STOPPED.
     enum State : uint32_t {
         CREATED = 0,
         SETTING_UP = 1,
@@ -324,8 +329,8 @@ public:
         using Pairs = std::vector<std::pair<std::string, std::string>>;  // key, value
         using Map = std::unordered_map<std::string, std::string>;
 
-        // Fills the store; a null descriptor changes nothing. An entry of an invalid kind is dropped
-        // with a warning.
+        // Fills the store; a null descriptor changes nothing. An entry of an invalid kind is
+        // dropped with a warning.
         void init(std::unique_ptr<VXNodeDescriptor> descriptor);
 
         // The commands of `frame`, in the order described; they are removed.
@@ -363,15 +368,17 @@ protected:
     // Creates the ports (addInputPort, addOutputPort) and whatever the node needs. `beforeFence` is
     // true when the next node of the description is of type "transform/fence".
     virtual VXError onSetup(bool beforeFence) = 0;
-    // The node starts. Its event queue runs already: a downstream node's delay report schedules, so the
-    // other hooks, onProcess() among them, may be called before onStart() has returned, at the same time
-    // and also when it fails. What they need is made in onSetup(), or the node offers no inputs before.
+    // The node starts. Its event queue runs already: a downstream node's delay report schedules, so
+    // the other hooks, onProcess() among them, may be called before onStart() has returned, at the
+    // same time and also when it fails. What they need is made in onSetup(), or the node offers no
+    // inputs before.
     virtual VXError onStart() = 0;
-    // The event queue has stopped; no more events come, unless a hook stops the node on its own thread:
-    // then that hook has yet to return.
+    // The event queue has stopped; no more events come, unless a hook stops the node on its own
+    // thread: then that hook has yet to return.
     virtual VXError onStop() = 0;
-    // Processes `inputs`. Leaves one output per input in `*outputs`, or none; works that finish later
-    // go to returnWorks(). An error is reported to the listener and does not stop later calls.
+    // Processes `inputs`. Leaves one output per input in `*outputs`, or none; works that finish
+    // later go to returnWorks(). An error is reported to the listener and does not stop later
+    // calls.
     virtual VXError onProcess(std::list<std::shared_ptr<VXSharedWork>> inputs,
                               std::list<std::unique_ptr<VXWork>>* outputs) = 0;
     // EVENT_DRAIN: finish what is held back.
@@ -385,15 +392,15 @@ public:
     // ---- Pending inputs: works that have arrived and wait to be processed. A source overrides the
     // three to offer inputs of its own making.  [any thread] ----
 
-    // Counts pending works, up to `maxCount` and not beyond one that ends the stream; `*hasEOS` says
-    // whether the last one counted does.
+    // Counts pending works, up to `maxCount` and not beyond one that ends the stream; `*hasEOS`
+    // says whether the last one counted does.
     //   VX_OK           counted
     //   VX_BAD_VALUE    a pointer is null, or `maxCount` is 0
     //   VX_BAD_ADDRESS  met a null work; `*actualCount` keeps the count up to it
     virtual VXError countAvailablePendingInputWorks(unsigned long maxCount,
                                                     unsigned long* actualCount, bool* hasEOS);
-    // Moves every pending work to `*works`, which is emptied first. `requestedCount` is only a lower
-    // bound, on purpose: the whole list is handed out.
+    // Moves every pending work to `*works`, which is emptied first. `requestedCount` is only a
+    // lower bound, on purpose: the whole list is handed out.
     //   VX_OK                 moved
     //   VX_BAD_VALUE          `works` is null
     //   VX_INVALID_OPERATION  fewer are pending; they stay
@@ -430,9 +437,10 @@ public:
     //   VX_NO_MEMORY, VX_NO_INIT  the regulator or the event queue is missing
     //   other                 the failure of onStart(); the node can be started again
     VXError start(std::weak_ptr<VXListener> listener);
-    // Stops the event queue after everything posted before, calls onStop(), and shuts down for good. From
-    // a hook of the node itself it does not wait for the event in hand, and drops what else is queued.
-    // VX_INVALID_OPERATION when the node was never set up or is stopped; else onStop()'s result.
+    // Stops the event queue after everything posted before, calls onStop(), and shuts down for
+    // good. From a hook of the node itself it does not wait for the event in hand, and drops what
+    // else is queued. VX_INVALID_OPERATION when the node was never set up or is stopped; else
+    // onStop()'s result.
     VXError stop();
     // Stops the event queue and drops handler and regulator. stop() does it.
     void shutDown();
@@ -459,12 +467,12 @@ public:
     const std::vector<std::shared_ptr<VXInputPort>>& inputPorts() const { return mInputPorts; }
     const std::vector<std::shared_ptr<VXOutputPort>>& outputPorts() const { return mOutputPorts; }
 
-    // Copies the initial configuration value of `key`. VX_BAD_VALUE for a null pointer, VX_NOT_FOUND
-    // (and `*value` untouched) when there is none.  [any thread]
+    // Copies the initial configuration value of `key`. VX_BAD_VALUE for a null pointer,
+    // VX_NOT_FOUND (and `*value` untouched) when there is none.  [any thread]
     VXError getInitConfig(const std::string& key, std::string* value);
 
-    // How the node stands. The figures are read one after another while it runs on. Not virtual, so it
-    // is good until this base class is destroyed.  [any thread]
+    // How the node stands. The figures are read one after another while it runs on. Not virtual, so
+    // it is good until this base class is destroyed.  [any thread]
     Status status();
 
     const std::string& type() const { return mType; }
@@ -484,8 +492,8 @@ protected:
     std::shared_ptr<Handler> handler();
 
 private:
-    // Not called flush, post, listener and the like: a class derived from this one could no longer call
-    // a free function of that name.
+    // Not called flush, post, listener and the like: a class derived from this one could no longer
+    // call a free function of that name.
     std::weak_ptr<Handler> weakHandler();
     std::shared_ptr<VXListener> lockListener();
     std::shared_ptr<Regulator> lockRegulator();
@@ -517,7 +525,8 @@ private:
 
 // Handler: hands the events of a node's queue to the node.
 //
-// Life     made with the node. Ports may hold it for longer, but the queue delivers nothing any more.
+// Life     made with the node. Ports may hold it for longer, but the queue delivers nothing any
+//          more.
 // Threads  posts: any. onEvent(): [event thread].
 // Owns     nothing; it refers to its node.
 class VX_EXPORT VXNode::Handler : public virtual xc2::EventHandler {
@@ -530,8 +539,8 @@ private:
     VXNode& mNode;
 };
 
-// DownstreamWorkTracker: the release hook of a work that was sent downstream. It reports the work's id
-// to the producer and deletes the work.
+// DownstreamWorkTracker: the release hook of a work that was sent downstream. It reports the work's
+// id to the producer and deletes the work.
 //
 // Life     lies with the work's shared pointer, from the sending to the last release.
 // Threads  runs on whatever thread drops the last reference, and only posts.
@@ -551,8 +560,8 @@ private:
     std::weak_ptr<Handler> mHandler;  // the producer's
 };
 
-// Regulator: the flow control of a running node. It lets the node process a batch while it has a full
-// batch of inputs (or the stream has ended) and while fewer works are out downstream than
+// Regulator: the flow control of a running node. It lets the node process a batch while it has a
+// full batch of inputs (or the stream has ended) and while fewer works are out downstream than
 // capacity = largest downstream total delay + batch size + 2 allows (at most 2^64 - 1).
 //
 // Life     made by VXNode::start(), dropped by VXNode::shutDown(). Always held by a shared pointer.
@@ -561,7 +570,8 @@ private:
 class VX_EXPORT VXNode::Regulator : public VXObject,
                                     public std::enable_shared_from_this<Regulator> {
 public:
-    // `portDelays`: the downstream total delay of each output port; a repeated name keeps its first.
+    // `portDelays`: the downstream total delay of each output port; a repeated name keeps its
+    // first.
     Regulator(VXNode& node, unsigned long batchSize,
               std::vector<std::pair<std::string, unsigned long>> portDelays);
     ~Regulator() override;
@@ -601,8 +611,8 @@ public:
                               std::shared_ptr<VXSharedWork>* trackedInputWork);
     // Forgets a released id. VX_NOT_FOUND, with a warning, for one that is not out.
     VXError releaseDownstreamWork(unsigned long id);
-    // A new downstream total delay: changes the capacity and schedules. VX_NOT_FOUND for a port that
-    // was not given at construction.
+    // A new downstream total delay: changes the capacity and schedules. VX_NOT_FOUND for a port
+    // that was not given at construction.
     VXError notifyDownstreamTotalDelay(const std::string& portId, unsigned long delay);
 
 private:
@@ -621,8 +631,9 @@ private:
 
 // VXNodeBaseFactory: makes the nodes of one type.
 //
-// Life     normally a static object of the application, one per type, so that every type is known before
-//          main. It must outlive every graph build, and its destruction does not take its type back.
+// Life     normally a static object of the application, one per type, so that every type is known
+//          before main. It must outlive every graph build, and its destruction does not take its
+//          type back.
 // Threads  createNode(): [application thread].
 // Owns     nothing; a node belongs to the caller of createNode().
 class VX_EXPORT VXNodeBaseFactory {
@@ -634,7 +645,8 @@ public:
 
     // Virtual operations stand in slot order.
 
-    // Makes a node with the full name `name` and stores it in `*node`; leaving it empty is a failure.
+    // Makes a node with the full name `name` and stores it in `*node`; leaving it empty is a
+    // failure.
     virtual void createNode(const std::string& name, std::unique_ptr<VXNodeDescriptor> descriptor,
                             std::unique_ptr<VXNode>* node) = 0;
     virtual ~VXNodeBaseFactory();
@@ -643,8 +655,8 @@ public:
 // VXNodeRegistry: the node types of this process.
 //
 // Life     static, from the loading of the library to the end of the process.
-// Threads  registrations: any, locked against each other only. They are over, and graphs are built on
-//          one thread at a time, when it is read.
+// Threads  registrations: any, locked against each other only. They are over, and graphs are built
+//          on one thread at a time, when it is read.
 // Owns     no factory.
 class VX_EXPORT VXNodeRegistry {
 public:
@@ -653,8 +665,8 @@ public:
     // Makes a node of the descriptor's type.
     //   VX_OK         `*node` holds a node
     //   VX_BAD_VALUE  a pointer is null
-    //   VX_ERROR      no such type, or its factory made nothing. An unknown type is listed from then
-    //                 on, with a null factory.
+    //   VX_ERROR      no such type, or its factory made nothing. An unknown type is listed from
+    //                 then on, with a null factory.
     static VXError Create(const std::string& name, std::unique_ptr<VXNodeDescriptor> descriptor,
                           std::unique_ptr<VXNode>* node);
     // Appends every known type to `*list`, in no particular order. VX_ERROR for a null pointer.

@@ -80,8 +80,8 @@ inline constexpr std::pair<VexaError, const char*> kVexaErrorRows[] = {
 static const std::unordered_map<VexaError, std::string> gVexaErrorNames(std::begin(kVexaErrorRows),
                                                                         std::end(kVexaErrorRows));
 
-// The name of `code`; "UNKNOWN_ERROR" for a number that the table does not hold. It reads the rows, so
-// it may be called from the constructors of static objects, too.  [any thread]
+// The name of `code`; "UNKNOWN_ERROR" for a number that the table does not hold. It reads the rows,
+// so it may be called from the constructors of static objects, too.  [any thread]
 inline std::string errorName(VexaError code) {
     for (const auto& [known, name] : kVexaErrorRows) {
         if (known == code) return name;
@@ -103,9 +103,9 @@ enum VXLogBit : uint32_t {
 // The mask. 0 (silence) until vxUpdateLogLevel() is called.
 extern VX_EXPORT std::atomic<uint32_t> gVXLogLevel;
 
-// Reads the mask, in hexadecimal, from the system property "vendor.vexa.log.msg" (default "3": errors
-// and warnings; text that is no hexadecimal number counts as 0), stores it in gVXLogLevel and
-// returns it. The library never calls it: the application does, at start-up and whenever the
+// Reads the mask, in hexadecimal, from the system property "vendor.vexa.log.msg" (default "3":
+// errors and warnings; text that is no hexadecimal number counts as 0), stores it in gVXLogLevel
+// and returns it. The library never calls it: the application does, at start-up and whenever the
 // property has changed.  [any thread]
 VX_EXPORT uint32_t vxUpdateLogLevel();
 
@@ -121,9 +121,10 @@ VX_EXPORT uint32_t vxUpdateLogLevel();
 #define VX_LOGD(...) VX_LOG_TAGGED(::vexa::VX_LOG_DEBUG, ANDROID_LOG_DEBUG, kLogTag, __VA_ARGS__)
 #define VX_LOGT(...) VX_LOG_TAGGED(::vexa::VX_LOG_TRACE, ANDROID_LOG_DEBUG, kLogTag, __VA_ARGS__)
 
-// Guard failure: when `condition` holds, logs its source text and line and returns `result` from the
-// function. The return does not depend on the log mask; locks are released by their destructors. The
-// text is taken in the outermost macro, where names that are macros have not been replaced.
+// Guard failure: when `condition` holds, logs its source text and line and returns `result` from
+// the function. The return does not depend on the log mask; locks are released by their
+// destructors. The text is taken in the outermost macro, where names that are macros have not been
+// replaced.
 #define VX_FAIL_IF_TEXT(tag, text, condition, result)                                          \
     do {                                                                                       \
         if (condition) {                                                                       \

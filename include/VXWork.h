@@ -1,8 +1,8 @@
 // VXWork: the unit of work that travels through a graph, and the information attached to it.
 //
 // A node makes a VXWork, which it owns alone and may write. The node's regulator turns it into a
-// VXSharedWork, which nobody writes any more, which every consumer shares, and whose release tells the
-// producer when the last consumer has let it go.
+// VXSharedWork, which nobody writes any more, which every consumer shares, and whose release tells
+// the producer when the last consumer has let it go.
 #pragma once
 
 #include <VXUtils.h>
@@ -23,13 +23,13 @@
 
 namespace vexa {
 
-// Copies `count` bytes from `src` to `dst`, which has room for `dstSize`. Returns `count`, or 0 when
-// a pointer is null or the room too small (nothing is copied then, not even a part). A `count` of 0
-// returns 0 as well.  [any thread]
+// Copies `count` bytes from `src` to `dst`, which has room for `dstSize`. Returns `count`, or 0
+// when a pointer is null or the room too small (nothing is copied then, not even a part). A `count`
+// of 0 returns 0 as well.  [any thread]
 VX_EXPORT size_t memcpy_s(void* dst, size_t dstSize, const void* src, size_t count);
 
-// VXAuxInfo: typed values by name, read-only. A name holds one value of one type, which is read back
-// with exactly the type that it was stored with.
+// VXAuxInfo: typed values by name, read-only. A name holds one value of one type, which is read
+// back with exactly the type that it was stored with.
 //
 // Life     copied whole when a work is shared, so values are cheap and self-contained.
 // Threads  any number of readers at once, or one writer.
@@ -62,8 +62,9 @@ public:
 protected:
     static constexpr char kLogTag[] = "Vexa:VXNode";
 
-    // The entries by key. In place of a hash map, which would be five allocations and half of a hop: most
-    // works hold the library's own "_res_id" alone, and few ever hold more than a handful.
+    // The entries by key. In place of a hash map, which would be five allocations and half of a
+    // hop: most works hold the library's own "_res_id" alone, and few ever hold more than a
+    // handful.
     class Entries {
     public:
         struct Entry {
@@ -180,9 +181,9 @@ public:
         : VXAuxInfo(auxInfo), mFrameInfo(frameInfo) {}
     ~VXSharedWork() override;
 
-    // A work's memory has room for the control block of its shared pointer and for the event that tells
-    // of its release, and goes with the last of the three: one allocation, and what a release touches
-    // lies together.
+    // A work's memory has room for the control block of its shared pointer and for the event that
+    // tells of its release, and goes with the last of the three: one allocation, and what a release
+    // touches lies together.
     static void* operator new(size_t size);
     static void* operator new(size_t size, const std::nothrow_t&) noexcept;
     static void operator delete(void* work);
@@ -196,8 +197,8 @@ public:
 
     const VXFrameInfo& frameInfo() const { return mFrameInfo; }
 
-    // The payload; empty when there is none or it was set with another type. One that was set as const is
-    // only handed out as const.
+    // The payload; empty when there is none or it was set with another type. One that was set as
+    // const is only handed out as const.
     template <typename T>
     std::shared_ptr<T> payload() const {
         return mPayload.get<T>();
@@ -249,12 +250,12 @@ private:
     Payload mPayload;
 };
 
-// VXSharedWork::Allocator: puts objects into the memory of a work that was made by new, where they may
-// outlive the work, or elsewhere when there is no room for them. For std::allocate_shared.
+// VXSharedWork::Allocator: puts objects into the memory of a work that was made by new, where they
+// may outlive the work, or elsewhere when there is no room for them. For std::allocate_shared.
 //
 // Life     made for one object; a copy lies with the object, and may come after the work's end.
-// Threads  objects are made by the one thread that has the work, in its release hook, before it gives
-//          any of them away. They may end on any thread.
+// Threads  objects are made by the one thread that has the work, in its release hook, before it
+//          gives any of them away. They may end on any thread.
 // Owns     nothing; the work's memory goes with the last that lies there.
 template <typename T>
 class VXSharedWork::Allocator {
@@ -304,8 +305,8 @@ public:
         mPayload.set(std::move(payload));
     }
 
-    // The payload; empty when there is none or it was set with another type. One that was set as const is
-    // only handed out as const.
+    // The payload; empty when there is none or it was set with another type. One that was set as
+    // const is only handed out as const.
     template <typename T>
     std::shared_ptr<T> payload() const {
         return mPayload.get<T>();

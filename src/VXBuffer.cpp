@@ -154,8 +154,8 @@ VXError VXBufferPool::Stash::reuseOrFree(VXBuffer* buf) noexcept {
         if (found != mInUse.end()) {
             std::list<VXBuffer*> released;
             released.splice(released.end(), mInUse, found);
-            // The released buffer itself is not counted, and without a limit nothing is kept: both on
-            // purpose.
+            // The released buffer itself is not counted, and without a limit nothing is kept: both
+            // on purpose.
             if (mMaxSlots != SIZE_MAX && total() <= mMaxSlots) {
                 mFree.splice(mFree.end(), released);
                 return VX_OK;
@@ -184,8 +184,8 @@ void VXBufferPool::Stash::reset() noexcept {
 }
 
 // The owner of a buffer in use, which brings it back here. Fatal, and meant to be, when no shared
-// pointer holds this stash. Weak from the start: a strong reference between would be two more counts
-// that the threads of one pool fight for.
+// pointer holds this stash. Weak from the start: a strong reference between would be two more
+// counts that the threads of one pool fight for.
 std::shared_ptr<VXBuffer> VXBufferPool::Stash::share(VXBuffer* buf) {
     std::weak_ptr<Stash> self = weak_from_this();
     if (self.expired()) std::abort();

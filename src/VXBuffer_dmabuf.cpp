@@ -33,8 +33,8 @@ bool isRGBA(uint32_t pixelFormat) {
     }
 }
 
-// A descriptor of `size` bytes, negative on failure. One heap for every usage; the flags, 0, reach only
-// kernels older than DMA-BUF heaps.
+// A descriptor of `size` bytes, negative on failure. One heap for every usage; the flags, 0, reach
+// only kernels older than DMA-BUF heaps.
 int allocate(BufferAllocator* allocator, uint32_t size) {
     const int fd = allocator->Alloc("vndr,system", size, 0);
     if (fd < 0) VX_LOGE("Failed to Allocate DMA Buffer");
@@ -146,8 +146,8 @@ void VXBuffer_DMABUF::reset() {
 
 // ---- VXGraphicBuffer_DMABUF -------------------------------------------------------------------
 
-// Repeats much of VXBuffer_DMABUF on purpose: a base class for both would change the order of bases and
-// virtual operations, which is part of the library's interface.
+// Repeats much of VXBuffer_DMABUF on purpose: a base class for both would change the order of bases
+// and virtual operations, which is part of the library's interface.
 VXGraphicBuffer_DMABUF::VXGraphicBuffer_DMABUF(int fd, const Geometry& geometry)
     : VXBuffer(GRAPHIC, kImplType),
       mFd(fd),

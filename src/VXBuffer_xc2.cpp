@@ -260,8 +260,8 @@ void VXBuffer_XC2::reset() {
 
 // ---- VXGraphicBuffer_XC2 ----------------------------------------------------------------------
 
-// Repeats much of VXBuffer_XC2 on purpose, for the same reason as in the other back-end: the order of
-// bases and virtual operations.
+// Repeats much of VXBuffer_XC2 on purpose, for the same reason as in the other back-end: the order
+// of bases and virtual operations.
 VXGraphicBuffer_XC2::VXGraphicBuffer_XC2(std::shared_ptr<xc2::XC2Buffer> xc2Buf, bool secure)
     : VXBuffer(GRAPHIC, kImplType),
       mXC2Buf(std::move(xc2Buf)),

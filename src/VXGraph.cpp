@@ -9,16 +9,16 @@ namespace vexa {
 
 static constexpr char kLogTag[] = "Vexa:VXGraph";
 
-// Hands the events of the graph's queue to the graph. The graph owns it and stops the queue before it
-// goes, so the reference holds whenever the queue delivers.
+// Hands the events of the graph's queue to the graph. The graph owns it and stops the queue before
+// it goes, so the reference holds whenever the queue delivers.
 class VXGraph::EventHandler : public virtual xc2::EventHandler {
 public:
     explicit EventHandler(VXGraph& graph) : mGraph(graph) {}
     ~EventHandler() override = default;
 
     xc2::XC2Status onEvent(std::shared_ptr<xc2::Event> event) override {
-        // Held while the event is handled, for a listener may drop the last other reference. A graph
-        // that is being destroyed handles nothing any more.
+        // Held while the event is handled, for a listener may drop the last other reference. A
+        // graph that is being destroyed handles nothing any more.
         const std::shared_ptr<VXGraph> graph = mGraph.weak_from_this().lock();
         if (graph == nullptr) return xc2::XC2_OK;
         return static_cast<xc2::XC2Status>(graph->onEvent(std::move(event)));
@@ -139,8 +139,8 @@ std::string VXGraph::Builder::getPreferredAllocator(
     std::string best;
     int64_t bestScore = kRefused;
     for (const std::string& candidate : candidates) {
-        // A product, not a sum: it rewards a name that every node ranks first. Unsigned, for it may wrap,
-        // and a refusal is kept apart from it, for a wrapped score may look small.
+        // A product, not a sum: it rewards a name that every node ranks first. Unsigned, for it may
+        // wrap, and a refusal is kept apart from it, for a wrapped score may look small.
         uint64_t score = 1;
         bool refused = false;
         for (const auto& node : nodes) {
@@ -214,10 +214,11 @@ VXError VXGraph::runAsync() {
 VXError VXGraph::stop() {
     VX_FAIL_IF(mEventQueue == nullptr, VX_NO_INIT);
     VX_FAIL_IF(mHandler == nullptr, VX_NO_INIT);
-    // The end of the run tells the listener, which may drop the reference that the caller relies on.
+    // The end of the run tells the listener, which may drop the reference that the caller relies
+    // on.
     const std::shared_ptr<VXGraph> self = weak_from_this().lock();
-    // Counted first, then the wake-up: a run that has no waiters yet does not get the wake-up, and reads
-    // the count once it has them.
+    // Counted first, then the wake-up: a run that has no waiters yet does not get the wake-up, and
+    // reads the count once it has them.
     {
         std::lock_guard<std::mutex> lock(mCompletionLock);
         ++mStopping;
@@ -252,8 +253,8 @@ void VXGraph::run() {
     std::thread completion([this, sinks, &waiting] { waitForWakeUps(sinks, &waiting); });
     bool stopping = false;
     {
-        // A wake-up is not remembered, so no node starts before every waiter waits. A stop() until now
-        // has woken no waiter; it is made good.
+        // A wake-up is not remembered, so no node starts before every waiter waits. A stop() until
+        // now has woken no waiter; it is made good.
         std::unique_lock<std::mutex> lock(mCompletionLock);
         mNowWaiting.wait(lock, [&] { return waiting == sinks; });
         stopping = mStopping > 0;
@@ -290,9 +291,9 @@ void VXGraph::waitForComplete(unsigned int count) {
     waitForWakeUps(count, &waiting);
 }
 
-// One thread per wake-up: each ends at its first, whatever woke it. `*waiting` counts those that have
-// begun to wait, under mCompletionLock. There is no condition to check on purpose: the number of
-// wake-ups is the whole bookkeeping, so that one notify_all() ends every wait.
+// One thread per wake-up: each ends at its first, whatever woke it. `*waiting` counts those that
+// have begun to wait, under mCompletionLock. There is no condition to check on purpose: the number
+// of wake-ups is the whole bookkeeping, so that one notify_all() ends every wait.
 void VXGraph::waitForWakeUps(unsigned int count, unsigned int* waiting) {
     std::vector<std::thread> waiters;
     waiters.reserve(count);

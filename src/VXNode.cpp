@@ -50,8 +50,8 @@ VXError VXInputPort::queueWorks(std::list<std::shared_ptr<VXSharedWork>> works) 
     workInfo->works = std::move(works);
     workInfo->port = this;
     const uint64_t count = workInfo->works.size();
-    // Before the post: the node may take the works before this thread gets on, and the count of works
-    // taken must never be ahead of the count of works queued.
+    // Before the post: the node may take the works before this thread gets on, and the count of
+    // works taken must never be ahead of the count of works queued.
     mQueued.fetch_add(count, std::memory_order_relaxed);
     VX_LOGT("[%s] posting EVENT_DO_WORK with %zu works", name().c_str(), workInfo->works.size());
     auto event = std::make_shared<xc2::Event>(VXNode::EVENT_DO_WORK);
@@ -360,8 +360,8 @@ VXError VXNode::start(std::weak_ptr<VXListener> listener) {
     VX_FAIL_IF(handler == nullptr, VX_NO_INIT);
     mEventQueue->start(0);
     handler->attach(mEventQueue);
-    // Downstream nodes run already. A delay that one of them has reported since the delays were read was
-    // refused by the queue, and would not be reported again.
+    // Downstream nodes run already. A delay that one of them has reported since the delays were
+    // read was refused by the queue, and would not be reported again.
     for (size_t i = 0; i < portDelays.size(); ++i) {
         mOutputPorts[i]->reportTotalDelay(portDelays[i].second);
     }
@@ -971,8 +971,8 @@ VXError VXNodeRegistry::Create(const std::string& name,
                                std::unique_ptr<VXNodeDescriptor> descriptor,
                                std::unique_ptr<VXNode>* node) {
     if (node == nullptr || descriptor == nullptr) return VX_BAD_VALUE;
-    // The subscript leaves a null entry for an unknown type, which is listed from then on. No lock, here
-    // and below: registrations are over when graphs are built.
+    // The subscript leaves a null entry for an unknown type, which is listed from then on. No lock,
+    // here and below: registrations are over when graphs are built.
     VXNodeBaseFactory* factory = sFactories[descriptor->type];
     if (factory == nullptr) {
         VX_LOGE("No factory available for %s in %zu", descriptor->type.c_str(), sFactories.size());

@@ -32,8 +32,8 @@ void* VXSharedWork::Home::inside(void* memory) {
     return home + 1;
 }
 
-// Only the thread that makes the work or runs its release hook enters, before any resident could leave
-// on another, so it need not count atomically.
+// Only the thread that makes the work or runs its release hook enters, before any resident could
+// leave on another, so it need not count atomically.
 void* VXSharedWork::Home::enter(size_t size) {
     if (size > sizeof(room) - used) return nullptr;
     residents.store(residents.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -42,8 +42,8 @@ void* VXSharedWork::Home::enter(size_t size) {
     return memory;
 }
 
-// The last to leave need not count: the load sees what the others have done, and no other thread is left
-// to change the number.
+// The last to leave need not count: the load sees what the others have done, and no other thread is
+// left to change the number.
 void VXSharedWork::Home::leave() {
     if (residents.load(std::memory_order_acquire) == 1 ||
         residents.fetch_sub(1, std::memory_order_acq_rel) == 1) {
@@ -65,7 +65,8 @@ void VXSharedWork::operator delete(void* work) {
     (static_cast<Home*>(work) - 1)->leave();
 }
 
-// Destructors stand here so that each type's virtual table and identity exist once, in this library.
+// Destructors stand here so that each type's virtual table and identity exist once, in this
+// library.
 VXAuxInfo::~VXAuxInfo() = default;
 VXEditableAuxInfo::~VXEditableAuxInfo() = default;
 VXInfo::~VXInfo() = default;

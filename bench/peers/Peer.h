@@ -103,8 +103,8 @@ double slowest(Places& arrivals) {
     return ns;
 }
 
-// Arithmetic that takes about `us` microseconds of processor time: the fastest of several short trials
-// tells how much that is, so that a busy machine does not make the work smaller.
+// Arithmetic that takes about `us` microseconds of processor time: the fastest of several short
+// trials tells how much that is, so that a busy machine does not make the work smaller.
 inline void compute(int64_t us) {
     const auto spin = [](int64_t steps) {
         for (volatile int64_t i = 0; i < steps; i = i + 1) {
@@ -123,9 +123,9 @@ inline void compute(int64_t us) {
     if (us > 0) spin(static_cast<int64_t>(static_cast<double>(us) * sStepsPerUs));
 }
 
-// Calls run(count), which moves so many items and returns the ns that they took: first with `few`, as
-// a warm-up that tells how many fit into options.ms, then for the record. A given count is moved as often
-// as fits.
+// Calls run(count), which moves so many items and returns the ns that they took: first with `few`,
+// as a warm-up that tells how many fit into options.ms, then for the record. A given count is moved
+// as often as fits.
 template <typename Run>
 void perItem(const Options& options, Run run, int64_t few = 1000) {
     const double wanted = static_cast<double>(options.ms) * 1e6;
@@ -173,8 +173,8 @@ void perCall(const Options& options, Once once) {
         10);
 }
 
-// A buffer that options.n threads fetch and release, one after another each; what `fetch` returns is
-// the buffer, empty when there was none.
+// A buffer that options.n threads fetch and release, one after another each; what `fetch` returns
+// is the buffer, empty when there was none.
 template <typename Fetch>
 void perFetch(const Options& options, Fetch fetch) {
     perItem(options, [&](int64_t count) {
@@ -184,8 +184,8 @@ void perFetch(const Options& options, Fetch fetch) {
     });
 }
 
-// Items that options.n threads post at once, without a hand-shake, in bursts so that what waits has a
-// limit. Each item ends in (*arrivals)->one().
+// Items that options.n threads post at once, without a hand-shake, in bursts so that what waits has
+// a limit. Each item ends in (*arrivals)->one().
 template <typename Post>
 void perPost(const Options& options, Arrivals** arrivals, Post post) {
     const int64_t each = 10000, burst = each * options.n;

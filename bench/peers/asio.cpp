@@ -1,4 +1,5 @@
-// Boost.Asio: an io_context with one thread per stage, and items that are posted from one to the next.
+// Boost.Asio: an io_context with one thread per stage, and items that are posted from one to the
+// next.
 #include <boost/asio.hpp>
 #include <deque>
 #include <functional>
@@ -30,8 +31,8 @@ private:
     std::thread mThread{[this] { mContext.run(); }};
 };
 
-// Sends on what waits while there is room downstream, and tells the sender of each item that it is done,
-// as nodes do. To tell it only when a full hop has room again is as fast.
+// Sends on what waits while there is room downstream, and tells the sender of each item that it is
+// done, as nodes do. To tell it only when a full hop has room again is as fast.
 struct Stage {
     Stage* previous = nullptr;
     Stage* next = nullptr;

@@ -1,5 +1,5 @@
-// LD_PRELOAD=count_malloc.so PROGRAM...: prints, when the program ends, how often malloc was called, as
-// operator new does. For GNU's C library, whose malloc has a second name.
+// LD_PRELOAD=count_malloc.so PROGRAM...: prints, when the program ends, how often malloc was
+// called, as operator new does. For GNU's C library, whose malloc has a second name.
 #include <atomic>
 #include <cstddef>
 #include <cstdio>

@@ -1,5 +1,5 @@
-// The floors: the bare actor (one thread per stage, a ring per hop, yields, then a futex), a mutex and
-// a condition variable around a queue per hop, a plain free list, and threads alone.
+// The floors: the bare actor (one thread per stage, a ring per hop, yields, then a futex), a mutex
+// and a condition variable around a queue per hop, a plain free list, and threads alone.
 #include "../floors.h"
 
 #include <array>

@@ -1,5 +1,6 @@
-// What vxrun's work takes with nothing around it: a clip decoded by libavcodec on one thread (and its own)
-// and the MD5 of every picture by libavutil on another, with no copy, check or graph in between.
+// What vxrun's work takes with nothing around it: a clip decoded by libavcodec on one thread (and
+// its own) and the MD5 of every picture by libavutil on another, with no copy, check or graph in
+// between.
 //
 //     peer_libav CLIP DECODER_THREADS
 extern "C" {

@@ -1,6 +1,6 @@
-// What the library's rules alone cost: handlers and a pool that do just what every engine and pool must
-// that keep them, without nodes, ports, a regulator or back-ends. What they take above the bare floors
-// is the price of the rules; what the library takes above them is its own.
+// What the library's rules alone cost: handlers and a pool that do just what every engine and pool
+// must that keep them, without nodes, ports, a regulator or back-ends. What they take above the
+// bare floors is the price of the rules; what the library takes above them is its own.
 #include <VXWork.h>
 #include <xc2/EventQueue.h>
 
@@ -20,9 +20,9 @@ using namespace vexa;
 
 enum : uint32_t { SCHEDULE = 2, RELEASED = 4, WORKS = 512 };
 
-// How much of a hop is done. Events: one event for what is handed over, one for its release, each made
-// for its post. Works: also a work of its own for every hop, which a tracker brings back. Locks: also
-// those that are asked for around the handler, the regulator and the pending inputs.
+// How much of a hop is done. Events: one event for what is handed over, one for its release, each
+// made for its post. Works: also a work of its own for every hop, which a tracker brings back.
+// Locks: also those that are asked for around the handler, the regulator and the pending inputs.
 enum Depth { EVENTS_ONLY, AND_WORKS, AND_LOCKS };
 
 template <Depth depth>
@@ -226,8 +226,8 @@ void fanOut(const Options& options) {
 
 // ---- Life ---------------------------------------------------------------------------------------
 
-// The threads of a graph: its own, one per node, and two that wait for its end; the nodes' are started
-// and stopped one by one, and each gets an event.
+// The threads of a graph: its own, one per node, and two that wait for its end; the nodes' are
+// started and stopped one by one, and each gets an event.
 void lifeCycle(const Options& options) {
     perCall(options, [&] {
         std::vector<std::thread> waiters;
@@ -246,8 +246,8 @@ void lifeCycle(const Options& options) {
 
 // ---- A pool -------------------------------------------------------------------------------------
 
-// A pool's own lock; its stash's recursive one, taken again for the counts; two lists; a shared pointer
-// per fetch with a weak reference back to the stash.
+// A pool's own lock; its stash's recursive one, taken again for the counts; two lists; a shared
+// pointer per fetch with a weak reference back to the stash.
 class Pool {
 public:
     explicit Pool(size_t count) {

@@ -1,5 +1,6 @@
-// libvxbase: the same work as its peers do, through graphs of nodes (default flow control: kInFlight
-// works on their way over one hop), events and pools; and what only the library itself can tell.
+// libvxbase: the same work as its peers do, through graphs of nodes (default flow control:
+// kInFlight works on their way over one hop), events and pools; and what only the library itself
+// can tell.
 #include <VXBuffer.h>
 #include <VXGraph.h>
 #include <time.h>
@@ -230,8 +231,8 @@ void lifeCycle(const Options& options) {
 
 // ---- What a graph does to the rest of the system ------------------------------------------------
 
-// How often the threads of this process, but for the calling one, have gone to sleep or been switched
-// out so far.
+// How often the threads of this process, but for the calling one, have gone to sleep or been
+// switched out so far.
 int64_t switchesOfOthers() {
     int64_t switches = 0;
     const std::string self = std::to_string(gettid());

@@ -74,8 +74,8 @@ bool isThere(const Source& source) {
     return device >= 0;
 }
 
-// The first source that is there and not ruled out by the environment; when none is, the last that is
-// not ruled out, whose absence the allocation then reports.
+// The first source that is there and not ruled out by the environment; when none is, the last that
+// is not ruled out, whose absence the allocation then reports.
 Source decide(const std::string& heap) {
     const Source candidates[] = {
         {Kind::Heap, "heap", heapsDirectory() + heap},
@@ -204,8 +204,8 @@ int BufferAllocator::allocateFromHeap(const std::string& heap, size_t len) {
     return result < 0 ? result : static_cast<int>(data.fd);
 }
 
-// A sealed memfd behaves like a DMA-BUF in what matters here: its size is fixed. Without a `udmabuf` it
-// is handed out as it is.
+// A sealed memfd behaves like a DMA-BUF in what matters here: its size is fixed. Without a
+// `udmabuf` it is handed out as it is.
 int BufferAllocator::allocateFromMemfd(const std::string& name, const std::string& udmabuf,
                                        size_t len) {
     const int memory =

@@ -96,12 +96,12 @@ namespace {
 
 // Waking a thread costs several times what handing over a small work costs. A thread that runs dry
 // therefore gives its core away a few times first, mostly to the very neighbour that is about to
-// post. Beside threads that compute this would be ruinous: each yield then lasts a whole time slice.
-// So every yield is timed, and one that comes back late ends all yielding of the process for ten
-// times as long. bench/README.md has the figures.
+// post. Beside threads that compute this would be ruinous: each yield then lasts a whole time
+// slice. So every yield is timed, and one that comes back late ends all yielding of the process for
+// ten times as long. bench/README.md has the figures.
 constexpr int kYields = 20;
-// A time slice ends at a tick of the kernel, which come every 1 to 10 ms; a round over 64 threads with a
-// batch each takes 0.3 to 0.7 ms and is no lateness.
+// A time slice ends at a tick of the kernel, which come every 1 to 10 ms; a round over 64 threads
+// with a batch each takes 0.3 to 0.7 ms and is no lateness.
 constexpr std::chrono::nanoseconds kLate = std::chrono::milliseconds(1);
 std::atomic<Clock::rep> sNoYieldBefore{0};
 
@@ -170,8 +170,8 @@ private:
 
     const std::string mName;
 
-    // mLock guards everything down to the next blank line. What every post touches comes first, close
-    // together.
+    // mLock guards everything down to the next blank line. What every post touches comes first,
+    // close together.
     std::mutex mLock;
     std::vector<Delivery> mWaiting;
     std::atomic<bool> mAnyWaiting{false};  // mWaiting is not empty; read without mLock too
@@ -334,8 +334,8 @@ void EventQueue::Core::run() {
     if (mState == LEAVING) mState = STOPPED;  // from DRAINING, the joining thread does it
 }
 
-// Comes after the yields: a handler that got its next event meanwhile has never been idle. And before
-// a waiter goes on: then the queue holds nothing of its event, nor of those before it.
+// Comes after the yields: a handler that got its next event meanwhile has never been idle. And
+// before a waiter goes on: then the queue holds nothing of its event, nor of those before it.
 void EventQueue::Core::letGoOfDelivered(std::unique_lock<std::mutex>& lock) {
     // From the start, as letGo() skips what it has seen. Handlers are destroyed without the lock:
     // they are foreign code.

@@ -2,8 +2,8 @@
 //
 // A picture is one luma (or RGBA) plane, followed in the 4:2:0 forms by one plane of interleaved
 // chroma, Cb first. Stride is counted in pixels, scanlines in rows of the first plane; a chroma row
-// is as long as a luma row, one pair of samples for every two pixels, and there is one for every two
-// luma rows, an odd number rounded up. The rules, a row per number:
+// is as long as a luma row, one pair of samples for every two pixels, and there is one for every
+// two luma rows, an odd number rounded up. The rules, a row per number:
 //
 //   number  picture                                   stride is a   scanlines are  bytes of a
 //                                                     multiple of   a multiple of  luma row

@@ -1,8 +1,8 @@
 // <xc2/BufferPool.h>: the codec library's buffer pools, over the block pools of Codec 2.0.
 //
-// Every allocation is fresh: the pools keep no freed blocks. Statuses other than those named are the
-// block pool's own, passed on. A usage word with the multi-view bit makes buffers with two views,
-// 0 and 1, in blocks of their own.
+// Every allocation is fresh: the pools keep no freed blocks. Statuses other than those named are
+// the block pool's own, passed on. A usage word with the multi-view bit makes buffers with two
+// views, 0 and 1, in blocks of their own.
 #pragma once
 
 #include <C2Buffer.h>

@@ -33,8 +33,8 @@ enum XC2Status : int32_t {
 //          strings are short (15 characters with libstdc++, 22 with libc++).
 class Bundle {
 public:
-    // Storable: base of the objects that a bundle carries by shared pointer. Ends with the last share;
-    // poster and handler may both have one, and agree on how they use it.
+    // Storable: base of the objects that a bundle carries by shared pointer. Ends with the last
+    // share; poster and handler may both have one, and agree on how they use it.
     struct Storable {
         virtual ~Storable();
     };

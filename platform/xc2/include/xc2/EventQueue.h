@@ -32,7 +32,8 @@ class EventHandler;
 // Threads  start(), stop(): any, also several at once. The last release may come on the queue's own
 //          thread. Posting threads may still be inside a post while the queue goes.
 // Owns     its thread and the events in it, which in turn keep their handlers alive: until a waiter
-//          goes on, more events come or the thread goes to sleep, whichever is first after the last.
+//          goes on, more events come or the thread goes to sleep, whichever is first after the
+//          last.
 class EventQueue {
 public:
     // The thread gets the name; the kernel keeps 15 characters of it.
@@ -62,8 +63,8 @@ private:
     struct Attachment {
         explicit Attachment(std::shared_ptr<Core> c) : core(std::move(c)) {}
         const std::shared_ptr<Core> core;
-        // Both guarded by the core's lock. Counted there, not by references of the events: those would
-        // be written by poster and queue in turns, each time on another core.
+        // Both guarded by the core's lock. Counted there, not by references of the events: those
+        // would be written by poster and queue in turns, each time on another core.
         size_t inFlight = 0;                    // events posted and not yet done with
         std::shared_ptr<EventHandler> handler;  // held while there are any
     };
