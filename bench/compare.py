@@ -18,7 +18,7 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 OWN = "libvxbase"
-COLOURS = {OWN: "#d62728", "GStreamer": "#1f77b4", "Asio": "#2ca02c", "oneTBB": "#9467bd", "GLib": "#8c564b",
+COLORS = {OWN: "#d62728", "GStreamer": "#1f77b4", "Asio": "#2ca02c", "oneTBB": "#9467bd", "GLib": "#8c564b",
            "ffmpeg": "#1f77b4"}  # floors and the like are grey
 
 parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -78,7 +78,7 @@ def peer(text):
     return path and [path, workload, f"ms={MS}", *options]
 
 
-def wanted(title):
+def selected(title):
     return args.only in title
 
 
@@ -119,7 +119,7 @@ def add(title, unit, values, targets=(), bars=True):
 
 def compare(title, own, others, cores=2, metrics=("ns_per_item",), names=("",)):
     """The usual row. `others`: {label: (command, kind, limit)}."""
-    if not wanted(title):
+    if not selected(title):
         return
     commands = {OWN: peer(own), **{label: peer(command) for label, (command, _, _) in others.items()}}
     commands = {label: command for label, command in commands.items() if command}
@@ -190,12 +190,12 @@ def graph():
              "10 threads": ("floors threads n=10", "time", 2)})
 
     title = "idle graph of 9 nodes, context switches in a second"
-    if wanted(title):
+    if selected(title):
         values = measure(title, {OWN: peer("vxbase idle n=9")}, ["switches"])
         add(title, "", values["switches"], [(None, "is", 0)], bars=False)
 
     title = "allocations per work and hop"
-    if wanted(title):
+    if selected(title):
         def allocations(nodes, works):
             command = peer(f"vxbase chain n={nodes} count={works} ms=0")
             return execute(["env", f"LD_PRELOAD={PROGRAMS}/count_malloc.so", *command])["allocations"]
@@ -209,14 +209,14 @@ def graph():
 
 def growth():
     title = "growth, one core, ns per hop by nodes"
-    if wanted(title):
+    if selected(title):
         sizes = (65, 33, 17, 9, 5, 3)  # the first one is compared with the others
         values = measure(title, {f"{n} nodes": peer(f"vxbase chain n={n}") for n in sizes}, ["ns_per_item"], cores=1)
         hops = {f"{n} nodes": [ns / (n - 1) for ns in values["ns_per_item"][f"{n} nodes"]] for n in sizes}
         add(title, "ns", hops, [(f"{n} nodes", "time", 1.25) for n in sizes[1:]])
 
     title = "growth, one core, ns per work by works"
-    if wanted(title):
+    if selected(title):
         sizes = [count for count in (MANY, 1_000_000, 100_000, 10_000, 1_000) if count <= MANY]
         commands = {f"{n:,} works": peer(f"vxbase chain n=3 count={n}") for n in sizes}
         values = measure(title, commands, ["ns_per_item", "rss"], cores=1)
@@ -228,7 +228,7 @@ def growth():
 def video():
     title = "vxrun, a frame of 1080p H.264 to framemd5"
     share = "graph's share of vxrun's processor time, %"
-    if not wanted(title) and not wanted(share):
+    if not selected(title) and not selected(share):
         return
     clip, sums, written = (OUT / f"clip{FRAMES}.mp4", OUT / f"clip{FRAMES}.framemd5", OUT / "written.framemd5")
     ffmpeg = ["ffmpeg", "-nostdin", "-v", "error", "-y"]
@@ -261,7 +261,7 @@ def video():
 
 def gates():
     title = "log mask 0: gates' share of a hop, %"
-    if wanted(title):
+    if selected(title):
         gate = measure(title, {OWN: peer("vxbase gates")}, ["gates_per_hop", "ns_per_gate"], cores=1)
         hop = measure(title, {OWN: peer("vxbase chain n=5")}, ["ns_per_item"], cores=1)["ns_per_item"][OWN]
         share = [100 * count * ns / (work / 4)
@@ -300,7 +300,7 @@ def ratio(check):
 
 
 def markdown():
-    lines = [("work", OWN, "beside", "", "ratio", "wanted", "")]
+    lines = [("work", OWN, "beside", "", "ratio", "target", "")]
     for row in rows:
         first, own = next(iter(row["series"].items()))
         name = row["title"] if first == OWN else f"{row['title']}: {first}"
@@ -331,10 +331,10 @@ def svg():
         checks = {check["against"]: check for check in row["checks"]}
         for i, (label, series) in enumerate(row["series"].items()):
             top, check = y + 15 + i * bar, checks.get(label)
-            colour = COLOURS.get(label, COLOURS[OWN] if i == 0 else "#999999")
+            color = COLORS.get(label, COLORS[OWN] if i == 0 else "#999999")
             text(x + name_width - 5, top + 10, label, 'text-anchor="end"')
             parts.append(f'<rect x="{x + name_width}" y="{top}" width="{series["median"] * scale:.1f}" '
-                         f'height="{bar - 2}" fill="{colour}"/>')
+                         f'height="{bar - 2}" fill="{color}"/>')
             parts.append(f'<path d="M{x + name_width + series["min"] * scale:.1f} {top + bar / 2 - 1:.1f}'
                          f'h{(min(series["max"], most) - series["min"]) * scale:.1f}" stroke="black"/>')
             note = number(series["median"], row["unit"]) + (f", {ratio(check)}" if check else "")

@@ -49,7 +49,7 @@ struct Linked : xc2::Event {
 
 // ---- Before sleeping --------------------------------------------------------------------------
 
-// `ready` tells without a lock whether there is work.
+// `ready` reports without a lock whether there is work.
 struct NoYield {
     template <typename Ready>
     static void pause(Ready) {}
@@ -64,7 +64,7 @@ struct BareYield {
 
 // A yield that comes back late handed its time slice to a thread that computes. Then the whole
 // process sleeps at once for ten times as long. Each candidate has a guard of its own, so that none
-// profits from what another one has just found out.
+// profits from what another thread has just detected.
 template <int kCandidate>
 struct GuardedYield {
     static constexpr int64_t kLate = 300000;  // ns
@@ -150,7 +150,8 @@ private:
 };
 
 // A lock-free stack through the events, taken whole and turned round; a futex to sleep on. A
-// consumer that sleeps leaves a mark on the stack, and who posts on top of the mark wakes it.
+// consumer that sleeps leaves a mark on the stack, and the thread that posts on top of the mark
+// wakes it.
 template <typename Yield>
 class StackQueue {
 public:

@@ -1,8 +1,8 @@
 // VXBuffer: memory that travels in works, and the pools that it comes from.
 //
-// A pool hands out buffers in shared pointers; who lets go last gives the buffer back to the pool,
-// which keeps it for the next fetch or destroys it. Two back-ends stand behind the interfaces:
-// "dmabuf" (VXBuffer_dmabuf.h) and "xcodec2" (VXBuffer_xc2.h).
+// A pool hands out buffers in shared pointers. The last holder's release gives the buffer back to
+// the pool, which keeps it for the next fetch or destroys it. There are two back-ends: "dmabuf"
+// (VXBuffer_dmabuf.h) and "xcodec2" (VXBuffer_xc2.h).
 //
 //   auto pool = VXGraphicBufferPool::Create("dmabuf", DEFAULT);
 //   pool->setMaxSlots(8);                    // without a limit nothing is kept for reuse
@@ -29,8 +29,8 @@
 
 namespace vexa {
 
-// What a pool's buffers are for. Any other number counts as DEFAULT. What each back-end makes of a
-// usage stands in its header.
+// What a pool's buffers are for. Any other number counts as DEFAULT. The header of each
+// back-end says what it does with a usage.
 enum VX_EXPORT VXBufferUsage : uint32_t {
     DEFAULT = 0,    // plain memory, read and written by the processor
     CACHED = 1,     // in the processor's cache
@@ -44,7 +44,7 @@ enum VX_EXPORT VXBufferUsage : uint32_t {
 //
 // Life     made by its pool, handed out by a fetch, given back by the last holder; reset() each
 //          time it is handed out again.
-// Threads  none of its own: it belongs to one holder at a time, who may be any thread.
+// Threads  none of its own: it belongs to one holder at a time, on any thread.
 // Owns     its memory. What map() returns belongs to the caller and may outlive the buffer: it
 //          keeps the memory, but not its contents, which are the next holder's once the buffer is
 //          given back.
@@ -67,11 +67,11 @@ public:
     // Virtual operations stand in slot order.
     class VX_EXPORT Mapping {
     public:
-        // Maps `size` bytes of `fd`, shared, for reading and writing. `offset` is not looked at, on
+        // Maps `size` bytes of `fd`, shared, for reading and writing. `offset` is ignored, on
         // purpose: every mapping shows its buffer from the start.
         Mapping(int fd, size_t size, size_t offset);
 
-        // Unmaps as many bytes as size() says.
+        // Unmaps size() bytes.
         virtual ~Mapping();
 
         Mapping(const Mapping&) = delete;
@@ -130,7 +130,8 @@ public:
     virtual std::list<xc2::viewId_t> enumviews() const = 0;
     virtual std::shared_ptr<VXBuffer> getview(xc2::viewId_t viewId) const = 0;
 
-    // The whole memory for the processor. Never null; a mapping that failed says so by its address.
+    // The whole memory for the processor. Never null; a failed mapping has the address
+    // MAP_FAILED.
     virtual std::unique_ptr<Mapping> map() = 0;
 
     // Makes a kept buffer ready to be handed out again: clears the filled range.
@@ -241,13 +242,14 @@ struct VX_EXPORT VXNativeBufContainer {
 //
 // Life     usable once the settings that its kind needs have been made; a setting that shapes
 //          buffers destroys the kept ones of the old shape. Buffers may outlive their pool: they
-//          are then left alone for ever when their holders let go, on purpose.
-// Threads  any; the back-ends serialise settings and fetches by a lock of their own. Buffers are
-//          given back on whatever thread lets go last. Lock order: a pool's lock, then its stash's.
+//          are then never destroyed when their holders release them, on purpose.
+// Threads  any; the back-ends serialize settings and fetches with a lock of their own. Buffers come
+//          back on the thread of the last release. Lock order: a pool's lock, then its stash's.
 // Owns     its stash, which owns the buffers kept for reuse.
-// Memory   a buffer that cannot be had is VX_NO_MEMORY. Where an operation marked noexcept finds
-//          none for what it keeps itself, the process ends: on a device, which has no exceptions,
-//          and so everywhere. A lock left behind would stop every later fetch and release.
+// Memory   a buffer that cannot be allocated is VX_NO_MEMORY. When an operation marked noexcept
+//          cannot allocate its own bookkeeping, the process ends: a device has no exceptions, and
+//          every host behaves the same. A lock left behind would stop every later fetch and
+//          release.
 //
 // Back-ends implement the virtual operations, which stand in slot order.
 class VX_EXPORT VXBufferPool {
@@ -268,32 +270,32 @@ public:
     // A new buffer, owned by the caller, or null. For fetchBuffer() only.
     virtual VXBuffer* onAllocate() = 0;
 
-    // Lets at most `maxSlots` buffers be alive. Without a limit, which is SIZE_MAX and the default,
-    // no buffer is ever kept for reuse: every fetch allocates, every release destroys.
+    // Limits the pool to `maxSlots` live buffers. Without a limit, which is SIZE_MAX and the
+    // default, no buffer is ever kept for reuse: every fetch allocates, every release destroys.
     // [any thread]
     void setMaxSlots(size_t maxSlots);
 
-    // Takes the buffer that was kept longest, else a new one. Never waits. Calls must not run into
-    // each other: back-ends call it under their lock.
+    // Returns the buffer that has been kept longest, or else a new one. Never waits. Calls must not
+    // overlap: back-ends call it under their lock.
     //   VX_OK            `*buf` is set; it is empty on every other result
     //   VX_BAD_VALUE     `buf` is null
     //   VX_NO_FREE_SLOT  the limit is reached and nothing is free; not logged
     //   VX_NO_MEMORY     the back-end could not allocate
     VXError fetchBuffer(std::shared_ptr<VXBuffer>* buf) noexcept;
 
-    // Destroys the kept buffers and forgets those handed out, which are destroyed when they are
-    // released.  [any thread]
+    // Destroys the kept buffers and forgets those in use, which are destroyed on release.
+    // [any thread]
     void reset() noexcept;
 
 private:
     const std::shared_ptr<Stash> mStash;
 };
 
-// Stash: a pool's book-keeping. A buffer is in use, free (kept, oldest first), or gone.
+// Stash: a pool's bookkeeping. A buffer is in use, free (kept, oldest first), or gone.
 //
 // Life     always held by a shared pointer, the pool's; releases reach it by a weak one.
-// Threads  any. Buffers are destroyed and reset outside the lock, so that the release of one buffer
-//          may set off the release of another pool's.
+// Threads  any. Buffers are destroyed and reset outside the lock, since the release of one
+//          buffer may cause the release of another pool's.
 // Owns     the free buffers.
 class VX_EXPORT VXBufferPool::Stash : public virtual std::enable_shared_from_this<Stash> {
 public:
@@ -311,8 +313,8 @@ public:
         Tracker(Tracker&&) = default;
         virtual ~Tracker();
 
-        // Gives `buf` back to the stash. When that is gone the buffer is left alone, neither kept
-        // nor destroyed, on purpose.
+        // Gives `buf` back to the stash. If the stash is gone, the buffer is left alone, neither
+        // kept nor destroyed, on purpose.
         virtual void onRelease(VXBuffer* buf);
 
         void operator()(VXBuffer* buf) noexcept { onRelease(buf); }
@@ -345,7 +347,7 @@ public:
     //   VX_BAD_VALUE  `buf` is null
     VXError reuseOrFree(VXBuffer* buf) noexcept;
 
-    // Destroys the free buffers, forgets those in use, and reports how many different ones there
+    // Destroys the free buffers, forgets those in use, and logs how many different ones there
     // were.
     void reset() noexcept;
 
@@ -366,12 +368,12 @@ private:
 // Threads  all operations: any.
 // Owns     as VXBufferPool.
 //
-// A back-end without its allocator answers VX_NO_INIT to settings. Virtual operations stand in slot
+// Settings of a back-end without its allocator return VX_NO_INIT. Virtual operations stand in slot
 // order.
 class VX_EXPORT VXLinearBufferPool : public virtual VXBufferPool {
 public:
-    // Makes a pool of the back-end "dmabuf" or "xcodec2"; empty for any other name. `usage` reaches
-    // the Codec 2.0 back-end only; call setUsage() for the other.
+    // Creates a pool of the back-end "dmabuf" or "xcodec2"; empty for any other name. Only the
+    // Codec 2.0 back-end uses `usage`; call setUsage() for the other.
     static std::shared_ptr<VXLinearBufferPool> Create(const char* poolImplType,
                                                       VXBufferUsage usage);
 
@@ -385,8 +387,8 @@ public:
     // Results as of fetchBuffer().
     virtual VXError fetch(std::shared_ptr<VXBuffer>* buf) = 0;
 
-    // Wraps a buffer made elsewhere, in a VXNativeBufContainer; empty where it cannot be. The pool
-    // neither counts nor keeps it.
+    // Wraps a buffer from elsewhere, given in a VXNativeBufContainer; empty if that is not
+    // possible. The pool neither counts nor keeps it.
     virtual std::shared_ptr<VXBuffer> createFromNative(std::any native) = 0;
 
     VXError setUsage(VXBufferUsage usage) override = 0;
@@ -401,7 +403,7 @@ public:
 // Threads  all operations: any, but for setHEICFlag(), which comes before the pool is shared.
 // Owns     as VXBufferPool.
 //
-// A back-end without its allocator answers VX_NO_INIT to settings. Virtual operations stand in slot
+// Settings of a back-end without its allocator return VX_NO_INIT. Virtual operations stand in slot
 // order.
 class VX_EXPORT VXGraphicBufferPool : public virtual VXBufferPool {
 public:
@@ -414,7 +416,7 @@ public:
     // Pictures for still images. Takes effect with the next setResolution().
     virtual VXError setHEICFlag(bool isHEIC) = 0;
 
-    // Not to be relied on: VX_OK.
+    // Reserved: returns VX_OK. Do not rely on it.
     virtual VXError reserved() = 0;
 
     // VX_ERROR: the back-end refused; setResolution() also when the pixel format is unknown.

@@ -16,11 +16,11 @@
 
 namespace vexa {
 
-// The identity of what `fd` refers to, its inode number: equal for all descriptors of one DMA-BUF.
-// 0 when there is none.  [any thread]
+// The inode number of what `fd` refers to: equal for all descriptors of one DMA-BUF. 0 when it
+// cannot be read.  [any thread]
 VX_EXPORT uint64_t getUniqueIdForFileDescriptor(int fd);
 
-// New pools. `usage` is not looked at, on purpose: call setUsage().  [any thread]
+// New pools. `usage` is ignored, on purpose: call setUsage().  [any thread]
 VX_EXPORT std::shared_ptr<VXLinearBufferPool> VXLinearBufferPoolCreate_dmabuf(VXBufferUsage usage);
 VX_EXPORT std::shared_ptr<VXGraphicBufferPool> VXGraphicBufferPoolCreate_dmabuf(
     VXBufferUsage usage);
@@ -130,7 +130,7 @@ private:
 };
 
 // VXLinearBufferPool_DMABUF: plain memory from the heap. Settings reset the pool. The alignment and
-// the usages SECURE and CACHED are recorded only, MULTIVIEW is not even that. createFromNative() is
+// the usages SECURE and CACHED are only recorded, and MULTIVIEW is ignored. createFromNative() is
 // always empty.
 //
 // Life, Threads: as VXLinearBufferPool.

@@ -1,8 +1,8 @@
 // VXBuffer_xc2: buffers from Codec 2.0 block pools, through the codec library; back-end "xcodec2".
 //
-// A buffer here is a coat around an xc2::XC2Buffer, which nativeBuffer() hands out and
-// createFromNative() takes. Where it has none, or one of the wrong kind, descriptors and ids are
-// -1, numbers 0, and settings answer VX_NO_INIT unless said otherwise.
+// A buffer here wraps an xc2::XC2Buffer, which nativeBuffer() hands out and createFromNative()
+// accepts. If it has none, or one of the wrong kind, descriptors and ids are -1, numbers are 0, and
+// setters return VX_NO_INIT unless noted.
 #pragma once
 
 #include <any>
@@ -21,8 +21,8 @@
 
 namespace vexa {
 
-// New pools. Their buffers are secure when `usage` has the bit of SECURE, so those of MULTIVIEW
-// too, on purpose; setUsage() changes nothing about it.  [any thread]
+// New pools. Their buffers are secure when `usage` contains the bit of SECURE, which MULTIVIEW
+// does, too, on purpose; setUsage() does not change that.  [any thread]
 VX_EXPORT std::shared_ptr<VXLinearBufferPool> VXLinearBufferPoolCreate_xc2(VXBufferUsage usage);
 VX_EXPORT std::shared_ptr<VXGraphicBufferPool> VXGraphicBufferPoolCreate_xc2(VXBufferUsage usage);
 
@@ -33,8 +33,8 @@ public:
     ~VXBufferXC2_Mapping() override;
 };
 
-// VXFence_XC2: the fence of a Codec 2.0 buffer. Without one inside, "fence is null" is logged and
-// the answers are VX_OK, false, false and -1.
+// VXFence_XC2: the fence of a Codec 2.0 buffer. If the buffer has none, "fence is null" is logged
+// and the results are VX_OK, false, false and -1.
 //
 // Life, Threads: as VXFence.
 // Owns     a share of the codec library's fence.
@@ -43,7 +43,7 @@ public:
     explicit VXFence_XC2(std::shared_ptr<C2Fence> fence);
     ~VXFence_XC2() override;
 
-    // Waits 500 ms at most.
+    // Waits at most 500 ms.
     VXError waitForSignal() const override;
     bool isValid() const override;
     bool isReady() const override;
@@ -107,11 +107,11 @@ public:
     bool isFenceValid() const override;
     bool isFenceReady() const override;
     VXError waitForFenceSignal() const override;
-    // The size last given to setFilledRange(), for good; before the first, the size of the
-    // compressed picture; when that is not known, what the layout uses for the allocated size.
+    // The size last given to setFilledRange(). Before the first call, the size of the compressed
+    // picture, or if that is not known, the bytes that the layout uses for the allocated size.
     size_t size() const override;
     size_t offset() const override;
-    // The offset is not kept.
+    // The offset is ignored.
     VXError setFilledRange(size_t offset, size_t size) override;
     uint32_t width() const override;
     uint32_t height() const override;
@@ -122,7 +122,7 @@ public:
     // VX_OK even when there is no buffer.
     VXError setFrameWidth(uint32_t width) override;
     VXError setFrameHeight(uint32_t height) override;
-    // 0 for formats that can be set but have no way back: 0x16, 0x23, 0x109, 0x7F000789.
+    // 0 for formats that can be set but not read back: 0x16, 0x23, 0x109, 0x7F000789.
     uint32_t pixelFormat() const override;
     Rect crop() const override;
     VXError setCrop(const Rect& rect) override;
@@ -142,8 +142,8 @@ private:
     size_t mSizeOverride = SIZE_MAX;  // SIZE_MAX: none
 };
 
-// VXLinearBufferPool_XC2: plain memory from a block pool. Settings reset the pool. They answer
-// VX_NO_INIT, and fetches VX_NO_MEMORY, when there was no block pool to be had.
+// VXLinearBufferPool_XC2: plain memory from a block pool. Settings reset the pool. If
+// no block pool could be created, settings return VX_NO_INIT and fetches VX_NO_MEMORY.
 //
 // Life, Threads: as VXLinearBufferPool.
 // Owns     the codec library's pool, beside what VXBufferPool owns.

@@ -59,9 +59,9 @@ public:
     enum EventId : uint32_t { EVENT_RUN = 0, EVENT_STOP = 1 };
 
     // Builds a graph: creates the nodes through the registry, chooses one buffer allocator for all,
-    // sets them up and connects their ports. Takes the descriptors out of `info`, leaves the rest.
-    // Empty on failure; the listener then hears NODE_NOT_FOUND, NODE_FAIL_INIT or GRAPH_BUILD_FAIL,
-    // but a failed allocator choice is only logged.  [application thread]
+    // sets them up and connects their ports. Moves the descriptors out of `info`, leaves the rest.
+    // Empty on failure; NODE_NOT_FOUND, NODE_FAIL_INIT or GRAPH_BUILD_FAIL is then reported to the
+    // listener, but a failed allocator choice is only logged.  [application thread]
     static std::shared_ptr<VXGraph> BuildFromGraphInfo(VXGraphInfo& info,
                                                        std::weak_ptr<Listener> listener);
 
@@ -71,7 +71,7 @@ public:
 
     // Virtual operations stand in slot order.
     ~VXGraph() override;
-    // A node's error: told to the listener; unless it is VX_OK, the run ends.
+    // A node's error: reported to the listener. Unless it is VX_OK, the run ends.
     // [a node's event thread]
     void onError(VXError error, std::string message) override;
     // A sink's completion. The run ends with one for each sink.  [a node's event thread]
@@ -80,7 +80,7 @@ public:
     // Connects the first output port and the first input port of these names.  [application thread]
     // VX_ERROR when one is missing or the connection is refused.
     VXError connect(const std::string& outPort, const std::string& inPort);
-    // Orders nothing: nodes run in description order. VX_NOT_FOUND when there are none.
+    // Does not sort: nodes run in description order. VX_NOT_FOUND when there are none.
     VXError sort();
 
     // Starts the run and returns at once. A graph that no shared pointer holds is a fatal error.
@@ -92,15 +92,15 @@ public:
     VXError stop();
 
     // Returns after `count` wake-ups: a completion wakes one waiter, an error or a stop all of
-    // them, and what comes while nobody waits is not remembered. A run waits in the same way, so a
-    // caller beside a run competes with it for completions: onGraphComplete tells the end of a run.
-    // [any thread but a node's]
+    // them, and a wake-up without a waiter is lost. A run waits in the same way, so a caller
+    // competes with it for completions: use onGraphComplete() for the end of a run. [any thread but
+    // a node's]
     void waitForComplete(unsigned int count);
 
     // Handles one event. VX_BAD_VALUE for a null one.  [the graph's event thread]
     VXError onEvent(std::shared_ptr<xc2::Event> event);
 
-    // Tells the listener, if it is alive.  [any thread]
+    // Reports to the listener, if it is alive.  [any thread]
     void notifyError(std::string message);
 
 private:
@@ -125,7 +125,7 @@ private:
 // Owns     the descriptors until their nodes are made; the listener is held weakly.
 class VX_EXPORT VXGraph::Builder {
 public:
-    // Takes the descriptors out of `info` and copies the rest.
+    // Moves the descriptors out of `info` and copies the rest.
     Builder(VXGraphInfo& info, std::weak_ptr<VXGraph::Listener> listener);
 
     // See VXGraph::BuildFromGraphInfo().
@@ -136,7 +136,7 @@ public:
     // that names some; of equal products the earlier one wins.
     std::string getPreferredAllocator(const std::vector<std::unique_ptr<VXNode>>& nodes);
 
-    // Tells the listener, if it is alive.
+    // Reports to the listener, if it is alive.
     void notifyError(std::string name);
 
 private:

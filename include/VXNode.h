@@ -27,12 +27,12 @@ class VXNode;
 
 // VXPort: a named connection point of a node, which carries one format.
 //
-// Life     made by its node during set-up, lives as long as the node or a neighbour holds it.
+// Life     made by its node during set-up, lives as long as the node or a connected port holds it.
 // Threads  see each operation. Lock order: output port, then input port.
 // Owns     a share of its node's event handler.
 class VX_EXPORT VXPort : public VXObject {
 public:
-    // Format: what a port carries. A plain value. Two ports match when the texts are equal byte for
+    // Format: what a port carries. A plain value. Two ports match when the types are equal byte for
     // byte.
     struct Format {
         std::string type;
@@ -67,7 +67,7 @@ class VX_EXPORT VXInputPort : public VXPort {
 public:
     // DelayObserver: the upstream end of a connection as the input port sees it.
     //
-    // Life     held weakly; one that is gone hears nothing any more.
+    // Life     held weakly; nothing is reported to one that is gone.
     // Threads  called on the thread that sets the delay, with no lock of the input port held.
     class VX_EXPORT DelayObserver {
     public:
@@ -105,9 +105,8 @@ public:
     //   VX_NO_INIT  the port has no handler
     VXError queueWorks(std::list<std::shared_ptr<VXSharedWork>> works);
 
-    // Has the owning node flush and returns when it has done so, which includes all nodes
-    // downstream of it. For nodes, the library does this down the graph; an application calls it on
-    // a first port.
+    // Makes the owning node flush and returns when it and all nodes downstream of it have done so.
+    // The library passes a flush down the graph itself; an application calls this on a first port.
     //
     // It waits for the event threads of the owning node and of every node downstream, so none of
     // these may call it, directly or by way of another: a node that flushes a port upstream of its
@@ -116,7 +115,7 @@ public:
     //   VX_NO_INIT  the port has no handler
     VXError flush();
 
-    // What this port's node adds to a work's way, in works. A new value is reported upstream at
+    // The delay that this port's node adds, in works. A new value is reported upstream at
     // once, on the caller's thread. Both start at 1.  [any thread]
     void setInputDelay(unsigned long delay);
     void setTotalDelay(unsigned long delay);
@@ -173,7 +172,7 @@ public:
     //   other         the refusal of acceptConnection()
     VXError connectTo(std::shared_ptr<VXInputPort> downstream);
 
-    // Gives every downstream port a copy of the list, in order of connection; the works themselves
+    // Sends every downstream port a copy of the list, in order of connection; the works themselves
     // are shared. Without a downstream port the works are released at once.  [event thread]
     //   VX_OK  sent
     //   other  the first refusal of queueWorks(); later ports received nothing
@@ -238,7 +237,7 @@ struct VX_EXPORT VXNodeDescriptor {
 
 // VXListener: how a node reports to its graph.
 //
-// Life     held weakly by the node; one that is gone hears nothing any more.
+// Life     held weakly by the node; nothing is reported to one that is gone.
 // Threads  called on the event threads of several nodes, with no node lock held.
 class VX_EXPORT VXListener {
 public:
@@ -393,7 +392,7 @@ public:
     // three to offer inputs of its own making.  [any thread] ----
 
     // Counts pending works, up to `maxCount` and not beyond one that ends the stream; `*hasEOS`
-    // says whether the last one counted does.
+    // reports whether the last one counted does.
     //   VX_OK           counted
     //   VX_BAD_VALUE    a pointer is null, or `maxCount` is 0
     //   VX_BAD_ADDRESS  met a null work; `*actualCount` keeps the count up to it
@@ -409,7 +408,7 @@ public:
     // Releases every pending work.
     virtual void erasePendingInputWorks();
 
-    // Reports that the node has finished its part of the test. Posts; the listener hears it on the
+    // Reports that the node has finished its part of the test. Posts; the listener is called on the
     // node's event thread. Always VX_OK.  [any thread]
     virtual VXError signalComplete();
 
@@ -422,8 +421,8 @@ public:
     //   VX_NO_INIT  the node has shut down; the works are destroyed
     VXError returnWorks(std::list<std::unique_ptr<VXWork>> works);
 
-    // Publish on every input port what this node adds to a work's way, in works: upstream may have
-    // that many more on the way.  [any thread]
+    // Publish on every input port the delay that this node adds, in works: the upstream node may
+    // have that many more outstanding.  [any thread]
     void setInputDelay(unsigned long delay);
     void setTotalDelay(unsigned long delay);
 
@@ -471,8 +470,8 @@ public:
     // VX_NOT_FOUND (and `*value` untouched) when there is none.  [any thread]
     VXError getInitConfig(const std::string& key, std::string* value);
 
-    // How the node stands. The figures are read one after another while it runs on. Not virtual, so
-    // it is good until this base class is destroyed.  [any thread]
+    // A snapshot of the node. The figures are read one after another while it keeps running. Not
+    // virtual, so it may be called until this base class is destroyed.  [any thread]
     Status status();
 
     const std::string& type() const { return mType; }
@@ -565,7 +564,7 @@ private:
 // capacity = largest downstream total delay + batch size + 2 allows (at most 2^64 - 1).
 //
 // Life     made by VXNode::start(), dropped by VXNode::shutDown(). Always held by a shared pointer.
-// Threads  [event thread], so it needs no lock; but for the two counts that anyone may read.
+// Threads  [event thread], so it needs no lock; outstandingWorks() and capacity(): any.
 // Owns     the ids of the works sent downstream and not yet released; never the works.
 class VX_EXPORT VXNode::Regulator : public VXObject,
                                     public std::enable_shared_from_this<Regulator> {
@@ -579,7 +578,7 @@ public:
     // Keeps a weak reference to itself. A regulator that no shared pointer holds is a fatal error.
     VXError init();
 
-    // One scheduling pass: at most one batch. What is left is driven by a further event, so that
+    // One scheduling pass: at most one batch. A further event drives the rest, so that
     // other events are handled between batches.
     //   VX_OK                 processed, or nothing to do; also when onProcess() failed
     //   VX_INVALID_OPERATION  the node handed out fewer inputs than it had counted
@@ -591,7 +590,7 @@ public:
     bool canScheduleWorks(unsigned long* nWorksReady);
     unsigned long maxDownstreamCapacity() const;
     unsigned long freeDownstreamCapacity() const;
-    // The works that are out downstream, and how many may be.  [any thread]
+    // The works that are outstanding downstream, and how many may be.  [any thread]
     uint64_t outstandingWorks() const { return mOutstanding.load(std::memory_order_relaxed); }
     uint64_t capacity() const { return mMaxDownstreamWorks.load(std::memory_order_relaxed); }
 
@@ -676,7 +675,7 @@ private:
     friend class VXNodeBaseFactory;
 
     static std::unordered_map<std::string, VXNodeBaseFactory*> sFactories;
-    static VXMutex sLock;  // serialises registration
+    static VXMutex sLock;  // serializes registration
 };
 
 }  // namespace vexa

@@ -15,8 +15,9 @@
 #include <unordered_map>
 #include <utility>
 
-// Marks what leaves libvxbase; everything else in it is hidden. Every public type carries it, since
-// a type that is held in std::any or cast across the library's border needs one type identity.
+// Marks what libvxbase exports; everything else in it is hidden. Every public type carries it,
+// since a type that is held in std::any or cast across the library's border needs one type
+// identity.
 #define VX_EXPORT __attribute__((visibility("default")))
 
 namespace vexa {
@@ -104,7 +105,7 @@ enum VXLogBit : uint32_t {
 extern VX_EXPORT std::atomic<uint32_t> gVXLogLevel;
 
 // Reads the mask, in hexadecimal, from the system property "vendor.vexa.log.msg" (default "3":
-// errors and warnings; text that is no hexadecimal number counts as 0), stores it in gVXLogLevel
+// errors and warnings; text that is not a hexadecimal number counts as 0), stores it in gVXLogLevel
 // and returns it. The library never calls it: the application does, at start-up and whenever the
 // property has changed.  [any thread]
 VX_EXPORT uint32_t vxUpdateLogLevel();

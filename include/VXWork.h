@@ -1,8 +1,8 @@
 // VXWork: the unit of work that travels through a graph, and the information attached to it.
 //
 // A node makes a VXWork, which it owns alone and may write. The node's regulator turns it into a
-// VXSharedWork, which nobody writes any more, which every consumer shares, and whose release tells
-// the producer when the last consumer has let it go.
+// VXSharedWork, which is read-only and shared by every consumer, and whose release is reported to
+// the producer after the last consumer is done with it.
 #pragma once
 
 #include <VXUtils.h>
@@ -23,9 +23,9 @@
 
 namespace vexa {
 
-// Copies `count` bytes from `src` to `dst`, which has room for `dstSize`. Returns `count`, or 0
-// when a pointer is null or the room too small (nothing is copied then, not even a part). A `count`
-// of 0 returns 0 as well.  [any thread]
+// Copies `count` bytes from `src` to `dst`, which has room for `dstSize` bytes. Returns `count`, or
+// 0 when a pointer is null or the room is too small (nothing is copied then, not even a part). A
+// `count` of 0 returns 0 as well.  [any thread]
 VX_EXPORT size_t memcpy_s(void* dst, size_t dstSize, const void* src, size_t count);
 
 // VXAuxInfo: typed values by name, read-only. A name holds one value of one type, which is read
@@ -35,7 +35,7 @@ VX_EXPORT size_t memcpy_s(void* dst, size_t dstSize, const void* src, size_t cou
 // Threads  any number of readers at once, or one writer.
 // Owns     its values.
 //
-// Made for a handful of keys per work, up to about ten: a look-up compares one key after another.
+// Designed for a handful of keys per work, up to about ten: a look-up is linear.
 class VX_EXPORT VXAuxInfo {
 public:
     VXAuxInfo() = default;
@@ -182,8 +182,8 @@ public:
     ~VXSharedWork() override;
 
     // A work's memory has room for the control block of its shared pointer and for the event that
-    // tells of its release, and goes with the last of the three: one allocation, and what a release
-    // touches lies together.
+    // reports its release, and is freed with the last of the three: one allocation, and a release
+    // touches memory that lies together.
     static void* operator new(size_t size);
     static void* operator new(size_t size, const std::nothrow_t&) noexcept;
     static void operator delete(void* work);

@@ -73,7 +73,7 @@ uint32_t toVXFormat(uint32_t c2Format) {
 
 // ---- Usages -----------------------------------------------------------------------------------
 
-// The usage is looked at as a bit, so MULTIVIEW, 3, is secure too.
+// The usage is tested as a bit, so MULTIVIEW, 3, is secure too.
 bool hasSecureBit(VXBufferUsage usage) {
     return (usage & SECURE) != 0;
 }
@@ -302,8 +302,8 @@ VXError VXGraphicBuffer_XC2::waitForFenceSignal() const {
 }
 
 size_t VXGraphicBuffer_XC2::size() const {
-    // What the application said comes before what the codec said, and that before what the layout
-    // makes of the allocated size.
+    // The application's size wins over the codec's, and the codec's over the layout's, which is
+    // only known for the whole allocated picture.
     if (mSizeOverride != SIZE_MAX) return mSizeOverride;
     if (!isGood()) return 0;
     if (mXC2Buf->compressedSize() != 0) return mXC2Buf->compressedSize();
@@ -429,8 +429,8 @@ VXLinearBufferPool_XC2::~VXLinearBufferPool_XC2() = default;
 VXError VXLinearBufferPool_XC2::setSize(size_t size) {
     VXLocker lock(mLock);
     VX_FAIL_IF(mPool == nullptr, VX_NO_INIT);
-    // The linear pool's statuses are ignored on purpose; what cannot be had shows when a buffer is
-    // fetched.
+    // The linear pool's statuses are ignored on purpose; a size that cannot be allocated fails when
+    // a buffer is fetched.
     mPool->setBufferSize(static_cast<uint32_t>(size));
     reset();
     return VX_OK;

@@ -214,8 +214,8 @@ VXError VXGraph::runAsync() {
 VXError VXGraph::stop() {
     VX_FAIL_IF(mEventQueue == nullptr, VX_NO_INIT);
     VX_FAIL_IF(mHandler == nullptr, VX_NO_INIT);
-    // The end of the run tells the listener, which may drop the reference that the caller relies
-    // on.
+    // The listener is called at the end of the run, and may drop the reference that the caller
+    // relies on.
     const std::shared_ptr<VXGraph> self = weak_from_this().lock();
     // Counted first, then the wake-up: a run that has no waiters yet does not get the wake-up, and
     // reads the count once it has them.

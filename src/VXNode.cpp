@@ -172,7 +172,7 @@ void VXOutputPort::updateDelay(DelayMap* delays, uint32_t eventId, const char* k
             if (newMax != oldMax) postDelay(eventId, newMax);
         }
     }
-    // A maximum is at least 1, so 0 says that the port was not found. Logged here, since only the
+    // A maximum is at least 1, so 0 means that the port was not found. Logged here, since only the
     // post may be done under mDelayLock.
     if (oldMax == 0) {
         VX_LOGE("[%s] Unrecognized input port : %s", name().c_str(), inputPortName.c_str());
@@ -442,7 +442,7 @@ VXNode::Status VXNode::status() {
             status.capacity = mRegulator->capacity();
         }
         for (const auto& port : mInputPorts) {
-            // A node that has stopped has dropped what it had not taken.
+            // A node that has stopped has dropped the works that it had not taken.
             const bool stopped = status.state == STOPPED || status.state == TORN_DOWN;
             status.inputPorts.push_back({port->name(), stopped ? 0 : port->queuedWorks()});
         }
@@ -459,7 +459,7 @@ std::shared_ptr<VXNode::Handler> VXNode::handler() {
     return mHandler;
 }
 
-// Two counts less to write than by way of handler().
+// Two fewer counts to write than with handler().
 std::weak_ptr<VXNode::Handler> VXNode::weakHandler() {
     VXLocker lock(mLock);
     return mHandler;
@@ -729,7 +729,7 @@ VXError VXNode::returnWorks(std::list<std::unique_ptr<VXWork>> works) {
 VXNode::DownstreamWorkTracker::~DownstreamWorkTracker() = default;
 
 void VXNode::DownstreamWorkTracker::onRelease(VXSharedWork* work) {
-    // Runs on whatever thread lets go last, so it touches nothing of the regulator: it reads the
+    // Runs on the thread of the last release, so it touches nothing of the regulator: it reads the
     // work and posts. The work is all that the hook is given, hence the id inside it.
     uint64_t id = 0;
     if (work == nullptr || work->get("_res_id", &id) != VX_OK) {
@@ -862,7 +862,7 @@ VXError VXNode::Regulator::schedule() {
     VX_FAIL_IF(!possiblyProcessedWorks.empty(), VX_ERROR);
 
     // What is left is an event of its own. Releases, delays and errors that wait in the queue come
-    // before it, so a node with endless inputs still hears of them.
+    // before it, so a node with endless inputs still handles them.
     unsigned long nMore = 0;
     if (canScheduleWorks(&nMore) && nMore > 0) {
         // Empty when the hook has stopped the node on this thread.

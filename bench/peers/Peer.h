@@ -60,7 +60,7 @@ inline void report(const Options& options, const char* metric, double value) {
 // first to the last: what is built before and torn down after does not count.
 class Arrivals {
 public:
-    static constexpr int64_t kAnyNumber = -1;  // of items, which nobody waits for
+    static constexpr int64_t kAnyNumber = -1;  // of items, which no thread waits for
 
     explicit Arrivals(int64_t expected) : mExpected(expected) {}
     void start() { mFirst = nowNs(); }  // time from here on instead
@@ -104,7 +104,7 @@ double slowest(Places& arrivals) {
 }
 
 // Arithmetic that takes about `us` microseconds of processor time: the fastest of several short
-// trials tells how much that is, so that a busy machine does not make the work smaller.
+// trials is taken as the measure, so that a busy machine does not make the work smaller.
 inline void compute(int64_t us) {
     const auto spin = [](int64_t steps) {
         for (volatile int64_t i = 0; i < steps; i = i + 1) {
@@ -124,8 +124,8 @@ inline void compute(int64_t us) {
 }
 
 // Calls run(count), which moves so many items and returns the ns that they took: first with `few`,
-// as a warm-up that tells how many fit into options.ms, then for the record. A given count is moved
-// as often as fits.
+// as a warm-up that measures how many fit into options.ms, then for the record. A given count is
+// moved as often as fits.
 template <typename Run>
 void perItem(const Options& options, Run run, int64_t few = 1000) {
     const double wanted = static_cast<double>(options.ms) * 1e6;
@@ -184,7 +184,7 @@ void perFetch(const Options& options, Fetch fetch) {
     });
 }
 
-// Items that options.n threads post at once, without a hand-shake, in bursts so that what waits has
+// Items that options.n threads post at once, without a handshake, in bursts so that what waits has
 // a limit. Each item ends in (*arrivals)->one().
 template <typename Post>
 void perPost(const Options& options, Arrivals** arrivals, Post post) {

@@ -31,8 +31,8 @@ private:
     std::thread mThread{[this] { mContext.run(); }};
 };
 
-// Sends on what waits while there is room downstream, and tells the sender of each item that it is
-// done, as nodes do. To tell it only when a full hop has room again is as fast.
+// Sends on what waits while there is room downstream, and reports to the sender of each item that
+// it is done, as nodes do. To report only when a full hop has room again is as fast.
 struct Stage {
     Stage* previous = nullptr;
     Stage* next = nullptr;

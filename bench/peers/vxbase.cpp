@@ -1,6 +1,6 @@
 // libvxbase: the same work as its peers do, through graphs of nodes (default flow control:
 // kInFlight works on their way over one hop), events and pools; and what only the library itself
-// can tell.
+// can report.
 #include <VXBuffer.h>
 #include <VXGraph.h>
 #include <time.h>

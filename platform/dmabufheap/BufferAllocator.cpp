@@ -189,7 +189,7 @@ int BufferAllocator::allocate(const std::string& heap_name, size_t len, const ch
         lock.unlock();
         return allocateFrom(known->second);
     }
-    // A failure decides nothing: for want of descriptors, say, no device could be opened.
+    // A failure decides nothing: it may only be a lack of descriptors that kept a device closed.
     const Source chosen = decide(heap_name);
     const int fd = allocateFrom(chosen);
     if (fd >= 0) decided.emplace(heap_name, chosen);

@@ -14,7 +14,7 @@ using xc2::XC2Status;
 
 constexpr xc2::viewId_t kViews = 2;
 
-// The answer that a test has put in; only looked at while the flag is up.
+// The answer that a test has prepared; read only while the flag is set.
 std::atomic<bool> sScripted{false};
 std::mutex sScriptLock;
 XC2Status sScriptedStatus;
@@ -35,7 +35,7 @@ XC2Status injectedSettingError() {
     return static_cast<XC2Status>(vexa_testing::injectedError(vexa_testing::Call::VendorSetting));
 }
 
-// Stores a setting, unless a test wants it refused.
+// Stores a setting, unless a test makes it fail.
 template <class Value>
 XC2Status store(const Value& value, Value* setting) {
     const XC2Status error = injectedSettingError();

@@ -95,7 +95,7 @@ private:
 namespace {
 
 // Waking a thread costs several times what handing over a small work costs. A thread that runs dry
-// therefore gives its core away a few times first, mostly to the very neighbour that is about to
+// therefore gives its core away a few times first, mostly to the very thread that is about to
 // post. Beside threads that compute this would be ruinous: each yield then lasts a whole time
 // slice. So every yield is timed, and one that comes back late ends all yielding of the process for
 // ten times as long. bench/README.md has the figures.

@@ -10,7 +10,7 @@
 namespace android {
 
 // Makes the block pool `id`, a new one at every call: BASIC_LINEAR over the system heap, or
-// BASIC_GRAPHIC, whose pictures are laid out by <xc2/Platform.h>. `component` is not looked at.
+// BASIC_GRAPHIC, whose pictures are laid out by <xc2/Platform.h>. `component` is ignored.
 // `*pool` is emptied first and must not be null.  [any thread]
 //   C2_OK         made
 //   C2_NOT_FOUND  no such pool

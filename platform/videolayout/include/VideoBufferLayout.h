@@ -25,7 +25,8 @@
 // forms every plane is rounded up to 4096 bytes and preceded by its state plane: one byte for every
 // 256 bytes of the plane, rounded up to 4096. Every size is a multiple of 4096.
 //
-// A number that does not fit 32 bits becomes UINT32_MAX, which is no multiple of 4096 and which no
+// A number that does not fit 32 bits becomes UINT32_MAX, which is not a multiple of 4096 and which
+// no
 // allocator here accepts. Numbers without a row give 0 everywhere.  All functions: [any thread]
 #pragma once
 

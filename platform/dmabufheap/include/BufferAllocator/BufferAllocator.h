@@ -15,8 +15,8 @@
 // zero-filled, that can be mapped, duplicated and passed to other processes.
 //
 // Where the memory of a heap comes from is decided once per process, at the first allocation from
-// it that succeeds, so that the inode numbers by which its buffers are recognised all stem from one
-// file system. It is the first of these that can be opened, or made, whatever the reason why one
+// it that succeeds, so that the inode numbers that identify its buffers all belong to one file
+// system. It is the first of these that can be opened, or made, whatever the reason why one
 // cannot:
 //
 //   heap     /dev/dma_heap/<heap name>, else /dev/dma_heap/system
@@ -42,7 +42,7 @@ public:
     // A new buffer of `len` bytes, rounded up to whole pages, as a descriptor that the caller
     // closes; negative on failure, after one message to the log that names heap, length and reason,
     // and the source when it was the one that failed: udmabuf, for one, has a limit of 64 MiB.
-    // Flags and alignment belong to older kernels and are not looked at. Refused: length 0, as the
+    // Flags and alignment belong to older kernels and are ignored. Refused: length 0, as the
     // kernel does, and UINT32_MAX or more: UINT32_MAX is what a size that did not fit became on its
     // way here.
     int Alloc(const std::string& heap_name, size_t len, unsigned int heap_flags = 0,

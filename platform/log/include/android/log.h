@@ -1,7 +1,7 @@
 // <android/log.h>: the part of Android's log that this project uses, for a Linux host.
 //
 // Names, signatures and results are the device's. All functions: [any thread]; set the logger
-// before threads start, since a device does not synchronise it (here it is atomic).
+// before threads start, since a device does not synchronize it (here it is atomic).
 #pragma once
 
 #include <stdarg.h>
@@ -36,7 +36,7 @@ int __android_log_write(int prio, const char* tag, const char* text);
 
 // What a logger receives; lives for the call only.
 struct __android_log_message {
-    size_t struct_size;   // sizeof(__android_log_message) of whoever made it
+    size_t struct_size;   // sizeof(__android_log_message) at the caller
     int32_t buffer_id;    // 0, the main log
     int32_t priority;     // an android_LogPriority
     const char* tag;      // never null
