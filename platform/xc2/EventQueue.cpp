@@ -98,7 +98,7 @@ namespace {
 // therefore gives its core away a few times first, mostly to the very thread that is about to
 // post. Beside threads that compute this would be ruinous: each yield then lasts a whole time
 // slice. So every yield is timed, and one that comes back late ends all yielding of the process for
-// ten times as long. bench/README.md has the figures.
+// ten times as long. bench/history.md has the figures.
 constexpr int kYields = 20;
 // A time slice ends at a tick of the kernel, which come every 1 to 10 ms; a round over 64 threads
 // with a batch each takes 0.3 to 0.7 ms and is no lateness.
