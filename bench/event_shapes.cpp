@@ -64,7 +64,7 @@ struct BareYield {
 
 // A yield that comes back late handed its time slice to a thread that computes. Then the whole
 // process sleeps at once for ten times as long. Each candidate has a guard of its own, so that none
-// profits from what another thread has just detected.
+// profits from what another candidate has just detected.
 template <int kCandidate>
 struct GuardedYield {
     static constexpr int64_t kLate = 300000;  // ns

@@ -10,7 +10,7 @@
 //   pool->setResolution(1920, 1080);
 //   std::shared_ptr<VXGraphicBuffer> picture;
 //   if (pool->fetch(&picture) == VX_OK) {
-//       auto mapping = picture->map();       // unmapped when it goes
+//       auto mapping = picture->map();       // unmapped by its destructor
 //       ...
 //   }
 #pragma once
@@ -113,7 +113,7 @@ public:
     // The fence that must have fired before the memory may be touched. Without one: false, false,
     // VX_OK at once.
     //   VX_OK     waitForFenceSignal: fired
-    //   VX_ERROR  waitForFenceSignal: not fired in the back-end's time, or it never will be
+    //   VX_ERROR  waitForFenceSignal: not fired within the back-end's time limit, or abandoned
     virtual bool isFenceValid() const = 0;
     virtual bool isFenceReady() const = 0;
     virtual VXError waitForFenceSignal() const = 0;
@@ -218,7 +218,7 @@ public:
     VXFence(const VXFence&) = delete;
     VXFence& operator=(const VXFence&) = delete;
 
-    // Blocks until the fence has fired; VX_ERROR when it did not in the back-end's time.
+    // Blocks until the fence has fired; VX_ERROR if it has not within the back-end's time limit.
     virtual VXError waitForSignal() const = 0;
     virtual bool isValid() const = 0;
     virtual bool isReady() const = 0;
@@ -301,7 +301,7 @@ class VX_EXPORT VXBufferPool::Stash : public virtual std::enable_shared_from_thi
 public:
     // Tracker: the deleter of the buffers that a stash hands out.
     //
-    // Life     lies with the buffer's shared pointer.
+    // Life     stored in the buffer's shared pointer.
     // Threads  runs on whatever thread drops the last reference.
     // Owns     nothing: the stash is held weakly.
     //
@@ -338,7 +338,8 @@ public:
     //   VX_NO_FREE_SLOT    nothing is free and the limit is reached
     VXError getFreeIfAvailable(std::shared_ptr<VXBuffer>* buf) noexcept;
 
-    // Takes over `buf`, in use from now on, and returns its owner; empty when `buf` is null.
+    // Takes ownership of `buf`, in use from now on, and returns its shared pointer; empty when
+    // `buf` is null.
     std::shared_ptr<VXBuffer> track(VXBuffer* buf) noexcept;
 
     // Keeps a buffer that is no longer in use, under a finite limit that still has room, else

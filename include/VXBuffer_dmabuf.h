@@ -36,10 +36,10 @@ public:
 // setFilledRange() was given, on purpose.
 //
 // Life, Threads: as VXBuffer.
-// Owns     its descriptor, which its end closes.
+// Owns     its descriptor, which the destructor closes.
 class VX_EXPORT VXBuffer_DMABUF : public virtual VXBuffer {
 public:
-    // Takes over `fd`, which it closes.
+    // Takes ownership of `fd`.
     VXBuffer_DMABUF(int fd, size_t capacity);
     ~VXBuffer_DMABUF() override;
 
@@ -72,7 +72,7 @@ private:
 // VXGraphicBuffer_DMABUF: a picture, with the geometry of the pool at its allocation.
 //
 // Life, Threads: as VXBuffer.
-// Owns     its descriptor, which its end closes.
+// Owns     its descriptor, which the destructor closes.
 class VX_EXPORT VXGraphicBuffer_DMABUF : public VXGraphicBuffer {
 public:
     // Geometry: how a pool's pictures lie in memory. A plain value.
@@ -85,7 +85,7 @@ public:
         uint32_t pixelFormat = 0;
     };
 
-    // Takes over `fd`, which it closes.
+    // Takes ownership of `fd`.
     VXGraphicBuffer_DMABUF(int fd, const Geometry& geometry);
     ~VXGraphicBuffer_DMABUF() override;
 

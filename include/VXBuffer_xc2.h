@@ -58,7 +58,7 @@ private:
 
 // VXBuffer_XC2: plain memory. Has no fence.
 //
-// Life, Threads: as VXBuffer; a view, and what createFromNative() makes, is no pool's.
+// Life, Threads: as VXBuffer; views and results of createFromNative() belong to no pool.
 // Owns     a share of the codec library's buffer.
 class VX_EXPORT VXBuffer_XC2 : public virtual VXBuffer {
 public:
@@ -92,7 +92,7 @@ private:
 
 // VXGraphicBuffer_XC2: a picture. id() is the descriptor.
 //
-// Life, Threads: as VXBuffer; a view, and what createFromNative() makes, is no pool's.
+// Life, Threads: as VXBuffer; views and results of createFromNative() belong to no pool.
 // Owns     a share of the codec library's buffer, and its VXFence_XC2.
 class VX_EXPORT VXGraphicBuffer_XC2 : public VXGraphicBuffer {
 public:

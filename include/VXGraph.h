@@ -93,8 +93,8 @@ public:
 
     // Returns after `count` wake-ups: a completion wakes one waiter, an error or a stop all of
     // them, and a wake-up without a waiter is lost. A run waits in the same way, so a caller
-    // competes with it for completions: use onGraphComplete() for the end of a run. [any thread but
-    // a node's]
+    // competes with it for completions: use onGraphComplete() for the end of a run.
+    // [any thread but a node's]
     void waitForComplete(unsigned int count);
 
     // Handles one event. VX_BAD_VALUE for a null one.  [the graph's event thread]

@@ -541,7 +541,7 @@ private:
 // DownstreamWorkTracker: the release hook of a work that was sent downstream. It reports the work's
 // id to the producer and deletes the work.
 //
-// Life     lies with the work's shared pointer, from the sending to the last release.
+// Life     stored in the work's shared pointer, from the sending to the last release.
 // Threads  runs on whatever thread drops the last reference, and only posts.
 // Owns     nothing: the producer's handler is held weakly.
 class VX_EXPORT VXNode::DownstreamWorkTracker {

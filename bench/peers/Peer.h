@@ -37,8 +37,8 @@ struct Options {
     int64_t n = 5;      // stages, producers, threads or branches
     int64_t us = 0;     // arithmetic per stage and item
     int64_t busy = 0;   // threads that compute beside it
-    int64_t ms = 300;   // about as long does a measurement take
-    int64_t count = 0;  // so many items at a time instead
+    int64_t ms = 300;   // about as long as one measurement takes
+    int64_t count = 0;  // items at a time; 0: the workload chooses
 };
 
 [[noreturn]] inline void fail(const char* what) {
@@ -146,7 +146,7 @@ void perItem(const Options& options, Run run, int64_t few = 1000) {
     report(options, "ns_per_item", ns / static_cast<double>(moved));
 }
 
-// Has options.n threads call `action` `each` times; ns until the last has done so.
+// Makes options.n threads call `action` `each` times; ns until the last has done so.
 template <typename Action>
 double onThreads(const Options& options, int64_t each, Action action) {
     std::vector<std::thread> threads;
@@ -264,7 +264,7 @@ inline int run(int argc, char** argv, const Workloads& workloads) {
         return 2;
     }
     options.workload = argv[1];
-    compute(0);  // finds out how fast the processor is while nothing else runs
+    compute(0);  // measures how fast the processor is while nothing else runs
     const BusyThreads busy(options.busy);
     workload->second(options);
     return 0;

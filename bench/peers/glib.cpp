@@ -1,4 +1,4 @@
-// GLib: a main context with one thread, and functions that others have it invoke.
+// GLib: a main context with one thread, and functions that other threads ask it to invoke.
 #include <glib.h>
 
 #include "Peer.h"

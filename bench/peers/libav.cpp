@@ -18,7 +18,7 @@ namespace {
 
 using peer::fail;
 
-// At most kInFlight pictures that are decoded and not summed.
+// At most kInFlight pictures that are decoded and have no checksum yet.
 class Pictures {
 public:
     void put(AVFrame* picture) {
@@ -60,7 +60,7 @@ void sum(AVMD5* md5, const AVFrame& picture) {
     av_md5_final(md5, digest);
 }
 
-// Puts what `codec` has ready.
+// Puts the pictures that `codec` has ready.
 void drain(AVCodecContext* codec, Pictures* pictures) {
     for (;;) {
         AVFrame* picture = av_frame_alloc();

@@ -1,5 +1,5 @@
-// What the library's rules alone cost: handlers and a pool that do just what every engine and pool
-// must that keep them, without nodes, ports, a regulator or back-ends. What they take above the
+// What the library's rules alone cost: handlers and a pool that do only what those rules require of
+// every engine and pool, without nodes, ports, a regulator or back-ends. What they take above the
 // bare floors is the price of the rules; what the library takes above them is its own.
 #include <VXWork.h>
 #include <xc2/EventQueue.h>
@@ -174,7 +174,7 @@ private:
     Arrivals* const mArrivals;
 };
 
-// So many of them, each on its queue from here to the end of the scope.
+// A number of them, each on its queue from here to the end of the scope.
 template <Depth depth>
 class Stages {
 public:

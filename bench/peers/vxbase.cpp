@@ -19,7 +19,7 @@ using namespace vexa;
 
 // ---- Graphs -----------------------------------------------------------------------------------
 
-// What the one graph that runs just now does.
+// The parameters of the one graph that runs.
 struct Plan {
     Plan(int64_t w, int64_t sinks) : works(w) {
         for (int64_t i = 0; i < sinks; ++i) arrivals.emplace_back(works);
@@ -253,8 +253,7 @@ void idle(const Options& options) {
     Plan plan(0, 1);
     const Run run(chainOf(options.n));
     plan.started.wait();
-    std::this_thread::sleep_for(
-        std::chrono::milliseconds(200));  // until what starting took is over
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // until the start-up has settled
     const int64_t before = switchesOfOthers();
     std::this_thread::sleep_for(std::chrono::seconds(1));
     report(options, "switches", static_cast<double>(switchesOfOthers() - before));

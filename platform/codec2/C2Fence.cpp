@@ -11,7 +11,7 @@ public:
     c2_status_t wait(c2_nsecs_t timeoutNs) {
         using Clock = std::chrono::steady_clock;
         const Clock::time_point now = Clock::now();
-        const auto longest = Clock::time_point::max() - now;  // a time-out may ask for more
+        const auto longest = Clock::time_point::max() - now;  // a time-out may exceed it
         std::unique_lock<std::mutex> lock(mLock);
         mChanged.wait_until(
             lock, now + std::min<Clock::duration>(longest, std::chrono::nanoseconds(timeoutNs)),

@@ -115,7 +115,7 @@ BufferAllocator::~BufferAllocator() {
 }
 
 int BufferAllocator::Alloc(const std::string& heap_name, size_t len, unsigned int, size_t) {
-    const char* source = nullptr;  // the one that was asked
+    const char* source = nullptr;  // the one that was tried
     const int fd = allocate(heap_name, len, &source);
     if (fd < 0 && source == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "cannot allocate %zu bytes from heap %s: %s",

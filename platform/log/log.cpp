@@ -89,7 +89,7 @@ void __android_log_stderr_logger(const struct __android_log_message* log_message
                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
                  now.tv_nsec / 1000000, letterOf(log_message->priority), syscall(SYS_gettid),
                  kTagMax, log_message->tag, kTextMax, log_message->message);
-    // A standard error that is closed or full has no place for complaints either.
+    // If standard error is closed or full, a complaint cannot be written either.
     if (write(STDERR_FILENO, line, static_cast<size_t>(length)) < 0) return;
 }
 

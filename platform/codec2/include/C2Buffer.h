@@ -1,6 +1,6 @@
 // <C2Buffer.h>: fences, blocks of memory and the pools that they come from.
 //
-// Names, signatures and results are the device's; what this project does not touch is left out.
+// Names, signatures and results are the device's; what this project does not use is left out.
 #pragma once
 
 #include <C2.h>
@@ -20,7 +20,7 @@ class FenceSource;
 // One descriptor first, then numbers that belong to the handle's maker.
 typedef ::native_handle_t C2Handle;
 
-// C2Fence: something that will have happened.
+// C2Fence: an event to wait for.
 //
 // Life     a value; copies share one state, which lives until the last of them is gone.
 // Threads  any.
@@ -32,7 +32,7 @@ class C2Fence {
 public:
     constexpr C2Fence() : mImpl(nullptr) {}
 
-    // Blocks until the fence has fired, `timeoutNs` at most; any number will do.
+    // Blocks until the fence has fired, at most `timeoutNs`, which may be any number.
     //   C2_OK         fired
     //   C2_TIMED_OUT  not yet
     //   C2_BAD_STATE  it never will: abandoned
@@ -148,7 +148,7 @@ public:
 //
 // Life     held by shared pointer; its blocks may outlive it.
 // Threads  all operations: any.
-// Owns     its way to the memory, not the blocks.
+// Owns     its source of memory, not the blocks.
 class C2BlockPool {
 public:
     typedef uint64_t local_id_t;

@@ -1,4 +1,4 @@
-// <C2Component.h>: components are opaque here; block pools only take one along.
+// <C2Component.h>: components are opaque here; block pools only accept one.
 #pragma once
 
 #pragma GCC visibility push(default)

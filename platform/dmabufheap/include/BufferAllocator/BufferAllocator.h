@@ -16,8 +16,8 @@
 //
 // Where the memory of a heap comes from is decided once per process, at the first allocation from
 // it that succeeds, so that the inode numbers that identify its buffers all belong to one file
-// system. It is the first of these that can be opened, or made, whatever the reason why one
-// cannot:
+// system. It is the first of these that can be opened or created; why an earlier one cannot does
+// not matter:
 //
 //   heap     /dev/dma_heap/<heap name>, else /dev/dma_heap/system
 //   udmabuf  a sealed memfd made a DMA-BUF by /dev/udmabuf
@@ -29,8 +29,8 @@
 //
 // Life     made and destroyed at any time; what it handed out may outlive it.
 // Threads  all operations: any.
-// Owns     the heap devices that it opened, until it dies; never the descriptors that it handed
-//          out.
+// Owns     the heap devices that it opened, until it is destroyed; never the descriptors that it
+//          handed out.
 class BufferAllocator {
 public:
     BufferAllocator();

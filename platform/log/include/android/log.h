@@ -23,7 +23,7 @@ typedef enum android_LogPriority {
     ANDROID_LOG_WARN = 5,     // W
     ANDROID_LOG_ERROR = 6,    // E
     ANDROID_LOG_FATAL = 7,    // F
-    ANDROID_LOG_SILENT = 8,   // no message has it: as a minimum priority it stops all
+    ANDROID_LOG_SILENT = 8,   // not for messages: as a minimum priority it blocks all
 } android_LogPriority;
 
 // Log one message. Formatted text beyond 1023 characters is cut; a null tag becomes the name of the
