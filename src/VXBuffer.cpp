@@ -111,6 +111,7 @@ VXBufferPool::Stash::~Stash() {
 
 void VXBufferPool::Stash::setMaxSlots(size_t maxSlots) {
     VXLocker lock(mLock);
+    // Nothing is destroyed here: a lower limit takes effect as buffers are released.
     mMaxSlots = maxSlots;
 }
 

@@ -47,7 +47,8 @@ void closeDescriptor(int32_t* fd) {
     *fd = -1;
 }
 
-// Recorded and not used: no usage changes where the memory comes from.
+// Recorded and not used: no usage changes where the memory comes from. A flag that is set stays
+// set, whatever usage comes later.
 void recordUsage(VXBufferUsage usage, bool* secure, bool* cached) {
     if (usage == SECURE) *secure = true;
     if (usage == CACHED) *cached = true;
@@ -97,9 +98,11 @@ int32_t VXBuffer_DMABUF::id() const {
 uint64_t VXBuffer_DMABUF::uid() const {
     return mUid;
 }
+// Never secure, also in a pool whose usage is SECURE: the memory is the same.
 bool VXBuffer_DMABUF::isSecure() const {
     return mSecure;
 }
+// The size that was requested; the heap rounds it up to whole pages.
 size_t VXBuffer_DMABUF::capacity() const {
     return mCapacity;
 }
@@ -109,6 +112,7 @@ bool VXBuffer_DMABUF::isFenceValid() const {
 bool VXBuffer_DMABUF::isFenceReady() const {
     return false;
 }
+// Without a fence there is nothing to wait for.
 VXError VXBuffer_DMABUF::waitForFenceSignal() const {
     return VX_OK;
 }
@@ -126,6 +130,8 @@ VXError VXBuffer_DMABUF::setFilledRange(size_t offset, size_t size) {
     return VX_OK;
 }
 
+// Holds a nullptr_t and is not empty, on purpose. With no native buffer, createFromNative() has
+// nothing to wrap either.
 std::any VXBuffer_DMABUF::nativeBuffer() {
     return nullptr;
 }
@@ -245,6 +251,7 @@ std::unique_ptr<VXBuffer::Mapping> VXGraphicBuffer_DMABUF::map() {
     return std::make_unique<VXBufferDMA_Mapping>(fd(), capacity(), offset());
 }
 
+// Crop and frame size stay as the last holder set them.
 void VXGraphicBuffer_DMABUF::reset() {
     setFilledRange(0, 0);
 }

@@ -127,6 +127,8 @@ const char* secureName(bool secure) {
 
 // The codec library's buffer inside `native`, or null.
 std::shared_ptr<xc2::XC2Buffer> fromContainer(const std::any& native) {
+    // The pointer form, which does not throw: anything else inside, as from the other back-end, is
+    // an answer.
     const auto* container = std::any_cast<VXNativeBufContainer<xc2::XC2Buffer>>(&native);
     return container != nullptr ? container->buffer : nullptr;
 }
@@ -277,6 +279,7 @@ bool VXGraphicBuffer_XC2::isGood() const {
 int VXGraphicBuffer_XC2::fd() const {
     return isGood() ? mXC2Buf->graphicBlock().fd : -1;
 }
+// Pictures have no running number in their block, so the descriptor stands for it.
 int32_t VXGraphicBuffer_XC2::id() const {
     return fd();
 }
@@ -395,6 +398,8 @@ std::unique_ptr<VXBuffer::Mapping> VXGraphicBuffer_XC2::map() {
     return std::make_unique<VXBufferXC2_Mapping>(fd(), capacity(), offset());
 }
 
+// From here on size() is 0, and no longer what the layout makes of the picture: a size that was set
+// once stays in force.
 void VXGraphicBuffer_XC2::reset() {
     setFilledRange(0, 0);
 }
@@ -419,7 +424,8 @@ VXLinearBufferPool_XC2::VXLinearBufferPool_XC2(VXBufferUsage usage) : mSecure(ha
     // setting answers VX_NO_INIT. The same for pictures.
     const auto pool = blockPool(C2BlockPool::BASIC_LINEAR);
     if (pool == nullptr) return;
-    // nothrow: the library is built without exceptions, and a failure is a message and no pool.
+    // nothrow: the library is built without exceptions, and a failure is a message and no pool. The
+    // words are not those of linearUsageWord(): CACHED and MULTIVIEW wait for setUsage().
     mPool.reset(new (std::nothrow)
                     xc2::XC2LinearBufferPool(pool, mSecure ? 0x20410002 : 0x20410000));
     if (mPool == nullptr) VX_LOGE("Failed to create linear buffer pool !");
@@ -515,6 +521,7 @@ VXError VXGraphicBufferPool_XC2::setPixelFormat(uint32_t pixelFormat) {
     VX_FAIL_IF(mPool == nullptr, VX_NO_INIT);
     // An unknown format goes on as 0, on purpose; the codec library judges it.
     const xc2::XC2Status status = mPool->setPixelFormat(toC2Format(pixelFormat));
+    // No reset after a refusal: the kept buffers still have the shape of the pool.
     VX_FAIL_IF(status != xc2::XC2_OK, VX_ERROR);
     reset();
     return VX_OK;

@@ -13,6 +13,8 @@ static constexpr char kLogTag[] = "Vexa::Utils";
 std::atomic<uint32_t> gVXLogLevel{0};
 
 uint32_t vxUpdateLogLevel() {
+    // The full size: property_get() may write as much, and on a device a smaller one does not
+    // compile.
     char text[PROPERTY_VALUE_MAX] = {};
     property_get("vendor.vexa.log.msg", text, "3");
     const auto mask = static_cast<uint32_t>(std::strtoul(text, nullptr, 16));

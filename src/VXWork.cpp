@@ -38,6 +38,7 @@ void* VXSharedWork::Home::enter(size_t size) {
     if (size > sizeof(room) - used) return nullptr;
     residents.store(residents.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     void* const memory = room + used;
+    // Rounded up, so that the next resident is aligned, too.
     used += (size + kAlign - 1) / kAlign * kAlign;
     return memory;
 }
@@ -62,6 +63,8 @@ void* VXSharedWork::operator new(size_t size, const std::nothrow_t& noThrow) noe
 }
 
 void VXSharedWork::operator delete(void* work) {
+    // The work is one of the residents: its memory stays while the event of its release is under
+    // way. Works made in a caller's memory never come here.
     (static_cast<Home*>(work) - 1)->leave();
 }
 
