@@ -19,66 +19,10 @@
 #include "support/BufferTest.h"
 #include "support/Scale.h"
 #include "support/Tally.h"
-#include "support/VtableSlot.h"
 
 using namespace vexa;
 
 constexpr char kTag[] = "Vexa::VXBuffer";
-
-// ---- Layout -----------------------------------------------------------------------------------
-
-static_assert(sizeof(VXBufferUsage) == 4 && DEFAULT == 0 && CACHED == 1 && SECURE == 2 &&
-              MULTIVIEW == 3);
-static_assert(sizeof(VXBuffer::Kind) == 4 && VXBuffer::LINEAR == 0 && VXBuffer::GRAPHIC == 1 &&
-              VXBuffer::INVALID == 2);
-static_assert(sizeof(VXGraphicBuffer::Rect) == 16);
-
-// Expects the operations to stand one after the other; 0 and 1 are the destructor's slots.
-template <class... Operations>
-void expectSlotsFrom2(const char* name, Operations... operations) {
-    int expected = 2;
-    for (const int slot : {slotOf(operations)...}) {
-        EXPECT_EQ(slot, expected) << name;
-        ++expected;
-    }
-}
-
-template <class P>
-void expectPictureSlots(const char* name) {
-    expectSlotsFrom2(name, &P::fd, &P::id, &P::uid, &P::isSecure, &P::capacity, &P::isFenceValid,
-                     &P::isFenceReady, &P::waitForFenceSignal, &P::size, &P::offset,
-                     &P::setFilledRange, &P::width, &P::height, &P::sliceHeight, &P::stride,
-                     &P::frameWidth, &P::frameHeight, &P::setFrameWidth, &P::setFrameHeight,
-                     &P::pixelFormat, &P::crop, &P::setCrop, &P::nativeBuffer, &P::map, &P::reset,
-                     &P::enumviews, &P::getview);
-}
-
-// Catches: a virtual operation added, dropped or moved, which breaks binaries built against the old
-// order.
-TEST(BufferLayout, SlotOrders) {
-    using B = VXBuffer;
-    expectSlotsFrom2("VXBuffer", &B::isLinear, &B::isGraphic, &B::isValid, &B::fd, &B::id, &B::uid,
-                     &B::isSecure, &B::capacity, &B::isFenceValid, &B::isFenceReady,
-                     &B::waitForFenceSignal, &B::size, &B::offset, &B::setFilledRange,
-                     &B::nativeBuffer, &B::enumviews, &B::getview, &B::map, &B::reset);
-    expectPictureSlots<VXGraphicBuffer>("VXGraphicBuffer");
-    expectPictureSlots<VXGraphicBuffer_DMABUF>("VXGraphicBuffer_DMABUF");
-    expectPictureSlots<VXGraphicBuffer_XC2>("VXGraphicBuffer_XC2");
-    expectSlotsFrom2("Mapping", &B::Mapping::vaddr, &B::Mapping::size);
-    expectSlotsFrom2("VXFence", &VXFence::waitForSignal, &VXFence::isValid, &VXFence::isReady,
-                     &VXFence::fd);
-    using P = VXBufferPool;
-    expectSlotsFrom2("VXBufferPool", &P::setUsage, &P::implType, &P::onAllocate);
-    EXPECT_EQ(slotOf(&P::fetchBuffer), -1);
-    expectSlotsFrom2("Tracker", &P::Stash::Tracker::onRelease);
-    using L = VXLinearBufferPool;
-    expectSlotsFrom2("VXLinearBufferPool", &L::setSize, &L::setAlignment, &L::fetch,
-                     &L::createFromNative, &L::setUsage, &L::implType, &L::onAllocate);
-    using G = VXGraphicBufferPool;
-    expectSlotsFrom2("VXGraphicBufferPool", &G::setHEICFlag, &G::reserved, &G::setPixelFormat,
-                     &G::setResolution, &G::fetch, &G::createFromNative, &G::setUsage, &G::implType,
-                     &G::onAllocate);
-}
 
 // ---- Mapping ----------------------------------------------------------------------------------
 

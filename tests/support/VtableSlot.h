@@ -1,10 +1,8 @@
-// slotOf: the vtable slot of a virtual member, for the tests that pin slot orders.
-//
-//   EXPECT_EQ(slotOf(&VXBuffer::isLinear), 2);   // 0 and 1 are the destructor's two slots
-//
-// The slot is the one in the table of the class that the pointer names; of a destructor no pointer
-// can be taken, so its slots show as the gap before the first operation.
+// slotOf: the vtable slot of a virtual member, for the tests that pin slot orders. Of a destructor no
+// pointer can be taken, so its slots show as the gap before the first operation.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -22,11 +20,14 @@ int slotOf(Member member) {
     static_assert(sizeof(member) == sizeof(raw), "not a pointer to a member function");
     std::memcpy(&raw, &member, sizeof(raw));
 #if defined(__aarch64__)
-    const bool isVirtual = (raw.adj & 1) != 0;
-    const uintptr_t offset = raw.ptr;
+    return (raw.adj & 1) != 0 ? static_cast<int>(raw.ptr / sizeof(void*)) : -1;
 #else
-    const bool isVirtual = (raw.ptr & 1) != 0;
-    const uintptr_t offset = raw.ptr - 1;
+    return (raw.ptr & 1) != 0 ? static_cast<int>((raw.ptr - 1) / sizeof(void*)) : -1;
 #endif
-    return isVirtual ? static_cast<int>(offset / sizeof(void*)) : -1;
+}
+
+// Expects the operations to stand one after the other, from slot `first` on.
+template <class... Operations>
+void expectSlots(const char* name, int first, Operations... operations) {
+    for (const int slot : {slotOf(operations)...}) EXPECT_EQ(slot, first++) << name;
 }
