@@ -52,6 +52,16 @@ public:
         return static_cast<int>(std::count_if(sKept.messages.begin(), sKept.messages.end(), same));
     }
 
+    // Those of `parts`, each with `end` behind it, that are not in exactly one message.
+    std::vector<std::string> missing(const std::vector<std::string>& parts,
+                                     const std::string& end = "") const {
+        std::vector<std::string> result;
+        for (const std::string& part : parts) {
+            if (count(part + end) != 1) result.push_back(part);
+        }
+        return result;
+    }
+
     // True once at least `times` messages contain `part`; false after `limit`.
     bool waitFor(const std::string& part, int times = 1,
                  std::chrono::seconds limit = std::chrono::seconds(30)) const {
@@ -90,7 +100,9 @@ private:
     const uint32_t mOldMask;
 };
 
-// With a LogCapture `log` and a tag `kTag` in scope: one message of this priority and exactly this
-// text, and one guard failure of this condition.
+// With a LogCapture `log` in scope: one message with each of these parts; one guard failure of each of
+// these conditions; with a tag `kTag`, too: one message of this priority and exactly this text.
+#define EXPECT_LOGS(...) EXPECT_EQ(log.missing({__VA_ARGS__}), std::vector<std::string>())
+#define EXPECT_GUARD(...) \
+    EXPECT_EQ(log.missing({__VA_ARGS__}, " : Line# "), std::vector<std::string>())
 #define EXPECT_LOGGED(priority, text) EXPECT_EQ(log.count(ANDROID_LOG_##priority, kTag, text), 1)
-#define EXPECT_GUARD(condition) EXPECT_EQ(log.count(condition " : Line# "), 1)
