@@ -11,6 +11,7 @@
 #include <future>
 #include <thread>
 
+#include "support/CountedMemory.h"
 #include "support/LogCapture.h"
 #include "support/Scale.h"
 #include "support/Tally.h"
@@ -18,29 +19,6 @@
 using namespace xc2;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-
-// ---- Counted memory ---------------------------------------------------------------------------
-
-namespace {
-std::atomic<int> gAllocations{0};
-thread_local bool tRefuseMemory = false;  // by the form of new that may answer null
-}  // namespace
-
-// Not inline: g++ takes an inlined pair of them for a new that meets a free.
-#define COUNTED __attribute__((noinline))
-COUNTED void* operator new(size_t size) {
-    ++gAllocations;
-    return std::malloc(size);
-}
-COUNTED void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return tRefuseMemory ? nullptr : operator new(size);
-}
-COUNTED void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-COUNTED void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 
@@ -104,17 +82,25 @@ bool waitUntilAsleep(pid_t thread) {
 }
 
 // A synchronous post on a thread of its own, which waits for its end when this returns.
-std::future<XC2Status> postAndWait(std::shared_ptr<EventHandler> handler, uint32_t id,
-                                   unsigned int timeout) {
+std::future<XC2Status> postAndWait(std::shared_ptr<EventHandler> handler,
+                                   std::shared_ptr<Event> event, unsigned int timeout) {
     std::atomic<pid_t> thread{0};
-    auto status = std::async(std::launch::async, [&thread, handler, id, timeout] {
-        auto event = newEvent(id);
+    auto status = std::async(std::launch::async, [&, handler, timeout]() mutable {
+        auto mine = std::move(event);
         thread = thisThread();
-        return handler->postSyncAndWait(std::move(event), timeout);
+        return handler->postSyncAndWait(std::move(mine), timeout);
     });
     while (thread == 0) sched_yield();
     EXPECT_TRUE(waitUntilAsleep(thread));
     return status;
+}
+
+// Something that `*gone` shows the end of, which takes its time.
+std::shared_ptr<void> slowlyGone(std::atomic<bool>* gone) {
+    return std::shared_ptr<void>(nullptr, [gone](void*) {
+        for (int n = 0; n < 20000; ++n) sched_yield();
+        *gone = true;
+    });
 }
 
 void expectStatus(std::future<XC2Status>& waiter, int32_t status) {
@@ -318,7 +304,7 @@ TEST_F(QueueTest, APostThatCannotBeDeliveredIsRefusedAndDropped) {
 // the middle of it that is lost or revives the thread that is being joined. Two stop at once: both wait.
 TEST_F(QueueTest, StopDeliversWhatWasPostedBeforeAndEndsTheThreadBeforeTheNextStart) {
     hold();
-    auto waiter = postAndWait(recorder, 42, 0);
+    auto waiter = postAndWait(recorder, newEvent(42), 0);
     EXPECT_EQ(recorder->postAsyncDelayed(newEvent(1), 600000), XC2_OK);
     std::vector<std::thread> others;
     const auto stopper = [this] {
@@ -352,12 +338,8 @@ TEST_F(QueueTest, AnEventKeepsItsHandlerAliveAndIsDroppedWithItBeforeTheWaiterGo
     })->postAsync(newEvent(1));
     EXPECT_FALSE(partOfHandler.expired());
     std::atomic<bool> dropped{false};
-    std::shared_ptr<void> slow(nullptr, [&](void*) {
-        for (int n = 0; n < 20000; ++n) sched_yield();
-        dropped = true;
-    });
     open();
-    EXPECT_EQ(recorder->postSyncAndWait(newEvent(2, std::move(slow)), 0), 2);
+    EXPECT_EQ(recorder->postSyncAndWait(newEvent(2, slowlyGone(&dropped)), 0), 2);
     EXPECT_TRUE(dropped);
     EXPECT_TRUE(partOfHandler.expired());
     EXPECT_EQ(seen, (std::vector<uint32_t>{1, 2}));
@@ -384,14 +366,17 @@ TEST_P(EndOnOwnThread, DropsTheRestAndReleasesWaiters) {
     EXPECT_EQ(ender->postAsync(newEvent(0, GetParam() == End::ReleaseByEvent ? queue : nullptr)),
               XC2_OK);
     EXPECT_EQ(recorder->postAsyncDelayed(newEvent(1), 600000), XC2_OK);
-    auto takenAlready = postAndWait(recorder, 1, 0);  // by the thread, together with the ender
+    auto takenAlready =
+        postAndWait(recorder, newEvent(1), 0);  // by the thread, together with the ender
     open();
     EXPECT_TRUE(tally.waitFor("ending"));
-    auto stillQueued = postAndWait(recorder, 1, 60000);
+    std::atomic<bool> dropped{false};
+    auto stillQueued = postAndWait(recorder, newEvent(1, slowlyGone(&dropped)), 60000);
     if (GetParam() == End::ReleaseByEvent) queue.reset();
     tally.hit("end");
     expectStatus(takenAlready, XC2_CANCELED);
     expectStatus(stillQueued, XC2_CANCELED);
+    EXPECT_TRUE(dropped);
     EXPECT_TRUE(tally.waitFor("thread ended"));
     EXPECT_TRUE(seen.empty());
     if (GetParam() != End::Stop) return;

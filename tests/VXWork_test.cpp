@@ -2,9 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <atomic>
 #include <thread>
 
+#include "support/CountedMemory.h"
 #include "support/LogCapture.h"
 #include "types/Types.h"
 
@@ -101,11 +101,13 @@ TEST(Work, ShareCopiesInfosAndMovesThePayload) {
     EXPECT_EQ(shared->frameInfo().mInfos.front(), info);
 }
 
-// Catches: a release hook that runs per holder, too early, or on no thread at all; a payload that stays.
+// Catches: a release hook that runs per holder, too early, or on no thread at all; a payload or
+// memory that stays.
 TEST(Work, HookRunsOnceAfterTheLastHolder) {
     const auto payload = std::make_shared<int>();
     sReleased = 0;
-    for (int round = 1; round <= 1000; ++round) {
+    for (int round = 0; round < 1000; ++round) {
+        const int before = gBlocks;
         VXWork work;
         work.setPayload(payload);
         std::shared_ptr<VXSharedWork> first = work.share(Tracker());
@@ -115,6 +117,7 @@ TEST(Work, HookRunsOnceAfterTheLastHolder) {
         other.join();
         ASSERT_EQ(sReleased.exchange(0), 1);
         ASSERT_EQ(payload.use_count(), 1);
+        ASSERT_EQ(gBlocks, before);
     }
 }
 
