@@ -145,10 +145,12 @@ TEST(Work, WhatItsHookMakesInItsMemoryOutlivesTheWork) {
         std::weak_ptr<VXSharedWork> watch = VXWork().share(tracker);
         EXPECT_EQ(sReleased, 1);
         EXPECT_TRUE(watch.expired());
-        std::string text;
-        for (const auto& object : made) text.append(object->begin(), object->end());
-        EXPECT_EQ(text, std::string(100, 'a') + std::string(100, 'b') + std::string(100, 'c') +
-                            std::string(100, 'd'));
+        for (; !made.empty(); made.pop_back(), watch.reset()) {
+            std::string text, expected;
+            for (const auto& object : made) text.append(object->begin(), object->end());
+            for (size_t i = 0; i < made.size(); ++i) expected += std::string(100, "abcd"[i]);
+            EXPECT_EQ(text, expected);
+        }
     };
     test(Large());
     test(Larger());

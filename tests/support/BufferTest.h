@@ -7,7 +7,9 @@
 #include <unistd.h>
 #include <vexa_testing/Faults.h>
 
+#include <cstdlib>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -22,7 +24,7 @@ protected:
     // After the members of the derived fixture, pools among them, are gone.
     ~BufferTest() override {
         vexa_testing::clearFaults();
-        EXPECT_EQ(openDescriptors(), mDescriptorsBefore);
+        EXPECT_EQ(descriptors(), mDescriptorsBefore);
         EXPECT_EQ(memories(), 0);
         EXPECT_EQ(mappings(), 0);
         EXPECT_EQ(vexa_testing::liveBlocks(), 0);
@@ -32,7 +34,7 @@ protected:
     // Descriptors of buffer memory that are open, so: buffers that are alive, back-end regardless.
     static int memories() {
         int count = 0;
-        for (const std::string& target : descriptors()) count += isBufferMemory(target);
+        for (const auto& descriptor : descriptors()) count += isBufferMemory(descriptor.second);
         return count;
     }
 
@@ -44,6 +46,20 @@ protected:
         return count;
     }
 
+    // What the open descriptors refer to.
+    static std::map<int, std::string> descriptors() {
+        std::map<int, std::string> targets;
+        DIR* directory = opendir("/proc/self/fd");
+        while (const dirent* entry = readdir(directory)) {
+            char target[256] = {};
+            if (readlinkat(dirfd(directory), entry->d_name, target, sizeof(target) - 1) > 0) {
+                targets[atoi(entry->d_name)] = target;
+            }
+        }
+        closedir(directory);
+        return targets;
+    }
+
     LogCapture log;
 
 private:
@@ -52,22 +68,7 @@ private:
                text.find("/dmabuf:") != std::string::npos;
     }
 
-    // What the open descriptors refer to.
-    static std::vector<std::string> descriptors() {
-        std::vector<std::string> targets;
-        DIR* directory = opendir("/proc/self/fd");
-        while (const dirent* entry = readdir(directory)) {
-            char target[256] = {};
-            if (readlinkat(dirfd(directory), entry->d_name, target, sizeof(target) - 1) > 0) {
-                targets.push_back(target);
-            }
-        }
-        closedir(directory);
-        return targets;
-    }
-    static size_t openDescriptors() { return descriptors().size(); }
-
-    const size_t mDescriptorsBefore = openDescriptors();
+    const std::map<int, std::string> mDescriptorsBefore = descriptors();
 };
 
 // NoDescriptors: while it lives, this process gets no further descriptor.
