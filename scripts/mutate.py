@@ -83,7 +83,7 @@ def faults(text):  # every (start, end, replacement)
         body = code[start:end - 1]
         if body in ("break", "continue") or (not KEPT.match(body) and re.search(r"[=(]|\+\+|--|^delete", body)):
             found.append((start, end, "{}"))
-        elif re.match(r"return (?!(false|nullptr|0|{}|\w+_OK)$)", body):  # these are {} already
+        elif re.match(r"return (?!(false|nullptr|0|{}|[\w:]+_OK)$)", body):  # these are {} already
             found.append((start, end, "return {};"))
     return sorted(set(found))
 

@@ -71,7 +71,7 @@ protected:
         ASSERT_EQ(graph->stop(), VX_OK);
     }
     using Texts = std::vector<std::string>;
-    void expectHeard(const Texts& texts) { EXPECT_EQ(listener->order, texts); }
+    void expectHeard(const Texts& texts) { EXPECT_EQ(listener->tally.order(), texts); }
 
     std::shared_ptr<GraphListener> listener = std::make_shared<GraphListener>();
     std::map<std::string, Script> scripts;  // by full name
@@ -274,7 +274,7 @@ TEST_F(GraphTest, ErrorsEndTheRun) {
     });
     addChain(3);
     run();
-    EXPECT_EQ(listener->order.front(), "error Node [g.n1] failed to process !");
+    EXPECT_EQ(listener->tally.order().front(), "error Node [g.n1] failed to process !");
     EXPECT_GE(log.count("Received Error: Node [g.n1] failed to process !"), 1);
 }
 
@@ -298,7 +298,7 @@ TEST_F(GraphTest, WhatComesDuringTheStartEndsTheRun) {
         ASSERT_EQ(graph->stop(), VX_OK);
         ASSERT_EQ(starts, 3);
         ASSERT_EQ(stops, 3);
-        ASSERT_EQ(listener->order,
+        ASSERT_EQ(listener->tally.order(),
                   fails ? Texts({"error NODE_FAIL_ASYNC", "complete"}) : Texts{"complete"})
             << round;
         expectNothingLeft();

@@ -6,15 +6,17 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 // Tally: counts named happenings, so that a test waits for a named one instead of sleeping. Nothing
-// is lost: who waits late still sees what came earlier.  All operations: [any thread]
+// is lost: a late wait still sees what came earlier.  All operations: [any thread]
 class Tally {
 public:
     void hit(const std::string& what) {
         // Notified under the lock: the waiter may destroy the tally as soon as it sees the count.
         std::lock_guard<std::mutex> lock(mLock);
         ++mCount[what];
+        mOrder.push_back(what);
         mChanged.notify_all();
     }
 
@@ -35,8 +37,15 @@ public:
         return found != mCount.end() ? found->second : 0;
     }
 
+    // All that has happened, in order.
+    std::vector<std::string> order() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mOrder;
+    }
+
 private:
     mutable std::mutex mLock;
     std::condition_variable mChanged;
     std::map<std::string, int> mCount;
+    std::vector<std::string> mOrder;
 };

@@ -32,26 +32,17 @@ struct NodeListener final : vexa::VXListener {
     Tally tally;
 };
 
-// What a graph reports, as a tally of "complete" and "error <message>", and in order.
+// What a graph reports, as a tally of "complete" and "error <message>".
 struct GraphListener final : vexa::VXGraph::Listener {
     void onGraphError(std::string message) override {
-        note("error " + message);
+        tally.hit("error " + message);
         if (onError) onError();
     }
     void onGraphComplete() override {
-        note("complete");
+        tally.hit("complete");
         if (onComplete) onComplete();
     }
-    void note(const std::string& what) {
-        {
-            std::lock_guard<std::mutex> lock(orderLock);
-            order.push_back(what);
-        }
-        tally.hit(what);
-    }
     Tally tally;
-    std::mutex orderLock;
-    std::vector<std::string> order;
     std::function<void()> onError, onComplete;
 };
 
