@@ -8,10 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <string>
 #include <thread>
 
 #include "support/LogCapture.h"
@@ -20,10 +17,6 @@
 namespace {
 
 // ---- Log --------------------------------------------------------------------------------------
-
-long threadId() {
-    return syscall(SYS_gettid);
-}
 
 // Standard error as a socket that keeps every write apart.
 class StandardError {
@@ -62,7 +55,8 @@ TEST(Log, TheDefaultWriterMakesOneLineOfAMessage) {
     const auto log = [each] {
         for (int i = 0; i < each; ++i) {
             for (int priority : {1234, -1, 0, 1, 2, 3, 4, 5, 6, 7}) {
-                EXPECT_EQ(__android_log_print(priority, "Tag", "%d of %ld", priority, threadId()),
+                EXPECT_EQ(__android_log_print(priority, "Tag", "%d of %ld", priority,
+                                              syscall(SYS_gettid)),
                           1);
             }
         }
@@ -85,9 +79,15 @@ TEST(Log, TheDefaultWriterMakesOneLineOfAMessage) {
 }
 
 // Catches: text beyond the device's limit that is kept, or runs over the buffer; a null tag or text
-// that is followed; a logger that is not asked, gets half a message, or cannot be taken out again.
+// that is followed; a logger that is ignored, gets half a message, or cannot be taken out again; logging
+// a failure that changes the errno of it, by a logger that does or where standard error is closed.
 TEST(Log, LongTextIsCutForTheLoggerInPlaceAndNullIsNoCrash) {
     const std::string longText(5000, 'x');
+    const auto expectErrnoKept = [] {
+        errno = ENOENT;
+        __android_log_print(ANDROID_LOG_INFO, "Tag", "text");
+        EXPECT_EQ(errno, ENOENT);
+    };
     StandardError error;
     {
         LogCapture log;
@@ -102,27 +102,15 @@ TEST(Log, LongTextIsCutForTheLoggerInPlaceAndNullIsNoCrash) {
     const std::string written = error.next();
     EXPECT_NE(written.find(std::string(1023, 'x') + "\n"), std::string::npos);
     EXPECT_LT(written.size(), 1400u);
-}
-
-// Catches: logging a failure that changes the errno which says why, by a logger that does or where
-// standard error is closed.
-TEST(Log, ErrnoIsKept) {
-    const int standardError = dup(STDERR_FILENO);
-    close(STDERR_FILENO);
-    errno = ENOENT;
-    __android_log_print(ANDROID_LOG_INFO, "Tag", "text");
-    EXPECT_EQ(errno, ENOENT);
-    dup2(standardError, STDERR_FILENO);
-    close(standardError);
     __android_log_set_logger([](const __android_log_message*) { errno = EIO; });
-    errno = ENOENT;
-    __android_log_write(ANDROID_LOG_INFO, "Tag", "text");
-    EXPECT_EQ(errno, ENOENT);
+    expectErrnoKept();
     __android_log_set_logger(nullptr);
+    close(STDERR_FILENO);
+    expectErrnoKept();
 }
 
-// Catches: messages that are dropped although nobody asked for it, as other hosts' logs do with DEBUG,
-// or let through below the minimum.
+// Catches: messages that are dropped without a minimum, as other hosts' logs do with DEBUG, or let
+// through below it.
 TEST(Log, EverythingIsLetThroughUntilAMinimumIsSet) {
     LogCapture log;
     EXPECT_EQ(__android_log_write(ANDROID_LOG_VERBOSE, "Tag", "text"), 1);
