@@ -1,6 +1,9 @@
-// Damaged streams: whatever the damage, vxrun ends with a verdict, and passes only on full evidence.
+// Damaged streams: whatever the damage, vxrun ends with a verdict, and passes only on full
+// evidence.
 #include "support/Scale.h"
 #include "support/Vxrun.h"
+
+#include <set>
 
 namespace {
 
@@ -12,7 +15,8 @@ protected:
         std::string name, codec, data;
     };
 
-    // A second of pictures by every codec that the ffmpeg program has, each with its list beside it.
+    // A second of pictures by every codec that the ffmpeg program has, each with its list beside
+    // it.
     std::vector<Stream> makeStreams() const {
         const std::string codecs[][2] = {{"a.264", "libx264"},        {"b.265", "libx265"},
                                          {"c.ivf", "libvpx"},         {"d.webm", "libvpx-vp9"},
@@ -32,23 +36,18 @@ protected:
     void expectVerdict(const Stream& stream, const std::string& data) {
         const std::string file = path("bad" + stream.name.substr(1));
         writeFile(file, data);
-        const Result result = vxrun({VXRUN_GRAPHS_DIR "/decode.json", "--timeout", "50", "--set",
-                                     "reader.file=" + file, "--set", "decoder.threads=2", "--set",
-                                     "check.expect=" + path(stream.name + ".framemd5")});
-        const bool known =
-            result.exit == 0 || result.exit == 1 || result.exit == 3 || result.exit == 77;
-        EXPECT_TRUE(known) << result.exit << result.out << result.err;
+        const Result result =
+            vxrun({VXRUN_GRAPHS_DIR "/decode.json", "--timeout", "50", "reader.file=" + file,
+                   "decoder.threads=2", "check.expect=" + path(stream.name + ".framemd5")});
+        if (result.exit == 0) return expectPass(result, "10");
+        EXPECT_EQ(std::set({1, 3, 77}).count(result.exit), 1u) << result.exit << result.err;
         EXPECT_EQ(result.out.rfind("verdict: ", 0), 0u) << result.out;
-        if (result.exit == 0) {
-            EXPECT_EQ(result.out, "verdict: PASS frames=10 checked=10 first_bad=-\n");
-        } else {
-            EXPECT_NE(result.err, "") << "a failure without a reason";
-        }
+        EXPECT_NE(result.err, "") << "a failure without a reason";
     }
 };
 
-// Catches: a stream that is cut short and hangs, crashes, or passes with fewer frames. One that has only
-// lost the index at its end still has them all.
+// Catches: a stream that is cut short and hangs, crashes, or passes with fewer frames. One that has
+// only lost the index at its end still has them all.
 TEST_F(VxrunMalformed, TruncatedStreamsGetAVerdict) {
     for (const Stream& stream : makeStreams()) {
         const size_t step = std::max<size_t>(1024, stream.data.size() / scaled(8));
@@ -59,8 +58,8 @@ TEST_F(VxrunMalformed, TruncatedStreamsGetAVerdict) {
     }
 }
 
-// Catches: flipped bits anywhere, in headers, sizes, tables or pictures, that hang or crash, or that
-// are not noticed although the pictures differ.
+// Catches: flipped bits anywhere, in headers, sizes, tables or pictures, that hang or crash, or
+// that are not noticed although the pictures differ.
 TEST_F(VxrunMalformed, FlippedBitsGetAVerdict) {
     uint32_t seed = 1;
     const auto random = [&seed](size_t limit) {

@@ -6,14 +6,13 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <spawn.h>
+#include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -24,6 +23,12 @@
 namespace vxrun_test {
 
 using Clock = std::chrono::steady_clock;
+using Words = std::vector<std::string>;
+
+inline Words operator+(Words words, const Words& more) {
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
 
 constexpr std::chrono::seconds kLimit(60);  // for one process, however slow the machine
 
@@ -33,43 +38,31 @@ constexpr std::chrono::seconds kLimit(60);  // for one process, however slow the
 class Process {
 public:
     // `environment` is added to the test's own. `terminal`: standard error is one.
-    Process(const std::vector<std::string>& command,
-            const std::vector<std::string>& environment = {}, bool terminal = false) {
+    Process(Words command, const Words& environment = {}, bool terminal = false) {
+        command = Words{"env"} + environment + command;
+        std::vector<char*> arguments;
+        for (std::string& word : command) arguments.push_back(word.data());
+        arguments.push_back(nullptr);
         int out[2], err[2];
         EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-        if (terminal) {
-            err[0] = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-            EXPECT_TRUE(grantpt(err[0]) == 0 && unlockpt(err[0]) == 0);
-            err[1] = open(ptsname(err[0]), O_RDWR | O_NOCTTY | O_CLOEXEC);
-        } else {
-            EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
+        EXPECT_EQ(
+            terminal ? openpty(&err[0], &err[1], nullptr, nullptr, nullptr) : pipe2(err, O_CLOEXEC),
+            0);
+        mPid = fork();
+        if (mPid == 0) {
+            dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+            dup2(out[1], 1);
+            dup2(err[1], 2);
+            execvp(arguments[0], arguments.data());
+            _exit(127);
         }
-        std::vector<char*> arguments, variables;
-        for (const auto& text : command) arguments.push_back(const_cast<char*>(text.c_str()));
-        for (const auto& text : environment) variables.push_back(const_cast<char*>(text.c_str()));
-        for (char** text = environ; *text != nullptr; ++text) variables.push_back(*text);
-        arguments.push_back(nullptr);
-        variables.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-        if (posix_spawnp(&mPid, arguments[0], &actions, nullptr, arguments.data(),
-                         variables.data()) != 0) {
-            mPid = -1;
-        }
-        posix_spawn_file_actions_destroy(&actions);
         close(out[1]);
         close(err[1]);
         mPipes[0] = out[0];
         mPipes[1] = err[0];
     }
     ~Process() {
-        if (mPid > 0) {
-            ::kill(mPid, SIGKILL);
-            waitpid(mPid, nullptr, 0);
-        }
+        if (mPid > 0 && ::kill(mPid, SIGKILL) == 0) waitpid(mPid, nullptr, 0);
         close(mPipes[0]);
         close(mPipes[1]);
     }
@@ -77,23 +70,18 @@ public:
     Process& operator=(const Process&) = delete;
 
     void kill(int signal) { ::kill(mPid, signal); }
-    // Whether the program has ended; wait() tells how.
-    bool ended() const {
-        siginfo_t info = {};
-        return waitid(P_PID, static_cast<id_t>(mPid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-               info.si_pid == mPid;
-    }
 
-    // Collects standard error until it contains `text`; false when it never does.
-    bool waitForError(const std::string& text) {
-        return collect([&] { return err.find(text) != std::string::npos; });
+    // Collects output until one of the two contains `text`; false when neither ever does.
+    bool waitFor(const std::string& text) {
+        const auto isIn = [&](const std::string& all) { return all.find(text) < all.size(); };
+        return collect([&] { return isIn(out) || isIn(err); });
     }
 
     // Collects everything to the end. The exit code, or -number when a signal ended the program, or
-    // -1000 when it could not be started or took too long.
+    // -1000 when it took too long.
     int wait() {
         int status = 0;
-        if (mPid <= 0 || !collect([&] { return mOpen == 0; })) return -1000;
+        if (!collect([&] { return !isOpen(); })) return -1000;
         waitpid(mPid, &status, 0);
         mPid = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
@@ -102,21 +90,21 @@ public:
     std::string out, err;
 
 private:
+    bool isOpen() const { return mPipes[0] >= 0 || mPipes[1] >= 0; }
     bool collect(const std::function<bool()>& enough) {
         while (!enough()) {
-            using std::chrono::milliseconds;
             pollfd sources[] = {{mPipes[0], POLLIN, 0}, {mPipes[1], POLLIN, 0}};
-            const auto left = std::chrono::duration_cast<milliseconds>(mDeadline - Clock::now());
-            if (mOpen == 0 || poll(sources, 2, static_cast<int>(left.count())) <= 0) return false;
+            const std::chrono::duration<double, std::milli> left = mDeadline - Clock::now();
+            const int limit = std::max(static_cast<int>(left.count()), 0);
+            if (!isOpen() || poll(sources, 2, limit) <= 0) return false;
             for (int i = 0; i < 2; ++i) {
                 if (sources[i].revents == 0) continue;
                 char chunk[4096];
-                const ssize_t got = read(mPipes[i], chunk, sizeof chunk);
-                if (got > 0) (i == 0 ? out : err).append(chunk, static_cast<size_t>(got));
-                if (got > 0) continue;
+                const ssize_t size = read(mPipes[i], chunk, sizeof chunk);
+                if (size > 0) (i == 0 ? out : err).append(chunk, static_cast<size_t>(size));
+                if (size > 0) continue;
                 close(mPipes[i]);
                 mPipes[i] = -1;
-                --mOpen;
             }
         }
         return true;
@@ -124,7 +112,6 @@ private:
 
     pid_t mPid = -1;
     int mPipes[2];
-    int mOpen = 2;
     const Clock::time_point mDeadline = Clock::now() + kLimit;
 };
 
@@ -133,7 +120,7 @@ struct Result {
     std::string out, err;
 };
 
-inline Result run(const std::vector<std::string>& command) {
+inline Result run(const Words& command) {
     Process process(command, {"VENDOR_VEXA_LOG_MSG=0"});  // vxrun's own lines only
     const int exit = process.wait();
     return {exit, process.out, process.err};
@@ -157,8 +144,8 @@ inline std::string replaced(std::string text, const std::string& what, const std
     return at == std::string::npos ? text : text.replace(at, what.size(), by);
 }
 
-// A Y4M file of `frames` frames of `bytes` bytes each. Deep samples stay within 9 bits, so that they
-// are valid at every depth.
+// A Y4M file of `frames` frames of `bytes` bytes each. Deep samples stay within 9 bits, so that
+// they are valid at every depth.
 inline std::string y4m(const std::string& fields, int bytes, int frames, bool deep = false) {
     std::string file = "YUV4MPEG2 " + fields + "\n";
     uint32_t noise = 1;
@@ -206,34 +193,39 @@ protected:
         return path("graph.json");
     }
 
-    Result vxrun(std::vector<std::string> arguments) const {
-        arguments.insert(arguments.begin(), VXRUN_BINARY);
-        return run(arguments);
+    // vxrun with `arguments`, in which node.key=value stands for --set node.key=value.
+    static Words command(const Words& arguments) {
+        Words words = {VXRUN_BINARY};
+        for (const std::string& word : arguments) {
+            const size_t equals = word.find('=');
+            const bool isConfig = equals < word.size() && word.find_first_of("./") < equals &&
+                                  word[0] != '/' && words.back() != "--set";
+            if (isConfig) words.push_back("--set");
+            words.push_back(word);
+        }
+        return words;
     }
+    static Result vxrun(const Words& arguments) { return run(command(arguments)); }
     // The same after `setup`, words of a shell: ulimit or, behind "$@", where descriptors lead.
-    Result vxrunIn(const std::string& setup, std::vector<std::string> arguments) const {
-        arguments.insert(arguments.begin(), {"sh", "-c", setup, "sh", VXRUN_BINARY});
-        return run(arguments);
+    static Result vxrunIn(const std::string& setup, const Words& arguments) {
+        return run(Words{"sh", "-c", setup, "sh"} + command(arguments));
     }
 
-    // The list that the ffmpeg program makes of `input`, named after its format; false where there is
-    // no such program.
-    bool makeList(const std::vector<std::string>& input, const std::string& format) const {
-        std::vector<std::string> command = {"ffmpeg", "-v", "error", "-y"};
-        command.insert(command.end(), input.begin(), input.end());
-        command.insert(command.end(), {"-fflags", "+bitexact", "-f", format, path(format)});
-        const Result made = run(command);
-        EXPECT_TRUE(made.exit == 0 || made.exit == -1000 || made.exit == 127) << made.err;
+    // Runs the ffmpeg program; false where there is no such program.
+    static bool ffmpeg(const Words& arguments) {
+        const Result made = run(Words{"ffmpeg", "-v", "error", "-y"} + arguments);
+        EXPECT_TRUE(made.exit == 0 || made.exit == 127) << made.err;
         return made.exit == 0;
     }
-
-    // A clip made by the ffmpeg program; false where there is no such program.
+    // The list that ffmpeg makes of `input`, named after its format.
+    bool makeList(const Words& input, const std::string& format) const {
+        return ffmpeg(input + Words{"-fflags", "+bitexact", "-f", format, path(format)});
+    }
+    // A clip made by ffmpeg.
     bool makeVideo(const std::string& name, const std::string& pixels, const std::string& codec,
                    const std::string& source = "testsrc2=size=35x27:rate=30:duration=1") const {
-        const Result made = run({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", source,
-                                 "-pix_fmt", pixels, "-strict", "-1", "-c:v", codec, path(name)});
-        EXPECT_TRUE(made.exit == 0 || made.exit == -1000 || made.exit == 127) << made.err;
-        return made.exit == 0;
+        return ffmpeg({"-f", "lavfi", "-i", source, "-pix_fmt", pixels, "-strict", "-1", "-c:v",
+                       codec, path(name)});
     }
 
     // A clip of 4 frames and vxrun's own list of it; the shipped graphs find both by their names.
@@ -246,23 +238,31 @@ protected:
     std::string mFolder;
 };
 
-// The lines of `text` but for those of a snapshot, which are indented.
-inline int linesOf(const std::string& text) {
-    int count = 0;
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) count += line.rfind("  ", 0) != 0;
-    return count;
+// ---- Expectations -----------------------------------------------------------------------------
+
+inline void expectHas(const std::string& text, const std::string& part) {
+    EXPECT_NE(text.find(part), std::string::npos) << text << "lacks\n" << part;
 }
 
-// The one line that a failure gives, and nothing else but a snapshot.
+inline void expectPass(const Result& result, const std::string& frames) {
+    EXPECT_EQ(result.out, "verdict: PASS frames=" + frames + " checked=" + frames +  //
+                              " first_bad=-\n");
+    EXPECT_EQ(result.exit, 0) << result.err;
+}
+
+// The one line that a failure gives, and nothing else but a snapshot, whose lines are indented.
+// `verdict`: the word, when no frame was checked, or all behind it.
 inline void expectFailure(const Result& result, int exit, const std::string& verdict,
                           const std::string& line) {
+    const bool isWord = verdict.find(' ') == std::string::npos;
     EXPECT_EQ(result.exit, exit) << result.err;
-    EXPECT_EQ(result.out, "verdict: " + verdict + "\n");
-    EXPECT_NE(result.err.find(line), std::string::npos) << result.err << "does not say\n" << line;
-    EXPECT_EQ(linesOf(result.err), 1) << result.err;
+    EXPECT_EQ(result.out,
+              "verdict: " + verdict + (isWord ? " frames=0 checked=0 first_bad=-" : "") + "\n");
+    expectHas(result.err, line);
+    int count = 0;
+    std::istringstream lines(result.err);
+    for (std::string text; std::getline(lines, text);) count += text.rfind("  ", 0) != 0;
+    EXPECT_EQ(count, 1) << result.err;
 }
-
-const char kNothing[] = " frames=0 checked=0 first_bad=-";
 
 }  // namespace vxrun_test
