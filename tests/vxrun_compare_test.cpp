@@ -247,6 +247,34 @@ TEST_F(VxrunCompare, JudgesByTolerancePsnrAndSsim) {
     }
 }
 
+// Catches: a window of samples that is lost, counted twice or misplaced at the end of a row or
+// column, or in a plane smaller than a window. The figures come from another program: a plane of
+// 100, one sample 148.
+TEST_F(VxrunCompare, MeasuresSsimInEveryWindow) {
+    struct Case {
+        size_t width, height, x, y;
+        const char* ssim;
+    };
+    const Case cases[] = {
+        {13, 8, 12, 0, "0.874276"},    // the last of 3 windows
+        {8, 13, 0, 12, "0.874276"},    // the same in a column
+        {13, 13, 12, 12, "0.958092"},  // the last of 9
+        {13, 13, 6, 6, "0.622827"},    // all 9
+        {12, 8, 3, 0, "0.811414"},     // the first of 2
+        {5, 3, 4, 2, "0.28974"},       // one, smaller
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.ssim);
+        const std::string size = "W" + std::to_string(c.width) + " H" + std::to_string(c.height);
+        Clip flat(1, size + " Cmono", c.width * c.height);
+        flat.frames[0].assign(c.width * c.height, 100);
+        Clip sample = flat;
+        sample.frames[0][c.y * c.width + c.x] = static_cast<char>(148);
+        expectHas(compare(sample, flat, {"cmp.ssim=0.01"}).err,
+                  std::string("the lowest is ssim ") + c.ssim + " (Y " + c.ssim + ") in frame 0\n");
+    }
+}
+
 // Catches: pictures of the wrong frame, size, depth or content, more of them than asked for, a
 // difference too small to be seen.
 TEST_F(VxrunCompare, WritesWrongFrames) {
