@@ -343,36 +343,53 @@ TEST_F(VxrunCompare, UnevenBranchesDoNotStall) {
                   "CORRUPT_DESCR", "output port 'a' feeds another input of node 'cmp' already");
 }
 
-// Catches: a pool that holds fewer pictures than an encoder keeps back, which are all waiting to be
-// compared with what it makes of them, and that is called large enough; a fence that is said to
-// keep pictures.
-TEST_F(VxrunCompare, CheckKnowsWhatWaitsForAnEncoder) {
-    const std::string file = path("transcode.json"),
-                      graph = contentOf(VXRUN_GRAPHS_DIR "/transcode.json");
-    if (!makeVideo("clip.264", "yuv420p", "libx264")) GTEST_SKIP() << "no ffmpeg program";
-    // Without B frames the decoder behind the encoder keeps none.
-    const auto with = [&](const char* slots) {
-        writeFile(file, replaced(replaced(graph, "threads=1", "threads=1:bf=0"), "\"slots\": 32",
-                                 std::string("\"slots\": ") + slots));
-    };
-    with("8");
-    Result checked = vxrun({"check", file});
-    EXPECT_EQ(checked.out, "check: mistakes=1\n");
-    expectHas(checked.err,
-              "nodes[1].configs.slots: a pool of 8 buffers, of which the nodes behind");
-    EXPECT_EQ(vxrun({file, "--stall", "1"}).exit, 124);
-    with("16");
-    checked = vxrun({"check", file});
-    EXPECT_EQ(checked.out + checked.err, "check: mistakes=0\n");
-    EXPECT_EQ(vxrun({file, "--timeout", "50"}).exit, 0);
-
-    // All of these pass each picture on, sooner or later.
-    const std::string fenced =
-        graphOf("a source/y4m f.0; f transform/fence cmp.0; b source/y4m cmp.1; cmp sink/compare");
-    EXPECT_EQ(vxrun({"check", fenced, "a.slots=1"}).out, "check: mistakes=0\n");
+// Catches: a pool that holds fewer pictures than a delay or an encoder keeps back, all waiting to be
+// compared with what it makes of them, and that is called large enough, or the other way round; a
+// stalled run that does not show which node has the buffers; a fence that is said to keep pictures.
+TEST_F(VxrunCompare, ChecksKnowWhatCannotMove) {
     writeFile(path("clip.y4m"), y4m("W6 H4 F25:1", 36, 20));
-    const std::string clip = path("clip.y4m");
-    EXPECT_EQ(vxrun({fenced, "a.slots=1", "a.file=" + clip, "b.file=" + clip}).exit, 0);
+    const std::string delayed = path("delayed.json"), transcode = path("transcode.json"),
+                      fenced = path("fenced.json"), clip = "file=" + path("clip.y4m");
+    std::filesystem::rename(
+        graphOf("a source/y4m d.0; d transform/delay check.0; check sink/checksum"), delayed);
+    std::filesystem::rename(graphOf("a source/y4m f.0; f transform/fence cmp.0; "
+                                    "b source/y4m cmp.1; cmp sink/compare"),
+                            fenced);
+    // Without B frames the decoder behind the encoder keeps none.
+    const std::string shipped = contentOf(VXRUN_GRAPHS_DIR "/transcode.json");
+    writeFile(transcode, replaced(shipped, "threads=1", "threads=1:bf=0"));
+    if (!makeVideo("clip.264", "yuv420p", "libx264")) GTEST_SKIP() << "no ffmpeg program";
+    const std::string expect = "check.expect=" + path("list");
+    ASSERT_EQ(vxrun({delayed, "a." + clip, "--record", path("list")}).exit, 0);
+    struct Case {
+        Words arguments;
+        int exit;
+        std::string mistake, pool;
+    };
+    const Case cases[] = {
+        {{delayed, "a." + clip, expect, "d.frames=7"}, 0, "", ""},
+        {{delayed, "a." + clip, expect, "d.frames=8"},
+         124,
+         "nodes[0]: a pool of 8 buffers, of which the nodes behind it keep 8: the run could not "
+         "move",
+         "\n  pool of 'a': free 0, out 8, d holds 8\n"},
+        {{transcode, "decoder.slots=16"}, 0, "", ""},
+        {{transcode, "decoder.slots=8"},
+         124,
+         "nodes[1].configs.slots: a pool of 8 buffers, of which the nodes behind",
+         ""},
+        // All of these pass each picture on, sooner or later.
+        {{fenced, "a." + clip, "b." + clip, "a.slots=1"}, 0, "", ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.arguments[0] + c.mistake);
+        const Result checked = vxrun(Words{"check"} + c.arguments);
+        EXPECT_EQ(checked.out, c.mistake.empty() ? "check: mistakes=0\n" : "check: mistakes=1\n");
+        expectHas(checked.err, c.mistake);
+        const Result ran = vxrun(c.arguments + Words{"--stall", c.exit == 124 ? "1" : "0"});
+        EXPECT_EQ(ran.exit, c.exit) << ran.err;
+        expectHas(ran.err, c.pool);
+    }
 }
 
 // Catches: a fence that is not waited for, pictures out of order behind it, a fence that never

@@ -362,32 +362,6 @@ TEST_F(VxrunObserved, ChecksFindEverything) {
     }
 }
 
-// Catches: a pool that is called too small and is not, or the other way round; a stalled run that
-// does not show which node has the buffers.
-TEST_F(VxrunObserved, ChecksKnowWhatCannotMove) {
-    writeFile(path("clip.y4m"), y4m("W6 H4 F25:1", 36, 12));
-    for (const bool moves : {true, false}) {
-        SCOPED_TRACE(moves);
-        const std::string file = graph("linear", "\"transform/passthrough\"",
-                                       "\"transform/delay\", \"configs\": { \"frames\": " +
-                                           std::string(moves ? "7" : "8") + " }");
-        const std::string text = contentOf(file);
-        const Result checked = vxrun({"check", file});
-        ASSERT_EQ(vxrun({unchecked("linear"), "check.write=" + path("list")}).exit, 4);
-        writeFile(path("graph.json"), text);
-        const Result ran =
-            vxrun({file, "check.expect=" + path("list"), "--stall", moves ? "0" : "1"});
-        EXPECT_EQ(checked.out, moves ? "check: mistakes=0\n" : "check: mistakes=1\n");
-        EXPECT_EQ(ran.exit, moves ? 0 : 124) << ran.err;
-        if (moves) continue;
-        expectHas(
-            checked.err,
-            "graph.json:4:5: nodes[0]: a pool of 8 buffers, of which the nodes behind it keep 8: "
-            "the run could not move");
-        expectHas(ran.err, "\n  pool of 'reader': free 0, out 8, copy holds 8\n");
-    }
-}
-
 // Catches: colors in a file, or none where they are asked for.
 TEST_F(VxrunObserved, Colors) {
     makeClip();
