@@ -44,50 +44,64 @@ protected:
     }
 };
 
-// Catches: trouble in mid-stream without a verdict, exit code or snapshot of its own; a signal or
-// time-out that does not stop in order.
+// Catches: an end in mid-stream without a verdict, exit code or snapshot of its own, or not in order;
+// a difference that was found before it and is lost, or dumps that cannot be written and hide it.
 TEST_F(VxrunObserved, EndsInOrder) {
     makeClip();
-    const std::string clip = contentOf(path("clip.y4m"));
-    writeFile(path("cut.y4m"), clip.substr(0, clip.size() - 1));
+    const std::string clip = contentOf(path("clip.y4m")), endlessFile = path("endless.json");
+    std::filesystem::rename(endless(), endlessFile);
+    const std::string linear = graph("linear");
     const int writer = makePipe("");
-    const std::string text = contentOf(endless());
-    writeFile(path("endless.json"), text);
-    const std::string pipe = "reader.file=" + path("pipe");
+    const Words cut = {linear, "reader.file=" + path("cut.y4m"), "--dump-bad", path("dump")},
+                pipe = {linear, "reader.file=" + path("pipe")}, never = {endlessFile};
+    // It exists, and nothing can be written there.
+    std::filesystem::create_directories(path("dump/check.frame000001.got.raw"));
     struct Case {
-        Words arguments;  // without a config: the endless graph's
+        Words arguments;
         std::string verdict;
         int exit;
-        const char* snapshot;  // the reason of one
+        std::string snapshot;  // the reason of one
         int signal = 0;
     };
     const Case cases[] = {
-        {{"reader.file=" + path("cut.y4m")}, "NODE_FAIL_FATAL", 3, "error"},
-        {{pipe, "--stall", "0.3"}, "STALL", 124, "stall"},
-        {{pipe, "--timeout", "0.3"}, "TIMEOUT", 124, "timeout"},
-        {{"--timeout", "0.3", "--stall", "0"}, "TIMEOUT", 124, "timeout"},
-        {{}, "SIGINT", 130, nullptr, SIGINT},
-        {{}, "SIGTERM", 143, nullptr, SIGTERM},
+        {cut, "NODE_FAIL_FATAL", 3, "error"},
+        {pipe + Words{"--stall", "1"}, "STALL", 124, "stall"},
+        {pipe + Words{"--timeout", "1"}, "TIMEOUT", 124, "timeout"},
+        {pipe, "SIGINT", 130, "", SIGINT},
+        {never + Words{"--timeout", "0.3", "--stall", "0"}, "TIMEOUT", 124, "timeout"},
+        {never, "SIGINT", 130, "", SIGINT},
+        {never, "SIGTERM", 143, "", SIGTERM},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.verdict);
-        const bool isEndless = c.arguments.empty() || c.arguments[0] == "--timeout";
-        const std::string dots = path("dots" + std::to_string(&c - cases));
-        Process process(command(
-            Words{isEndless ? path("endless.json") : graph("linear"), "--log", "8", "--dot", dots} +
-            c.arguments));
-        if (c.signal != 0) {
-            ASSERT_TRUE(process.waitFor("Wait for completion")) << process.err;
-            process.kill(c.signal);
+        const bool isEndless = c.arguments[0] == endlessFile, isPipe = !isEndless && c.exit != 3;
+        for (const bool differs : {false, true}) {
+            if (isEndless && differs) break;
+            SCOPED_TRACE(c.verdict + (differs ? " after a difference" : ""));
+            std::string data = clip.substr(0, clip.size() - 1);
+            if (differs) data[data.size() - 100] ^= 1;
+            writeFile(path("cut.y4m"), data);
+            if (isPipe) {
+                ASSERT_EQ(write(writer, data.data(), data.size()), ssize_t(data.size()));
+            }
+            const std::string dots = path("dots" + std::to_string(&c - cases) + c.verdict);
+            Process process(command(c.arguments + Words{"--log", "8", "--dot", dots}));
+            EXPECT_TRUE(process.waitFor(differs ? "'check': frame 1 (timestamp 1): expected "
+                                                : "Wait for completion"));
+            if (c.signal != 0) process.kill(c.signal);
+            EXPECT_EQ(process.wait(), differs ? 1 : c.exit) << process.err;
+            const std::string verdict = differs ? "CRC_MISMATCH" : c.verdict;
+            EXPECT_EQ(process.out.rfind("verdict: " + verdict + " frames=", 0), 0u) << process.out;
+            expectHas(process.out, differs ? " first_bad=1\n" : " first_bad=-\n");
+            const auto isThere = [&](const char* line) {
+                return process.err.find(line) < process.err.size();
+            };
+            EXPECT_EQ(isThere("no more frames are dumped: "), differs && c.exit == 3);
+            EXPECT_EQ(isThere("the graph does not stop"), isPipe) << process.err;
+            if (isEndless) expectHas(process.err, "Handle Stop");
+            if (c.snapshot.empty() || differs) continue;
+            expectHas(process.err, "\n  graph 'linear' at 0.00.");
+            EXPECT_EQ(reasons(dots).count("-" + c.snapshot + ".dot"), 1u);
         }
-        EXPECT_EQ(process.wait(), c.exit) << process.err;
-        EXPECT_EQ(process.out.rfind("verdict: " + c.verdict + " frames=", 0), 0u) << process.out;
-        if (isEndless) expectHas(process.err, "Handle Stop");
-        EXPECT_EQ(process.err.find("the graph does not stop") < process.err.size(),
-                  c.verdict == "STALL" || (!isEndless && c.verdict == "TIMEOUT"));
-        if (c.snapshot == nullptr) continue;
-        expectHas(process.err, "\n  graph 'linear' at 0.00.");
-        EXPECT_EQ(reasons(dots).count("-" + std::string(c.snapshot) + ".dot"), 1u);
     }
     close(writer);
 }

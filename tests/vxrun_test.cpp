@@ -285,47 +285,6 @@ TEST_F(Vxrun, NamesTheFirstFrameThatDiffers) {
     }
 }
 
-// Catches: a difference that was found and is lost when the run ends early, however that comes
-// about.
-TEST_F(Vxrun, ADifferenceStaysTheVerdict) {
-    makeClip();
-    const std::string clip = contentOf(path("clip.y4m"));
-    std::string damaged = clip.substr(0, clip.size() - 1);
-    damaged[damaged.size() - 100] ^= 1;
-    writeFile(path("cut.y4m"), damaged);
-    ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
-    const int writer = open(path("pipe").c_str(), O_RDWR | O_CLOEXEC);
-    struct Case {
-        std::string file;
-        Words options;
-        int signal = 0;
-    };
-    const Case cases[] = {
-        {"cut.y4m", {}},
-        {"cut.y4m", {"--dump-bad", path("dump")}},
-        {"pipe", {"--timeout", "0.5"}},
-        {"pipe", {"--stall", "0.5"}},
-        {"pipe", {}, SIGINT},
-    };
-    // It exists, and nothing can be written there.
-    std::filesystem::create_directories(path("dump/check.frame000001.got.raw"));
-    for (const Case& c : cases) {
-        SCOPED_TRACE(&c - cases);
-        if (c.file == "pipe") {
-            ASSERT_EQ(write(writer, damaged.data(), damaged.size()), ssize_t(damaged.size()));
-        }
-        Process process(command(Words{graph("linear"), "reader.file=" + path(c.file)} + c.options));
-        EXPECT_TRUE(process.waitFor("vxrun: node 'check': frame 1 (timestamp 1): expected "));
-        if (c.signal != 0) process.kill(c.signal);
-        EXPECT_EQ(process.wait(), 1) << process.err;
-        EXPECT_EQ(process.out.rfind("verdict: CRC_MISMATCH frames=", 0), 0u) << process.out;
-        expectHas(process.out, " first_bad=1\n");
-        const bool isRefused = process.err.find("no more frames are dumped: ") < process.err.size();
-        EXPECT_EQ(isRefused, c.options.size() == 2 && c.options[0] == "--dump-bad") << process.err;
-    }
-    close(writer);
-}
-
 // ---- Bad input --------------------------------------------------------------------------------
 
 // Catches: a bad file that hangs, crashes, reserves absurd memory, passes, or is not named with the
