@@ -71,11 +71,10 @@ protected:
 
 // Catches: a wrong sample that is missed, put in the wrong place or given the wrong shape.
 TEST_F(VxrunCompare, ShowsWhereAndInWhatShape) {
-    struct Case {
+    const struct {
         size_t plane, x, y, width, height;
         const char* line;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {0, 70, 20, 1, 1,
          ", 8x8 block (8,2), 64x64 block (1,0); one sample; wrong samples: Y 1 of "
          "11520, Cb 0 of 2880, Cr 0 of 2880; largest difference 8\n"},
@@ -88,7 +87,7 @@ TEST_F(VxrunCompare, ShowsWhereAndInWhatShape) {
         {1, 0, 0, 72, 40, "; whole plane Cb; "},
     };
     const Clip wanted(4);
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         Clip got = wanted;
         const size_t start = c.plane == 0 ? 0 : Clip::kLuma + (c.plane - 1) * Clip::kChroma;
         const size_t stride = Clip::kWidth / (c.plane == 0 ? 1 : 2);
@@ -109,11 +108,10 @@ TEST_F(VxrunCompare, ShowsWhereAndInWhatShape) {
 // Catches: a wrong cropping offset that is not seen, seen with the wrong sign or size, or seen in a
 // plain picture, where every shift fits.
 TEST_F(VxrunCompare, FindsAShiftInSpace) {
-    struct Case {
+    const struct {
         int dx, dy;
         const char* line;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {2, 1, "; shifted by (2,1): sample (x,y) is the wanted (x+2,y+1); wrong samples: Y "},
         {0, -16, "; shifted by (0,-16): sample (x,y) is the wanted (x+0,y-16); "},
         {-3, 0, "; shifted by (-3,0): "},
@@ -121,7 +119,7 @@ TEST_F(VxrunCompare, FindsAShiftInSpace) {
     };
     const Clip wanted(2);
     const int width = Clip::kWidth, height = 80;
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         Clip got = wanted;
         for (int y = std::max(-c.dy, 0); y < std::min(height - c.dy, height); ++y) {
@@ -209,13 +207,12 @@ TEST_F(VxrunCompare, JudgesByTolerancePsnrAndSsim) {
     const Clip deep(2, "W7 H5 F25:1 C444p10", 210, true);
     Clip deepSample = deep;
     deepSample.frames[1][9] ^= 2;  // the high byte: a difference of 512
-    struct Case {
+    const struct {
         const Clip &got, &wanted;
         const char* config;
         int exit;
         const char* line;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {sample, flat, "tolerance=48", 0, ""},
         {sample, flat, "tolerance=47", 1, "plane Y x=5 y=0 got 148 wanted 100"},
         {deepSample, deep, "tolerance=512", 0, ""},
@@ -238,7 +235,7 @@ TEST_F(VxrunCompare, JudgesByTolerancePsnrAndSsim) {
     };
     const std::map<int, std::string> verdicts = {
         {0, "PASS"}, {1, "INFO_VALIDATION_FAIL"}, {3, "NODE_FAIL_"}};
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.config);
         const Result result = compare(c.got, c.wanted, {"cmp." + std::string(c.config)});
         EXPECT_EQ(result.exit, c.exit);
@@ -251,11 +248,10 @@ TEST_F(VxrunCompare, JudgesByTolerancePsnrAndSsim) {
 // column, or in a plane smaller than a window. The figures come from another program: a plane of
 // 100, one sample 148.
 TEST_F(VxrunCompare, MeasuresSsimInEveryWindow) {
-    struct Case {
+    const struct {
         size_t width, height, x, y;
         const char* ssim;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {13, 8, 12, 0, "0.874276"},    // the last of 3 windows
         {8, 13, 0, 12, "0.874276"},    // the same in a column
         {13, 13, 12, 12, "0.958092"},  // the last of 9
@@ -263,7 +259,7 @@ TEST_F(VxrunCompare, MeasuresSsimInEveryWindow) {
         {12, 8, 3, 0, "0.811414"},     // the first of 2
         {5, 3, 4, 2, "0.28974"},       // one, smaller
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.ssim);
         const std::string size = "W" + std::to_string(c.width) + " H" + std::to_string(c.height);
         Clip flat(1, size + " Cmono", c.width * c.height);
@@ -278,16 +274,15 @@ TEST_F(VxrunCompare, MeasuresSsimInEveryWindow) {
 // Catches: pictures of the wrong frame, size, depth or content, more of them than asked for, a
 // difference too small to be seen.
 TEST_F(VxrunCompare, WritesWrongFrames) {
-    struct Case {
+    const struct {
         const char* fields;
         size_t size, bytes;
         const char* pixels;  // of the picture
-    };
-    const Case cases[] = {{"W9 H5 F25:1 C420", 45 + 2 * 15, 1, "rgb24"},
-                          {"W9 H5 F25:1 C444p12", 2 * 135, 2, "rgb48be"},
-                          {"W9 H5 F25:1 Cmono10", 2 * 45, 2, "gray16be"}};
+    } cases[] = {{"W9 H5 F25:1 C420", 45 + 2 * 15, 1, "rgb24"},
+                 {"W9 H5 F25:1 C444p12", 2 * 135, 2, "rgb48be"},
+                 {"W9 H5 F25:1 Cmono10", 2 * 45, 2, "gray16be"}};
     const std::string folder = path("deep/bad"), stem = folder + "/cmp.frame000003.";
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.fields);
         const Clip wanted(6, c.fields, c.size, c.bytes == 2);
         Clip got = wanted;
@@ -361,12 +356,11 @@ TEST_F(VxrunCompare, ChecksKnowWhatCannotMove) {
     if (!makeVideo("clip.264", "yuv420p", "libx264")) GTEST_SKIP() << "no ffmpeg program";
     const std::string expect = "check.expect=" + path("list");
     ASSERT_EQ(vxrun({delayed, "a." + clip, "--record", path("list")}).exit, 0);
-    struct Case {
+    const struct {
         Words arguments;
         int exit;
         std::string mistake, pool;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {{delayed, "a." + clip, expect, "d.frames=7"}, 0, "", ""},
         {{delayed, "a." + clip, expect, "d.frames=8"},
          124,
@@ -381,7 +375,7 @@ TEST_F(VxrunCompare, ChecksKnowWhatCannotMove) {
         // All of these pass each picture on, sooner or later.
         {{fenced, "a." + clip, "b." + clip, "a.slots=1"}, 0, "", ""},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.arguments[0] + c.mistake);
         const Result checked = vxrun(Words{"check"} + c.arguments);
         EXPECT_EQ(checked.out, c.mistake.empty() ? "check: mistakes=0\n" : "check: mistakes=1\n");

@@ -56,14 +56,13 @@ TEST_F(VxrunObserved, EndsInOrder) {
                 pipe = {linear, "reader.file=" + path("pipe")}, never = {endlessFile};
     // It exists, and nothing can be written there.
     std::filesystem::create_directories(path("dump/check.frame000001.got.raw"));
-    struct Case {
+    const struct {
         Words arguments;
         std::string verdict;
         int exit;
         std::string snapshot;  // the reason of one
         int signal = 0;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {cut, "NODE_FAIL_FATAL", 3, "error"},
         {pipe + Words{"--stall", "1"}, "STALL", 124, "stall"},
         {pipe + Words{"--timeout", "1"}, "TIMEOUT", 124, "timeout"},
@@ -72,7 +71,7 @@ TEST_F(VxrunObserved, EndsInOrder) {
         {never, "SIGINT", 130, "", SIGINT},
         {never, "SIGTERM", 143, "", SIGTERM},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         const bool isEndless = c.arguments[0] == endlessFile, isPipe = !isEndless && c.exit != 3;
         for (const bool differs : {false, true}) {
             if (isEndless && differs) break;
@@ -353,12 +352,11 @@ TEST_F(VxrunObserved, ChecksFindEverything) {
     EXPECT_EQ(vxrun({"check", path("none")}).exit, 2);
 
     // What an option sets counts, and what could not fail does not.
-    struct Case {
+    const struct {
         std::string graph;
         Words configs;
         std::string line;  // empty: no mistake
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"compare", {"compare.tolerance=65535"}, "expected a number from 0 to 65534, got '65535'"},
         {"compare", {"compare.psnr=1e-300"}, "expected a number from 1 to 108, got '1e-300'"},
         {"compare", {"compare.ssim=nan"}, "expected a number from 0.01 to 1, got 'nan'"},
@@ -367,7 +365,7 @@ TEST_F(VxrunObserved, ChecksFindEverything) {
         {"linear", {"check.expect="}, "config 'expect': expected the name of a file, got ''"},
         {"linear", {"nosuch.key=1"}, "the graph has no node 'nosuch'"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         const Result checked =
             vxrun(Words{"check", VXRUN_GRAPHS_DIR "/" + c.graph + ".json"} + c.configs);
@@ -379,12 +377,11 @@ TEST_F(VxrunObserved, ChecksFindEverything) {
 // Catches: colors in a file, or none where they are asked for.
 TEST_F(VxrunObserved, Colors) {
     makeClip();
-    struct Case {
+    const struct {
         Words environment;
         const char* option;
         bool isPainted;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {{}, "auto", false},
         {{}, "always", true},
         {{"CLICOLOR_FORCE=1"}, "auto", true},
@@ -393,7 +390,7 @@ TEST_F(VxrunObserved, Colors) {
         {{"CLICOLOR_FORCE=1"}, "never", false},
         {{"NO_COLOR=1"}, "always", true},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         Process process(command({graph("linear"), "--color", c.option}), c.environment);
         EXPECT_EQ(process.wait(), 0);
         const std::string word = c.isPainted ? "\033[32mPASS\033[m" : "PASS";

@@ -32,18 +32,17 @@ TEST_F(VxrunGoldens, RecordsWhatItThenExpects) {
     const std::string clip = contentOf(path("clip.y4m"));
     std::string damaged = clip;
     damaged[damaged.size() - 1] ^= 1;
-    struct Case {
-        std::string file, format, holds, line;  // of a mismatch
-    };
     const std::string differs = "1 of 4 frames differ, first is frame 3\n";
-    const Case cases[] = {
+    const struct {
+        std::string file, format, holds, line;  // of a mismatch
+    } cases[] = {
         {"a.framemd5", "", "#format: frame checksums", differs},
         {"a.framecrc", "", ", 0x", differs},
         {"a.md5", "", "  frame-6x4-0004\n", differs},
         {"a.json", "", "\"bit_depth\": 8,\n  \"frame_rate\": 25.0,\n  \"num_frames\": 4,", differs},
         {"a.txt", "md5", "MD5=", "the MD5 of all 4 frames differs: expected "},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.file);
         writeFile(path("clip.y4m"), clip);
         Words command = {graph("linear"), "--record", path(c.file)};
@@ -109,10 +108,8 @@ TEST_F(VxrunGoldens, ReadsWhatOthersPublish) {
     const std::string none = "no row in the list", nothing = "the MD5 of no data",
                       hash = "expected an MD5 of 32 digits, got '",
                       row = "expected '0, dts, pts, dur";
-    struct Case {
-        std::string list, line;  // an empty line: it passes
-    };
-    const Case cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
+        // list and line; none: it passes
         {whole, ""},
         {upper + "\r\n", ""},
         {"MD5=" + whole + "\n", ""},
@@ -148,12 +145,12 @@ TEST_F(VxrunGoldens, ReadsWhatOthersPublish) {
         {"0,0,0,1,36,0x01234567\n0,1,1,1,36," + whole, ":2: MD5 and CRC rows in one list"},
         {std::string("{\"md5_checksums\":[\"") + kNothingMd5 + "\"]}", nothing},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.list);
-        const Result result = check(c.list);
+    for (const auto& [list, line] : cases) {
+        SCOPED_TRACE(list);
+        const Result result = check(list);
         const bool isPass = result.out == "verdict: PASS frames=4 checked=4 first_bad=-\n";
-        EXPECT_EQ(isPass, c.line.empty()) << result.err;
-        expectHas(result.err, c.line);
+        EXPECT_EQ(isPass, line.empty()) << result.err;
+        expectHas(result.err, line);
     }
 }
 
@@ -212,11 +209,9 @@ protected:
     void makeSuite(const std::string& names) const {
         std::vector<Entry> entries;
         std::istringstream words(names);
-        for (std::string name; words >> name;) {
-            const std::string file = name == "stuck"  ? "pipe"
-                                     : name == "gone" ? "none"
-                                                      : "clip.m2v";
-            entries.push_back({name, file, "", "", mMd5});
+        for (std::string name; words >> name;) entries.push_back({name, "clip.m2v", "", "", mMd5});
+        for (Entry& e : entries) {
+            if (e.name == "stuck" || e.name == "gone") e.file = e.name == "stuck" ? "pipe" : "none";
         }
         makeSuite(entries);
     }
@@ -289,13 +284,12 @@ protected:
 // those who call it cannot use.
 TEST_F(VxrunSuite, DecodesInOneLine) {
     const std::string clip = path("clip.m2v");
-    struct Case {
+    const std::string done = "verdict: DONE frames=30 checked=0 first_bad=-\n";
+    const struct {
         Words options;
         int exit;
         std::string line;  // on standard error
-    };
-    const std::string done = "verdict: DONE frames=30 checked=0 first_bad=-\n";
-    const Case cases[] = {
+    } cases[] = {
         {{clip}, 0, done},
         {{clip, "--md5", "-o", path("a.yuv"), "--codec", "mpeg2video", "decoder.threads=2"},
          0,
@@ -309,7 +303,7 @@ TEST_F(VxrunSuite, DecodesInOneLine) {
         {{clip, "another"}, 2, "unexpected 'another'"},
         {{path("none.m2v")}, 3, "none.m2v: No such file or directory"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         const Result result = vxrun(Words{"decode"} + c.options);
         EXPECT_EQ(result.exit, c.exit);
@@ -382,14 +376,13 @@ TEST_F(VxrunSuite, ReportsEveryOutcome) {
 // Catches: a suite that passes although nothing ran, and other codes that scripts cannot rely on; a
 // bad suite file or option that is accepted.
 TEST_F(VxrunSuite, EndsWithACode) {
-    struct Case {
+    const std::string wrong(32, 'a'), pass = "verdict: PASS passed=1 failed=0 errors=0 skipped=0\n";
+    const struct {
         std::string md5, more;
         Words options;
         int exit;
         std::string line;  // on either output
-    };
-    const std::string wrong(32, 'a'), pass = "verdict: PASS passed=1 failed=0 errors=0 skipped=0\n";
-    const Case cases[] = {
+    } cases[] = {
         {mMd5, "", {}, 0, pass},
         {mMd5, "\"test_method\":\"md5\",\"time_taken\":1.5,", {}, 0, pass},
         {mMd5, "", {"--filter", "none*"}, 4, "verdict: NOTHING_CHECKED passed=0"},
@@ -408,7 +401,7 @@ TEST_F(VxrunSuite, EndsWithACode) {
         {mMd5, "", {"--trace", "a"}, 2, "suite excludes --trace"},
         {mMd5, "", {"--set", "decoder.threads=0"}, 1, "expected a number from 1 to 64, got '0'"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         makeSuite({{"a", "clip.m2v", "", "", c.md5}}, c.more);
         const Result result = run(suite(c.options));
@@ -513,19 +506,18 @@ TEST_F(VxrunSuite, KeepsReportsWhereTheyBelong) {
     EXPECT_EQ(junit().rfind("S.mpeg2video/stuck ;S.mpeg2video/v0 ;", 0), 0u);
 
     const std::string part = path("j.xml.part"), kept = path("kept");
-    struct Case {
+    const struct {
         std::string name;
         std::function<void()> make;
         int exit;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"a file", [&] { writeFile(part, "old"); }, 0},
         {"a pipe", [&] { mkfifo(part.c_str(), 0600); }, 2},
         {"a link", [&] { std::filesystem::create_symlink(kept, part); }, 2},
         {"a second name", [&] { std::filesystem::create_hard_link(kept, part); }, 0},
     };
     writeFile(kept, "kept");
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::filesystem::remove(part);
         c.make();
@@ -539,11 +531,10 @@ TEST_F(VxrunSuite, KeepsReportsWhereTheyBelong) {
 // Catches: a vector that no shard runs, or two do; a filter or variable that is ignored.
 TEST_F(VxrunSuite, SelectsVectors) {
     makeSuite("a-1 a-2 b-1 b-2 c");
-    struct Case {
+    const struct {
         Words options, variables;
         std::string names;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {{}, {}, "a-1 a-2 b-1 b-2 c "},
         {{"--filter", "a-*:S.c"}, {}, "a-1 a-2 c "},
         {{"--filter", "?-*:-*-2"}, {}, "a-1 b-1 "},
@@ -555,7 +546,7 @@ TEST_F(VxrunSuite, SelectsVectors) {
         {{}, {"GTEST_TOTAL_SHARDS=2", "GTEST_SHARD_INDEX=1"}, "a-2 b-2 "},
         {{"--shard", "1/1"}, {"GTEST_TOTAL_SHARDS=2", "GTEST_SHARD_INDEX=2"}, "a-1 a-2 b-1 b-2 c "},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.names);
         Process process(suite(Words{"--list"} + c.options), c.variables);
         EXPECT_EQ(process.wait(), 0) << process.err;
@@ -578,20 +569,18 @@ TEST_F(VxrunSuite, EndsWhatDoesNotEnd) {
     const Result late = run(suite({"--timeout", "0.5", "--filter", "stuck"}));
     EXPECT_EQ(late.exit, 1) << late.err;
     EXPECT_EQ(junit(), "S.mpeg2video/stuck error TIMEOUT log;");
-    struct Case {
-        int signal, exit;
-    };
-    for (const Case& c : {Case{SIGTERM, 143}, Case{SIGINT, 130}, Case{SIGKILL, -SIGKILL}}) {
-        SCOPED_TRACE(c.signal);
+    for (const auto& [signal, exit] :
+         {std::pair(SIGTERM, 143), {SIGINT, 130}, {SIGKILL, -SIGKILL}}) {
+        SCOPED_TRACE(signal);
         Process process(suite({"--timeout", "40"}));
         ASSERT_TRUE(process.waitFor("[2/3] next: Success")) << process.err;
         ASSERT_TRUE(waitForReport("errors=\"1\""));  // soon after that
-        process.kill(c.signal);
-        EXPECT_EQ(process.wait(), c.exit) << process.err;
+        process.kill(signal);
+        EXPECT_EQ(process.wait(), exit) << process.err;
         const std::string rest = junit();
         EXPECT_EQ(rest.rfind("S.mpeg2video/stuck error DID_NOT_FINISH;S.mpeg2video/good ;", 0), 0u)
             << rest;
-        EXPECT_EQ(process.out.find("verdict: ") != std::string::npos, c.signal != SIGKILL);
+        EXPECT_EQ(process.out.find("verdict: ") != std::string::npos, signal != SIGKILL);
         // Readers of the pipe: none any more, or soon.
         pollfd readers = {open(path("S/stuck/pipe").c_str(), O_WRONLY | O_NONBLOCK), 0, 0};
         EXPECT_TRUE(readers.fd < 0 || poll(&readers, 1, 20000) == 1) << "its processes live on";

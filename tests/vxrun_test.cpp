@@ -14,12 +14,11 @@ using namespace vxrun_test;
 // Catches: a wrong plane size, row order, hash start value or list column for any sampling, depth,
 // odd size, frame rate or aspect ratio; every one is compared with another program's list.
 TEST_F(Vxrun, AgreesWithFfmpegOnEveryFormat) {
-    struct Case {
+    const struct {
         const char* fields;
         int bytes;  // of a frame, worked out by hand
         bool deep = false;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"W8 H6 F25:1", 48 + 2 * 12},
         {"W7 H5 F30000:1001 C420jpeg", 35 + 2 * 12},
         {"W35 H27 F50:2 It A4:2 C420mpeg2 Xcomment XYSCSS=420MPEG2", 945 + 2 * 252},
@@ -36,7 +35,7 @@ TEST_F(Vxrun, AgreesWithFfmpegOnEveryFormat) {
         {"W1 H1 F25:1 C420p9", 2 * 3, true},
     };
     const std::string shipped = VXRUN_GRAPHS_DIR "/linear.json";
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.fields);
         writeFile(path("clip.y4m"), y4m(c.fields, c.bytes, 3, c.deep));
         for (const std::string format : {"framemd5", "framecrc"}) {
@@ -154,11 +153,10 @@ TEST_F(VxrunDecoding, ReportsConcealedDamage) {
 // passes or crashes.
 TEST_F(VxrunDecoding, AgreesWithFfmpegOnEveryFormat) {
     enum Kind { TEST, GROWS, UNSUPPORTED };
-    struct Case {
+    const struct {
         const char *name, *pixels, *codec;
         Kind kind;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"a.mkv", "yuv420p", "ffv1", TEST},         {"b.mkv", "yuv422p10le", "ffv1", TEST},
         {"c.mkv", "yuv444p16le", "ffv1", TEST},     {"d.mkv", "gray", "ffv1", TEST},
         {"e.mkv", "gray12le", "ffv1", TEST},        {"f.mkv", "gbrp10le", "ffv1", TEST},
@@ -171,7 +169,7 @@ TEST_F(VxrunDecoding, AgreesWithFfmpegOnEveryFormat) {
         // GROWS: plain pictures, and after them noise
         "testsrc2=size=35x27:rate=30:duration=1",
         "color=size=256x256:rate=10:duration=3,noise=alls=100:allf=t:enable='gte(t,2)'"};
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name + std::string(" ") + c.pixels);
         if (!makeVideo(c.name, c.pixels, c.codec, sources[c.kind == GROWS])) {
             GTEST_SKIP() << "no ffmpeg program";
@@ -215,13 +213,12 @@ TEST_F(VxrunDecoding, RefusesBadFilesAndConfigs) {
     expectHas(cut.err, "first at frame 29: ");
     EXPECT_TRUE(std::filesystem::exists(path("own"))) << "the sink did not finish";
 
-    struct Case {
-        std::string file, option, line, verdict = "NODE_FAIL_INIT";
-        int exit = 3;
-    };
     const std::string fatal = "NODE_FAIL_FATAL",
                       unread = ": no video file that libavformat can read";
-    const Case cases[] = {
+    const struct {
+        std::string file, option, line, verdict = "NODE_FAIL_INIT";
+        int exit = 3;
+    } cases[] = {
         {"none.264", "", "none.264: No such file or directory"},
         {"", "", ": Is a directory"},
         {"empty.264", "", "empty.264: no access unit in the file"},
@@ -235,7 +232,7 @@ TEST_F(VxrunDecoding, RefusesBadFilesAndConfigs) {
         {"good.ivf", "options=nosuch=1", "has no option 'nosuch'", fatal},
         {"good.ivf", "options=nosuch", "expected key=value:key=value, got 'nosuch'", fatal},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         Words options = {"decoder." + c.option};
         if (c.option.empty()) options.clear();
@@ -254,11 +251,10 @@ TEST_F(Vxrun, NamesTheFirstFrameThatDiffers) {
     const std::string lastRow = list.substr(list.rfind("\n0,") + 1);
     std::string damaged = clip;
     for (const size_t frame : {2, 3}) damaged[damaged.size() - (4 - frame) * 42 + 10] ^= 1;
-    struct Case {
-        std::string clip, list, verdict, first, last;  // lines
-    };
     const std::string check = "vxrun: node 'check': ", has = path("clip.framemd5") + " has ";
-    const Case cases[] = {
+    const struct {
+        std::string clip, list, verdict, first, last;  // lines
+    } cases[] = {
         {damaged, list, "frames=4 checked=4 first_bad=2", "frame 2 (timestamp 2): expected ",
          "2 of 4 frames differ, first is frame 2\n"},
         {clip, replaced(list, lastRow, ""), "frames=4 checked=3 first_bad=3",
@@ -271,7 +267,7 @@ TEST_F(Vxrun, NamesTheFirstFrameThatDiffers) {
         {clip, replaced(list, "36, ", "37, "), "frames=4 checked=4 first_bad=0",
          "frame 0 (timestamp 0): expected 37 bytes ", "1 of 4 frames differ, first is frame 0\n"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.first);
         writeFile(path("clip.y4m"), c.clip);
         writeFile(path("clip.framemd5"), c.list);
@@ -368,12 +364,11 @@ TEST_F(Vxrun, FlowControlLimitsWhatIsUnderWay) {
 // and is built all the same; an error line without the place and what was expected.
 TEST_F(Vxrun, RefusesBadGraphFiles) {
     makeClip();
-    struct Case {
+    const std::string name = "\"linear\"", port = "\"copy.in\", \"format\": \"video/raw";
+    const struct {
         std::string what, by, line, verdict = "CORRUPT_DESCR";
         int exit = 2;
-    };
-    const std::string name = "\"linear\"", port = "\"copy.in\", \"format\": \"video/raw";
-    const Case cases[] = {
+    } cases[] = {
         {name + ",", name, ":3:9: syntax error"},
         {"  \"connections\": {", "  \"connections\": { \"a", ":12:24: syntax error"},
         {"{", "[", ":2:"},
@@ -386,7 +381,7 @@ TEST_F(Vxrun, RefusesBadGraphFiles) {
          "'copy.in' of 'video/raw '",
          "GRAPH_BUILD_FAIL", 3},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         const Result result = vxrun({graph("linear", c.what, c.by)});
         expectFailure(result, c.exit, c.verdict, c.line);
