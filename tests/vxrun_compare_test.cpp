@@ -86,20 +86,20 @@ TEST_F(VxrunCompare, ShowsWhereAndInWhatShape) {
         {0, 60, 1, 9, 9, "; from (60,1) to (68,9); "},
         {1, 0, 0, 72, 40, "; whole plane Cb; "},
     };
-    const Clip wanted(4);
+    const Clip expected(4);
     for (const auto& c : cases) {
-        Clip got = wanted;
+        Clip actual = expected;
         const size_t start = c.plane == 0 ? 0 : Clip::kLuma + (c.plane - 1) * Clip::kChroma;
         const size_t stride = Clip::kWidth / (c.plane == 0 ? 1 : 2);
         for (size_t i = 0; i < c.width * c.height; ++i) {
-            got.frames[2][start + (c.y + i / c.width) * stride + c.x + i % c.width] ^= 8;
+            actual.frames[2][start + (c.y + i / c.width) * stride + c.x + i % c.width] ^= 8;
         }
-        const Result result = compare(got, wanted);
+        const Result result = compare(actual, expected);
         EXPECT_EQ(result.out, "verdict: CRC_MISMATCH frames=4 checked=4 first_bad=2\n");
         const char* const planes[] = {"Y", "Cb", "Cr"};
         std::ostringstream place;
         place << "frame 2 (timestamp 2): plane " << planes[c.plane] << " x=" << c.x << " y=" << c.y
-              << " got ";
+              << " actual ";
         expectHas(result.err, place.str());
         expectHas(result.err, c.line);
     }
@@ -112,25 +112,25 @@ TEST_F(VxrunCompare, FindsAShiftInSpace) {
         int dx, dy;
         const char* line;
     } cases[] = {
-        {2, 1, "; shifted by (2,1): sample (x,y) is the wanted (x+2,y+1); wrong samples: Y "},
-        {0, -16, "; shifted by (0,-16): sample (x,y) is the wanted (x+0,y-16); "},
+        {2, 1, "; shifted by (2,1): sample (x,y) is the expected (x+2,y+1); wrong samples: Y "},
+        {0, -16, "; shifted by (0,-16): sample (x,y) is the expected (x+0,y-16); "},
         {-3, 0, "; shifted by (-3,0): "},
         {17, 0, "; whole plane Y; "},
     };
-    const Clip wanted(2);
+    const Clip expected(2);
     const int width = Clip::kWidth, height = 80;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
-        Clip got = wanted;
+        Clip actual = expected;
         for (int y = std::max(-c.dy, 0); y < std::min(height - c.dy, height); ++y) {
             for (int x = std::max(-c.dx, 0); x < std::min(width - c.dx, width); ++x) {
-                got.frames[1][static_cast<size_t>(y * width + x)] =
-                    wanted.frames[1][static_cast<size_t>((y + c.dy) * width + x + c.dx)];
+                actual.frames[1][static_cast<size_t>(y * width + x)] =
+                    expected.frames[1][static_cast<size_t>((y + c.dy) * width + x + c.dx)];
             }
         }
-        expectHas(compare(got, wanted).err, c.line);
+        expectHas(compare(actual, expected).err, c.line);
     }
-    Clip plain = wanted;
+    Clip plain = expected;
     plain.frames[0].assign(plain.frames[0].size(), 100);
     Clip edge = plain;
     edge.frames[0].replace(0, Clip::kWidth, Clip::kWidth, 90);
@@ -159,32 +159,32 @@ TEST_F(VxrunCompare, FindsFramesThatAreOff) {
          },
          "; planes Cb and Cr swapped; ", "1 of 8 frames"},
         {"5", [](Clip* c) { c->frames[5] = c->frames[4]; },
-         "1 of 8 frames are wrong, got 8, wanted 8; ", "; frame 5 is the wanted frame 4\n"},
-        {"3", erase(3, 1), "4 of 7 frames are wrong, got 7, wanted 8; ",
-         "; shifted by 1: from frame 3 on, frame n is the wanted frame n+1\n"},
+         "1 of 8 frames are wrong, actual 8, expected 8; ", "; frame 5 is the expected frame 4\n"},
+        {"3", erase(3, 1), "4 of 7 frames are wrong, actual 7, expected 8; ",
+         "; shifted by 1: from frame 3 on, frame n is the expected frame n+1\n"},
         {"3", erase(3, 2), "", "; shifted by 2: from frame 3 on, "},
         {"4", [](Clip* c) { c->frames.insert(c->frames.begin() + 3, c->frames[3]); },
-         "4 of 8 frames are wrong, got 9, wanted 8; ", "; shifted by -1: from frame 4 on, "},
-        {"7", erase(7, 1), "0 of 7 frames are wrong, got 7, wanted 8\n", ""},
+         "4 of 8 frames are wrong, actual 9, expected 8; ", "; shifted by -1: from frame 4 on, "},
+        {"7", erase(7, 1), "0 of 7 frames are wrong, actual 7, expected 8\n", ""},
         {"8", [](Clip* c) { c->frames.push_back(c->frames[0]); },
-         "0 of 8 frames are wrong, got 9, wanted 8\n", ""},
+         "0 of 8 frames are wrong, actual 9, expected 8\n", ""},
         {"0", [](Clip* c) { c->fields = "W80 H144 C420"; },
-         "): got 80x144 yuv420p, wanted 144x80 yuv420p\n", nullptr},
+         "): actual 80x144 yuv420p, expected 144x80 yuv420p\n", nullptr},
     };
-    const Clip wanted(8);
+    const Clip expected(8);
     const std::string lists = path("lists.json"), source = "a.file=" + path("a.y4m");
     std::filesystem::rename(graphOf("a source/y4m check.0; check sink/checksum"), lists);
-    writeFile(path("a.y4m"), wanted.file());
+    writeFile(path("a.y4m"), expected.file());
     EXPECT_EQ(vxrun({lists, source, "check.write=" + path("list")}).exit, 4);
     for (const Case& c : cases) {
         SCOPED_TRACE(c.line);
-        Clip got = wanted;
-        c.damage(&got);
-        const size_t checked = std::min(got.frames.size(), wanted.frames.size());
+        Clip actual = expected;
+        c.damage(&actual);
+        const size_t checked = std::min(actual.frames.size(), expected.frames.size());
         const std::string verdict =
-            "verdict: CRC_MISMATCH frames=" + std::to_string(got.frames.size()) +
+            "verdict: CRC_MISMATCH frames=" + std::to_string(actual.frames.size()) +
             " checked=" + std::to_string(checked) + " first_bad=" + c.firstBad + "\n";
-        const Result result = compare(got, wanted);
+        const Result result = compare(actual, expected);
         EXPECT_EQ(result.out, verdict);
         expectHas(result.err, c.line);
         if (c.alsoOfLists == nullptr) continue;
@@ -208,15 +208,15 @@ TEST_F(VxrunCompare, JudgesByTolerancePsnrAndSsim) {
     Clip deepSample = deep;
     deepSample.frames[1][9] ^= 2;  // the high byte: a difference of 512
     const struct {
-        const Clip &got, &wanted;
+        const Clip &actual, &expected;
         const char* config;
         int exit;
         const char* line;
     } cases[] = {
         {sample, flat, "tolerance=48", 0, ""},
-        {sample, flat, "tolerance=47", 1, "plane Y x=5 y=0 got 148 wanted 100"},
+        {sample, flat, "tolerance=47", 1, "plane Y x=5 y=0 actual 148 expected 100"},
         {deepSample, deep, "tolerance=512", 0, ""},
-        {deepSample, deep, "tolerance=511", 1, "x=4 y=0 got "},
+        {deepSample, deep, "tolerance=511", 1, "x=4 y=0 actual "},
         {sample, flat, "psnr=31.3183", 0, "psnr 31.3184 (Y 29.5575 Cb 60 Cr 60) in frame 1\n"},
         {sample, flat, "psnr=31.3185", 1, "frame 1 (timestamp 1): psnr 31.3184 (Y 29.5575 Cb 60"},
         {flat, flat, "psnr=60", 0, "the lowest is psnr 60 "},
@@ -225,7 +225,7 @@ TEST_F(VxrunCompare, JudgesByTolerancePsnrAndSsim) {
         {lighter, flat, "ssim=0.9836", 0, "ssim 0.983611 (Y 0.983611 Cb 0.983611"},
         {lighter, flat, "ssim=0.98362", 1, "is below 0.98362"},
         {flat, flat, "ssim=1", 0, "the lowest is ssim 1 "},
-        {deep, flat, "psnr=1", 1, "got 7x5 yuv444p10le, wanted "},
+        {deep, flat, "psnr=1", 1, "actual 7x5 yuv444p10le, expected "},
         {flat, flat, "psnr=3x", 3, "expected a number from 1 to 108, got '3x'"},
         {flat, flat, "ssim=1.1", 3, "expected a number from 0.01 to 1, got '1.1'"},
         {sample, flat, "tolerance=254", 0, ""},
@@ -237,7 +237,7 @@ TEST_F(VxrunCompare, JudgesByTolerancePsnrAndSsim) {
         {0, "PASS"}, {1, "INFO_VALIDATION_FAIL"}, {3, "NODE_FAIL_"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.config);
-        const Result result = compare(c.got, c.wanted, {"cmp." + std::string(c.config)});
+        const Result result = compare(c.actual, c.expected, {"cmp." + std::string(c.config)});
         EXPECT_EQ(result.exit, c.exit);
         EXPECT_EQ(result.out.find("verdict: " + verdicts.at(c.exit)), 0u) << result.out;
         expectHas(result.err, c.line);
@@ -284,15 +284,15 @@ TEST_F(VxrunCompare, WritesWrongFrames) {
     const std::string folder = path("deep/bad"), stem = folder + "/cmp.frame000003.";
     for (const auto& c : cases) {
         SCOPED_TRACE(c.fields);
-        const Clip wanted(6, c.fields, c.size, c.bytes == 2);
-        Clip got = wanted;
-        for (const size_t frame : {1, 3, 4}) got.frames[frame][20 * c.bytes] ^= 1;
-        const Result result = compare(got, wanted, {"cmp.dump_limit=2", "--dump-bad", folder});
+        const Clip expected(6, c.fields, c.size, c.bytes == 2);
+        Clip actual = expected;
+        for (const size_t frame : {1, 3, 4}) actual.frames[frame][20 * c.bytes] ^= 1;
+        const Result result = compare(actual, expected, {"cmp.dump_limit=2", "--dump-bad", folder});
         EXPECT_EQ(result.exit, 1) << result.err;
         const auto files = std::filesystem::directory_iterator(folder);
         EXPECT_EQ(std::distance(begin(files), end(files)), 2 * 6);
-        EXPECT_EQ(contentOf(stem + "got.raw"), got.frames[3]);
-        EXPECT_EQ(contentOf(stem + "wanted.raw"), wanted.frames[3]);
+        EXPECT_EQ(contentOf(stem + "actual.raw"), actual.frames[3]);
+        EXPECT_EQ(contentOf(stem + "expected.raw"), expected.frames[3]);
         std::string difference(45, 0);
         difference[20] = 64 + 8;
         EXPECT_EQ(contentOf(stem + "diff.raw"), difference);
@@ -302,7 +302,7 @@ TEST_F(VxrunCompare, WritesWrongFrames) {
         EXPECT_EQ(contentOf(path("png")), difference);
         const Result probe =
             run({"ffprobe", "-v", "error", "-show_entries", "stream=width,height,pix_fmt", "-of",
-                 "csv=p=0", stem + "got.png"});
+                 "csv=p=0", stem + "actual.png"});
         EXPECT_EQ(probe.out, std::string("9,5,") + c.pixels + "\n") << probe.err;
         std::filesystem::remove_all(folder);
     }
@@ -364,7 +364,7 @@ TEST_F(VxrunCompare, ChecksKnowWhatCannotMove) {
         {{delayed, "a." + clip, expect, "d.frames=7"}, 0, "", ""},
         {{delayed, "a." + clip, expect, "d.frames=8"},
          124,
-         "nodes[0]: a pool of 8 buffers, of which the nodes behind it keep 8: the run could not "
+         "nodes[0]: a pool of 8 buffers, of which the nodes behind it hold 8: the run could not "
          "move",
          "\n  pool of 'a': free 0, out 8, d holds 8\n"},
         {{transcode, "decoder.slots=16"}, 0, "", ""},

@@ -55,7 +55,7 @@ TEST_F(VxrunObserved, EndsInOrder) {
     const Words cut = {linear, "reader.file=" + path("cut.y4m"), "--dump-bad", path("dump")},
                 pipe = {linear, "reader.file=" + path("pipe")}, never = {endlessFile};
     // It exists, and nothing can be written there.
-    std::filesystem::create_directories(path("dump/check.frame000001.got.raw"));
+    std::filesystem::create_directories(path("dump/check.frame000001.actual.raw"));
     const struct {
         Words arguments;
         std::string verdict;

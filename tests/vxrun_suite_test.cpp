@@ -120,7 +120,7 @@ TEST_F(VxrunGoldens, ReadsWhatOthersPublish) {
         {"Checksums of the stream\n\n" + whole.substr(0, 9) + "e" + whole.substr(9) + " x", ""},
         {frames, ""},
         {"{\"md5_checksums\":[" + json + "],\"num_frames\":4,\"profile\":\"ANY\"}", ""},
-        {other, "the MD5 of all 4 frames differs: expected " + other + ", got " + whole},
+        {other, "the MD5 of all 4 frames differs: expected " + other + ", actual " + whole},
         {whole.substr(1) + "x", ":1: " + hash},
         {frames.substr(0, 40) + frames.substr(41), ":2: " + hash},
         {frames.substr(0, 40) + "g" + frames.substr(41), ":2: " + hash},
@@ -350,7 +350,7 @@ TEST_F(VxrunSuite, ReportsEveryOutcome) {
               "S.mpeg2video.Main/a<b>&\"c|d, ;S.mpeg2video.Main/=a\nb ;"
               "S.mpeg2video/broken failure CRC_MISMATCH log;S.mpeg2video.Main/right ;");
     const std::string xml = contentOf(path("j.xml"));
-    expectHas(xml, "expected MD5 " + wrong + ", got " + mMd5);
+    expectHas(xml, "expected MD5 " + wrong + ", actual " + mMd5);
     expectHas(xml, "; node 'decoder': errors in decoding: ");
     EXPECT_EQ(xml.find('\xFF'), std::string::npos);
     for (const auto& [file, line] : {std::pair("j.csv", "\nwrong,Fail,"),

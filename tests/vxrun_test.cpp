@@ -214,7 +214,7 @@ TEST_F(VxrunDecoding, RefusesBadFilesAndConfigs) {
     EXPECT_TRUE(std::filesystem::exists(path("own"))) << "the sink did not finish";
 
     const std::string fatal = "NODE_FAIL_FATAL",
-                      unread = ": no video file that libavformat can read";
+                      unread = ": not a video file that libavformat can read";
     const struct {
         std::string file, option, line, verdict = "NODE_FAIL_INIT";
         int exit = 3;
@@ -309,16 +309,16 @@ TEST_F(Vxrun, RefusesBadY4mFiles) {
         {header("W65535 H65535"), "a frame of 6442319873 bytes is larger than 1 GiB"},
         {header("W6 H4 F25"), "header field 'F25': expected N:M, got '25'"},
         {header("W6 H4 A1:x"), "header field 'A1:x': expected a number from 0 to "},
-        {header("W6 H4 C420q"), "header field 'C420q': unknown colour space"},
+        {header("W6 H4 C420q"), "header field 'C420q': unknown color space"},
         {header("W6 H4 Z1"), "header field 'Z1': no such field"},
         {header("W6 H4 F25:1"), "clip.y4m: no frame in the file"},
         {header("W6 H4") + "FRAMES\n", "frame 0 at byte 16: expected 'FRAME', got 'FRAMES'"},
         {header("W6 H4") + "FRAME", "frame 0 at byte 16: the file ends, or goes on too long"},
         {header("W6 H4 C444alpha"), "field 'C444alpha': not supported", "NOT_SUPPORTED", 77},
-        {good.substr(0, 40), "frame 0 at byte 28: truncated: expected 36 bytes, got 12",
+        {good.substr(0, 40), "frame 0 at byte 28: truncated: expected 36 bytes, actual 12",
          "NODE_FAIL_FATAL"},
         {good.substr(0, good.size() - 1),
-         "clip.y4m: frame 3 at byte 154: truncated: expected 36 bytes, got 35", fatal},
+         "clip.y4m: frame 3 at byte 154: truncated: expected 36 bytes, actual 35", fatal},
         {good + "garbage", "frame 4 at byte 190: expected 'FRAME', got 'garbage'", fatal},
     };
     for (const Case& c : cases) {
@@ -459,7 +459,7 @@ TEST_F(Vxrun, RefusesBadOptionsAndConfigs) {
           {{file, "check.expect=/nonexistent"}, "node 'check': /nonexistent: No such file"},
           {{file, "check.expect=/dev/zero"}, "/dev/zero: larger than 67108864 bytes"},
           {{file, "check.format=sha"},
-           "config 'format': expected framemd5, framecrc, md5, md5-list or json, got 'sha'"},
+           "config 'format': expected one of framecrc, framemd5, json, md5, md5-list, got 'sha'"},
           {{linear, "copy.allocator=heap"}, "expected dmabuf or xcodec2, got 'heap'"},
           {{chunks, "reader.chunk=abc"}, number + "abc'"},
           {{chunks, "reader.chunk=0"}, number + "0'"},
