@@ -32,6 +32,7 @@ VXError Node::onSetup(bool beforeFence) {
         for (const auto& port : outputPortInfos()) addOutputPort(port.name, {port.format});
         if (!outputPorts().empty()) mRoute->port = outputPorts().front();
         open();
+        opened();
     });
 }
 

@@ -15,11 +15,13 @@ cmake --install "$build" --prefix "$work/prefix" >/dev/null
 sourceOf() { sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$here/../../$1"; }
 sourceOf README.md >"$work/hello.cpp"
 sourceOf docs/writing-a-node.md >"$work/nodes.cpp"
+cp "$here/kit.cpp" "$work"
 
 check() {  # DIR: of the built programs
     local said
     said=$("$1/hello") && [ "$said" = "hello, graph" ] || { echo "$1/hello printed '$said'"; exit 1; }
     said=$("$1/nodes") && [ "$said" = "1.5 2.5 3.5 4" ] || { echo "$1/nodes printed '$said'"; exit 1; }
+    said=$("$1/kit") && [ "$said" = "PASS 20" ] || { echo "$1/kit printed '$said'"; exit 1; }
 }
 
 configure() {  # [COMPONENT]: of find_package
@@ -42,9 +44,9 @@ echo "find_package, testing: ok"
 
 libdir=$(dirname "$(find "$work/prefix" -name vxbase.pc)")/..
 export PKG_CONFIG_PATH=$libdir/pkgconfig
-for program in hello nodes; do
+for program in hello nodes kit; do
     # shellcheck disable=SC2046  # flags are words
-    "$cxx" -std=c++17 "$@" "$work/$program.cpp" $(pkg-config --cflags --libs vxbase) -Wl,-rpath,"$libdir" \
+    "$cxx" -std=c++17 "$@" "$work/$program.cpp" $(pkg-config --cflags --libs vxbase vxkit) -Wl,-rpath,"$libdir" \
         -o "$work/$program"
 done
 check "$work"

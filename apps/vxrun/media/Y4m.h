@@ -26,6 +26,7 @@ public:
     // handled.
     explicit Y4mReader(const std::string& path);
 
+    const std::string& path() const { return mFile.path(); }
     const StreamInfo& stream() const { return mStream; }
     // Reads the line before a frame; false at the end of the file.
     bool nextFrame();

@@ -26,8 +26,8 @@ private:
         }
         mVideo = mFile->streams[best];
         describe();
-        if (!next()) throw Failure(mPath + ": no access unit in the file");
     }
+    std::string nothing() const override { return mPath + ": no access unit in the file"; }
 
     void openFile() {
         // A file is a file, whatever its name looks like, and fetches nothing from elsewhere.

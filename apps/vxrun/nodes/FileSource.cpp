@@ -22,8 +22,8 @@ private:
         mStream->media = "data";
         mStream->codec = "none";
         mStream->timeBase = {1, 90000};
-        if (!next()) mFile->fail("empty file");
     }
+    std::string nothing() const override { return mFile->path() + ": empty file"; }
 
     bool next() override {
         if (mFile->atEnd()) return false;

@@ -15,11 +15,10 @@ public:
 
 private:
     void open() override {
-        const std::string path = requiredConfig(kFile);
-        mReader.emplace(path);
+        mReader.emplace(requiredConfig(kFile));
         mStream = std::make_shared<StreamInfo>(mReader->stream());
-        if (!next()) throw Failure(path + ": no frame in the file");
     }
+    std::string nothing() const override { return mReader->path() + ": no frame in the file"; }
 
     bool next() override {
         if (!mReader->nextFrame()) return false;

@@ -51,6 +51,8 @@ protected:
 
     // Reads the configs and opens files. The ports exist.
     virtual void open() {}
+    // What the base has to do when open() is done.
+    virtual void opened() {}
     // Makes the files that the node writes: a graph that cannot be built leaves none. Before any
     // process() of a node without outputs; one that has some may be processing already.
     virtual void begin() {}
