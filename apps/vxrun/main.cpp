@@ -1,5 +1,5 @@
-// vxrun: runs a graph of nodes and reports, by evidence, whether the test passed. This file dispatches
-// to the commands.
+// vxrun: runs a graph of nodes and reports, by evidence, whether the test passed. This file
+// dispatches to the commands.
 #include "Command.h"
 #include "Console.h"
 #include "Text.h"

@@ -62,7 +62,8 @@ std::shared_ptr<Pool> Pool::make(const std::string& allocator, const PictureForm
 VXError Pool::fetch(std::shared_ptr<PoolBuffer>* buffer) {
     VXError status = fetchNow(buffer);
     if (status != VX_NO_FREE_SLOT) return status;
-    // The wish is stated first, then one more try: a buffer that came back in between called no onFree.
+    // The wish is stated first, then one more try: a buffer that came back in between called no
+    // onFree.
     mWanted = true;
     status = fetchNow(buffer);
     if (status != VX_NO_FREE_SLOT) mWanted = false;

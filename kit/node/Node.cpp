@@ -137,8 +137,8 @@ void Node::traceQueue() {
     mRun.trace->counter("queue." + mRecord.name, counts);
 }
 
-// Runs `action` and turns whatever it throws into the run's error. The status that is returned makes
-// the library end the build or the run.
+// Runs `action` and turns whatever it throws into the run's error. The status that is returned
+// makes the library end the build or the run.
 template <typename Action>
 VXError Node::guarded(VexaError error, Action action) {
     try {
@@ -192,8 +192,8 @@ void Node::countMismatch(uint64_t number) {
     }
 }
 
-// Works are released before their buffers are, so the release of a work does not mean a free buffer:
-// the pool reports that itself.
+// Works are released before their buffers are, so the release of a work does not mean a free
+// buffer: the pool reports that itself.
 std::shared_ptr<Pool> Node::newPool(const PictureFormat& format) {
     const auto scheduleSelf = [weakHandler = std::weak_ptr<Handler>(handler())] {
         if (const auto handler = weakHandler.lock()) {

@@ -52,15 +52,15 @@ std::string readTextFile(const std::string& path, size_t limit);
 // Owns     the open file.
 class OutputFile {
 public:
-    // Throws Failure when `path` or "<path>.part" names something other than a regular file, which must
-    // not be replaced.
+    // Throws Failure when `path` or "<path>.part" names something other than a regular file, which
+    // must not be replaced.
     explicit OutputFile(const std::string& path);
     ~OutputFile();
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
-    // A path for libraries that can only write to one: it leads to this file, whatever its name has come to
-    // mean since.
+    // A path for libraries that can only write to one: it leads to this file, whatever its name has
+    // come to mean since.
     std::string alias() const;
     void write(const void* data, size_t size);
     void write(const std::string& text) { write(text.data(), text.size()); }

@@ -28,9 +28,9 @@ std::string got(const JsonValue& value) {
 
 }  // namespace
 
-// Builder: the parser's handler. The parser reports no positions, but the position in the stream that
-// it reads gives them: each call comes when the parser has read just its token (a number: one byte
-// more), so the token began at the first byte after the last one that is no separator.
+// Builder: the parser's handler. The parser reports no positions, but the position in the stream
+// that it reads gives them: each call comes when the parser has read just its token (a number: one
+// byte more), so the token began at the first byte after the last one that is no separator.
 class JsonDocument::Builder {
 public:
     explicit Builder(JsonDocument* document) : mDocument(*document), mStream(document->mText) {

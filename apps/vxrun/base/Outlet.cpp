@@ -18,8 +18,8 @@ Outlet::Outlet(int fd) : mFile(-1) {
     struct stat status {};
     if (fstat(fd, &status) != 0) return;
     mIsSocket = S_ISSOCK(status.st_mode);
-    // O_NONBLOCK belongs to the open file, which other processes share: pipes and terminals are opened
-    // anew.
+    // O_NONBLOCK belongs to the open file, which other processes share: pipes and terminals are
+    // opened anew.
     if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
         mFile = open(concat("/proc/self/fd/", fd).c_str(),
                      O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
@@ -33,7 +33,8 @@ Outlet::~Outlet() {
 
 int Outlet::write(const std::string& text, std::chrono::milliseconds patience) {
     if (mIsStuck) patience = std::chrono::milliseconds(0);
-    // What comes after a text that has begun waits for it: nothing is put into the middle of a line.
+    // What comes after a text that has begun waits for it: nothing is put into the middle of a
+    // line.
     if (const int error = writeRest(patience)) return error;
     mRest = text;
     return writeRest(patience);

@@ -6,8 +6,8 @@
 
 namespace vxrun {
 
-// Writes texts whole or not at all, and waits for a reader only so long. The watchdog writes through
-// it, and must not hang.
+// Writes texts whole or not at all, and waits for a reader only so long. The watchdog writes
+// through it, and must not hang.
 //
 // Life     its target stays open for as long as it lives; the descriptor it was made from need not.
 // Threads  one at a time.
@@ -23,9 +23,10 @@ public:
     Outlet& operator=(const Outlet&) = delete;
 
     bool isOpen() const { return mFile >= 0; }
-    // Writes `text`. Waits for a reader that does not read for `patience` at most; once that was not
-    // enough it does not wait, until there is room again. 0, or an errno number. EAGAIN: there was no
-    // room; a text that has begun is finished first next time, and one that comes before that is lost.
+    // Writes `text`. Waits for a reader that does not read for `patience` at most; once that was
+    // not enough it does not wait, until there is room again. 0, or an errno number. EAGAIN: there
+    // was no room; a text that has begun is finished first next time, and one that comes before
+    // that is lost.
     int write(const std::string& text, std::chrono::milliseconds patience);
 
 private:

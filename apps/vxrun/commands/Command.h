@@ -1,4 +1,5 @@
-// Command: what vxrun can be told to do. Each command is one source file here that registers itself.
+// Command: what vxrun can be told to do. Each command is one source file here that registers
+// itself.
 #pragma once
 
 #include "GraphFile.h"
@@ -35,8 +36,8 @@ class Command {
 public:
     virtual ~Command() = default;
 
-    // Adds the command to `app`. Returns the app that is parsed when it is chosen: a new subcommand, or
-    // `app` itself for the command that needs no name.
+    // Adds the command to `app`. Returns the app that is parsed when it is chosen: a new
+    // subcommand, or `app` itself for the command that needs no name.
     virtual CLI::App* addTo(CLI::App* app) = 0;
     // Whether it reads a graph file, CommonOptions::graph.
     virtual bool readsGraph() const { return false; }

@@ -17,8 +17,8 @@ extern const NumberKey kDumpLimit;
 
 // For each frame NODE.frame000007.actual.png and .actual.raw, and where the expected frame is known
 // .expected.png, .expected.raw and .diff.png, .diff.raw. Raw files hold the visible rows, plane by
-// plane; those of the difference one byte per sample of the first plane: 0 where all planes are equal,
-// else 64 + 8 times the largest difference of any plane there, at most 255.
+// plane; those of the difference one byte per sample of the first plane: 0 where all planes are
+// equal, else 64 + 8 times the largest difference of any plane there, at most 255.
 //
 // Pictures of more than 8 bits become PNGs of 16. Where libswscale cannot show a format, and for
 // what is not a picture, there is no PNG.
@@ -32,8 +32,8 @@ public:
     BadFrames(const std::string& folder, uint64_t limit, const std::string& node,
               std::function<void(const std::string&)> print);
 
-    // Writes one frame, unless `limit` frames have been written. `expected` may be null. A file that
-    // cannot be written is an error line, and the last: the verdict is the comparison's.
+    // Writes one frame, unless `limit` frames have been written. `expected` may be null. A file
+    // that cannot be written is an error line, and the last: the verdict is the comparison's.
     void dump(uint64_t frame, const FrameView& actual, const FrameView* expected);
 
 private:

@@ -19,9 +19,9 @@ namespace vxrun {
 
 // A row of a list: the checksum of a frame, or of the whole stream.
 struct ChecksumRow {
-    // Whether this row expects a frame (or stream) with the row `actual`. A size of 0 is not known. A
-    // hash with a digit too many, as published lists have them, stands for each hash that it becomes
-    // without one digit.
+    // Whether this row expects a frame (or stream) with the row `actual`. A size of 0 is not known.
+    // A hash with a digit too many, as published lists have them, stands for each hash that it
+    // becomes without one digit.
     bool matches(const ChecksumRow& actual) const;
 
     uint64_t size = 0;
@@ -65,8 +65,8 @@ struct ChecksumFormat {
     bool isOfWholeStream;   // one row stands for all frames
     // The checksum of a frame's visible bytes as rows of this format spell it.
     std::string (*hash)(const FrameView& frame);
-    // The rows of the file `path`, whose content is `text`; empty when that is of another format. Throws
-    // Failure with the file and line of what is malformed.
+    // The rows of the file `path`, whose content is `text`; empty when that is of another format.
+    // Throws Failure with the file and line of what is malformed.
     std::optional<ChecksumRows> (*read)(const std::string& path, const std::string& text);
     std::unique_ptr<ChecksumWriter> (*newWriter)(const std::string& path);
 };
@@ -84,8 +84,8 @@ struct ChecksumList {
     ChecksumRows rows;  // in order; at least one, just one of a whole stream
 };
 
-// Reads a list of any format; only sizes and hashes are kept. Throws Failure with file and line: what is
-// not a list, holds no row, mixes formats or streams, or expects the hash of nothing.
+// Reads a list of any format; only sizes and hashes are kept. Throws Failure with file and line:
+// what is not a list, holds no row, mixes formats or streams, or expects the hash of nothing.
 ChecksumList readChecksumList(const std::string& path);
 
 }  // namespace vxrun

@@ -23,20 +23,20 @@ public:
     bool sameFormat() const { return mFormats.empty(); }
     bool anyWrong() const;
 
-    // A figure for each plane, in dB: 10 log10(peak^2 / mse), at most 6 * bits + 12, which equal planes
-    // have. Last that of all samples together.
+    // A figure for each plane, in dB: 10 log10(peak^2 / mse), at most 6 * bits + 12, which equal
+    // planes have. Last that of all samples together.
     std::vector<double> psnr() const;
-    // The mean structural similarity of each plane over windows of 8x8 samples, 4 apart; the last ones
-    // end with the row or column, and a smaller plane is one window. 1 for equal planes. Constants
-    // (0.01 peak)^2 and (0.03 peak)^2, population variances. Last the lowest of them.
+    // The mean structural similarity of each plane over windows of 8x8 samples, 4 apart; the last
+    // ones end with the row or column, and a smaller plane is one window. 1 for equal planes.
+    // Constants (0.01 peak)^2 and (0.03 peak)^2, population variances. Last the lowest of them.
     std::vector<double> ssim() const;
     // Such figures: "41.2 (Y 40 Cb 44 Cr 43.81)".
     std::string text(const std::vector<double>& figures) const;
 
     // The evidence in one line; for frames that differ.
     std::string text() const;
-    // A byte for each sample of the first plane: 0 where all planes are equal, else 64 + 8 times the
-    // largest difference there, at most 255. Empty for frames of different formats.
+    // A byte for each sample of the first plane: 0 where all planes are equal, else 64 + 8 times
+    // the largest difference there, at most 255. Empty for frames of different formats.
     std::vector<uint8_t> picture() const;
 
 private:

@@ -13,8 +13,8 @@ namespace vxrun {
 // A hash for the frames of one run.
 std::string frameHash(const FrameView& frame);
 
-// Collects the hashes of both streams frame by frame. Keeps those from shortly before the first frame
-// that differs on, a thousand at most, which is evidence enough.
+// Collects the hashes of both streams frame by frame. Keeps those from shortly before the first
+// frame that differs on, a thousand at most, which is evidence enough.
 //
 // Threads  one at a time.
 class FrameOffset {
@@ -22,7 +22,8 @@ public:
     // The next frame of both, or of the one that is longer; the other's hash is empty then.
     void addPair(const std::string& actual, const std::string& expected, bool differs);
 
-    // What was found: "shifted by -1: ...", "frame 3 is the expected frame 2"; empty when nothing was.
+    // What was found: "shifted by -1: ...", "frame 3 is the expected frame 2"; empty when nothing
+    // was.
     std::string finding() const;
 
 private:

@@ -11,8 +11,8 @@ extern "C" {
 
 namespace vxrun {
 
-// Whether `word`, in lower case, was meant to be a hash: half an MD5 or more in hexadecimal, but for a
-// damaged character or two. A number, which has no letters, was not.
+// Whether `word`, in lower case, was meant to be a hash: half an MD5 or more in hexadecimal, but
+// for a damaged character or two. A number, which has no letters, was not.
 static bool looksLikeHash(const std::string& word) {
     size_t digits = 0, letters = 0, others = 0;
     for (const char c : word) {

@@ -37,8 +37,8 @@ void setConfig(const std::string& assignment, const Nodes& nodes, DescriptorOf d
     throw badOption("--set", "the graph has no node " + quote(name));
 }
 
-// GraphReader: one walk over the document, from top to bottom. A mistake is noted, and the walk goes on
-// behind it.
+// GraphReader: one walk over the document, from top to bottom. A mistake is noted, and the walk
+// goes on behind it.
 class GraphReader {
 public:
     explicit GraphReader(const std::string& path)
@@ -86,8 +86,8 @@ public:
         if (!anyChecking && nodes != nullptr) note(*nodes, "", "no sink checks anything");
     }
 
-    // The graph of a description without mistakes, nodes that feed others first: nodes start from the last
-    // one to the first, and one that has not started loses what it is sent.
+    // The graph of a description without mistakes, nodes that feed others first: nodes start from
+    // the last one to the first, and one that has not started loses what it is sent.
     VXGraphInfo release() {
         for (const size_t node : mOrder) {
             mInfo.nodes.push_back(std::move(mNodes[node].descriptor));
@@ -305,10 +305,11 @@ private:
 
     // ---- What lets a run never move ----
 
-    // A node may have (largest downstream total delay + batch + 2) works out, but never more than its
-    // pool has slots. Fewer slots only pace it, as long as every work comes back without a further one.
-    // Nodes that hold works until more follow take that many slots out of use forever. One that brings
-    // streams together holds what has come by one way until the same has come by the longest.
+    // A node may have (largest downstream total delay + batch + 2) works out, but never more than
+    // its pool has slots. Fewer slots only pace it, as long as every work comes back without a
+    // further one. Nodes that hold works until more follow take that many slots out of use forever.
+    // One that brings streams together holds what has come by one way until the same has come by
+    // the longest.
     void checkSlots(size_t origin) {
         if (!mNodes[origin].hasPool) return;
         std::vector<int64_t> held(mNodes.size(), -1);  // frames, from `origin` to behind a node

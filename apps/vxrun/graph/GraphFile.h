@@ -15,9 +15,9 @@ namespace vxrun {
 // Reads and checks the graph file `path`. File configs of known node types that are relative are
 // taken from the file's folder.
 //
-// Throws Failure "file:line:column: place: text" for the first mistake. Its verdict is NodeNotFound for
-// an unknown node type, GraphBuildFail for a connection between different formats, else none, which is
-// CorruptDescription to a run. Nothing has been built by then.
+// Throws Failure "file:line:column: place: text" for the first mistake. Its verdict is NodeNotFound
+// for an unknown node type, GraphBuildFail for a connection between different formats, else none,
+// which is CorruptDescription to a run. Nothing has been built by then.
 vexa::VXGraphInfo readGraphFile(const std::string& path);
 
 // GraphEdits: what options change in a graph.
@@ -30,8 +30,8 @@ struct GraphEdits {
 };
 
 // Everything that is wrong with the graph file `path` after `assignments`, see GraphEdits, in such
-// failures: what readGraphFile() refuses, what its nodes would refuse in their descriptions, and what
-// lets a run prove nothing or never move. Opens no other file.
+// failures: what readGraphFile() refuses, what its nodes would refuse in their descriptions, and
+// what lets a run prove nothing or never move. Opens no other file.
 std::vector<Failure> checkGraphFile(const std::string& path,
                                     const std::vector<std::string>& assignments);
 

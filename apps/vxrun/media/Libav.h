@@ -41,8 +41,8 @@ std::string libavText(int error);
 // A new picture, not filled.
 Libav<AVFrame> newPicture(AVPixelFormat pixels, int width, int height);
 
-// A scaler from the format and size of one picture to another's, without dithering. `flags` are those
-// of libswscale. Throws Failure when it does not know them or does not convert.
+// A scaler from the format and size of one picture to another's, without dithering. `flags` are
+// those of libswscale. Throws Failure when it does not know them or does not convert.
 Libav<SwsContext> newScaler(const AVFrame& from, const AVFrame& to, const std::string& flags);
 
 // LibavOptions: what a codec or demuxer is opened with.
@@ -51,7 +51,8 @@ Libav<SwsContext> newScaler(const AVFrame& from, const AVFrame& to, const std::s
 // Owns     the dictionary.
 class LibavOptions {
 public:
-    // From the text of a config 'options', key=value:key=value. Throws Failure when it is malformed.
+    // From the text of a config 'options', key=value:key=value. Throws Failure when it is
+    // malformed.
     explicit LibavOptions(const std::string& text);
     ~LibavOptions() { av_dict_free(&mOptions); }
     LibavOptions(const LibavOptions&) = delete;
@@ -61,8 +62,8 @@ public:
     void preset(const char* key, const std::string& value);
     // For the call that opens, which takes out what it knows.
     AVDictionary** get() { return &mOptions; }
-    // Throws Failure for the `result` of that call, and for the first option that it left; `subject` is
-    // what was to be opened.
+    // Throws Failure for the `result` of that call, and for the first option that it left;
+    // `subject` is what was to be opened.
     void check(int result, const std::string& subject) const;
 
 private:
@@ -70,8 +71,8 @@ private:
     AVDictionary* mOptions = nullptr;
 };
 
-// CodecLog: the first error that a codec has logged since it was last asked. Codecs conceal most damage
-// and report it nowhere but in the log.
+// CodecLog: the first error that a codec has logged since it was last asked. Codecs conceal most
+// damage and report it nowhere but in the log.
 //
 // The libraries have one log callback per process. takeOver() replaces it: from then on messages of
 // codecs go to the CodecLog that each is attached to, and all others are dropped.

@@ -16,8 +16,8 @@ namespace vxrun {
 AVRational asLibav(Rational value);
 Rational fromLibav(AVRational value);
 
-// The format of such pictures. Throws Failure, Verdict::NotSupported, for those that a FrameView cannot
-// carry, see PixelFormat.
+// The format of such pictures. Throws Failure, Verdict::NotSupported, for those that a FrameView
+// cannot carry, see PixelFormat.
 PictureFormat formatOf(AVPixelFormat pixels, int width, int height);
 // AV_PIX_FMT_NONE for a block of bytes.
 AVPixelFormat pixelsOf(const PictureFormat& format);
@@ -43,8 +43,8 @@ struct LibavUnitInfo : public UnitInfo {
     Libav<AVPacket> properties = made(av_packet_alloc());  // without data
 };
 
-// A padded copy of the access unit, with its properties: decoders read on behind the end of what they
-// are given.
+// A padded copy of the access unit, with its properties: decoders read on behind the end of what
+// they are given.
 Libav<AVPacket> packetOf(const AccessUnit& unit);
 // The parameters of a stream, whatever made it.
 Libav<AVCodecParameters> parametersOf(const BitstreamInfo& stream);

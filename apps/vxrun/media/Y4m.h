@@ -10,8 +10,8 @@
 
 namespace vxrun {
 
-// The header line, with its line feed, for pictures of `stream`. Throws Failure, Verdict::NotSupported,
-// for those that Y4M does not have.
+// The header line, with its line feed, for pictures of `stream`. Throws Failure,
+// Verdict::NotSupported, for those that Y4M does not have.
 std::string y4mHeader(const StreamInfo& stream);
 
 // Y4mReader: reads such a file. Failures name the file, the header field or the frame and its byte
@@ -22,8 +22,8 @@ std::string y4mHeader(const StreamInfo& stream);
 // Owns     the open file.
 class Y4mReader {
 public:
-    // Opens `path` and reads its header. Verdict::NotSupported: a color space that exists but is not
-    // handled.
+    // Opens `path` and reads its header. Verdict::NotSupported: a color space that exists but is
+    // not handled.
     explicit Y4mReader(const std::string& path);
 
     const std::string& path() const { return mFile.path(); }

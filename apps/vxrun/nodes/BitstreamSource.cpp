@@ -1,4 +1,5 @@
-// source/bitstream: the access units of the best video stream of a file, as libavformat demuxes them.
+// source/bitstream: the access units of the best video stream of a file, as libavformat demuxes
+// them.
 #include "Keys.h"
 #include "LibavFrames.h"
 #include "Text.h"

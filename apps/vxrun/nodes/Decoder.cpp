@@ -1,4 +1,5 @@
-// codec/decoder: the pictures of a bitstream, decoded by libavcodec, each in its own size and format.
+// codec/decoder: the pictures of a bitstream, decoded by libavcodec, each in its own size and
+// format.
 #include "Keys.h"
 #include "LibavFrames.h"
 #include "Text.h"
@@ -16,8 +17,8 @@ const TextKey kCodec{"codec", "the decoder, or the codec, to use; default is lib
 const TextKey kFormat{"format", "the pixel format that the pictures must have, such as yuv420p"};
 const FlagKey kTolerateErrors{"tolerate_errors", "true: damaged pictures do not fail the run"};
 
-// The decoder that goes by `name`, or libavcodec's choice for the codec that does; null when there is
-// none. Codecs go first: "av1" is also the name of a decoder that needs hardware.
+// The decoder that goes by `name`, or libavcodec's choice for the codec that does; null when there
+// is none. Codecs go first: "av1" is also the name of a decoder that needs hardware.
 const AVCodec* findDecoder(const std::string& name) {
     const std::string known = name == "h265" ? "hevc" : name;
     const AVCodecDescriptor* const codec = avcodec_descriptor_get_by_name(known.c_str());

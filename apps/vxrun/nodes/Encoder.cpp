@@ -79,7 +79,8 @@ class LibavEncoder : public Encoder {
 public:
     using Encoder::Encoder;
 
-    // Encoders do not report their look-ahead, so it is measured with a trial encode of small pictures.
+    // Encoders do not report their look-ahead, so it is measured with a trial encode of small
+    // pictures.
     static uint64_t leastFramesHeld(const vexa::VXNodeDescriptor& node) {
         constexpr int kMost = 500;
         try {

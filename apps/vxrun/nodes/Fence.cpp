@@ -11,8 +11,8 @@ namespace {
 const NumberKey kTimeoutMs{"timeout_ms", 1, 3600000, 5000,
                            "how long a fence may take, default 5000"};
 
-// A fence has no handle to wait on beside events, so the one in front is polled every millisecond while
-// it has not fired.
+// A fence has no handle to wait on beside events, so the one in front is polled every millisecond
+// while it has not fired.
 class Fence : public Node {
 public:
     using Node::Node;
@@ -39,8 +39,8 @@ private:
         wakeUp(1);
     }
 
-    // Never waits: for a buffer whose fence is not valid, because it has none or because it never will
-    // fire, the answer comes at once.
+    // Never waits: for a buffer whose fence is not valid, because it has none or because it never
+    // will fire, the answer comes at once.
     bool hasFired(const vexa::VXBuffer& buffer) {
         if (buffer.isFenceValid()) return buffer.isFenceReady();
         if (buffer.waitForFenceSignal() != vexa::VX_OK) fail();

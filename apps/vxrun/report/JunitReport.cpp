@@ -13,8 +13,8 @@
 namespace vxrun {
 namespace {
 
-// `text` without what XML 1.0 forbids, which codecs' logs contain: bytes that are not UTF-8, control
-// characters, U+FFFE and U+FFFF.
+// `text` without what XML 1.0 forbids, which codecs' logs contain: bytes that are not UTF-8,
+// control characters, U+FFFE and U+FFFF.
 std::string xmlText(const std::string& text) {
     using nlohmann::json;
     const std::string quoted = json(text).dump(-1, ' ', false, json::error_handler_t::ignore);

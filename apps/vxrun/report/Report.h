@@ -1,5 +1,5 @@
-// Report: what a suite has shown, as files for people and programs (docs/reports.md). Each kind is one
-// source file here that registers itself.
+// Report: what a suite has shown, as files for people and programs (docs/reports.md). Each kind is
+// one source file here that registers itself.
 #pragma once
 
 #include "Suite.h"
@@ -27,12 +27,13 @@ const std::vector<ReportKind>& reportKinds();
 // The file of each report that is to be written, by the name of its kind; empty: none.
 using ReportFiles = std::map<std::string, std::string>;
 
-// Writes the reports of `suite` as it is now. Each appears whole, in place of the one before: whenever a
-// run is aborted, the files are valid. Those that cannot be written fail, the others do not.
+// Writes the reports of `suite` as it is now. Each appears whole, in place of the one before:
+// whenever a run is aborted, the files are valid. Those that cannot be written fail, the others do
+// not.
 std::vector<Failure> writeReports(const ReportFiles& files, const Suite& suite);
 
-// What several kinds contain: the counts of each profile, unless no test vector has one; what the suite
-// was decoded with.
+// What several kinds contain: the counts of each profile, unless no test vector has one; what the
+// suite was decoded with.
 std::map<std::string, Counts> countsByProfile(const Suite& suite);
 std::string decoderName(const Suite& suite);
 

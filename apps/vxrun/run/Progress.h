@@ -19,8 +19,8 @@ class Progress {
 public:
     using Clock = std::chrono::steady_clock;
 
-    // `target`: the file, or the number of an open file descriptor, that the blocks go to; empty for
-    // none. `limit`: the end of the run's time, or Clock::time_point::max(). Throws Failure,
+    // `target`: the file, or the number of an open file descriptor, that the blocks go to; empty
+    // for none. `limit`: the end of the run's time, or Clock::time_point::max(). Throws Failure,
     // Verdict::BadOption, when the target cannot be written.
     Progress(const std::string& target, const Evidence& evidence, Clock::time_point limit);
 

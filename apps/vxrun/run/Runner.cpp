@@ -39,8 +39,9 @@ std::string inSeconds(double seconds) {
     return text;
 }
 
-// Run: one run. A thread of its own builds, starts, stops and releases the graph, so that no hook of a node,
-// not even one of its set-up, can hold up the watchdog, which takes the signals and decides.
+// Run: one run. A thread of its own builds, starts, stops and releases the graph, so that no hook
+// of a node, not even one of its set-up, can hold up the watchdog, which takes the signals and
+// decides.
 class Run final : public VXGraph::Listener, public std::enable_shared_from_this<Run> {
 public:
     Run(VXGraphInfo info, const RunOptions& options, Evidence* evidence, const Conclude& conclude,
@@ -157,8 +158,8 @@ private:
                                   : kStep;
     }
 
-    // For how long no work has moved and no node has stopped. Time that this thread was not given does not
-    // count: the others were not given it, either.
+    // For how long no work has moved and no node has stopped. Time that this thread was not given
+    // does not count: the others were not given it, either.
     Clock::duration timeStill() {
         const auto now = Clock::now();
         const uint64_t moved = mEvidence.moved() + (mStopping ? mEvidence.stopped() : 0);
@@ -220,8 +221,8 @@ struct Current {
     const Conclude* conclude;
 } sCurrent;
 
-// An exception that cannot be caught: the library starts its threads where none can. The run ends with
-// a line and a verdict all the same.
+// An exception that cannot be caught: the library starts its threads where none can. The run ends
+// with a line and a verdict all the same.
 [[noreturn]] void endWithVerdict() {
     std::string text = "std::terminate() was called";
     Verdict verdict = Verdict::NodeFailFatal;

@@ -30,17 +30,17 @@ int printVerdict(const Evidence& evidence, int fd);
 // Builds the graph of `info`, runs it and fills `evidence`. Returns when the graph is gone. Throws
 // Failure for bad options.
 //
-// The calling thread is the watchdog, outside the graph's threads: it shows progress, stops the run at
-// the first SIGINT or SIGTERM, when it stalls and when its time is out, and leaves the process at the
-// second signal. A snapshot of the graph is shown when the run stalls, breaks off or runs out of time,
-// and at SIGUSR1. A graph that does not stop is left behind: the process ends with the exit code of
-// `conclude`, which is not called otherwise.
-// Once per process, on the main thread and before other threads start.
+// The calling thread is the watchdog, outside the graph's threads: it shows progress, stops the run
+// at the first SIGINT or SIGTERM, when it stalls and when its time is out, and leaves the process
+// at the second signal. A snapshot of the graph is shown when the run stalls, breaks off or runs
+// out of time, and at SIGUSR1. A graph that does not stop is left behind: the process ends with the
+// exit code of `conclude`, which is not called otherwise. Once per process, on the main thread and
+// before other threads start.
 void runGraph(vexa::VXGraphInfo info, const RunOptions& options, Evidence* evidence,
               const Conclude& conclude);
 
-// Calls `action` and returns its exit code. What it throws becomes an error line and the verdict, and the
-// exit code is that of `conclude`.
+// Calls `action` and returns its exit code. What it throws becomes an error line and the verdict,
+// and the exit code is that of `conclude`.
 int concluded(Evidence* evidence, const Conclude& conclude, const std::function<int()>& action);
 
 }  // namespace vxrun

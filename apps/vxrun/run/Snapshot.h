@@ -17,8 +17,8 @@ namespace vxrun {
 // Threads  any.
 class SnapshotMaker {
 public:
-    // `folder`: where the pictures go; empty for none. It is made when it is not there; throws Failure,
-    // Verdict::BadOption, when it cannot be.
+    // `folder`: where the pictures go; empty for none. It is made when it is not there; throws
+    // Failure, Verdict::BadOption, when it cannot be.
     SnapshotMaker(const vexa::VXGraphInfo& info, const Evidence& evidence, std::string folder);
 
     // The state of every node and pool, in indented lines.

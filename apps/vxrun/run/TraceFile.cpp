@@ -51,8 +51,8 @@ void TraceFile::instant(size_t node, const std::string& name, const std::string&
              {{"s", node == kGraph ? "g" : "t"}, {"args", {{"detail", detail}}}});
 }
 
-// Adds an event that began at `time`, with `more` than every event has. The nodes' rows are numbered
-// from 1; 0 is the graph's.
+// Adds an event that began at `time`, with `more` than every event has. The nodes' rows are
+// numbered from 1; 0 is the graph's.
 void TraceFile::addEvent(const char* phase, const std::string& name, size_t node,
                          Clock::time_point time, json more) {
     const std::chrono::duration<double, std::micro> age = time - mStart;
@@ -84,7 +84,8 @@ bool TraceFile::flush() {
     }
     const std::string why = written < 0 ? errnoText(errno) : "the file system is full";
     mFailed = true;
-    // The array ends behind the last event that is there whole, and has room for the bracket after it.
+    // The array ends behind the last event that is there whole, and has room for the bracket after
+    // it.
     const size_t room = static_cast<size_t>(std::max<ssize_t>(written, 0));
     const size_t last = room > kEnd.size() ? text.rfind(",\n", room - kEnd.size()) : text.npos;
     const off_t end = mWritten + (last != text.npos ? static_cast<off_t>(last) : 0);

@@ -15,9 +15,9 @@ namespace vxrun {
 
 // Life     made before the graph of its run.
 // Threads  any.
-// Owns     the file, which is a complete JSON array from the start and after every write. A kill in the
-//          middle of one may cost the closing bracket, which trace viewers can do without. When the file
-//          cannot be written any more, it ends with the last events that could.
+// Owns     the file, which is a complete JSON array from the start and after every write. A kill in
+//          the middle of one may cost the closing bracket, which trace viewers can do without. When
+//          the file cannot be written any more, it ends with the last events that could.
 class TraceFile final : public Trace {
 public:
     // Throws Failure, Verdict::BadOption, when `path` cannot be written.

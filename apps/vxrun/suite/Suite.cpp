@@ -26,7 +26,8 @@ std::string textOf(const JsonDocument& document, const JsonValue& object, const 
                                        : document.member(object, key, JsonValue::STRING).text;
 }
 
-// A name that becomes part of paths, none of which may lead out of the folder given for it, or end early.
+// A name that becomes part of paths, none of which may lead out of the folder given for it, or end
+// early.
 std::string fileName(const JsonDocument& document, const JsonValue& object, const char* key) {
     const std::filesystem::path path = document.name(object, key);
     if (path.is_absolute() || std::find(path.begin(), path.end(), "..") != path.end() ||

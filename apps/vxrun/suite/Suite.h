@@ -49,8 +49,8 @@ struct Suite {
 };
 
 // Reads a suite file. Throws Failure "file:line:column: place: text" for what is wrong with it as a
-// whole. A test vector with a mistake of its own is an error from the start, under its place in the file
-// where it has no name; the MD5 of no data as a result is such a mistake.
+// whole. A test vector with a mistake of its own is an error from the start, under its place in the
+// file where it has no name; the MD5 of no data as a result is such a mistake.
 Suite readSuite(const std::string& path);
 
 // The name of a state as reports have it: "Success", "Not supported", ...

@@ -33,8 +33,8 @@ struct Child {
     bool isAlone = false;  // no other runs beside it
 };
 
-// Returns memory that reading or reporting many vectors took: to start a process takes the longer the
-// more memory there is to share with it.
+// Returns memory that reading or reporting many vectors took: to start a process takes the longer
+// the more memory there is to share with it.
 void trimMemory() {
 #ifdef __GLIBC__
     malloc_trim(0);
@@ -50,7 +50,8 @@ public:
         pthread_sigmask(SIG_BLOCK, &mSignals, &mOldSignals);
     }
 
-    // The signal that ended it; else 0. What it changed since the last mid-run reports is not in them.
+    // The signal that ended it; else 0. What it changed since the last mid-run reports is not in
+    // them.
     int run() {
         for (TestVector& vector : mSuite.vectors) mWaiting.push_back(&vector);
         trimMemory();
@@ -66,7 +67,8 @@ public:
     }
 
 private:
-    // Starts the process of `vector`, if it needs one. False when there is no room beside those that run.
+    // Starts the process of `vector`, if it needs one. False when there is no room beside those
+    // that run.
     bool start(TestVector* vector) {
         if (vector->state == TestVector::NOT_RUN && mSuite.testMethod != "md5") {
             vector->state = TestVector::NOT_SUPPORTED;
@@ -133,8 +135,9 @@ private:
         mChildren.remove_if([&](Child& child) { return hasEnded(&child, number == mSignal); });
     }
 
-    // True when a process has ended; its vector has a result then, unless the run was ended. One that has
-    // not is sent SIGTERM, the next time SIGKILL, when its time is over or if it `shallEnd`.
+    // True when a process has ended; its vector has a result then, unless the run was ended. One
+    // that has not is sent SIGTERM, the next time SIGKILL, when its time is over or if it
+    // `shallEnd`.
     bool hasEnded(Child* child, bool shallEnd) {
         int status = 0;
         if (child->process.hasEnded(&status)) {
@@ -174,8 +177,8 @@ private:
                              vector.message.empty() ? "" : ": ", vector.message));
     }
 
-    // What cannot be written now may be written at the end. The next reports come so late that they take
-    // a small share of the time only, however many vectors there are.
+    // What cannot be written now may be written at the end. The next reports come so late that they
+    // take a small share of the time only, however many vectors there are.
     void reportAll() {
         constexpr int kPause = 20;  // times what they take
         const Clock::time_point start = Clock::now();

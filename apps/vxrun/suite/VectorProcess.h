@@ -31,8 +31,8 @@ public:
     VectorProcess(const VectorProcess&) = delete;
     VectorProcess& operator=(const VectorProcess&) = delete;
 
-    // Starts a copy of this process that decodes `decode` with the signals `signals` blocked. 0, or an
-    // errno number.
+    // Starts a copy of this process that decodes `decode` with the signals `signals` blocked. 0, or
+    // an errno number.
     int start(const DecodeOptions& decode, const VectorOptions& options, const sigset_t& signals);
 
     TestVector& vector() { return mVector; }
@@ -40,7 +40,8 @@ public:
 
     // True when it has ended; `*status` is that of waitpid().
     bool hasEnded(int* status) const;
-    // The result of the test vector after the process has ended with `status`. `negative`: see Suite.
+    // The result of the test vector after the process has ended with `status`. `negative`: see
+    // Suite.
     void judge(int status, bool negative);
 
 private:

@@ -5,7 +5,8 @@
 //     ...
 //     mFrames = config(kFrames);  // a uint64_t in [0, 10000]
 //
-// In a description every value is text, see vexa::VXNodeDescriptor. An empty one counts as not given.
+// In a description every value is text, see vexa::VXNodeDescriptor. An empty one counts as not
+// given.
 #pragma once
 
 #include <VXNode.h>
@@ -57,8 +58,8 @@ public:
     Value valueOf(const std::string& text) const { return text; }
 };
 
-// The path of a file or folder. One that is given as '' is a mistake: a variable that is not set must
-// not drop a check or an output.
+// The path of a file or folder. One that is given as '' is a mistake: a variable that is not set
+// must not drop a check or an output.
 class PathKey final : public ConfigKey {
 public:
     using Value = std::string;
@@ -90,7 +91,8 @@ public:
     Value valueOf(const std::string& text) const { return text == "true"; }
 };
 
-// A decimal number in [low, high]; `preset` when it is not given or, which mistakeIn() reports, wrong.
+// A decimal number in [low, high]; `preset` when it is not given or, which mistakeIn() reports,
+// wrong.
 class NumberKey final : public ConfigKey {
 public:
     using Value = uint64_t;

@@ -109,8 +109,8 @@ public:
         uint64_t queued;  // works that wait for it, in its queue and pending
     };
 
-    // A record for a new node; lives as long as this object. The node is watched until removeNode(),
-    // which its destructor calls.
+    // A record for a new node; lives as long as this object. The node is watched until
+    // removeNode(), which its destructor calls.
     NodeRecord& addNode(vexa::VXNode& node, const std::string& name, const std::string& allocator,
                         bool sink);
     void removeNode(NodeRecord& record);
@@ -126,7 +126,8 @@ public:
     // Verdict::Done. Before the run.
     void expectNoCheck() { mChecks = false; }
 
-    // The MD5 of the whole stream as a sink has computed it, in hexadecimal; empty as long as none has.
+    // The MD5 of the whole stream as a sink has computed it, in hexadecimal; empty as long as none
+    // has.
     void setStreamMd5(const std::string& md5);
     std::string streamMd5() const;
 

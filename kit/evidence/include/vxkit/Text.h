@@ -24,8 +24,8 @@ std::string joined(const List& list) {
 }
 
 // `text` as it may stand in a line for people or programs: UTF-8 without control characters. Those,
-// and what is not UTF-8, are shown as \n, \t or \x1b, so that names that come from files neither end
-// a line nor control a terminal.
+// and what is not UTF-8, are shown as \n, \t or \x1b, so that names that come from files neither
+// end a line nor control a terminal.
 std::string printable(const std::string& text);
 
 // `text` for an error line: printable, in quotes, shortened.

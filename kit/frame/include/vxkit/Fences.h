@@ -1,6 +1,6 @@
-// PictureFences: has pictures finished after they were handed out, as a codec in hardware does. Until
-// the fence of a picture fires it holds the complement of its bytes, so that a consumer that reads it
-// too early reads something else.
+// PictureFences: has pictures finished after they were handed out, as a codec in hardware does.
+// Until the fence of a picture fires it holds the complement of its bytes, so that a consumer that
+// reads it too early reads something else.
 #pragma once
 
 #include <vxkit/FrameView.h>
@@ -21,8 +21,8 @@ public:
     PictureFences(const PictureFences&) = delete;
     PictureFences& operator=(const PictureFences&) = delete;
 
-    // The buffer to hand out in place of `buffer`, whose memory it shares: a picture with a fence. Only
-    // pictures of the Codec 2.0 allocator have fences; any other buffer is returned as it is.
+    // The buffer to hand out in place of `buffer`, whose memory it shares: a picture with a fence.
+    // Only pictures of the Codec 2.0 allocator have fences; any other buffer is returned as it is.
     std::shared_ptr<PoolBuffer> withFence(const std::shared_ptr<PoolBuffer>& buffer,
                                           const StreamInfo& stream);
     // Finishes the next picture and fires its fence.

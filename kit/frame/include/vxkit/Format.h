@@ -16,8 +16,8 @@ struct Rational {
 };
 
 // PixelFormat: the planes of a picture: one, or three of which the last two may be subsampled. All
-// samples have the same depth; above 8 bits they are two bytes, little endian, value in the low bits.
-// Without a name: no picture but a block of bytes.
+// samples have the same depth; above 8 bits they are two bytes, little endian, value in the low
+// bits. Without a name: no picture but a block of bytes.
 struct PixelFormat {
     bool operator==(const PixelFormat& other) const { return name == other.name; }
     bool operator!=(const PixelFormat& other) const { return !(*this == other); }
@@ -33,8 +33,8 @@ struct PixelFormat {
     bool rgb = false;                        // planes are G, B, R
 };
 
-// The format with this name, such as "yuv422p10le": gray, yuv4xxp, yuvj4xxp (full range) and gbrp, of
-// 8 or, as "NNle", 9, 10, 12, 14 and 16 bits as far as FFmpeg has such. Empty for any other.
+// The format with this name, such as "yuv422p10le": gray, yuv4xxp, yuvj4xxp (full range) and gbrp,
+// of 8 or, as "NNle", 9, 10, 12, 14 and 16 bits as far as FFmpeg has such. Empty for any other.
 std::optional<PixelFormat> findPixelFormat(const std::string& name);
 
 // PictureFormat: pixel format and size of a picture. A block of bytes is one plane of a single row.

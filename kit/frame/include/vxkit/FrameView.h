@@ -18,12 +18,12 @@ std::shared_ptr<vexa::VXBuffer> bufferOf(const vexa::VXSharedWork& work);
 // Has `work` carry `buffer`, as the kind that it is.
 void attach(vexa::VXWork* work, std::shared_ptr<vexa::VXBuffer> buffer);
 
-// FrameView: the visible bytes of a buffer: the planes of a picture, or the filled range of a block.
-// All access to bytes goes through here.
+// FrameView: the visible bytes of a buffer: the planes of a picture, or the filled range of a
+// block. All access to bytes goes through here.
 //
 // The pools have no format for planar pictures of any depth and sampling, so a picture lies in an
-// RGBA 8888 surface as so many bytes: each row of each plane in a row of the surface of its own, plane
-// after plane. Stride and height of the surface are the allocator's.
+// RGBA 8888 surface as so many bytes: each row of each plane in a row of the surface of its own,
+// plane after plane. Stride and height of the surface are the allocator's.
 //
 // Life     a view: the buffer outlives it. Pictures are written before their work is sent, and only
 //          read from then on.
@@ -47,7 +47,8 @@ public:
         return plane(number) + static_cast<size_t>(y) * mStride;
     }
 
-    // Calls visit(row, bytes) for every visible row, plane by plane, top to bottom, without padding.
+    // Calls visit(row, bytes) for every visible row, plane by plane, top to bottom, without
+    // padding.
     template <typename Visitor>
     void forEachRow(Visitor visit) const {
         for (int p = 0; p < mFormat.pixels.planes; ++p) {

@@ -22,8 +22,8 @@ class PoolBuffer;
 class Pool final : public std::enable_shared_from_this<Pool> {
 public:
     // A pool of `slots` buffers for pictures of `format`, or for blocks of as many bytes. Throws
-    // Failure when the allocator makes no such buffers. `onFree` is called on any thread once a buffer
-    // has come back after a fetch() that found none.
+    // Failure when the allocator makes no such buffers. `onFree` is called on any thread once a
+    // buffer has come back after a fetch() that found none.
     static std::shared_ptr<Pool> make(const std::string& allocator, const PictureFormat& format,
                                       size_t slots, PoolRecord& record,
                                       std::shared_ptr<Trace> trace, std::function<void()> onFree);

@@ -9,8 +9,8 @@
 
 namespace vxkit {
 
-// A derived class takes access units and gives pictures; flow control, buffers, counts, the commands
-// "flush" and "drain" and the end of the stream are the base's.
+// A derived class takes access units and gives pictures; flow control, buffers, counts, the
+// commands "flush" and "drain" and the end of the stream are the base's.
 //
 // Life, threads and owns: as Node. The hooks are called on the event thread.
 class Decoder : public Producer {
@@ -25,8 +25,8 @@ protected:
     virtual void decode(const AccessUnit& unit) = 0;
     // Gives the next picture in output order, by givePicture(); false when it needs more units.
     bool next() override = 0;
-    // From now on next() gives the pictures that are still held back, then false once. More units may
-    // follow. Only after a decode().
+    // From now on next() gives the pictures that are still held back, then false once. More units
+    // may follow. Only after a decode().
     virtual void drain() = 0;
     // Drops the pictures that are held back. Only after a decode().
     virtual void flush() = 0;

@@ -1,8 +1,8 @@
 // Node: what the nodes of an application have in common.
 //
 // A node type is one source file: a class derived from Source, Transform, Decoder, Encoder, Sink or
-// Node, its keys, and a Registered object (<vxkit/NodeType.h>). Its hooks throw Failure; Node's final
-// overrides catch everything, so that no exception reaches libvxbase.
+// Node, its keys, and a Registered object (<vxkit/NodeType.h>). Its hooks throw Failure; Node's
+// final overrides catch everything, so that no exception reaches libvxbase.
 #pragma once
 
 #include <VXNode.h>
@@ -22,15 +22,16 @@
 
 namespace vxkit {
 
-// Route: the output port that has sent a work. Works carry it, since the list of pending inputs does
-// not state by which input a work came.
+// Route: the output port that has sent a work. Works carry it, since the list of pending inputs
+// does not state by which input a work came.
 struct Route : public vexa::VXInfo {
     std::weak_ptr<vexa::VXOutputPort> port;
 };
 
 // Life     made by a NodeFactory, ended by teardown() in Registered's class.
-// Threads  open(): the one that builds the graph. begin(): the graph's. process(), wake(): the node's
-//          event thread. The other operations: those of the hook that calls them, unless marked.
+// Threads  open(): the one that builds the graph. begin(): the graph's. process(), wake(): the
+//          node's event thread. The other operations: those of the hook that calls them, unless
+//          marked.
 // Owns     its fences; its record belongs to the evidence.
 class Node : public vexa::VXNode {
 public:
@@ -60,20 +61,23 @@ protected:
     // The answer to wakeUp(); here: the fence that fenced() has made first fires.
     virtual void wake() { mFences.fireNext(); }
 
-    // Has wake() called on the event thread, `delay` milliseconds from now; once per call. A node that
-    // has stopped sleeps on.  [any thread]
+    // Has wake() called on the event thread, `delay` milliseconds from now; once per call. A node
+    // that has stopped sleeps on.  [any thread]
     void wakeUp(unsigned delay);
-    // Sends a finished work, and counts it. It goes when the events that wait now have been handled.
+    // Sends a finished work, and counts it. It goes when the events that wait now have been
+    // handled.
     void send(std::unique_ptr<vexa::VXWork> work);
-    // The same within process(), once per input or not at all: the work goes as soon as that returns. A
-    // node sends in one way only, or works would overtake others.
+    // The same within process(), once per input or not at all: the work goes as soon as that
+    // returns. A node sends in one way only, or works would overtake others.
     void sendOutput(std::unique_ptr<vexa::VXWork> work);
-    // Replaces each work by a share of it that reports to the pool of its buffer when the node lets go.
+    // Replaces each work by a share of it that reports to the pool of its buffer when the node lets
+    // go.
     void hold(SharedWorks* works);
     // A work that carries the same frame as `input`.
     static std::unique_ptr<vexa::VXWork> shareOf(const vexa::VXSharedWork& input);
-    // What to send in place of `buffer`, a new picture: before a transform/fence the same with a fence
-    // that fires "fence_ms" milliseconds later, else `buffer` itself. Such a node has no wake().
+    // What to send in place of `buffer`, a new picture: before a transform/fence the same with a
+    // fence that fires "fence_ms" milliseconds later, else `buffer` itself. Such a node has no
+    // wake().
     std::shared_ptr<PoolBuffer> fenced(std::shared_ptr<PoolBuffer> buffer,
                                        const vexa::VXFrameInfo& frame);
 
@@ -93,8 +97,8 @@ protected:
         return config(key);
     }
 
-    // The entries of the description: each is declared by the type, with a value in its range. Which of
-    // them apply to a frame, configStore() answers.
+    // The entries of the description: each is declared by the type, with a value in its range.
+    // Which of them apply to a frame, configStore() answers.
     const std::vector<vexa::VXNodeDescriptor::ConfigEntry>& entries() const { return mEntries; }
 
     // Counts a frame; the last one, too, as the end of the stream.
@@ -109,8 +113,8 @@ protected:
     NodeRecord& record() { return mRecord; }
     Evidence& evidence() const { return mRun.evidence; }
 
-    // A new pool of the node's, of as many buffers as "slots". It has the node scheduled again when a
-    // buffer comes back after none was free.
+    // A new pool of the node's, of as many buffers as "slots". It has the node scheduled again when
+    // a buffer comes back after none was free.
     std::shared_ptr<Pool> newPool(const PictureFormat& format);
 
 private:

@@ -1,5 +1,5 @@
-// NodeType: the node types of a program: what each is called, has and accepts, and how its nodes are
-// made.
+// NodeType: the node types of a program: what each is called, has and accepts, and how its nodes
+// are made.
 #pragma once
 
 #include <VXNode.h>
@@ -56,10 +56,11 @@ const NodeType* findNodeType(const std::string& name);
 // Adds a type, and the configs that all have to its own.
 void registerNodeType(NodeType type);
 
-// Registered: a node type whose nodes are of the class `Author`, derived from Node. Each source of a
-// node type defines one:
+// Registered: a node type whose nodes are of the class `Author`, derived from Node. Each source of
+// a node type defines one:
 //
-//     const Registered<Delay> kType("transform/delay", "holds frames back", 1, 1, {&kFrames, &kMs});
+//     const Registered<Delay> kType("transform/delay", "holds frames back", 1, 1,
+//                                   {&kFrames, &kMs});
 template <typename Author>
 class Registered {
 public:
@@ -78,8 +79,8 @@ public:
     }
 };
 
-// What is wrong with the ports, configs and entries of a description for a node of `type`: the config
-// in question, or "", and a line.
+// What is wrong with the ports, configs and entries of a description for a node of `type`: the
+// config in question, or "", and a line.
 std::vector<std::pair<std::string, std::string>> mistakesIn(const vexa::VXNodeDescriptor& node,
                                                             const NodeType& type);
 

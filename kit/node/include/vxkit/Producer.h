@@ -1,10 +1,11 @@
-// Producer: what nodes that make frames have in common: sources, codecs, transforms. Their outputs may
-// come later than their inputs and in another number.
+// Producer: what nodes that make frames have in common: sources, codecs, transforms. Their outputs
+// may come later than their inputs and in another number.
 //
 // Such a node works in steps, each of which writes and sends at most one frame. To the regulator,
-// which expects as many outputs as inputs, a step is one input of the node's own making, so that flow
-// control paces it; the pending inputs are fetched when no frame is to be written. The node offers
-// nothing while its pool has no buffer. A frame is sent when it is known whether another one follows.
+// which expects as many outputs as inputs, a step is one input of the node's own making, so that
+// flow control paces it; the pending inputs are fetched when no frame is to be written. The node
+// offers nothing while its pool has no buffer. A frame is sent when it is known whether another one
+// follows.
 #pragma once
 
 #include <vxkit/Node.h>
