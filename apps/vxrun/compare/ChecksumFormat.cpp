@@ -52,9 +52,7 @@ ChecksumList readChecksumList(const std::string& path) {
     const std::string text = readTextFile(path, kMaxListSize);
     for (const ChecksumFormat& format : formats()) {
         auto rows = format.read(path, text);
-        if (!rows) continue;
-        if (rows->empty()) break;
-        return {&format, std::move(*rows)};
+        if (rows && !rows->empty()) return {&format, std::move(*rows)};
     }
     throw Failure(path + ": no row in the list");
 }
