@@ -4,9 +4,9 @@ namespace vxkit {
 
 std::vector<EntryKey> Decoder::commands() {
     constexpr uint32_t kCommand = vexa::VXNodeDescriptor::ConfigEntry::COMMAND;
-    return {
-        {kCommand, "flush", 1, 1, "command, 1: drops the pictures that the decoder holds back"},
-        {kCommand, "drain", 1, 1, "command, 1: has the decoder give these first, then start anew"}};
+    return {{kCommand, "flush", 1, 1, "command, 1: drops the pictures that the decoder holds back"},
+            {kCommand, "drain", 1, 1,
+             "command, 1: sends the pictures that the decoder holds back, then starts anew"}};
 }
 
 bool Decoder::feed(const vexa::VXSharedWork& work, uint64_t number) {

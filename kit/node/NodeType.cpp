@@ -9,11 +9,12 @@ namespace vxkit {
 using vexa::VXNode;
 using vexa::VXNodeDescriptor;
 
-const ChoiceKey kAllocator{
-    "allocator", {"dmabuf", "xcodec2"}, "insists on a buffer allocator: dmabuf or xcodec2"};
-const NumberKey kSlots{"slots", 1, 1000, 8, "buffers of the node's pool, default 8"};
+const ChoiceKey kAllocator{"allocator",
+                           {"dmabuf", "xcodec2"},
+                           "the buffer allocator that the node requires: dmabuf or xcodec2"};
+const NumberKey kSlots{"slots", 1, 1000, 8, "buffers in the node's pool, default 8"};
 const NumberKey kFenceMs{"fence_ms", 0, 3600000, 1,
-                         "before a transform/fence: when fences fire, default 1"};
+                         "before a transform/fence: milliseconds until a fence fires, default 1"};
 
 static std::vector<NodeType>& types() {
     static std::vector<NodeType> all;  // made when the first type is registered, before main()

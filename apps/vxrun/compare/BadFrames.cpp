@@ -16,9 +16,9 @@ extern "C" {
 
 namespace vxrun {
 
-const PathKey kDumpBad{"dump_bad", "a folder for the frames that differ, as PNG and raw"};
+const PathKey kDumpBad{"dump_bad", "the folder for frames that differ, as PNG and raw"};
 const NumberKey kDumpLimit{"dump_limit", 1, 1000000, 8,
-                           "how many frames to write there, default 8"};
+                           "the most frames to write there, default 8"};
 
 namespace {
 

@@ -94,8 +94,9 @@ private:
     uint64_t mUnits = 0;  // that were read
 };
 
-const Registered<BitstreamSource> kType("source/bitstream", "the access units of a video file", 0,
-                                        1, {&kFile, &kOptions});
+const Registered<BitstreamSource> kType("source/bitstream",
+                                        "reads the access units of a video file", 0, 1,
+                                        {&kFile, &kOptions});
 
 }  // namespace
 }  // namespace vxrun

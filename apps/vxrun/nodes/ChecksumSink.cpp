@@ -13,11 +13,10 @@
 namespace vxrun {
 namespace {
 
-const PathKey kExpect{"expect", "the checksums to compare with; the format is recognized"};
+const PathKey kExpect{"expect", "the list to compare with; its format is detected"};
 const PathKey kWrite{"write", "the list to write"};
-const TextKey kFormat{"format",
-                      "of what is written: framemd5 (default), framecrc, md5, md5-list, json"};
-const FlagKey kPrintMd5{"print_md5", "true: the MD5 of the whole stream goes to standard output"};
+const TextKey kFormat{"format", "the format of the written list, default framemd5"};
+const FlagKey kPrintMd5{"print_md5", "true: print the MD5 of the whole stream on standard output"};
 
 class ChecksumSink : public Sink {
 public:

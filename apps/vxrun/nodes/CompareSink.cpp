@@ -23,16 +23,16 @@ const NumberKey kTolerance{
     0,
     65534,
     0,
-    "the largest difference of a sample that is allowed, default 0; less than the peak",
+    "the largest difference allowed for a sample, default 0; less than the peak",
     ConfigKey::EXCLUSIVE};
 const RealKey kPsnr{"psnr", kLeastPsnr, kMostPsnr,
-                    "instead: the lowest PSNR of a frame that is allowed, in dB, 1 to 108",
+                    "in place of tolerance: the lowest PSNR allowed for a frame, in dB, 1 to 108",
                     ConfigKey::EXCLUSIVE};
 const RealKey kSsim{"ssim", kLeastSsim, 1,
-                    "instead: the lowest SSIM of a plane that is allowed, 0.01 to 1",
+                    "in place of tolerance: the lowest SSIM allowed for a plane, 0.01 to 1",
                     ConfigKey::EXCLUSIVE};
 const NumberKey kAhead{"ahead", 1, 10000, 16,
-                       "frames that one input may be ahead of the other, default 16"};
+                       "frames by which one input may be ahead of the other, default 16"};
 
 class CompareSink : public Node {
 public:

@@ -7,10 +7,10 @@
 namespace vxrun {
 namespace {
 
-const TextKey kFormat{"format", "FFmpeg's name of the pixel format, default that of the input"};
-const NumberKey kWidth{"width", 1, 65535, 0, "samples, default that of the input"};
-const NumberKey kHeight{"height", 1, 65535, 0, "likewise"};
-const TextKey kFlags{"flags", "of libswscale, default bicubic+accurate_rnd+bitexact"};
+const TextKey kFormat{"format", "the pixel format, as FFmpeg names it; default that of the input"};
+const NumberKey kWidth{"width", 1, 65535, 0, "the width in samples, default that of the input"};
+const NumberKey kHeight{"height", 1, 65535, 0, "the height in samples, default that of the input"};
+const TextKey kFlags{"flags", "flags of libswscale, default bicubic+accurate_rnd+bitexact"};
 
 class Convert : public Transform {
 public:

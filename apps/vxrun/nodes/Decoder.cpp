@@ -13,9 +13,9 @@
 namespace vxrun {
 namespace {
 
-const TextKey kCodec{"codec", "the decoder, or the codec, to use; default is libavcodec's choice"};
+const TextKey kCodec{"codec", "the codec or the decoder to use, default libavcodec's choice"};
 const TextKey kFormat{"format", "the pixel format that the pictures must have, such as yuv420p"};
-const FlagKey kTolerateErrors{"tolerate_errors", "true: damaged pictures do not fail the run"};
+const FlagKey kTolerateErrors{"tolerate_errors", "true: errors in the stream do not fail the run"};
 
 // The decoder that goes by `name`, or libavcodec's choice for the codec that does; null when there
 // is none. Codecs go first: "av1" is also the name of a decoder that needs hardware.

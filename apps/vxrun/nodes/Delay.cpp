@@ -8,8 +8,8 @@
 namespace vxrun {
 namespace {
 
-const NumberKey kFrames{"frames", 0, 10000, 0, "how many are held back, default 0"};
-const NumberKey kMs{"ms", 0, 3600000, 0, "time spent on each frame, in milliseconds, default 0"};
+const NumberKey kFrames{"frames", 0, 10000, 0, "frames held back, default 0"};
+const NumberKey kMs{"ms", 0, 3600000, 0, "milliseconds spent on each frame, default 0"};
 
 class Delay : public Node {
 public:

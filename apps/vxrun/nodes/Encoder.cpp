@@ -22,10 +22,10 @@ constexpr uint64_t kMaxQuality = 31;
 using Entry = vexa::VXNodeDescriptor::ConfigEntry;
 
 const TextKey kCodec{"codec", "the encoder to use, such as libx264"};
-const NumberKey kBitrate{"bitrate", 1, kMaxBitrate, 0, "bits per second, default is the encoder's"};
+const NumberKey kBitrate{"bitrate", 1, kMaxBitrate, 0, "bits per second, default the encoder's"};
 const NumberKey kGop{"gop", 0, INT_MAX, 0,
-                     "pictures from key frame to key frame, default the encoder's"};
-const TextKey kPreset{"preset", "of the encoder, where it has presets"};
+                     "pictures from one key frame to the next, default the encoder's"};
+const TextKey kPreset{"preset", "the encoder's preset, if it has presets"};
 
 std::string nameOf(const AVCodec& codec) {
     return std::string("the encoder ") + codec.name;
@@ -206,12 +206,14 @@ private:
     uint64_t mDelay = 1;        // the most pictures that were in it at once
 };
 
-const Registered<LibavEncoder> kType(
-    "codec/encoder", "encodes pictures with libavcodec", 1, 1,
-    {&kCodec, &kBitrate, &kGop, &kPreset, &kThreads, &kOptions},
-    {{Entry::COMMAND, "force_key_frame", 1, 1, "command, 1: the picture becomes a key frame"},
-     {Entry::COMMAND, "bitrate", 1, kMaxBitrate, "command: bits per second from here on"},
-     {Entry::TUNING, "quality", 1, kMaxQuality, "tuning: the picture's quantizer"}});
+const Registered<LibavEncoder> kType("codec/encoder", "encodes pictures with libavcodec", 1, 1,
+                                     {&kCodec, &kBitrate, &kGop, &kPreset, &kThreads, &kOptions},
+                                     {{Entry::COMMAND, "force_key_frame", 1, 1,
+                                       "command, 1: makes the picture a key frame"},
+                                      {Entry::COMMAND, "bitrate", 1, kMaxBitrate,
+                                       "command: sets the bits per second from this picture on"},
+                                      {Entry::TUNING, "quality", 1, kMaxQuality,
+                                       "tuning, 1 to 31: sets the quantizer of the picture"}});
 
 }  // namespace
 }  // namespace vxrun

@@ -9,7 +9,7 @@ namespace vxrun {
 namespace {
 
 const NumberKey kTimeoutMs{"timeout_ms", 1, 3600000, 5000,
-                           "how long a fence may take, default 5000"};
+                           "milliseconds that a fence may take, default 5000"};
 
 // A fence has no handle to wait on beside events, so the one in front is polled every millisecond
 // while it has not fired.

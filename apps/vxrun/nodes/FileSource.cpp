@@ -41,7 +41,8 @@ private:
     const std::shared_ptr<StreamInfo> mStream = std::make_shared<StreamInfo>();
 };
 
-const Registered<FileSource> kType("source/file", "the bytes of a file", 0, 1, {&kFile, &kChunk});
+const Registered<FileSource> kType("source/file", "reads the bytes of a file", 0, 1,
+                                   {&kFile, &kChunk});
 
 }  // namespace
 }  // namespace vxrun

@@ -8,7 +8,7 @@
 namespace vxrun {
 
 inline const PathKey kFile{"file", "the file to read or to write"};
-inline const NumberKey kThreads{"threads", 1, 64, 1, "of the codec, default 1"};
-inline const TextKey kOptions{"options", "of the library's component: key=value:key=value"};
+inline const NumberKey kThreads{"threads", 1, 64, 1, "threads of the codec, 1 to 64, default 1"};
+inline const TextKey kOptions{"options", "options of the codec or demuxer: key=value:key=value"};
 
 }  // namespace vxrun

@@ -1,4 +1,4 @@
-// transform/passthrough: hands on every frame; the buffer is shared, not copied.
+// transform/passthrough: passes every frame on; the buffer is shared, not copied.
 #include "Vxkit.h"
 
 #include <vxkit/Node.h>
@@ -16,7 +16,7 @@ private:
     }
 };
 
-const Registered<Passthrough> kType("transform/passthrough", "hands every frame on", 1, 1);
+const Registered<Passthrough> kType("transform/passthrough", "passes every frame on", 1, 1);
 
 }  // namespace
 }  // namespace vxrun

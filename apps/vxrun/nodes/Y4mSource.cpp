@@ -32,7 +32,8 @@ private:
     uint64_t mTimestamp = 0;
 };
 
-const Registered<Y4mSource> kType("source/y4m", "the pictures of a YUV4MPEG2 file", 0, 1, {&kFile});
+const Registered<Y4mSource> kType("source/y4m", "reads the pictures of a YUV4MPEG2 file", 0, 1,
+                                  {&kFile});
 
 }  // namespace
 }  // namespace vxrun

@@ -1,7 +1,7 @@
 // Config: the configs of a node as typed keys. One declaration serves the list of node types, the
 // check of a description and the reading of a value:
 //
-//     const NumberKey kFrames{"frames", 0, 10000, 0, "how many are held back, default 0"};
+//     const NumberKey kFrames{"frames", 0, 10000, 0, "frames held back, default 0"};
 //     ...
 //     mFrames = config(kFrames);  // a uint64_t in [0, 10000]
 //
