@@ -255,11 +255,6 @@ struct Form {
     const char* backEnd;
     bool graphic;
 };
-constexpr Form kForms[] = {
-    {"dmabuf", false}, {"dmabuf", true}, {"xcodec2", false}, {"xcodec2", true}};
-std::string nameOf(const Form& form) {
-    return std::string(form.backEnd) + (form.graphic ? "Graphic" : "Linear");
-}
 
 // A pool of either back-end and kind behind one face. Shape 0 is a small buffer, shape 1 a larger one.
 class Subject {
@@ -318,16 +313,26 @@ protected:
     Subject pool{GetParam()};
 };
 
-INSTANTIATE_TEST_SUITE_P(AllBackEnds, Contract, ::testing::ValuesIn(kForms),
-                         [](const auto& form) { return nameOf(form.param); });
+INSTANTIATE_TEST_SUITE_P(AllBackEnds, Contract,
+                         ::testing::Values(Form{"dmabuf", false}, Form{"dmabuf", true},
+                                           Form{"xcodec2", false}, Form{"xcodec2", true}),
+                         [](const auto& form) {
+                             return std::string(form.param.backEnd) +
+                                    (form.param.graphic ? "Graphic" : "Linear");
+                         });
 
 // Catches: buffers that do not know their back-end or kind, sizes of a wrong shape, mappings that are
-// private, too short or not the same memory, fresh memory that is not zero.
+// private, too short or not the same memory, fresh memory that is not zero; a usage that does not reach
+// the one back-end, or that reaches the other.
 TEST_P(Contract, AFreshBufferIsWhatThePoolWasAskedFor) {
-    EXPECT_STREQ(pool->implType(), GetParam().backEnd);
-    for (uint32_t shape : {0, 1}) {
+    for (const VXBufferUsage usage : {DEFAULT, CACHED, SECURE, MULTIVIEW}) {
+        Subject pool(GetParam(), usage);
+        EXPECT_STREQ(pool->implType(), GetParam().backEnd);
+        const uint32_t shape = usage & 1;
         pool.setShape(shape);
         const auto buffer = pool.get();
+        EXPECT_EQ(buffer->isSecure(), std::string(GetParam().backEnd) == "xcodec2" && (usage & 2));
+        EXPECT_TRUE(buffer->enumviews().empty());
         EXPECT_EQ(buffer->allocatorName(), GetParam().backEnd);
         EXPECT_EQ(buffer->isGraphic(), GetParam().graphic);
         EXPECT_EQ(buffer->isLinear(), !GetParam().graphic);
@@ -460,17 +465,4 @@ TEST_F(BufferTest, OnlyExactNamesAreKnown) {
     EXPECT_EQ(VXLinearBufferPool::Create(nullptr, DEFAULT), nullptr);
     EXPECT_EQ(VXGraphicBufferPool::Create(nullptr, DEFAULT), nullptr);
     EXPECT_EQ(log.count("poolImplType == nullptr : Line# "), 2);
-}
-
-// Catches: a usage that does not reach the one back-end, or that reaches the other.
-TEST_F(BufferTest, TheUsageReachesTheCodec2PoolsOnly) {
-    for (const Form& form : kForms) {
-        for (const VXBufferUsage usage : {DEFAULT, CACHED, SECURE, MULTIVIEW}) {
-            Subject pool(form, usage);
-            const auto buffer = pool.get();
-            const bool secure = std::string(form.backEnd) == "xcodec2" && (usage & 2) != 0;
-            EXPECT_EQ(buffer->isSecure(), secure) << nameOf(form) << usage;
-            EXPECT_TRUE(buffer->enumviews().empty()) << nameOf(form) << usage;
-        }
-    }
 }
