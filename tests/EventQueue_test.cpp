@@ -221,7 +221,7 @@ TEST(Bundle, APutReplacesAndOneWithoutMemoryIsLoggedAndRefused) {
     for (int i = 0; i <= kItems; ++i) EXPECT_TRUE(holds<int32_t>(info, std::to_string(i), i, -1));
 }
 
-// ---- Order and memory -------------------------------------------------------------------------
+// ---- Posts ------------------------------------------------------------------------------------
 
 // Catches: events lost, doubled or overtaken when several threads post at once, an order kept per
 // handler but not over all of a queue, and an event in flight twice that is delivered only once.
@@ -263,8 +263,6 @@ TEST_F(QueueTest, OnAWarmQueueAnEventIsOneAllocation) {
     }
     EXPECT_LE(growths, 2);
 }
-
-// ---- Refused posts ----------------------------------------------------------------------------
 
 // Catches: a post that will never be delivered reported as queued, or kept instead of dropped, or a
 // synchronous one that waits forever.
@@ -410,7 +408,7 @@ TEST_F(QueueTest, OnTheOwnThreadWaitingIsRefusedAndAStartAfterAStopGoesOn) {
     EXPECT_EQ(seen, (std::vector<uint32_t>{3, 4}));
 }
 
-// ---- Synchronous posts ------------------------------------------------------------------------
+// ---- Waits, delays and the thread -------------------------------------------------------------
 
 // Catches: a time-out that comes early or never, or takes the event away, and a status that is lost on
 // the way back to the waiter.
@@ -428,8 +426,6 @@ TEST_F(QueueTest, AWaitEndsWithItsTimeOutOrTheStatusOfTheHandler) {
     }
     EXPECT_EQ(seen.front(), 5u);
 }
-
-// ---- Delays -----------------------------------------------------------------------------------
 
 // Catches: a delay that ends early, delays delivered in the order of their posts, and a thread asleep
 // until a late delay that misses an earlier one.
@@ -453,8 +449,6 @@ TEST_F(QueueTest, DelaysAreDeliveredInOrderOfTimeAndNeverEarly) {
     seen.erase(std::remove(seen.begin(), seen.end(), 4u), seen.end());
     EXPECT_EQ(seen, (std::vector<uint32_t>{2, 3, 1, 0}));
 }
-
-// ---- The thread -------------------------------------------------------------------------------
 
 // Catches: a thread without the name of its queue (the kernel refuses names that are not cut), a queue
 // without work that wakes up, e.g. to poll or to yield; a second thread on a queue started twice, a second
@@ -487,8 +481,6 @@ TEST_F(QueueTest, TheThreadIsNamedAfterItsQueueAndSleepsWhileThatIsIdle) {
         EXPECT_EQ(statusOf(idleThread, "voluntary_ctxt_switches"), switches);
     }
 }
-
-// ---- Everything at once -----------------------------------------------------------------------
 
 // Catches: a post that was accepted and never delivered, a waiter left behind, or a queue touched that
 // is gone, when threads post while others, or the queue's own, stop, start and replace their queue.

@@ -299,7 +299,7 @@ TEST_F(Xc2Test, SettingsResetThePoolsAndNeedTheirBlockPools) {
     EXPECT_EQ(fetch(*graphic)->pixelFormat(), 0x1u);
 }
 
-// ---- Views and native buffers -------------------------------------------------------------------
+// ---- Views, native buffers and failures -------------------------------------------------------
 
 // Catches: views that are missing, made by the construction alone, share memory, or are secure; a view
 // that is missing from a buffer, or that stays behind when another one fails.
@@ -364,8 +364,6 @@ TEST_F(Xc2Test, NativeBuffersAreWrappedByTheirKindOfPool) {
     linear->reset();
     EXPECT_EQ(memories(), 1);
 }
-
-// ---- Failures -----------------------------------------------------------------------------------
 
 // Catches: an answer of the vendor's pool that is taken without a look: a status, no buffer, the wrong
 // kind; a short buffer where a size does not fit 32 bits.
