@@ -400,7 +400,7 @@ TEST_P(Contract, HoldersOutliveSettingsAndPools) {
 }
 
 // Catches: a null output that is followed; a failed allocation, injected or for want of descriptors,
-// that yields a buffer, keeps a slot or leaves the pool unusable.
+// that yields a buffer, keeps a slot or leaves the pool unusable; descriptor 0 taken for a failure.
 TEST_P(Contract, AFailedAllocationIsNoMemoryAndPasses) {
     EXPECT_EQ(pool.fetch(nullptr), VX_BAD_VALUE);
     EXPECT_GUARD("!buf");
@@ -415,6 +415,16 @@ TEST_P(Contract, AFailedAllocationIsNoMemoryAndPasses) {
     }
     EXPECT_EQ(memories(), 2);
     EXPECT_EQ(pool.fetch(&c), VX_OK);
+    c.reset();
+    pool->reset();
+    const int input = dup(STDIN_FILENO);
+    close(STDIN_FILENO);
+    EXPECT_EQ(pool.fetch(&c), VX_OK);
+    c->map()->vaddr()[0] = 1;
+    c.reset();
+    pool->reset();
+    dup2(input, STDIN_FILENO);
+    close(input);
 }
 
 // Catches: a buffer handed out twice at a time, one lost or made past the limit, when fetches and

@@ -5,6 +5,7 @@
 #include <cutils/native_handle.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -294,7 +295,7 @@ TEST_F(Codec2Test, ANullFenceHasFiredAndCopiesShare) {
     EXPECT_EQ(copy.wait(0), C2_OK);
 }
 
-// Catches: a handle whose descriptors leak, or one of another version that is freed.
+// Catches: a handle whose descriptors or memory leak, or one of another version that is freed.
 TEST_F(Codec2Test, NativeHandlesCloseWhatTheyHold) {
     EXPECT_EQ(native_handle_create(-1, 0), nullptr);
     native_handle_t* handle = native_handle_create(1, 2);
@@ -307,4 +308,7 @@ TEST_F(Codec2Test, NativeHandlesCloseWhatTheyHold) {
     EXPECT_EQ(native_handle_close(handle), 0);
     EXPECT_EQ(memories(), 0);
     EXPECT_EQ(native_handle_delete(handle), 0);
+    const size_t mapped = mallinfo2().hblkhd;
+    native_handle_delete(native_handle_create(0, 16 << 20));  // so large that it is mapped apart
+    EXPECT_EQ(mallinfo2().hblkhd, mapped);
 }
