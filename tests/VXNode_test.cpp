@@ -598,6 +598,7 @@ TEST_F(NodeTest, FlushGoesDownTheGraph) {
     EXPECT_TRUE(watch.expired());
     EXPECT_EQ(order, (std::vector<std::string>{"up", "down"}));  // waited for, in order
     EXPECT_TRUE(downstream->events.empty());
+    EXPECT_EQ(down->handleMessage(makeEvent(VXNode::EVENT_FLUSH)), VX_OK);
 }
 
 // ---- Regulator --------------------------------------------------------------------------------
@@ -661,6 +662,7 @@ TEST_F(RegulatorTest, BatchesAndTheirOutputs) {
     node->processHook = [&](Works inputs, Outputs* outputs) {
         given = inputs.size();
         *outputs = makeOutputs(leave);
+        if (leave == 1 && result == VX_OK) outputs->front() = nullptr;
         return result;
     };
     const auto schedule = [&](Works works) {
@@ -680,6 +682,8 @@ TEST_F(RegulatorTest, BatchesAndTheirOutputs) {
     EXPECT_EQ(received().size(), 0u);
     EXPECT_EQ(Counted::sAlive, 0);
     leave = 1;
+    EXPECT_EQ(schedule({makeInput(0, kEos)}), VX_ERROR);
+    EXPECT_LOGGED(ERROR, "[g.n.Regulator] Failed to notify completed works");
     result = VX_NOT_FOUND;
     EXPECT_EQ(schedule({makeInput(0, kEos)}), VX_OK);
     EXPECT_EQ(received().size(), 1u);

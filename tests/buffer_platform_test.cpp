@@ -47,7 +47,7 @@ protected:
 };
 
 // Catches: memory that is too short, not zero, inherited by other programs, of changing size, or that
-// cannot be told from another one; an impossible size taken for a small one.
+// cannot be told from another one; an impossible size taken for a small one, an error for success.
 TEST_F(AllocatorTest, MemoryIsWholePagesAndBehavesLikeADmaBuf) {
     std::set<ino_t> inodes;
     for (const auto& [asked, given] :
@@ -71,6 +71,8 @@ TEST_F(AllocatorTest, MemoryIsWholePagesAndBehavesLikeADmaBuf) {
         munmap(memory, given);
         close(fd);
     }
+    EXPECT_EQ(allocator.CpuSyncStart(-1, kSyncRead), -EBADF);
+    EXPECT_EQ(allocator.CpuSyncEnd(-1, kSyncRead), -EBADF);
     EXPECT_TRUE(log.messages().empty());
     EXPECT_LT(allocator.Alloc("system", 0, 0), 0);
     EXPECT_LOGGED(ERROR, "cannot allocate 0 bytes from heap system: Invalid argument");
