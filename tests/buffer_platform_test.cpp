@@ -112,7 +112,7 @@ TEST_F(AllocatorTest, TheSourceIsDecidedOnceAndCanBeForced) {
 
 // Catches: a device that cannot be opened and hides the next one, a heap whose source depends on which
 // other one came first, a decision made for good while no descriptor was left, a device that other
-// programs inherit.
+// programs inherit, a list of heaps with anything else in it.
 TEST_F(AllocatorTest, WhatCannotBeOpenedIsPassedOverForEachHeap) {
     char folder[] = "/tmp/devices.XXXXXX";
     ASSERT_NE(mkdtemp(folder), nullptr);
@@ -145,12 +145,15 @@ TEST_F(AllocatorTest, WhatCannotBeOpenedIsPassedOverForEachHeap) {
         {{missing, missing, missing}, "memfd", "memfd"}};
     for (const auto& row : rows) {
         SCOPED_TRACE(&row - rows);
+        std::unordered_set<std::string> heaps;
         for (int i = 0; i < 3; ++i) {
             const std::string& target = row.targets[i] == loop ? paths[i] : row.targets[i];
             if (target == missing) continue;
             ASSERT_EQ(symlink(target.c_str(), paths[i].c_str()), 0);
+            if (i < 2) heaps.insert(i == 0 ? "vndr,system" : "system");
         }
         force("", devices);
+        EXPECT_EQ(allocator.GetDmabufHeapList(), heaps);
         {
             const NoDescriptors none;
             EXPECT_LT(BufferAllocator().Alloc("vndr,system", 1), 0);
