@@ -36,6 +36,7 @@ TEST_F(DmabufTest, BuffersAreTheirDescriptor) {
         EXPECT_EQ(buffer->nativeBuffer().type(), typeid(std::nullptr_t));
         EXPECT_EQ(linear->createFromNative(buffer->nativeBuffer()), nullptr);
         EXPECT_EQ(graphic->createFromNative(buffer->nativeBuffer()), nullptr);
+        EXPECT_EQ(buffer->size(), 0u);
         EXPECT_EQ(buffer->setFilledRange(16, 100), VX_OK);
         EXPECT_EQ(buffer->size(), 100u);
         EXPECT_EQ(buffer->offset(), 0u);

@@ -71,6 +71,7 @@ TEST_F(Xc2Test, BuffersForwardToTheVendors) {
     ASSERT_NE(native, nullptr);
     EXPECT_EQ(buffer->fd(), native->linearBlock().fd);
     EXPECT_EQ(buffer->id(), 1);
+    EXPECT_EQ(buffer->offset() + buffer->size(), 0u);
     EXPECT_EQ(buffer->uid(), native->uniqueId());
     EXPECT_EQ(buffer->capacity(), 128u);
     EXPECT_EQ(buffer->setFilledRange(16, 64), VX_OK);
@@ -366,7 +367,7 @@ TEST_F(Xc2Test, NativeBuffersAreWrappedByTheirKindOfPool) {
 }
 
 // Catches: an answer of the vendor's pool that is taken without a look: a status, no buffer, the wrong
-// kind; a short buffer where a size does not fit 32 bits.
+// kind; a short buffer where a size does not fit 32 bits, memory with the wrong kind of cache.
 TEST_F(Xc2Test, OddAnswersOfTheVendorsPoolAreNoMemory) {
     const auto buffers = fetchBoth();
     const std::string failed = "mPool->allocate(&xc2Buffer) != xc2::XC2_OK";
@@ -392,6 +393,10 @@ TEST_F(Xc2Test, OddAnswersOfTheVendorsPoolAreNoMemory) {
     linear->setSize(UINT32_MAX - 1);
     linear->setAlignment(4096);
     graphic->setResolution(65535, 65535);
-    expectNoMemory(*linear, *graphic);
-    EXPECT_EQ(log.count("cannot allocate 4294967295 bytes from heap system"), 2);
+    for (const auto& [usage, heap] :
+         {std::pair<VXBufferUsage, std::string>{CACHED, "system"}, {DEFAULT, "system-uncached"}}) {
+        EXPECT_EQ(linear->setUsage(usage) + graphic->setUsage(usage), VX_OK);
+        expectNoMemory(*linear, *graphic);
+        EXPECT_EQ(log.count("cannot allocate 4294967295 bytes from heap " + heap + ": "), 2);
+    }
 }

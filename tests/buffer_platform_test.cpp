@@ -276,6 +276,7 @@ TEST_F(Codec2Test, PoolsAreWhatTheirIdSaysAndBlocksOwnTheirMemory) {
     EXPECT_EQ(linear->fetchGraphicBlock(8, 8, 0x1, usage, &picture), C2_OMITTED);
     EXPECT_EQ(graphic->fetchGraphicBlock(64, 64, 0x1234, usage, &picture), C2_BAD_VALUE);
     ASSERT_EQ(graphic->fetchGraphicBlock(64, 64, 0x1, usage, &picture), C2_OK);
+    EXPECT_EQ(picture->handle()->numInts, 0);
     EXPECT_EQ(lseek(picture->handle()->data[0], 0, SEEK_END), 64 * 64 * 4);
 }
 
