@@ -73,6 +73,7 @@ TEST_F(AllocatorTest, MemoryIsWholePagesAndBehavesLikeADmaBuf) {
     }
     EXPECT_EQ(allocator.CpuSyncStart(-1, kSyncRead), -EBADF);
     EXPECT_EQ(allocator.CpuSyncEnd(-1, kSyncRead), -EBADF);
+    EXPECT_EQ(allocator.DmabufSetName(-1, "name"), -EBADF);
     EXPECT_TRUE(log.messages().empty());
     EXPECT_LT(allocator.Alloc("system", 0, 0), 0);
     EXPECT_LOGGED(ERROR, "cannot allocate 0 bytes from heap system: Invalid argument");
@@ -254,6 +255,8 @@ TEST_F(Codec2Test, PoolsAreWhatTheirIdSaysAndBlocksOwnTheirMemory) {
     std::shared_ptr<C2BlockPool> linear, graphic;
     ASSERT_EQ(android::GetCodec2BlockPool(0, nullptr, &linear), C2_OK);
     ASSERT_EQ(android::GetCodec2BlockPool(1, nullptr, &graphic), C2_OK);
+    EXPECT_EQ(linear->getLocalId(), 0u);
+    EXPECT_EQ(graphic->getLocalId(), 1u);
     EXPECT_EQ(linear->getAllocatorId(), 16u);
     EXPECT_EQ(graphic->getAllocatorId(), 17u);
     auto none = linear;
@@ -287,6 +290,7 @@ TEST_F(Codec2Test, ANullFenceHasFiredAndCopiesShare) {
     EXPECT_TRUE(none.valid() && none.ready());
     EXPECT_EQ(none.wait(0), C2_OK);
     EXPECT_EQ(none.fd(), -1);
+    EXPECT_FALSE(none.isHW());
 
     vexa_testing::FenceTrigger trigger;
     C2Fence copy = trigger.fence();
