@@ -10,6 +10,7 @@
 #include <chrono>
 
 #include "support/BufferTest.h"
+#include "support/CountedMemory.h"
 
 using namespace vexa;
 using vexa_testing::Call;
@@ -270,6 +271,14 @@ TEST_F(Xc2Test, SettingsResetThePoolsAndNeedTheirBlockPools) {
     const auto noGraphic = VXGraphicBufferPoolCreate_xc2(DEFAULT);
     sNoPool = false;
     EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "Failed to get Codec2 BlockPool"), 2);
+    tRefuseMemory = true;
+    const auto unmadeLinear = VXLinearBufferPoolCreate_xc2(DEFAULT);
+    const auto unmadeGraphic = VXGraphicBufferPoolCreate_xc2(DEFAULT);
+    tRefuseMemory = false;
+    EXPECT_LOGGED(ERROR, "Failed to create linear buffer pool !");
+    EXPECT_LOGGED(ERROR, "Failed to create graphic pool !");
+    expectNoMemory(*unmadeLinear, *unmadeGraphic);
+    log.clear();
     linear->setMaxSlots(1);
     graphic->setMaxSlots(1);
     VXError (*const settings[])(VXLinearBufferPool&, VXGraphicBufferPool&) = {

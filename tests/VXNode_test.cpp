@@ -631,6 +631,7 @@ TEST_F(RegulatorTest, CapacityFollowsTheLargestDelay) {
                         "[g.n.Regulator] Downstream-capacity=7 [Port 'a' has max delay = 4. "
                         "batchsize = 1"),
               2);
+    EXPECT_EQ(VXNode::Regulator(*node, 1, {}).maxDownstreamCapacity(), 3u);
     EXPECT_EQ(regulator->notifyCompletedWorks(makeOutputs(7)), VX_OK);
     unsigned long ready = 9;
     EXPECT_FALSE(regulator->canScheduleWorks(&ready));

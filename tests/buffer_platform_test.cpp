@@ -265,11 +265,14 @@ TEST_F(Codec2Test, PoolsAreWhatTheirIdSaysAndBlocksOwnTheirMemory) {
 
     const C2MemoryUsage usage(C2MemoryUsage::CPU_READ, C2MemoryUsage::CPU_WRITE);
     std::shared_ptr<C2LinearBlock> block;
+    int i = 0;
+    mallopt(M_PERTURB, 1);  // what is not written is not 0
     ASSERT_EQ(linear->fetchLinearBlock(5000, usage, &block), C2_OK);
+    mallopt(M_PERTURB, 0);
     EXPECT_EQ(block->handle()->version, 12);
     EXPECT_EQ(block->handle()->numFds, 1);
     EXPECT_EQ(block->handle()->numInts, 3);
-    EXPECT_EQ(block->handle()->data[1], 5000);
+    for (const int number : {5000, 0, 0xc210000}) EXPECT_EQ(block->handle()->data[++i], number);
     EXPECT_EQ(memories(), 1);
     std::shared_ptr<C2CircularBlock> circle;
     EXPECT_EQ(linear->fetchCircularBlock(100, usage, &circle), C2_OMITTED);
