@@ -101,26 +101,18 @@ protected:
                            "--timeout", "50", "reader.file=" + file} +
                      options);
     }
-
-    // The streams that have a list.
-    static Words streams() {
-        Words files;
-        std::error_code none;
-        for (auto entry = std::filesystem::recursive_directory_iterator(VXRUN_STREAMS_DIR, none);
-             !none && entry != std::filesystem::recursive_directory_iterator(); ++entry) {
-            const std::string file = entry->path();
-            if (std::filesystem::exists(file + ".framemd5")) files.push_back(file);
-        }
-        return files;
-    }
 };
 
 // Catches: a wrong picture, order, crop, size change or number of frames in real streams; a decoder
 // that waits forever, or fails, with few buffers or buffers of another allocator; false alarms.
 TEST_F(VxrunDecoding, DecodesRealStreams) {
-    const auto files = streams();
-    if (files.empty()) GTEST_SKIP() << "no streams in " VXRUN_STREAMS_DIR;
-    for (const std::string& file : files) {
+    std::error_code none;
+    bool any = false;
+    for (const auto& entry :
+         std::filesystem::recursive_directory_iterator(VXRUN_STREAMS_DIR, none)) {
+        const std::string file = entry.path();
+        if (!std::filesystem::exists(file + ".framemd5")) continue;
+        any = true;
         for (const std::string allocator : {"dmabuf", "xcodec2"}) {
             SCOPED_TRACE(file + " " + allocator);
             const Result result =
@@ -131,6 +123,7 @@ TEST_F(VxrunDecoding, DecodesRealStreams) {
             EXPECT_EQ(result.err, "");
         }
     }
+    if (!any) GTEST_SKIP() << "no streams in " VXRUN_STREAMS_DIR;
 }
 
 // Catches: damage that the decoder conceals and does not report, a run that breaks off at it, and

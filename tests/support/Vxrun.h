@@ -33,8 +33,6 @@ inline Words operator+(Words words, const Words& more) {
 
 constexpr std::chrono::seconds kLimit(60);  // for one process, however slow the machine
 
-// ---- Processes --------------------------------------------------------------------------------
-
 // A program that runs beside the test, with its output collected. Killed when it takes too long.
 class Process {
 public:
@@ -46,12 +44,13 @@ public:
         arguments.push_back(nullptr);
         int out[2], err[2];
         EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-        EXPECT_EQ(
-            terminal ? openpty(&err[0], &err[1], nullptr, nullptr, nullptr) : pipe2(err, O_CLOEXEC),
-            0);
+        const int opened =
+            terminal ? openpty(&err[0], &err[1], nullptr, nullptr, nullptr) : pipe2(err, O_CLOEXEC);
+        EXPECT_EQ(opened, 0);
         mPid = fork();
         if (mPid == 0) {
-            dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+            close(0);
+            open("/dev/null", O_RDONLY);
             dup2(out[1], 1);
             dup2(err[1], 2);
             execvp(arguments[0], arguments.data());
@@ -127,8 +126,6 @@ inline Result run(const Words& command) {
     return {exit, process.out, process.err};
 }
 
-// ---- Files ------------------------------------------------------------------------------------
-
 inline std::string contentOf(const std::string& path) {
     std::ostringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();
@@ -145,8 +142,7 @@ inline std::string replaced(std::string text, const std::string& what, const std
     return at == std::string::npos ? text : text.replace(at, what.size(), by);
 }
 
-// A Y4M file of `frames` frames of `bytes` bytes each. Deep samples stay within 9 bits, so that
-// they are valid at every depth.
+// A Y4M file of `frames` frames of `bytes` bytes each. Deep samples stay within 9 bits.
 inline std::string y4m(const std::string& fields, int bytes, int frames, bool deep = false) {
     std::string file = "YUV4MPEG2 " + fields + "\n";
     uint32_t noise = 1;
@@ -174,23 +170,21 @@ protected:
 
     std::string path(const std::string& name) const { return mFolder + "/" + name; }
 
-    // A graph file made from the shipped one `graph`, with `what` replaced by `by`.
-    std::string graph(const std::string& graph, const std::string& what = "",
+    // A graph file made from the shipped one `name`, with `what` replaced by `by`.
+    std::string graph(const std::string& name, const std::string& what = "",
                       const std::string& by = "") const {
-        writeFile(path("graph.json"),
-                  replaced(contentOf(VXRUN_GRAPHS_DIR "/" + graph + ".json"), what, by));
+        const std::string shipped = contentOf(VXRUN_GRAPHS_DIR "/" + name + ".json");
+        writeFile(path("graph.json"), replaced(shipped, what, by));
         return path("graph.json");
     }
-
-    // The shipped graph `graph` without an expectation.
+    // The same without an expectation.
     std::string unchecked(const std::string& name) const {
         return graph(name, R"("configs": { "expect": "clip.framemd5" },)");
     }
     // One that reads /dev/zero and never ends.
     std::string endless() const {
-        const std::string text = contentOf(unchecked("linear"));
-        writeFile(path("graph.json"),
-                  replaced(replaced(text, "source/y4m", "source/file"), "clip.y4m", "/dev/zero"));
+        const std::string text = replaced(contentOf(unchecked("linear")), "/y4m", "/file");
+        writeFile(path("graph.json"), replaced(text, "clip.y4m", "/dev/zero"));
         return path("graph.json");
     }
 
@@ -239,16 +233,14 @@ protected:
     std::string mFolder;
 };
 
-// ---- Expectations -----------------------------------------------------------------------------
-
 inline void expectHas(const std::string& text, const std::string& part) {
     EXPECT_NE(text.find(part), std::string::npos) << text << "lacks\n" << part;
 }
 
 inline void expectPass(const Result& result, const std::string& frames) {
-    EXPECT_EQ(result.out, "verdict: PASS frames=" + frames + " checked=" + frames +  //
-                              " first_bad=-\n");
-    EXPECT_EQ(result.exit, 0) << result.err;
+    const std::string counts = " frames=" + frames + " checked=" + frames + " first_bad=-\n";
+    EXPECT_EQ(result.out, "verdict: PASS" + counts) << result.err;
+    EXPECT_EQ(result.exit, 0);
 }
 
 // The one line that a failure gives, and nothing else but a snapshot, whose lines are indented.
