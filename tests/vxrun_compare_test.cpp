@@ -172,8 +172,8 @@ TEST_F(VxrunCompare, FindsFramesThatAreOff) {
          "): actual 80x144 yuv420p, expected 144x80 yuv420p\n", nullptr},
     };
     const Clip expected(8);
-    const std::string lists = path("lists.json"), source = "a.file=" + path("a.y4m");
-    std::filesystem::rename(graphOf("a source/y4m check.0; check sink/checksum"), lists);
+    const std::string source = "a.file=" + path("a.y4m"),
+                      lists = moved(graphOf("a source/y4m check.0; check sink/checksum"), "lists");
     writeFile(path("a.y4m"), expected.file());
     EXPECT_EQ(vxrun({lists, source, "check.write=" + path("list")}).exit, 4);
     for (const Case& c : cases) {
@@ -306,6 +306,13 @@ TEST_F(VxrunCompare, WritesWrongFrames) {
         EXPECT_EQ(probe.out, std::string("9,5,") + c.pixels + "\n") << probe.err;
         std::filesystem::remove_all(folder);
     }
+    // A node's name does not lead out of the folder.
+    const std::string named =
+        std::regex_replace(contentOf(path("graph.json")), std::regex("cmp"), "../c-p");
+    writeFile(path("graph.json"), named);
+    vxrun({path("graph.json"), "a.file=" + path("a.y4m"), "b.file=" + path("b.y4m"), "--dump-bad",
+           folder});
+    EXPECT_TRUE(std::filesystem::exists(folder + "/___c-p.frame000001.actual.raw"));
     expectFailure(compare(Clip(1), Clip(1), {"--dump-bad", path("a.y4m")}), 3, "NODE_FAIL_INIT",
                   "a.y4m' cannot be made: ");
 }
@@ -343,13 +350,15 @@ TEST_F(VxrunCompare, UnevenBranchesDoNotStall) {
 // stalled run that does not show which node has the buffers; a fence that is said to keep pictures.
 TEST_F(VxrunCompare, ChecksKnowWhatCannotMove) {
     writeFile(path("clip.y4m"), y4m("W6 H4 F25:1", 36, 20));
-    const std::string delayed = path("delayed.json"), transcode = path("transcode.json"),
-                      fenced = path("fenced.json"), clip = "file=" + path("clip.y4m");
-    std::filesystem::rename(
-        graphOf("a source/y4m d.0; d transform/delay check.0; check sink/checksum"), delayed);
-    std::filesystem::rename(graphOf("a source/y4m f.0; f transform/fence cmp.0; "
-                                    "b source/y4m cmp.1; cmp sink/compare"),
-                            fenced);
+    const std::string delayed = moved(
+                          graphOf(
+                              "a source/y4m d.0; d transform/delay check.0; check sink/checksum"),
+                          "delayed"),
+                      fenced = moved(
+                          graphOf("a source/y4m f.0; f transform/fence cmp.0; b source/y4m cmp.1; "
+                                  "cmp sink/compare"),
+                          "fenced"),
+                      transcode = path("transcode.json"), clip = "file=" + path("clip.y4m");
     // Without B frames the decoder behind the encoder keeps none.
     const std::string shipped = contentOf(VXRUN_GRAPHS_DIR "/transcode.json");
     writeFile(transcode, replaced(shipped, "threads=1", "threads=1:bf=0"));

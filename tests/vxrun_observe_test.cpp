@@ -48,9 +48,8 @@ protected:
 // a difference that was found before it and is lost, or dumps that cannot be written and hide it.
 TEST_F(VxrunObserved, EndsInOrder) {
     makeClip();
-    const std::string clip = contentOf(path("clip.y4m")), endlessFile = path("endless.json");
-    std::filesystem::rename(endless(), endlessFile);
-    const std::string linear = graph("linear");
+    const std::string clip = contentOf(path("clip.y4m")),
+                      endlessFile = moved(endless(), "endless.json"), linear = graph("linear");
     const int writer = makePipe("");
     const Words cut = {linear, "reader.file=" + path("cut.y4m"), "--dump-bad", path("dump")},
                 pipe = {linear, "reader.file=" + path("pipe")}, never = {endlessFile};

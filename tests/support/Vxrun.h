@@ -169,6 +169,11 @@ protected:
     }
 
     std::string path(const std::string& name) const { return mFolder + "/" + name; }
+    // `file` under another name.
+    std::string moved(const std::string& file, const std::string& name) const {
+        std::filesystem::rename(file, path(name));
+        return path(name);
+    }
 
     // A graph file made from the shipped one `name`, with `what` replaced by `by`.
     std::string graph(const std::string& name, const std::string& what = "",
