@@ -307,8 +307,10 @@ TEST_F(VxrunCompare, WritesWrongFrames) {
         std::filesystem::remove_all(folder);
     }
     // A node's name does not lead out of the folder.
-    const std::string named =
-        std::regex_replace(contentOf(path("graph.json")), std::regex("cmp"), "../c-p");
+    std::string named = contentOf(path("graph.json"));
+    for (size_t at = 0; (at = named.find("cmp", at)) < named.size(); at += 6) {
+        named.replace(at, 3, "../c-p");
+    }
     writeFile(path("graph.json"), named);
     vxrun({path("graph.json"), "a.file=" + path("a.y4m"), "b.file=" + path("b.y4m"), "--dump-bad",
            folder});

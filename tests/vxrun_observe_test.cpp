@@ -222,6 +222,29 @@ TEST_F(VxrunObserved, WritesProgress) {
     }
 }
 
+// Catches: no progress on a terminal, one without the time that is left or with one that cannot be
+// known, or its rest left on the screen.
+TEST_F(VxrunObserved, ShowsProgressOnATerminal) {
+    makeClip();
+    const std::pair<Words, std::string> cases[] = {
+        {{moved(graph("linear"), "checked.json")}, "1 checked, 0 mismatches, [0-9]+ s left, "},
+        {{unchecked("linear"), "--timeout", "600"}, "0 checked, 0 mismatches, [0-9]+ s left, "},
+        {{unchecked("linear")}, "0 checked, 0 mismatches, [0-9]+\\.[0-9] frames/s\033\\[K"},
+    };
+    for (const auto& [arguments, line] : cases) {
+        const int writer = makePipe(y4m("W6 H4", 36, 1) + "FRAME\n");
+        Process process(command(arguments + Words{"reader.file=" + path("pipe")}), {}, true);
+        EXPECT_TRUE(process.waitFor("\r1 frames, ")) << process.err;
+        const std::string rest(36, 'x');
+        EXPECT_EQ(write(writer, rest.data(), rest.size()), ssize_t(rest.size()));
+        close(writer);
+        process.wait();
+        expectMatch(process.err, "\r1 frames, " + line);
+        EXPECT_EQ(process.err.substr(process.err.size() - 4), "\r\033[K");
+        std::filesystem::remove(path("pipe"));
+    }
+}
+
 // Catches: a trace that is not valid JSON, from its start, after a kill and on a full disk, which
 // has to be reported; events that are lost, have no counterpart, or overlap in one row.
 TEST_F(VxrunObserved, WritesTraces) {
