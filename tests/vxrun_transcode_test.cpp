@@ -218,6 +218,8 @@ TEST_F(VxrunTranscode, ConvertsAndWritesY4m) {
                      "convert.format=" +
                          c.to + " convert.width=" + c.width + " convert.height=" + c.height);
         expectPass(result, "9");
+        const std::string y4m = contentOf(path("out.y4m"));
+        EXPECT_EQ(y4m.find(" XCOLORRANGE=FULL\n") < y4m.find("FRAME"), c.to == "yuvj420p");
         result = runGraph("reader decoder check", "reader.file=out.y4m check.expect=framemd5");
         expectPass(result, "9");
         expectPass(vxrun({graph("linear"), "reader.file=" + path("out.y4m"),
