@@ -2,6 +2,7 @@
 #include "support/Vxrun.h"
 
 #include <map>
+#include <regex>
 #include <set>
 
 namespace {
