@@ -55,7 +55,7 @@ int start(int argc, char** argv) {
 }  // namespace vxrun
 
 int main(int argc, char** argv) {
-    // What is opened must not become standard input, output or error because that is closed.
+    // A file must not be opened as standard input, output or error because that one is closed.
     while (true) {
         const int file = open("/dev/null", O_RDWR | O_CLOEXEC);
         if (file > STDERR_FILENO) close(file);
@@ -64,7 +64,7 @@ int main(int argc, char** argv) {
     }
     // A reader that has gone and a file that is too large (ulimit -f) are errors like a full disk.
     for (const int number : {SIGPIPE, SIGXFSZ}) std::signal(number, SIG_IGN);
-    // A snapshot may be asked for before there is a graph: it comes when there is one.
+    // A snapshot may be requested before there is a graph: it is shown once there is one.
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGUSR1);

@@ -62,8 +62,8 @@ std::shared_ptr<Pool> Pool::make(const std::string& allocator, const PictureForm
 VXError Pool::fetch(std::shared_ptr<PoolBuffer>* buffer) {
     VXError status = fetchNow(buffer);
     if (status != VX_NO_FREE_SLOT) return status;
-    // The wish is stated first, then one more try: a buffer that came back in between called no
-    // onFree.
+    // The wish is recorded first, then one more try: a buffer that came back in between did not
+    // call onFree.
     mWanted = true;
     status = fetchNow(buffer);
     if (status != VX_NO_FREE_SLOT) mWanted = false;

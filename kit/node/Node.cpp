@@ -19,9 +19,9 @@ Node::Node(NodeArguments arguments)
 }
 
 std::vector<std::string> Node::getPreferredAllocatorTypes() {
-    // A name that is no allocator's is refused at set-up, by a line that names the node.
-    const bool insists = !mRecord.allocator.empty() && mMistake.empty();
-    return {insists ? mRecord.allocator : "any"};
+    // Set-up refuses the name of an unknown allocator, with a line that names the node.
+    const bool isRequired = !mRecord.allocator.empty() && mMistake.empty();
+    return {isRequired ? mRecord.allocator : "any"};
 }
 
 VXError Node::onSetup(bool beforeFence) {
@@ -111,9 +111,9 @@ std::unique_ptr<VXWork> Node::shareOf(const VXSharedWork& input) {
 std::shared_ptr<PoolBuffer> Node::fenced(std::shared_ptr<PoolBuffer> buffer,
                                          const VXFrameInfo& frame) {
     if (!mBeforeFence) return buffer;
-    auto given = mFences.withFence(buffer, *infoOf<StreamInfo>(frame));
-    if (given != buffer) wakeUp(static_cast<unsigned>(config(kFenceMs)));
-    return given;
+    auto sent = mFences.withFence(buffer, *infoOf<StreamInfo>(frame));
+    if (sent != buffer) wakeUp(static_cast<unsigned>(config(kFenceMs)));
+    return sent;
 }
 
 void Node::hold(SharedWorks* works) {

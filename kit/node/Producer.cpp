@@ -34,7 +34,7 @@ void Producer::process(const SharedWorks&) {
     if (mNext) write();
     try {
         advance();
-    } catch (...) {  // the frame before the trouble is sent on
+    } catch (...) {  // the frame before the error is still sent
         sendWritten();
         throw;
     }

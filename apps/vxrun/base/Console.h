@@ -4,7 +4,7 @@
 // Its state is global because standard output and error are: a process has one of each, and any
 // thread may have to report something, down to the handler of std::terminate().
 //
-// Threads  any. Lines come out whole. Where standard error is not read, lines are lost after a few
+// Threads  any. Lines come out whole. If standard error is not read, lines are lost after a few
 //          seconds: neither the run nor its watchdog hangs on it.
 #pragma once
 
@@ -18,8 +18,8 @@
 namespace vxrun::console {
 
 // `quiet` silences everything here. `color`: "always", "never" or "auto": on a terminal that has
-// them, unless the environment overrides it. Before other threads start; from then on descriptors 1
-// and 2 may lead elsewhere.
+// them, unless the environment overrides it. Call before other threads start; afterwards
+// descriptors 1 and 2 may lead elsewhere.
 void configure(bool quiet, const std::string& color);
 
 // `text` in red, or in green when it is `good`, if what is written to `fd` is to have colors.
@@ -27,7 +27,7 @@ std::string painted(const std::string& text, bool good, int fd);
 
 // Prints an error as one line, see printable().
 void line(const std::string& text);
-// Prints a text that is no error; it may have several lines.
+// Prints a text that is not an error; it may have several lines.
 void note(const std::string& text);
 // The first error that line() was given since configure(), printed or not.
 std::string firstError();
@@ -39,9 +39,9 @@ bool showsProgress();
 void progress(const std::string& text);
 
 // Prints `text`, a result that was asked for, on standard output (or error), at once and even when
-// quiet. Waits for a reader that does not read for `patience` at most: without limit only where no
-// run is under way. False, after an error line, when it is not printed whole: a disk is full, a
-// reader has gone.
+// quiet. Waits at most `patience` for a reader that does not read: without limit only if no run is
+// under way. False, after an error line, when it is not printed whole: a disk is full, a reader has
+// gone.
 constexpr std::chrono::seconds kPatience(5);
 bool result(const std::string& text, int fd = STDOUT_FILENO,
             std::chrono::milliseconds patience = Outlet::kForever);

@@ -32,7 +32,7 @@ struct JsonValue {
 // Owns     the text and its values.
 class JsonDocument {
 public:
-    // Reads and parses `path`. Refuses what is not valid JSON, nests deeper than any of our files,
+    // Reads and parses `path`. Refuses what is not valid JSON, nests too deeply,
     // gives a key of one object twice, or is larger than `limit` bytes: every value costs many
     // times its text. `rootName` is what error lines call the document itself.
     explicit JsonDocument(const std::string& path, std::string rootName = "graph",

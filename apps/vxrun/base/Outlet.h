@@ -6,7 +6,7 @@
 
 namespace vxrun {
 
-// Writes texts whole or not at all, and waits for a reader only so long. The watchdog writes
+// Writes texts whole or not at all, and waits for a reader with a limit. The watchdog writes
 // through it, and must not hang.
 //
 // Life     its target stays open for as long as it lives; the descriptor it was made from need not.
@@ -16,17 +16,18 @@ class Outlet {
 public:
     static constexpr std::chrono::milliseconds kForever = std::chrono::milliseconds::max();
 
-    // Leads to where the descriptor `fd` leads; not open when that is not (errno has the reason).
+    // Opens what the descriptor `fd` refers to. isOpen() is false if that fails (errno has the
+    // reason).
     explicit Outlet(int fd);
     ~Outlet();
     Outlet(const Outlet&) = delete;
     Outlet& operator=(const Outlet&) = delete;
 
     bool isOpen() const { return mFile >= 0; }
-    // Writes `text`. Waits for a reader that does not read for `patience` at most; once that was
-    // not enough it does not wait, until there is room again. 0, or an errno number. EAGAIN: there
-    // was no room; a text that has begun is finished first next time, and one that comes before
-    // that is lost.
+    // Writes `text`. Waits at most `patience` for a reader that does not read; after such a wait
+    // without success it does not wait again until there is room. Returns 0 or an errno number.
+    // EAGAIN: there was no room; a text that has begun is finished first next time, and texts
+    // before that are lost.
     int write(const std::string& text, std::chrono::milliseconds patience);
 
 private:

@@ -1,4 +1,4 @@
-// Text: what the program's own texts are put together with, beside <vxkit/Text.h>.
+// Text: helpers for vxrun's texts, besides <vxkit/Text.h>.
 #pragma once
 
 #include "Vxkit.h"

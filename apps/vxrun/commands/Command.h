@@ -1,5 +1,4 @@
-// Command: what vxrun can be told to do. Each command is one source file here that registers
-// itself.
+// Command: the commands of vxrun. Each is one source file here that registers itself.
 #pragma once
 
 #include "GraphFile.h"
@@ -13,10 +12,10 @@
 
 namespace vxrun {
 
-// The options that several commands share; they may stand before or behind the command's name.
+// The options that several commands share; they may come before or after the command's name.
 struct CommonOptions {
     void addTo(CLI::App* app);
-    // The run's options and the edits of its graph as these options have them.
+    // The run's options, and the edits of its graph, that these options ask for.
     RunOptions runOptions() const;
     GraphEdits edits() const;
 
@@ -47,7 +46,7 @@ public:
     virtual int conclude(const Evidence& evidence) const;
 };
 
-// True, for a static object of the command's source file to call it.
+// Returns true, so that a static object of the command's source file can call it.
 bool registerCommand(std::unique_ptr<Command> command);
 // All commands.
 const std::vector<std::unique_ptr<Command>>& commands();
@@ -63,7 +62,7 @@ CLI::Option* addOption(CLI::App* app, const std::string& usage, Value* value,
         ->type_name(usage.substr(blank + 1));
 }
 
-// Has the help of `command` show those options of `app` that apply to it.
+// Adds those options of `app` that apply to `command` to its help.
 void showOptions(const CLI::App& app, const std::vector<std::string>& names, CLI::App* command);
 
 // Runs `graph` with the options, writes the list of --record when all is well, and concludes.

@@ -1,5 +1,5 @@
-// Recording: the list of --record. It lies beside its place, under a name that no other file has,
-// until the run is known to be good.
+// Recording: the list of --record. Until the run has succeeded the list is kept beside its place,
+// under a name of its own.
 #pragma once
 
 #include <VXGraph.h>

@@ -1,4 +1,5 @@
-// vxrun GRAPH.json: runs the graph of a file. The command without a name; --list-nodes is its, too.
+// vxrun GRAPH.json: runs the graph of a file. The command without a name, which has the option
+// --list-nodes, too.
 #include "Command.h"
 #include "Console.h"
 #include "Text.h"

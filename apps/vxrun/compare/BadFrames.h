@@ -1,4 +1,4 @@
-// BadFrames: the first wrong frames of a node as files that people look at.
+// BadFrames: the first wrong frames of a node as files for people to look at.
 #pragma once
 
 #include "Vxkit.h"
@@ -27,13 +27,14 @@ extern const NumberKey kDumpLimit;
 // Threads  one at a time.
 class BadFrames {
 public:
-    // Makes the folder; throws Failure when that is not possible. An empty name: nothing is ever
+    // Makes the folder; throws Failure when that is not possible. An empty name: nothing is
     // written. `print` prints a line that begins with the node's name.
     BadFrames(const std::string& folder, uint64_t limit, const std::string& node,
               std::function<void(const std::string&)> print);
 
     // Writes one frame, unless `limit` frames have been written. `expected` may be null. A file
-    // that cannot be written is an error line, and the last: the verdict is the comparison's.
+    // that cannot be written is an error line and ends the dumps; the verdict is still the
+    // comparison's.
     void dump(uint64_t frame, const FrameView& actual, const FrameView* expected);
 
 private:

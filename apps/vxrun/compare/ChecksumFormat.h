@@ -19,7 +19,7 @@ namespace vxrun {
 
 // A row of a list: the checksum of a frame, or of the whole stream.
 struct ChecksumRow {
-    // Whether this row expects a frame (or stream) with the row `actual`. A size of 0 is not known.
+    // Whether this row expects a frame (or stream) with the row `actual`. A size of 0 is unknown.
     // A hash with a digit too many, as published lists have them, stands for each hash that it
     // becomes without one digit.
     bool matches(const ChecksumRow& actual) const;
@@ -71,7 +71,7 @@ struct ChecksumFormat {
     std::unique_ptr<ChecksumWriter> (*newWriter)(const std::string& path);
 };
 
-// True, for a static object of the format's source file to call it.
+// Returns true, so that a static object of the format's source file can call it.
 bool registerChecksumFormat(const ChecksumFormat& format);
 
 // The format of that name. Throws Failure for an unknown one.

@@ -230,8 +230,8 @@ std::string FrameDiff::shift(const Plane& plane) {
     return "";
 }
 
-// Whether each sample is the one expected at (x + dx, y + dy), as far as both lie in the plane,
-// which is to explain most of the wrong ones.
+// Whether each sample is the one expected at (x + dx, y + dy), as far as both lie in the plane, and
+// whether that explains most of the wrong ones.
 bool FrameDiff::isShifted(const Plane& plane, int dx, int dy) {
     const size_t width = plane.columns - std::min(plane.columns, size_t(std::abs(dx)));
     const size_t height = plane.rows - std::min(plane.rows, size_t(std::abs(dy)));

@@ -10,7 +10,7 @@
 
 namespace vxrun {
 
-// Compares when it is made. A block of bytes is one plane of 8-bit samples in one row. Frames of
+// Compares at construction. A block of bytes is one plane of 8-bit samples in one row. Frames of
 // different sizes or formats differ, and have no planes here.
 //
 // Threads  one at a time.

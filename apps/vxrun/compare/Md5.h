@@ -14,7 +14,7 @@ namespace vxrun {
 
 constexpr size_t kMd5Digits = 32;
 
-// The MD5 of no data, which any producer matches that makes nothing: it is never an expectation.
+// The MD5 of no data. Any producer without output matches it, so it is refused as an expectation.
 extern const char kMd5OfNothing[];
 
 // Md5: the MD5 of all frames that were added.

@@ -1,4 +1,5 @@
-// RemarkList: lines of text with an MD5 each, among remarks, in the layouts of md5sum and its kin.
+// RemarkList: lines of text with an MD5 each, among comments, in the layouts of md5sum and similar
+// programs.
 #pragma once
 
 #include "ChecksumFormat.h"

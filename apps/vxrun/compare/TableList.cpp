@@ -16,7 +16,7 @@ bool isCrc(const std::string& hash) {
 }
 
 // A row is: stream, dts, pts, duration, size, hash, and possibly more that is not compared. Only
-// stream 0 will do. The hash of nothing would let a producer pass that makes nothing.
+// stream 0 is accepted, and no frame of size 0, which a producer without output would match.
 ChecksumRow parseRow(const std::string& line) {
     uint64_t size = 0;
     char text[kMd5Digits + 1] = "";

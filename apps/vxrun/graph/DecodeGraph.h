@@ -13,7 +13,7 @@ struct DecodeOptions {
     std::string input;
     std::string output;  // the raw video to write; empty: none
     bool md5 = false;    // print the MD5 of the raw video; without an output it is printed anyway
-    std::string format;  // the pixel format to insist on; empty, "None", "Unknown": any
+    std::string format;  // the pixel format that is required; empty, "None", "Unknown": any
     std::string codec;
 };
 

@@ -103,7 +103,7 @@ private:
         const NodeType* type = nullptr;  // null when it is not known
         std::unique_ptr<VXNodeDescriptor> descriptor = std::make_unique<VXNodeDescriptor>();
         std::vector<size_t> upstream = {};  // the numbers of the nodes that feed it
-        bool done = false;                  // checkAcyclic() has been behind it
+        bool done = false;                  // checkAcyclic() has visited it
         bool hasPool = false;               // see NodeType
         int64_t framesHeld = 0;             // at least, see NodeType
     };

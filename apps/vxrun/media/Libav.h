@@ -60,9 +60,9 @@ public:
 
     // Sets an option unless the text has set it or `value` is empty.
     void preset(const char* key, const std::string& value);
-    // For the call that opens, which takes out what it knows.
+    // For the call that opens, which removes the options that it uses.
     AVDictionary** get() { return &mOptions; }
-    // Throws Failure for the `result` of that call, and for the first option that it left;
+    // Throws Failure for the `result` of that call, and for the first option that remains;
     // `subject` is what was to be opened.
     void check(int result, const std::string& subject) const;
 
@@ -71,8 +71,8 @@ private:
     AVDictionary* mOptions = nullptr;
 };
 
-// CodecLog: the first error that a codec has logged since it was last asked. Codecs conceal most
-// damage and report it nowhere but in the log.
+// CodecLog: the first error that a codec has logged since the last call of takeFirstError(). Codecs
+// conceal most damage and report it nowhere but in the log.
 //
 // The libraries have one log callback per process. takeOver() replaces it: from then on messages of
 // codecs go to the CodecLog that each is attached to, and all others are dropped.
@@ -86,7 +86,7 @@ public:
     // The first error since the last call; `otherwise` when there was none.
     std::string takeFirstError(const std::string& otherwise = {});
 
-    // Takes the place of the libraries' own log.
+    // Replaces the libraries' own log.
     static void takeOver();
 
 private:

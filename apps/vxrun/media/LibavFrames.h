@@ -31,7 +31,7 @@ void copyTo(const FrameView& picture, const AVFrame& source);
 struct LibavStreamInfo : public BitstreamInfo {
     Libav<AVCodecParameters> parameters = made(avcodec_parameters_alloc());
 
-    // Fills in what the base has, but for times, from the parameters.
+    // Fills in the base's members, except times, from the parameters.
     void describe();
 };
 
@@ -43,8 +43,8 @@ struct LibavUnitInfo : public UnitInfo {
     Libav<AVPacket> properties = made(av_packet_alloc());  // without data
 };
 
-// A padded copy of the access unit, with its properties: decoders read on behind the end of what
-// they are given.
+// A padded copy of the access unit, with its properties: decoders read beyond the end of their
+// input.
 Libav<AVPacket> packetOf(const AccessUnit& unit);
 // The parameters of a stream, whatever made it.
 Libav<AVCodecParameters> parametersOf(const BitstreamInfo& stream);

@@ -31,14 +31,15 @@ private:
     std::string nothing() const override { return mPath + ": no access unit in the file"; }
 
     void openFile() {
-        // A file is a file, whatever its name looks like, and fetches nothing from elsewhere.
+        // The path is a file's, even if it looks like a URL, and a file must not fetch anything
+        // from elsewhere.
         LibavOptions options(config(kOptions));
         av_dict_set(options.get(), "protocol_whitelist", "file", 0);
         AVFormatContext* file = nullptr;
         const int result =
             avformat_open_input(&file, ("file:" + mPath).c_str(), nullptr, options.get());
         mFile.reset(file);
-        // "tty" takes any text for a video, going by the file's name.
+        // "tty" accepts any text as a video, because of the file's name.
         const bool unknown = result == AVERROR_INVALIDDATA ||
                              (result == 0 && std::strcmp(file->iformat->name, "tty") == 0);
         if (unknown) throw Failure(mPath + ": not a video file that libavformat can read");
@@ -65,7 +66,7 @@ private:
         do {
             av_packet_unref(unit.get());
             const int result = av_read_frame(mFile.get(), unit.get());
-            // Many demuxers take a failing read for the end of the file.
+            // Many demuxers treat a failing read as the end of the file.
             if (result == AVERROR_EOF && mFile->pb != nullptr) check(mFile->pb->error);
             if (result == AVERROR_EOF) return false;
             check(result, ": access unit " + std::to_string(mUnits));

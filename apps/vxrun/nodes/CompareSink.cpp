@@ -14,7 +14,7 @@
 namespace vxrun {
 namespace {
 
-// A floor below these would let any pictures pass, but for the opposite of what they should be.
+// A floor below these would pass any picture but an inverted one.
 constexpr double kLeastPsnr = 1, kLeastSsim = 0.01;
 constexpr double kMostPsnr = 6 * 16 + 12;  // that of equal pictures of 16 bits
 

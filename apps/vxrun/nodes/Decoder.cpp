@@ -17,8 +17,8 @@ const TextKey kCodec{"codec", "the codec or the decoder to use, default libavcod
 const TextKey kFormat{"format", "the pixel format that the pictures must have, such as yuv420p"};
 const FlagKey kTolerateErrors{"tolerate_errors", "true: errors in the stream do not fail the run"};
 
-// The decoder that goes by `name`, or libavcodec's choice for the codec that does; null when there
-// is none. Codecs go first: "av1" is also the name of a decoder that needs hardware.
+// libavcodec's choice for the codec `name`, else the decoder `name`; null when there is neither.
+// Codecs come first: "av1" is also the name of a decoder that needs hardware.
 const AVCodec* findDecoder(const std::string& name) {
     const std::string known = name == "h265" ? "hevc" : name;
     const AVCodecDescriptor* const codec = avcodec_descriptor_get_by_name(known.c_str());
@@ -73,7 +73,7 @@ private:
 
     bool next() override {
         if (mContext == nullptr) return false;
-        constexpr int kMaxErrors = 1000;  // before a picture comes out: it will not get better
+        constexpr int kMaxErrors = 1000;  // without a picture between them: it would not recover
         for (int errors = 0; errors < kMaxErrors; ++errors) {
             auto picture = made(av_frame_alloc());
             const int result = avcodec_receive_frame(mContext.get(), picture.get());
@@ -122,7 +122,7 @@ private:
             mLog.takeFirstError(flagged ? "the decoder calls it damaged" : "");
         if (!wrong.empty()) noteError(wrong);
         ++mFrames;
-        // Known better only now: how many pictures it holds back to put them in order.
+        // Only now is it known how many pictures are held back for reordering.
         const int held = mContext->has_b_frames + mContext->thread_count;
         setTotalDelay(static_cast<uint64_t>(held));
         const int64_t time = picture->best_effort_timestamp;

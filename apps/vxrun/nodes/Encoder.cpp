@@ -1,4 +1,4 @@
-// codec/encoder: access units of the pictures that it is given, encoded by libavcodec.
+// codec/encoder: access units of pictures, encoded by libavcodec.
 #include "Keys.h"
 #include "LibavFrames.h"
 #include "Text.h"
@@ -49,7 +49,8 @@ Libav<AVCodecContext> openEncoder(const AVCodec& codec, const StreamInfo& stream
     options.preset("preset", textOf(kPreset));
     options.preset("threads", textOf(kThreads));
     options.preset("threads", "1");
-    // A forced key frame is one to start from, and a library of its own prints only errors.
+    // A forced key frame is one to start decoding from, and a library with its own log prints
+    // errors only.
     for (const auto& [key, value] :
          {std::pair("forced-idr", "1"), std::pair("x265-params", "log-level=error")}) {
         const AVClass* known = codec.priv_class;
@@ -178,7 +179,7 @@ private:
         mStream->frameRate = fromLibav(mContext->framerate);
     }
 
-    // Most encoders would ignore these entries in mid-stream without a word.
+    // Most encoders silently ignore these entries in mid-stream.
     bool heeds(const Entry& entry) const {
         const std::string name = std::string(" ") + mCodec->name + " ";
         if (entry.key == "quality") {

@@ -58,8 +58,8 @@ private:
         addHeaders(*track->codecpar, first);
     }
 
-    // Where a container has no place for headers they are part of the stream. An encoder gives them
-    // apart.
+    // Where a container has no place for headers they are part of the stream. Encoders deliver them
+    // separately.
     void addHeaders(const AVCodecParameters& parameters, AVPacket* first) const {
         if ((mContext->oformat->flags & AVFMT_GLOBALHEADER) != 0) return;
         const uint8_t* const headers = parameters.extradata;

@@ -1,4 +1,4 @@
-// json: the results as the summary file of a widely used runner of conformance suites has them.
+// json: the results in the layout that a widely used runner of conformance suites writes.
 #include "Report.h"
 #include "Text.h"
 
@@ -24,7 +24,7 @@ std::string jsonReport(const Suite& suite) {
                 {"total_time", counts.seconds},
                 {"profile_stats", Json::object()},
                 {"vectors", Json::object()}};
-    // No name comes twice, and looking for one takes long in an object that keeps the order.
+    // Names are unique, and a lookup is slow in an object that keeps the order.
     auto& profiles = run["profile_stats"].get_ref<Json::object_t&>();
     for (const auto& [profile, part] : countsByProfile(suite)) {
         profiles.push_back(

@@ -5,7 +5,7 @@
 namespace vxrun {
 namespace {
 
-// A row of a table; what would end the cell or the row, or become markup, is kept from it.
+// A row of a table; what would end the cell or the row, or become markup, is escaped.
 std::string markdownRow(const std::string& first, const std::string& second) {
     std::string row;
     for (const std::string* cell : {&first, &second}) {

@@ -1,4 +1,4 @@
-// Report: what a suite has shown, as files for people and programs (docs/reports.md). Each kind is
+// Report: the results of a suite as files for people and programs (docs/reports.md). Each kind is
 // one source file here that registers itself.
 #pragma once
 
@@ -19,7 +19,7 @@ struct ReportKind {
     std::string (*textOf)(const Suite& suite);
 };
 
-// True, for a static object of the kind's source file to call it.
+// Returns true, so that a static object of the kind's source file can call it.
 bool registerReportKind(const ReportKind& kind);
 // All kinds, in the order of their names.
 const std::vector<ReportKind>& reportKinds();

@@ -86,7 +86,7 @@ void Progress::writeBlock(const char* progress, std::chrono::milliseconds patien
         text += concat("node.", printable(node.record.name), ".queued=", node.queued, "\n");
     }
     text += concat("progress=", progress, "\n");
-    mTarget->write(text, patience);  // a run is no worse when its progress is not read
+    mTarget->write(text, patience);  // a run does not fail because its progress is not read
 }
 
 }  // namespace vxrun

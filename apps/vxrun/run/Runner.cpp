@@ -68,7 +68,7 @@ public:
             }
             graph->stop();
         } else if (mEvidence.setFailure(Verdict::GraphBuildFail)) {
-            // The only failure that the library reports nowhere but in the log.
+            // The only failure that the library reports in its log alone.
             console::line("vxrun: no buffer allocator suits every node: " + mEvidence.allocators());
         }
         mDone = true;
@@ -100,7 +100,7 @@ public:
             const int number = sigtimedwait(&signals, nullptr, &time);
             if (number == SIGUSR1) showSnapshot("request");
             if (number != SIGINT && number != SIGTERM) continue;
-            // The second one leaves, whatever else hangs.
+            // The second one exits, whatever else hangs.
             sigset_t leaving;
             sigemptyset(&leaving);
             for (const int signal : {SIGINT, SIGTERM}) {
@@ -120,7 +120,7 @@ public:
         if (mEvidence.setFailure(verdictOfErrorName(message).value_or(Verdict::UnknownError))) {
             console::line("vxrun: the graph reports: " + message);
         }
-        // A wrong frame, or a stream that does not suit the codec, is no trouble of the graph.
+        // A wrong frame, or a stream that does not suit the codec, is not a fault of the graph.
         const Verdict verdict = mEvidence.verdict();
         if (verdict == Verdict::NodeFailFatal || verdict == Verdict::UnknownError) {
             showSnapshot("error");
@@ -158,8 +158,8 @@ private:
                                   : kStep;
     }
 
-    // For how long no work has moved and no node has stopped. Time that this thread was not given
-    // does not count: the others were not given it, either.
+    // For how long no work has moved and no node has stopped. Time in which this thread could not
+    // run does not count: the others could not, either.
     Clock::duration timeStill() {
         const auto now = Clock::now();
         const uint64_t moved = mEvidence.moved() + (mStopping ? mEvidence.stopped() : 0);
@@ -203,7 +203,7 @@ private:
     const pthread_t mWatchdog = pthread_self();
 
     std::atomic<bool> mEnding{false};  // the graph is to stop, or has begun to
-    sem_t mEnd;                        // has the run thread look
+    sem_t mEnd;                        // wakes the run thread
     std::atomic<bool> mDone{false};    // the graph is gone
 
     // [watchdog]

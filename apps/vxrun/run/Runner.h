@@ -1,4 +1,4 @@
-// Runner: builds and runs one graph, and sees to it that the program comes to an end.
+// Runner: builds and runs one graph, and makes sure that the program ends.
 #pragma once
 
 #include "Vxkit.h"
@@ -31,11 +31,11 @@ int printVerdict(const Evidence& evidence, int fd);
 // Failure for bad options.
 //
 // The calling thread is the watchdog, outside the graph's threads: it shows progress, stops the run
-// at the first SIGINT or SIGTERM, when it stalls and when its time is out, and leaves the process
-// at the second signal. A snapshot of the graph is shown when the run stalls, breaks off or runs
-// out of time, and at SIGUSR1. A graph that does not stop is left behind: the process ends with the
-// exit code of `conclude`, which is not called otherwise. Once per process, on the main thread and
-// before other threads start.
+// at the first SIGINT or SIGTERM, when it stalls and when its time is out, and exits at the second
+// signal. A snapshot of the graph is shown when the run stalls, breaks off or runs out of time, and
+// at SIGUSR1. A graph that does not stop is left behind: the process ends with the exit code of
+// `conclude`, which is not called otherwise. Once per process, on the main thread and before other
+// threads start.
 void runGraph(vexa::VXGraphInfo info, const RunOptions& options, Evidence* evidence,
               const Conclude& conclude);
 

@@ -12,22 +12,22 @@ void filterVectors(Suite* suite, const std::string& filter) {
     if (filter.empty()) return;
     const auto isOut = [&](const TestVector& vector) {
         const std::string full = suite->name + "." + vector.name;
-        bool negative = false, wanted = filter.front() == '-';
+        bool negative = false, selected = filter.front() == '-';
         std::istringstream globs(filter);
         for (std::string glob; std::getline(globs, glob, ':');) {
             negative = negative || glob.rfind('-', 0) == 0;
             const char* const pattern = glob.c_str() + (glob.rfind('-', 0) == 0 ? 1 : 0);
             const bool matches = fnmatch(pattern, vector.name.c_str(), 0) == 0 ||
                                  fnmatch(pattern, full.c_str(), 0) == 0;
-            if (matches) wanted = !negative;
+            if (matches) selected = !negative;
         }
-        return !wanted;
+        return !selected;
     };
     auto& vectors = suite->vectors;
     vectors.erase(std::remove_if(vectors.begin(), vectors.end(), isOut), vectors.end());
 }
 
-// What the members leave open, the variables of GoogleTest's runners decide.
+// What is not given is read from the variables of GoogleTest's runners.
 bool Selection::applyTo(Suite* suite) const {
     filterVectors(suite, filter.empty() ? variable("GTEST_FILTER") : filter);
     const bool any = !suite->vectors.empty();

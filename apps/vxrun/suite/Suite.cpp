@@ -52,7 +52,7 @@ void readVector(const JsonDocument& document, const JsonValue& json, const Suite
         vector->md5.find_first_not_of("0123456789abcdef") != std::string::npos) {
         document.fail(result, "expected an MD5, got " + quote(result.text));
     }
-    // Any decoder that gives nothing would pass.
+    // Any decoder without output would pass.
     constexpr char kMd5OfNothing[] = "d41d8cd98f00b204e9800998ecf8427e";
     if (vector->md5 == kMd5OfNothing) document.fail(result, "the MD5 of no data");
 }

@@ -29,12 +29,12 @@ struct Child {
     VectorProcess process;
     Clock::time_point start = Clock::now();
     Clock::time_point deadline;
-    bool wasTold = false;  // to end, by SIGTERM
-    bool isAlone = false;  // no other runs beside it
+    bool wasSignaled = false;  // by SIGTERM
+    bool isAlone = false;      // no other runs beside it
 };
 
-// Returns memory that reading or reporting many vectors took: to start a process takes the longer
-// the more memory there is to share with it.
+// Returns memory that reading or reporting many vectors used: the more memory there is to share
+// with a process, the longer its start takes.
 void trimMemory() {
 #ifdef __GLIBC__
     malloc_trim(0);
@@ -145,7 +145,7 @@ private:
             vector->seconds = Seconds(Clock::now() - child->start).count();
             if (mSignal == 0) child->process.judge(status, mSuite.negative);
             if (mSignal == 0 && mIsShort && !child->isAlone && vector->state == TestVector::ERROR) {
-                // There may have been no room for its threads. Where fewer run, there is.
+                // There may have been no room for its threads. If fewer run, there is.
                 vector->state = TestVector::NOT_RUN;
                 vector->log.clear();
                 mWaiting.push_back(vector);
@@ -156,8 +156,8 @@ private:
             return true;
         }
         if (shallEnd || Clock::now() >= child->deadline) {
-            child->process.kill(child->wasTold ? SIGKILL : SIGTERM);
-            child->wasTold = true;
+            child->process.kill(child->wasSignaled ? SIGKILL : SIGTERM);
+            child->wasSignaled = true;
             child->deadline = Clock::now() + kGrace;
         }
         return false;

@@ -134,8 +134,8 @@ void VectorProcess::judge(int status, bool negative) {
     }
 }
 
-// The pictures decide, where it is known what they have to be: what a decoder calls an error in an
-// intact stream is no reason to fail.
+// If the expected pictures are known, they decide: what a decoder reports as an error in an intact
+// stream is not a failure.
 void VectorProcess::judgePictures(bool negative) {
     const std::string md5 = mResult->md5;
     const bool isRight = mVector.md5.empty() ? exitCode(mResult->verdict) == 0 : md5 == mVector.md5;

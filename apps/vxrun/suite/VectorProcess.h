@@ -25,7 +25,7 @@ struct VectorOptions {
 // Owns     the process' log, and memory that it shares with the process.
 class VectorProcess {
 public:
-    // No descriptor or memory may be left for it: then start() fails.
+    // If no descriptor or memory is left for it, start() fails.
     explicit VectorProcess(TestVector* vector);
     ~VectorProcess();
     VectorProcess(const VectorProcess&) = delete;

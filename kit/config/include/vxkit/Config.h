@@ -22,9 +22,10 @@ namespace vxkit {
 //
 // Life     static objects; node types and nodes refer to them.
 // Threads  any.
+// Owns     its name and help.
 class ConfigKey {
 public:
-    // Whether the key may stand beside others of its node that are exclusive.
+    // Whether a node may have this config beside another exclusive one.
     enum Use { FREE, EXCLUSIVE };
 
     virtual ~ConfigKey() = default;
@@ -49,7 +50,7 @@ protected:
         : name(keyName), help(helpText), exclusive(use == EXCLUSIVE) {}
 };
 
-// Any text.
+// TextKey: any text. Life, threads and owns: as ConfigKey.
 class TextKey final : public ConfigKey {
 public:
     using Value = std::string;
@@ -58,8 +59,8 @@ public:
     Value valueOf(const std::string& text) const { return text; }
 };
 
-// The path of a file or folder. One that is given as '' is a mistake: a variable that is not set
-// must not drop a check or an output.
+// PathKey: the path of a file or folder. An empty one is a mistake: a shell variable that is not
+// set must not drop a check or an output. Life, threads and owns: as ConfigKey.
 class PathKey final : public ConfigKey {
 public:
     using Value = std::string;
@@ -69,7 +70,7 @@ public:
     Value valueOf(const std::string& text) const { return text; }
 };
 
-// One of a few words.
+// ChoiceKey: one of a few words. Life, threads and owns: as ConfigKey.
 class ChoiceKey final : public ConfigKey {
 public:
     using Value = std::string;
@@ -82,7 +83,7 @@ private:
     const std::vector<std::string> mWords;
 };
 
-// true or false; false when not given.
+// FlagKey: true or false; false when not given. Life, threads and owns: as ConfigKey.
 class FlagKey final : public ConfigKey {
 public:
     using Value = bool;
@@ -91,8 +92,8 @@ public:
     Value valueOf(const std::string& text) const { return text == "true"; }
 };
 
-// A decimal number in [low, high]; `preset` when it is not given or, which mistakeIn() reports,
-// wrong.
+// NumberKey: a decimal number in [low, high]; `preset` when it is not given or wrong, which
+// mistakeIn() reports. Life, threads and owns: as ConfigKey.
 class NumberKey final : public ConfigKey {
 public:
     using Value = uint64_t;
@@ -106,7 +107,8 @@ private:
     const uint64_t mLow, mHigh, mPreset;
 };
 
-// A decimal fraction in [low, high]; 0 when it is not given or wrong.
+// RealKey: a decimal fraction in [low, high]; 0 when it is not given or wrong. Life, threads and
+// owns: as ConfigKey.
 class RealKey final : public ConfigKey {
 public:
     using Value = double;
@@ -119,9 +121,9 @@ private:
     const double mLow, mHigh;
 };
 
-// EntryKey: a per-frame entry of a node type, a number in [low, high].
+// EntryKey: a per-frame entry of a node type, a number in [low, high]. A plain value.
 struct EntryKey {
-    // Whether `entry` has this kind and key, and is none of the alternate ones.
+    // Whether `entry` has this kind and key and is not an alternate one.
     bool names(const vexa::VXNodeDescriptor::ConfigEntry& entry) const;
 
     uint32_t kind;  // vexa::VXNodeDescriptor::ConfigEntry::COMMAND or TUNING

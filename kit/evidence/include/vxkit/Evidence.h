@@ -1,6 +1,7 @@
-// Evidence: what a run has shown, and the verdict that follows from it.
+// Evidence: what was seen of a run, and the verdict that follows from it.
 //
-// A pass is a matter of evidence, never of the graph's completion, which comes after errors too.
+// A pass follows from evidence, never from the graph's completion, which is reported after errors,
+// too.
 #pragma once
 
 #include <VXNode.h>
@@ -21,10 +22,11 @@
 
 namespace vxkit {
 
-// NodeRecord: what one node has shown.
+// NodeRecord: what was seen of one node.
 //
 // Life     that of its Evidence.
 // Threads  written by the node, read by any.
+// Owns     nothing.
 struct NodeRecord {
     static constexpr uint64_t kNone = UINT64_MAX;
 
@@ -32,43 +34,44 @@ struct NodeRecord {
     vexa::VXNode* node = nullptr;  // null when it is gone; the evidence's lock guards it
     size_t number = 0;             // from 0, in the order of the description
     std::string name;
-    std::string allocator;  // the one it insists on, else empty
+    std::string allocator;  // the one that it requires, or empty
     bool sink = false;      // it has inputs and no outputs
 
-    std::atomic<bool> checking{false};  // it compares frames with an expectation
-    std::atomic<uint64_t> frames{0};    // that came through the node
-    std::atomic<uint64_t> checked{0};   // of these, compared
-    std::atomic<uint64_t> firstBad{
-        kNone};                            // the first frame that differed, or was missing or extra
-    std::atomic<uint64_t> mismatches{0};   // frames that did
-    std::atomic<uint64_t> expected{0};     // frames that are to come; 0 when not known
-    std::atomic<uint64_t> moved{0};        // batches taken in or handed on: a sign of life
-    std::atomic<bool> busy{false};         // the node is processing
-    std::atomic<bool> endOfStream{false};  // the node has handled the last frame
+    std::atomic<bool> checking{false};      // it compares frames with an expectation
+    std::atomic<uint64_t> frames{0};        // that came through the node
+    std::atomic<uint64_t> checked{0};       // of these, compared
+    std::atomic<uint64_t> mismatches{0};    // frames that differed, were missing or were extra
+    std::atomic<uint64_t> firstBad{kNone};  // the first of them
+    std::atomic<uint64_t> expected{0};      // frames that are to come; 0 when not known
+    std::atomic<uint64_t> moved{0};         // batches received or sent: a sign of life
+    std::atomic<bool> busy{false};          // the node is processing
+    std::atomic<bool> endOfStream{false};   // the node has handled the last frame
 };
 
-// PoolRecord: what one pool has done.
+// PoolRecord: what was seen of one pool.
 //
 // Life     that of its Evidence.
 // Threads  written by the pool, read by any.
+// Owns     nothing.
 struct PoolRecord {
     PoolRecord(std::string nodeName, size_t limit) : name(std::move(nodeName)), slots(limit) {}
 
     // The pool has handed out a buffer, a new one or one that had come back.
     void handedOut(bool isNew) {
         ++(isNew ? made : recycled);
-        // One thread fetches; others may give back meanwhile, which makes no new height.
+        // Only one thread fetches. Buffers that come back meanwhile cannot raise the mark.
         const uint64_t now = ++out;
         if (now > highWater) highWater = now;
     }
     void gotBack() { --out; }
 
-    // `node` holds so many more (or fewer) works that carry a buffer of this pool.
+    // `node` holds `change` more works (fewer, if negative) with a buffer of this pool.
     void held(const NodeRecord& node, int64_t change) {
         std::lock_guard<std::mutex> lock(mLock);
         mHolders[&node] += change;
     }
-    // Which node holds how many; the rest is in queues, or with the pool's own node.
+    // The number of such works by node. The other buffers that are out are in queues or with the
+    // pool's own node.
     std::map<const NodeRecord*, int64_t> holders() const {
         std::lock_guard<std::mutex> lock(mLock);
         return mHolders;
@@ -93,7 +96,7 @@ private:
 // Owns     the records.
 class Evidence {
 public:
-    // The counts over all nodes.
+    // The counts over all nodes. A plain value.
     struct Totals {
         uint64_t frames = 0;   // the most that any one sink consumed
         uint64_t checked = 0;  // over all sinks
@@ -102,7 +105,7 @@ public:
         uint64_t moved = 0;     // grows with every batch that moves anywhere
         uint64_t firstBad = NodeRecord::kNone;
     };
-    // A node at one moment.
+    // A node at one moment. A plain value; the record belongs to the evidence.
     struct Moment {
         const NodeRecord& record;
         vexa::VXNode::Status status;
@@ -118,12 +121,12 @@ public:
     PoolRecord& addPool(const std::string& name, size_t slots);
 
     // Records that the run has failed. The first verdict counts, but a failed test comes before
-    // whatever else ended the run: a source may run into a truncated file before a sink has come to
-    // the frame that differs. True when it was the first.
+    // anything else that ended the run: a source may reach the end of a truncated file before a
+    // sink reaches the frame that differs. True for the first failure.
     bool setFailure(Verdict verdict);
 
-    // The run has another purpose than a comparison: one that compares nothing and does not fail is
-    // Verdict::Done. Before the run.
+    // The run is not meant to compare anything: without a failure it ends with Verdict::Done. Call
+    // before the run.
     void expectNoCheck() { mChecks = false; }
 
     // The MD5 of the whole stream as a sink has computed it, in hexadecimal; empty as long as none
@@ -142,7 +145,7 @@ public:
     std::string unfinished() const;
     // The number of nodes that have stopped or are gone.
     size_t stopped() const;
-    // The allocators that nodes insist on: "reader wants dmabuf, check wants xcodec2".
+    // The allocators that nodes require: "reader requires dmabuf, check requires xcodec2".
     std::string allocators() const;
 
 private:
@@ -157,11 +160,12 @@ private:
     bool mChecks = true;              // as it was set before the run
 };
 
-// RunContext: what the nodes of one run report to. Copied into each of them.
+// RunContext: what the nodes of one run report to. A plain value, copied into each of them; the
+// evidence outlives them.
 struct RunContext {
     Evidence& evidence;
     std::function<void(const std::string&)> printLine;  // prints a line for the user  [any thread]
-    std::shared_ptr<Trace> trace;                       // null when none is wanted
+    std::shared_ptr<Trace> trace;                       // null for no trace
 };
 
 }  // namespace vxkit

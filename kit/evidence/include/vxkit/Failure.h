@@ -12,10 +12,10 @@
 
 namespace vxkit {
 
-// what() is one line for the user that names the thing and the place.
+// A plain value. what() is one line for the user that names the thing and the place.
 class Failure : public std::runtime_error {
 public:
-    // `verdict`: that of the run, where the thrower knows it better than the catcher.
+    // `verdict`: that of the run, if the thrower knows it; else the catcher decides.
     explicit Failure(const std::string& text, std::optional<Verdict> verdict = {})
         : std::runtime_error(text), mVerdict(verdict) {}
 

@@ -1,4 +1,4 @@
-// Text: what lines and messages are put together with.  All functions: [any thread]
+// Text: helpers for lines and messages.  All functions: [any thread]
 #pragma once
 
 #include <cstdint>
@@ -23,7 +23,7 @@ std::string joined(const List& list) {
     return text;
 }
 
-// `text` as it may stand in a line for people or programs: UTF-8 without control characters. Those,
+// `text` as it may appear in a line of output: UTF-8 without control characters. Those,
 // and what is not UTF-8, are shown as \n, \t or \x1b, so that names that come from files neither
 // end a line nor control a terminal.
 std::string printable(const std::string& text);

@@ -1,5 +1,5 @@
-// Trace: what happened when in a run. The interface that nodes and pools report to; the application
-// decides where it goes.
+// Trace: what happened when in a run. Nodes and pools report to this interface; the application
+// decides where the reports go.
 #pragma once
 
 #include <VXWork.h>
@@ -14,8 +14,9 @@
 
 namespace vxkit {
 
-// Life     shared by those who report to it; it may outlive the graph.
+// Life     shared by its reporters; may outlive the graph.
 // Threads  any.
+// Owns     what the application's class owns.
 class Trace {
 public:
     using Clock = std::chrono::steady_clock;
@@ -38,12 +39,13 @@ public:
 
 // TracedFrame: travels with a frame's infos, and so lasts from its maker until its last holder.
 //
+// Life     shared by the frame's works.
 // Threads  any.
 // Owns     a share of the trace.
 class TracedFrame final : public vexa::VXInfo {
 public:
     TracedFrame(std::shared_ptr<Trace> trace, std::string maker, size_t number, uint64_t id);
-    ~TracedFrame() override;  // NOLINT(bugprone-exception-escape): without memory none can be told
+    ~TracedFrame() override;  // NOLINT(bugprone-exception-escape): see its source
 
 private:
     const std::shared_ptr<Trace> mTrace;

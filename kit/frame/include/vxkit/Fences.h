@@ -1,6 +1,6 @@
-// PictureFences: has pictures finished after they were handed out, as a codec in hardware does.
+// PictureFences: finishes pictures after they were handed out, as a hardware codec does.
 // Until the fence of a picture fires it holds the complement of its bytes, so that a consumer that
-// reads it too early reads something else.
+// reads too early reads wrong bytes.
 #pragma once
 
 #include <vxkit/FrameView.h>
@@ -16,7 +16,7 @@ namespace vxkit {
 class PictureFences {
 public:
     PictureFences();
-    // A fence that has not fired by now never will; waits for it end with an error.
+    // A fence that has not fired by then never will; waits for it end with an error.
     ~PictureFences();
     PictureFences(const PictureFences&) = delete;
     PictureFences& operator=(const PictureFences&) = delete;

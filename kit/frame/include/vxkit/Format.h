@@ -1,4 +1,4 @@
-// Format: the geometry of pictures, and what is known of a stream.
+// Format: the geometry of pictures, and what is known about a stream.
 #pragma once
 
 #include <VXWork.h>
@@ -11,13 +11,14 @@
 
 namespace vxkit {
 
+// Rational: num / den. A plain value.
 struct Rational {
     int num, den;
 };
 
 // PixelFormat: the planes of a picture: one, or three of which the last two may be subsampled. All
 // samples have the same depth; above 8 bits they are two bytes, little endian, value in the low
-// bits. Without a name: no picture but a block of bytes.
+// bits. A format without a name is that of a block of bytes. A plain value.
 struct PixelFormat {
     bool operator==(const PixelFormat& other) const { return name == other.name; }
     bool operator!=(const PixelFormat& other) const { return !(*this == other); }
@@ -34,10 +35,11 @@ struct PixelFormat {
 };
 
 // The format with this name, such as "yuv422p10le": gray, yuv4xxp, yuvj4xxp (full range) and gbrp,
-// of 8 or, as "NNle", 9, 10, 12, 14 and 16 bits as far as FFmpeg has such. Empty for any other.
+// of 8 or, as "NNle", 9, 10, 12, 14 and 16 bits if FFmpeg has it. Empty for any other name.
 std::optional<PixelFormat> findPixelFormat(const std::string& name);
 
 // PictureFormat: pixel format and size of a picture. A block of bytes is one plane of a single row.
+// A plain value.
 struct PictureFormat {
     // A block of `bytes` bytes.
     static PictureFormat block(int bytes) { return {{}, bytes, 1}; }
@@ -67,6 +69,8 @@ struct PictureFormat {
 // one to the mInfos of each frame.
 //
 // Life     shared by the frames; not changed once a frame carries it.
+// Threads  any, for reading.
+// Owns     nothing.
 struct StreamInfo : public vexa::VXInfo {
     std::string media = "video";     // or "data"
     std::string codec = "rawvideo";  // or the name of another, or "none" for data
@@ -78,13 +82,13 @@ struct StreamInfo : public vexa::VXInfo {
     uint64_t duration = 0;           // of one frame, in time-base units
 };
 
-// BitstreamInfo: the stream of access units, for the decoder.
+// BitstreamInfo: the stream of access units, for the decoder. As StreamInfo.
 struct BitstreamInfo : public StreamInfo {
     Rational frameRate = {0, 1};   // 0/1 when unknown
     std::vector<uint8_t> headers;  // out-of-band codec headers as the container stores them
 };
 
-// UnitInfo: what the container states of one access unit besides its bytes.
+// UnitInfo: what the container states about one access unit besides its bytes. As StreamInfo.
 struct UnitInfo : public vexa::VXInfo {
     static constexpr int64_t kNoTime = INT64_MIN;
 

@@ -15,7 +15,7 @@ namespace vxkit {
 
 // The buffer that `work` carries, of either kind; null when it carries none.
 std::shared_ptr<vexa::VXBuffer> bufferOf(const vexa::VXSharedWork& work);
-// Has `work` carry `buffer`, as the kind that it is.
+// Makes `buffer`, of either kind, the payload of `work`.
 void attach(vexa::VXWork* work, std::shared_ptr<vexa::VXBuffer> buffer);
 
 // FrameView: the visible bytes of a buffer: the planes of a picture, or the filled range of a
@@ -68,11 +68,13 @@ private:
     size_t mStride = 0;
 };
 
-// Frame: what a work brings, for reading.
+// Frame: the content of a work, for reading.
 //
 // Life     a view: the work outlives it.
+// Threads  any.
+// Owns     as FrameView.
 struct Frame : public FrameView {
-    // Throws Failure for a work that lacks something.
+    // Throws Failure for a work without a buffer or a stream.
     explicit Frame(const vexa::VXSharedWork& work);
 
     const vexa::VXFrameInfo& info;
@@ -82,9 +84,11 @@ private:
     Frame(const vexa::VXSharedWork& work, const std::shared_ptr<vexa::VXBuffer>& buffer);
 };
 
-// AccessUnit: the bytes of a frame of a bitstream and what belongs to them.
+// AccessUnit: the bytes of a frame of a bitstream, and their properties.
 //
 // Life     a view: the frame outlives it.
+// Threads  any.
+// Owns     nothing.
 struct AccessUnit {
     // Throws Failure when the frame is no access unit of a bitstream.
     explicit AccessUnit(const Frame& frame);

@@ -30,7 +30,7 @@ public:
 
     const PictureFormat& format() const { return mFormat; }
 
-    // Fetches a buffer; its filled range is all that was asked for. Never waits.
+    // Fetches a buffer, whose filled range is the whole size. Never waits.
     //   VX_OK            `*buffer` is set; it is empty on every other result
     //   VX_NO_FREE_SLOT  all are out; `onFree` will be called
     //   VX_NO_MEMORY     the allocator has no memory
@@ -69,7 +69,7 @@ public:
     PoolBuffer(std::shared_ptr<Pool::Lease> lease, std::shared_ptr<vexa::VXBuffer> buffer);
 
     // `other`, which shares the memory of `origin`, as a buffer of the same pool: the memory is out
-    // until both are let go.
+    // until both are released.
     static std::shared_ptr<PoolBuffer> with(const PoolBuffer& origin,
                                             std::unique_ptr<vexa::VXBuffer> other);
 
@@ -80,8 +80,8 @@ public:
 
     vexa::VXBuffer& buffer() const { return *mBuffer; }
     PoolRecord& record() const;
-    // The memory. A buffer is mapped once and stays so: to map a picture of 1080p anew costs a page
-    // fault per 4 KiB of it, a millisecond in all.
+    // The memory. A buffer stays mapped: mapping a 1080p picture again costs a page fault per 4
+    // KiB, a millisecond in all.
     const std::shared_ptr<vexa::VXBuffer::Mapping>& mapping() const;
 
 private:

@@ -9,7 +9,7 @@
 
 namespace vxkit {
 
-// A derived class takes access units and gives pictures; flow control, buffers, counts, the
+// A derived class receives access units and gives pictures; flow control, buffers, counts, the
 // commands "flush" and "drain" and the end of the stream are the base's.
 //
 // Life, threads and owns: as Node. The hooks are called on the event thread.
@@ -17,7 +17,7 @@ class Decoder : public Producer {
 public:
     using Producer::Producer;
 
-    // The entries that every decoder obeys, for Registered.
+    // The entries of every decoder, for Registered.
     static std::vector<EntryKey> commands();
 
 protected:

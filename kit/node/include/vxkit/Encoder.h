@@ -7,7 +7,7 @@
 
 namespace vxkit {
 
-// A derived class takes pictures of one size and format and gives access units; flow control,
+// A derived class receives pictures of one size and format and gives access units; flow control,
 // buffers, counts and the end of the stream are the base's.
 //
 // Life, threads and owns: as Node. The hooks are called on the event thread.

@@ -22,8 +22,8 @@
 
 namespace vxkit {
 
-// Route: the output port that has sent a work. Works carry it, since the list of pending inputs
-// does not state by which input a work came.
+// Route: the output port that sent a work. Works carry it, since the list of pending inputs does
+// not record the input port. A plain value.
 struct Route : public vexa::VXInfo {
     std::weak_ptr<vexa::VXOutputPort> port;
 };
@@ -35,11 +35,12 @@ struct Route : public vexa::VXInfo {
 // Owns     its fences; its record belongs to the evidence.
 class Node : public vexa::VXNode {
 public:
-    // For derived classes to hide. Whether their frames lie in buffers of their own.
+    // For derived classes to hide. Whether the node has a pool for its frames.
     static constexpr bool kHasPool = false;
-    // Whether a node so described checks its inputs.
+    // Whether a node with this description checks its inputs.
     static bool checks(const vexa::VXNodeDescriptor&) { return false; }
-    // The least number of frames that a node so described holds back before it sends the first.
+    // The least number of frames that a node with this description holds back before it sends the
+    // first.
     static uint64_t leastFramesHeld(const vexa::VXNodeDescriptor&) { return 0; }
 
     explicit Node(NodeArguments arguments);
@@ -58,20 +59,19 @@ protected:
     // process() of a node without outputs; one that has some may be processing already.
     virtual void begin() {}
     virtual void process(const SharedWorks& inputs) = 0;
-    // The answer to wakeUp(); here: the fence that fenced() has made first fires.
+    // The answer to wakeUp(). By default the oldest fence of fenced() fires.
     virtual void wake() { mFences.fireNext(); }
 
-    // Has wake() called on the event thread, `delay` milliseconds from now; once per call. A node
-    // that has stopped sleeps on.  [any thread]
+    // Calls wake() once on the event thread, `delay` milliseconds from now, unless the node has
+    // stopped by then.  [any thread]
     void wakeUp(unsigned delay);
-    // Sends a finished work, and counts it. It goes when the events that wait now have been
-    // handled.
+    // Counts and sends a finished work. It leaves after the events that are waiting now.
     void send(std::unique_ptr<vexa::VXWork> work);
-    // The same within process(), once per input or not at all: the work goes as soon as that
-    // returns. A node sends in one way only, or works would overtake others.
+    // The same within process(), once per input or not at all: the work leaves as soon as process()
+    // returns. A node uses only one of the two, or works would overtake others.
     void sendOutput(std::unique_ptr<vexa::VXWork> work);
-    // Replaces each work by a share of it that reports to the pool of its buffer when the node lets
-    // go.
+    // Replaces each work by a share of it that reports to the pool of its buffer when the node
+    // releases it.
     void hold(SharedWorks* works);
     // A work that carries the same frame as `input`.
     static std::unique_ptr<vexa::VXWork> shareOf(const vexa::VXSharedWork& input);
@@ -90,7 +90,7 @@ protected:
     // The same as the text of the description; empty when it was not given.
     std::string configText(const ConfigKey& key);
     bool isGiven(const ConfigKey& key) { return !configText(key).empty(); }
-    // The same as config(); Failure when it was not given, too.
+    // The same as config(), but throws Failure when it was not given.
     template <typename Key>
     typename Key::Value requiredConfig(const Key& key) {
         if (!isGiven(key)) throw Failure("config '" + key.name + "' is missing");
@@ -98,7 +98,7 @@ protected:
     }
 
     // The entries of the description: each is declared by the type, with a value in its range.
-    // Which of them apply to a frame, configStore() answers.
+    // configStore() returns those that apply to a frame.
     const std::vector<vexa::VXNodeDescriptor::ConfigEntry>& entries() const { return mEntries; }
 
     // Counts a frame; the last one, too, as the end of the stream.
@@ -113,8 +113,8 @@ protected:
     NodeRecord& record() { return mRecord; }
     Evidence& evidence() const { return mRun.evidence; }
 
-    // A new pool of the node's, of as many buffers as "slots". It has the node scheduled again when
-    // a buffer comes back after none was free.
+    // A new pool for the node, of "slots" buffers. The node is scheduled again when a buffer comes
+    // back after none was free.
     std::shared_ptr<Pool> newPool(const PictureFormat& format);
 
 private:
@@ -142,7 +142,7 @@ private:
     bool mBeforeFence = false;
     PictureFences mFences;
     uint64_t mTraced = 0;              // frames that the trace has a span for  [event thread]
-    std::atomic<bool> mBroken{false};  // a hook has failed; the others do nothing any more
+    std::atomic<bool> mBroken{false};  // a hook has failed; the others no longer do anything
 };
 
 }  // namespace vxkit

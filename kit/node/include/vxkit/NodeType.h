@@ -1,5 +1,5 @@
-// NodeType: the node types of a program: what each is called, has and accepts, and how its nodes
-// are made.
+// NodeType: the node types of a program: their names, ports, configs and entries, and how their
+// nodes are made.
 #pragma once
 
 #include <VXNode.h>
@@ -15,19 +15,20 @@ namespace vxkit {
 
 struct NodeType;
 
-// What a node is made from.
+// What a node is made from. A plain value; `type` and `run` outlive the node.
 struct NodeArguments {
     const NodeType& type;
     std::string fullName;  // "graph.node"
     std::string nodeName;  // as the description has it
     std::vector<vexa::VXNodeDescriptor::ConfigEntry> entries;
-    std::string mistake;  // the first of mistakesIn() it; empty: none
+    std::string mistake;  // the first of mistakesIn(), or empty
     std::unique_ptr<vexa::VXNodeDescriptor> descriptor;
     const RunContext& run;
 };
 
 // Life     static; registered before main(), see Registered.
 // Threads  any, once they are registered.
+// Owns     its texts and entries; its keys are static objects.
 struct NodeType {
     bool declares(const ConfigKey& key) const;
     // The config of that name; null when the type has none.
@@ -35,7 +36,7 @@ struct NodeType {
 
     std::string name;
     std::string help;
-    size_t inputs;  // how many ports of each kind a node of this type has
+    size_t inputs;  // the number of ports of each kind
     size_t outputs;
     std::vector<const ConfigKey*> configs;
     std::vector<EntryKey> entries;
@@ -53,11 +54,11 @@ extern const NumberKey kSlots, kFenceMs;
 // The types of this program, in the order of their names; null for an unknown one.
 const std::vector<NodeType>& nodeTypes();
 const NodeType* findNodeType(const std::string& name);
-// Adds a type, and the configs that all have to its own.
+// Adds a type, whose configs are completed with those of every type.
 void registerNodeType(NodeType type);
 
 // Registered: a node type whose nodes are of the class `Author`, derived from Node. Each source of
-// a node type defines one:
+// a node type defines one, a static object without state:
 //
 //     const Registered<Delay> kType("transform/delay", "holds frames back", 1, 1,
 //                                   {&kFrames, &kMs});
@@ -79,14 +80,16 @@ public:
     }
 };
 
-// What is wrong with the ports, configs and entries of a description for a node of `type`: the
-// config in question, or "", and a line.
+// What is wrong with the ports, configs and entries of a description for a node of `type`: each
+// time the config in question, or "", and a line.
 std::vector<std::pair<std::string, std::string>> mistakesIn(const vexa::VXNodeDescriptor& node,
                                                             const NodeType& type);
 
 // NodeFactory: makes the nodes of one type for one run.
 //
 // Life     registered with the library as long as it lives; `run` outlives it.
+// Threads  createNode(): the one that builds the graph.
+// Owns     nothing; the nodes that it makes belong to the graph.
 class NodeFactory final : public vexa::VXNodeBaseFactory {
 public:
     NodeFactory(const NodeType& type, const RunContext& run);
