@@ -316,7 +316,7 @@ TEST_F(VxrunCompare, WritesWrongFrames) {
            folder});
     EXPECT_TRUE(std::filesystem::exists(folder + "/___c-p.frame000001.actual.raw"));
     expectFailure(compare(Clip(1), Clip(1), {"--dump-bad", path("a.y4m")}), 3, "NODE_FAIL_INIT",
-                  "a.y4m' cannot be made: ");
+                  "a.y4m' cannot be created: ");
 }
 
 // Catches: a comparison that waits forever when one input is far ahead, frames lost or out of order

@@ -12,8 +12,8 @@ using namespace vxrun_test;
 // The rows "name | help" of the configs and entries of each node type.
 using Manual = std::map<std::string, std::set<std::string>>;
 
-// Reads the types and rows that `heading` and `row` match in the lines of `text`. The last two groups
-// of `row` are the name and the help; one before them matches the word "entry".
+// Reads the types and rows that `heading` and `row` match in the lines of `text`. The groups of
+// `row` are the word "entry", if there, the name and the help.
 Manual manualOf(const std::string& text, const std::regex& heading, const std::regex& row) {
     Manual manual;
     std::string type;

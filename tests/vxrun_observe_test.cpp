@@ -362,8 +362,8 @@ TEST_F(VxrunObserved, ChecksFindEverything) {
         ":11:16: nodes[4].outputs[1]: port 'd.out' is not connected",
         ":13:15: nodes[5].inputs[0]: port 'e.in' is not connected",
         ":16:16: connections: the nodes form a cycle: c -> c",
-        ":3:72: nodes[0].configs.fyle: unknown config 'fyle' = '1', a source/y4m knows: file",
-        ":9:1: nodes[4]: a transform/passthrough has 1 output port(s), the description gives it 2",
+        ":3:72: nodes[0].configs.fyle: unknown config 'fyle' = '1', a source/y4m accepts: file",
+        ":9:1: nodes[4]: a transform/passthrough has 1 output port(s), the description has 2",
         ":12:67: nodes[5].configs.allocator: config 'allocator'",
         ":2:10: nodes: no sink checks anything",
     };

@@ -306,7 +306,7 @@ TEST_F(Vxrun, RefusesBadY4mFiles) {
         {header("W6 H4 Z1"), "header field 'Z1': no such field"},
         {header("W6 H4 F25:1"), "clip.y4m: no frame in the file"},
         {header("W6 H4") + "FRAMES\n", "frame 0 at byte 16: expected 'FRAME', got 'FRAMES'"},
-        {header("W6 H4") + "FRAME", "frame 0 at byte 16: the file ends, or goes on too long"},
+        {header("W6 H4") + "FRAME", "frame 0 at byte 16: the FRAME line is truncated or too long"},
         {header("W6 H4 C444alpha"), "field 'C444alpha': not supported", "NOT_SUPPORTED", 77},
         {good.substr(0, 40), "frame 0 at byte 28: truncated: expected 36 bytes, actual 12",
          "NODE_FAIL_FATAL"},
@@ -450,8 +450,8 @@ TEST_F(Vxrun, RefusesBadOptionsAndConfigs) {
           {{file, "reader.file=/tmp"}, "node 'reader': /tmp: Is a directory"},
           {{file, "reader.file="}, "node 'reader': config 'file': " + noFile},
           {{file, "check.expect="}, "node 'check': config 'expect': " + noFile},
-          {{file, "reader.speed=7"}, "unknown config 'speed' = '7', a source/y4m knows: file"},
-          {{file, "drop.file=x"}, "unknown config 'file' = 'x', a sink/null knows: allocator"},
+          {{file, "reader.speed=7"}, "unknown config 'speed' = '7', a source/y4m accepts: file"},
+          {{file, "drop.file=x"}, "unknown config 'file' = 'x', a sink/null accepts: allocator"},
           {{file, "check.expect=/nonexistent"}, "node 'check': /nonexistent: No such file"},
           {{file, "check.expect=/dev/zero"}, "/dev/zero: larger than 67108864 bytes"},
           {{file, "check.format=sha"},
@@ -459,11 +459,11 @@ TEST_F(Vxrun, RefusesBadOptionsAndConfigs) {
           {{linear, "copy.allocator=heap"}, "expected dmabuf or xcodec2, got 'heap'"},
           {{chunks, "reader.chunk=-1"}, number + "-1'"},
           {{chunks, "reader.chunk=99999999999"}, number + "99999999999'"},
-          {{noPort}, "'copy': a sink/null has 0 output port(s), the description gives it 1"}}},
+          {{noPort}, "'copy': a sink/null has 0 output port(s), the description has 1"}}},
         {3,
          "GRAPH_BUILD_FAIL",
          {{{linear, "reader.allocator=dmabuf", "check.allocator=xcodec2"},
-           "allocator suits every node: reader wants dmabuf, check wants xcodec2"}}},
+           "allocator suits every node: reader requires dmabuf, check requires xcodec2"}}},
         // Detected when the graph starts; other nodes may have begun then.
         {3,
          "NODE_FAIL_START frames=[0-4] checked=[0-4] first_bad=-",
@@ -568,7 +568,7 @@ TEST_F(Vxrun, BlockedNodeDoesNotHoldUpTheEnd) {
         Process interrupted(command(arguments));
         ASSERT_TRUE(interrupted.waitFor(midStream ? "Wait for completion" : "Preferred allo"));
         interrupted.kill(SIGINT);
-        ASSERT_TRUE(interrupted.waitFor("once more leaves at once")) << interrupted.err;
+        ASSERT_TRUE(interrupted.waitFor("a second signal exits at once")) << interrupted.err;
         interrupted.kill(SIGINT);
         EXPECT_EQ(interrupted.wait(), 130) << interrupted.err;
 

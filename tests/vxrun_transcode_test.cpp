@@ -253,13 +253,13 @@ TEST_F(VxrunTranscode, RefusesWhatItCannotDo) {
         {encode, ffv1 + "encoder.preset=fast", 3, "the encoder ffv1 has no option 'preset'"},
         {encode, x264 + "encoder.bitrate=1k", 3, "config 'bitrate': expected a number"},
         {encode, "encoder.codec=mjpeg", 3, "Non full-range YUV is non-standard"},
-        {encode, x264 + "file.container=ivf", 3, "the container ivf does not take h264"},
-        {encode, x264 + "file.container=y4m", 77, "Y4M does not take h264"},
+        {encode, x264 + "file.container=ivf", 3, "the container ivf does not accept h264"},
+        {encode, x264 + "file.container=y4m", 77, "Y4M does not accept h264"},
         {encode, x264 + "file.container=nosuch", 3, "config 'container': expected raw, y4m or"},
         {encode, ffv1 + change, 3, "frame 25 is 80x64 yuv420p after 64x48 yuv420p: an encoder"},
         {decode, "decoder@3.flush=2", 3, "command 'flush' at frame 3: expected a number from 1 to"},
         {decode, "decoder~3.flush=1", 3,
-         "tuning 'flush' at frame 3: a codec/decoder takes command"},
+         "tuning 'flush' at frame 3: a codec/decoder accepts command"},
         {decode, "decoder@25.flush=1", 1, "an entry 'flush' is for frame 25, there are 25"},
         {encode, x264 + "encoder@3.bitrate=9", 77,
          "entry 'bitrate': the encoder libx264, as it is"},
@@ -272,7 +272,7 @@ TEST_F(VxrunTranscode, RefusesWhatItCannotDo) {
         {convert, "convert.format=nosuch", 3, "config 'format': no pixel format 'nosuch'"},
         {convert, "convert.flags=nosuch", 3, "config 'flags': libswscale does not know all of"},
         {convert, "convert.format=gbrp file.container=y4m", 77,
-         "Y4M does not take rawvideo 'gbrp'"},
+         "Y4M does not accept rawvideo 'gbrp'"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);

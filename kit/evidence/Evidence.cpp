@@ -116,7 +116,7 @@ size_t Evidence::stopped() const {
 
 std::string Evidence::allocators() const {
     return textOfNodes([](const auto& node) {
-        return node.allocator.empty() ? "" : node.name + " wants " + node.allocator;
+        return node.allocator.empty() ? "" : node.name + " requires " + node.allocator;
     });
 }
 

@@ -8,7 +8,7 @@ bool Encoder::feed(const vexa::VXSharedWork& work, uint64_t number) {
     if (!mFormat) mFormat = frame.format();
     if (frame.format() != *mFormat) {
         throw Failure(concat("frame ", number, " is ", frame.format().text(), " after ",
-                             mFormat->text(), ": an encoder takes one size and format"));
+                             mFormat->text(), ": an encoder accepts one size and format"));
     }
     encode(frame, number);
     return true;

@@ -70,7 +70,7 @@ static std::string mistakeIn(const VXNodeDescriptor::ConfigEntry& entry, const N
         }
         known += (known.empty() ? " " : ", ") + nameOf(key.kind, key.name);
     }
-    return text + ": a " + type.name + " takes" + known;
+    return text + ": a " + type.name + " accepts" + known;
 }
 
 std::vector<std::pair<std::string, std::string>> mistakesIn(const VXNodeDescriptor& node,
@@ -79,7 +79,7 @@ std::vector<std::pair<std::string, std::string>> mistakesIn(const VXNodeDescript
     const auto checkCount = [&](const char* kind, size_t expected, size_t actual) {
         if (actual == expected) return;
         mistakes.emplace_back("", concat("a ", type.name, " has ", expected, " ", kind,
-                                         " port(s), the description gives it ", actual));
+                                         " port(s), the description has ", actual));
     };
     checkCount("input", type.inputs, node.inputPorts.size());
     checkCount("output", type.outputs, node.outputPorts.size());
@@ -88,7 +88,7 @@ std::vector<std::pair<std::string, std::string>> mistakesIn(const VXNodeDescript
         const ConfigKey* const key = type.findConfig(name);
         if (key == nullptr) {
             std::string text = concat("unknown config '", name, "' = ", quote(value), ", a ",
-                                      type.name, " knows:");
+                                      type.name, " accepts:");
             for (const ConfigKey* known : type.configs) text.append(" ").append(known->name);
             mistakes.emplace_back(name, text);
             continue;

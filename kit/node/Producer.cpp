@@ -76,7 +76,7 @@ void Producer::sendWritten() {
 }
 
 void Producer::finish(bool nothing) {
-    if (nothing) throw Failure("nothing comes out", Verdict::InfoValidationFail);
+    if (nothing) throw Failure("no frame was produced", Verdict::InfoValidationFail);
     for (const auto& entry : entries()) {
         if (entry.frameIndex < mTaken) continue;
         failCheck(INFO_VALIDATION_FAIL, concat("an entry '", entry.key, "' is for frame ",

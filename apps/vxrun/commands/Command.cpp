@@ -40,8 +40,7 @@ CLI::Validator seconds(double least) {
 
 void CommonOptions::addTo(CLI::App* app) {
     addOption(app, "graph GRAPH.json", &graph, "The graph file");
-    addOption(app, "--set NODE.KEY=VALUE", &assignments,
-              "Set a config of a node; may be given again")
+    addOption(app, "--set NODE.KEY=VALUE", &assignments, "Set a config of a node; may be repeated")
         ->allow_extra_args(false);
     addOption(app, "--dump-bad DIR", &dumpFolder,
               "Have every checking sink write its first wrong frames as PNG and raw");
@@ -59,12 +58,11 @@ void CommonOptions::addTo(CLI::App* app) {
         "End the run when nothing has moved for this time, with exit 124; default 30, 0: never")
         ->check(seconds(0));
     addOption(app, "--progress FILE|FD", &run.progress, "Write progress as key=value blocks");
-    addOption(app, "--trace FILE", &run.trace, "Write what happened when, for trace viewers");
-    addOption(app, "--dot DIR", &run.dot,
-              "Write pictures of the graph: at the start and of trouble");
+    addOption(app, "--trace FILE", &run.trace, "Write a trace of the run for trace viewers");
+    addOption(app, "--dot DIR", &run.dot, "Draw the graph at the start and with every snapshot");
     addOption(app, "--color WHEN", &color, "Colors: always, never or auto (default)")
         ->check(CLI::IsMember({"always", "never", "auto"}));
-    app->add_flag("--stats", run.stats, "Print what every buffer pool has done");
+    app->add_flag("--stats", run.stats, "Print what every buffer pool did");
     app->add_flag("--quiet", quiet, "Print the verdict only");
 }
 

@@ -17,7 +17,7 @@ public:
         addOption(decode, "-o,--output FILE", &mDecode.output, "The raw video to write");
         decode->add_flag("--md5", mDecode.md5, "Print the MD5; default without -o");
         addOption(decode, "--format FORMAT", &mDecode.format,
-                  "The pixel format that the pictures must have, never converted to");
+                  "The pixel format that the pictures must have; nothing is converted");
         addOption(decode, "--codec CODEC", &mDecode.codec,
                   "A codec (h264, hevc, av1, ...) or a decoder");
         addOption(decode, "--unsupported-exit CODE", &mUnsupportedExit,

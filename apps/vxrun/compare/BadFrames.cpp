@@ -56,7 +56,7 @@ void writePng(const std::string& path, const AVFrame& picture) {
     if (result >= 0) result = avcodec_open2(context.get(), png, nullptr);
     if (result >= 0) result = avcodec_send_frame(context.get(), shown.get());
     if (result >= 0) result = avcodec_receive_packet(context.get(), packet.get());
-    if (result < 0) throw Failure(path + ": no picture can be made: " + libavText(result));
+    if (result < 0) throw Failure(path + ": cannot make a PNG: " + libavText(result));
     writeFile(path, packet->data, static_cast<size_t>(packet->size));
 }
 
@@ -82,7 +82,7 @@ BadFrames::BadFrames(const std::string& folder, uint64_t limit, const std::strin
     }
     if (error) {
         throw Failure("config 'dump_bad': the folder " + quote(folder) +
-                      " cannot be made: " + error.message());
+                      " cannot be created: " + error.message());
     }
     CodecLog::takeOver();
 }

@@ -58,7 +58,7 @@ ChecksumList readChecksumList(const std::string& path) {
 }
 
 void ChecksumWriter::add(const Frame& frame) {
-    if (frame.size() == 0) throw Failure("a frame of no bytes, whose checksum says nothing");
+    if (frame.size() == 0) throw Failure("an empty frame, which no checksum can identify");
     ++mFrames;
     addFrame(frame);
 }

@@ -16,7 +16,7 @@ Rational fromLibav(AVRational value) {
 
 PictureFormat formatOf(AVPixelFormat pixels, int width, int height) {
     const char* const name = av_get_pix_fmt_name(pixels);
-    if (name == nullptr) throw Failure("a picture of no known pixel format");
+    if (name == nullptr) throw Failure("a picture of an unknown pixel format");
     const auto format = findPixelFormat(name);
     if (!format) {
         throw Failure(std::string("the pixel format ") + name + " is not supported",
@@ -47,7 +47,7 @@ Libav<AVFrame> copyOf(const FrameView& picture) {
     const PictureFormat& format = picture.format();
     auto copy = newPicture(pixelsOf(format), format.width, format.height);
     if (av_frame_copy(copy.get(), viewOf(picture).get()) < 0) {
-        throw Failure("a picture of no size");
+        throw Failure("a picture without a size");
     }
     return copy;
 }

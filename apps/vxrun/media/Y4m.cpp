@@ -107,7 +107,7 @@ std::string y4mHeader(const StreamInfo& stream) {
     const auto space = std::find_if(known.begin(), known.end(),
                                     [&](const auto& entry) { return entry.second.name == pixels; });
     if (space == known.end()) {
-        throw Failure("Y4M does not take " + stream.codec + " " + quote(pixels),
+        throw Failure("Y4M does not accept " + stream.codec + " " + quote(pixels),
                       Verdict::NotSupported);
     }
     const uint64_t num =
@@ -142,7 +142,7 @@ bool Y4mReader::nextFrame() {
     if (line != "FRAME" && line.rfind("FRAME ", 0) != 0) {
         failFrame(offset, "expected 'FRAME', got " + quote(line));
     }
-    if (!complete) failFrame(offset, "the file ends, or goes on too long, within the FRAME line");
+    if (!complete) failFrame(offset, "the FRAME line is truncated or too long");
     return true;
 }
 

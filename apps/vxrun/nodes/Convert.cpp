@@ -50,7 +50,7 @@ private:
             mFrom = frame.format();
         }
         const int result = sws_scale_frame(mScaler.get(), converted.get(), picture.get());
-        if (result < 0) throw Failure("libswscale fails: " + libavText(result));
+        if (result < 0) throw Failure("libswscale failed: " + libavText(result));
         givePicture(stream, frame.info.timestamp,
                     [converted](const FrameView& output) { copyTo(output, *converted); });
     }

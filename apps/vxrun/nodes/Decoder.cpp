@@ -90,7 +90,7 @@ private:
             }
             noteError(libavText(result));
         }
-        throw Failure("the decoder only fails; " + mFirstError);
+        throw Failure("the decoder returns nothing but errors; " + mFirstError);
     }
 
     void openCodec(const BitstreamInfo& stream) {
@@ -119,7 +119,7 @@ private:
         const bool flagged =
             picture->decode_error_flags != 0 || (picture->flags & AV_FRAME_FLAG_CORRUPT) != 0;
         const std::string wrong =
-            mLog.takeFirstError(flagged ? "the decoder calls it damaged" : "");
+            mLog.takeFirstError(flagged ? "the decoder marks it as damaged" : "");
         if (!wrong.empty()) noteError(wrong);
         ++mFrames;
         // Only now is it known how many pictures are held back for reordering.

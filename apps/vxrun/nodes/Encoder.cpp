@@ -165,10 +165,10 @@ private:
         mContext = openEncoder(*mCodec, stream, &mLog,
                                [this](const ConfigKey& key) { return configText(key); });
         for (const Entry& entry : entries()) {
-            if (heeds(entry)) continue;
-            throw Failure("entry '" + entry.key + "': " + nameOf(*mCodec) +
-                              ", as it is set up, does not heed it",
-                          Verdict::NotSupported);
+            if (obeys(entry)) continue;
+            throw Failure(
+                "entry '" + entry.key + "': " + nameOf(*mCodec) + ", as it is set up, ignores it",
+                Verdict::NotSupported);
         }
         if (avcodec_parameters_from_context(mStream->parameters.get(), mContext.get()) < 0) {
             throw std::bad_alloc();
@@ -180,7 +180,7 @@ private:
     }
 
     // Most encoders silently ignore these entries in mid-stream.
-    bool heeds(const Entry& entry) const {
+    bool obeys(const Entry& entry) const {
         const std::string name = std::string(" ") + mCodec->name + " ";
         if (entry.key == "quality") {
             return (mContext->flags & AV_CODEC_FLAG_QSCALE) != 0 &&

@@ -54,7 +54,7 @@ private:
         track->time_base = asLibav(stream.timeBase);
         track->avg_frame_rate = asLibav(stream.frameRate);
         track->sample_aspect_ratio = asLibav(stream.sar);
-        check(avformat_write_header(mContext.get(), nullptr), " does not take " + stream.codec);
+        check(avformat_write_header(mContext.get(), nullptr), " does not accept " + stream.codec);
         addHeaders(*track->codecpar, first);
     }
 
@@ -117,7 +117,7 @@ private:
         const PictureFormat& format = frame.stream.picture;
         if (mContainer != "raw" && mPicture && *mPicture != format) {
             throw Failure("a frame of " + format.text() + " after " + mPicture->text() +
-                          ": the container " + mContainer + " takes one size and format");
+                          ": the container " + mContainer + " accepts one size and format");
         }
         if (mMuxer) {
             mMuxer->add(frame);

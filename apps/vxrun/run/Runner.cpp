@@ -110,7 +110,8 @@ public:
             }
             pthread_sigmask(SIG_UNBLOCK, &leaving, nullptr);
             const Verdict verdict = number == SIGINT ? Verdict::Interrupted : Verdict::Terminated;
-            stop(verdict, concat(verdictName(verdict), ", stopping; once more leaves at once"));
+            stop(verdict,
+                 concat(verdictName(verdict), ", stopping; a second signal exits at once"));
         }
         mProgress.finish();
     }
@@ -184,7 +185,7 @@ private:
     }
 
     [[noreturn]] void leave() {
-        console::line("vxrun: the graph does not stop, leaving it; not finished: " +
+        console::line("vxrun: the graph does not stop and is abandoned; not finished: " +
                       mEvidence.unfinished());
         mEvidence.setFailure(Verdict::NodeFailStop);
         mProgress.finish();

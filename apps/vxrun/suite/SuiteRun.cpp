@@ -98,7 +98,7 @@ private:
         if (error != 0) {
             added.clear();  // reporting may need its descriptors
             if (mChildren.empty()) {
-                setError(vector, "no process: " + errnoText(error));
+                setError(vector, "cannot start: " + errnoText(error));
                 return true;
             }
             mIsShort = true;
@@ -130,7 +130,7 @@ private:
         const int number = sigtimedwait(&mSignals, nullptr, &step);
         if (number == SIGINT || number == SIGTERM) {
             mSignal = number;
-            console::line("vxrun: ending what runs; once more kills it");
+            console::line("vxrun: ending the running vectors; a second signal kills them");
         }
         mChildren.remove_if([&](Child& child) { return hasEnded(&child, number == mSignal); });
     }

@@ -148,7 +148,7 @@ void VectorProcess::judgePictures(bool negative) {
     mVector.state = TestVector::FAIL;
     if (negative) {
         mVector.type = "UNEXPECTED_PASS";
-        mVector.message = "decoded as if nothing was wrong";
+        mVector.message = "decoded without an error";
     } else if (!md5.empty()) {
         mVector.type = verdictName(Verdict::CrcMismatch);
         mVector.message = concat("expected MD5 ", mVector.md5, ", actual ", md5,
