@@ -7,8 +7,8 @@
 
 namespace vxkit {
 
-// Life, threads and owns: as Node. next() is first called after open(), on the same thread; from then on
-// the hooks are called on the event thread.
+// Life, threads and owns: as Node. next() is first called after open(), on the same thread; from
+// then on the hooks are called on the event thread.
 class Source : public Producer {
 public:
     using Producer::Producer;
@@ -16,7 +16,8 @@ public:
 protected:
     // Gives the next frame; false at the end.
     bool next() override = 0;
-    // The Failure's text when there is no first frame: a node that has none would never be scheduled.
+    // The Failure's text when there is no first frame: a node that has none would never be
+    // scheduled.
     virtual std::string nothing() const { return "no frame in the stream"; }
 
 private:
