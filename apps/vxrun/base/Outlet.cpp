@@ -19,7 +19,7 @@ Outlet::Outlet(int fd) : mFile(-1) {
     if (fstat(fd, &status) != 0) return;
     mIsSocket = S_ISSOCK(status.st_mode);
     // O_NONBLOCK belongs to the open file, which other processes share: pipes and terminals are
-    // opened anew.
+    // reopened.
     if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
         mFile = open(concat("/proc/self/fd/", fd).c_str(),
                      O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);

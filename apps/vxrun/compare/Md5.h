@@ -38,7 +38,7 @@ bool isMd5(const std::string& word);
 
 // The MD5 in a line of text, in lower case: "hash *file", "hash  file", "MD5 (file) = hash",
 // "MD5=hash" or the bare hash. Empty in a line of other text. Throws Failure for two, and for a
-// damaged one: taken for other text, it would drop a frame from the comparison.
+// damaged one: treated as other text, it would drop a frame from the comparison.
 std::string findMd5(const std::string& line);
 
 }  // namespace vxrun

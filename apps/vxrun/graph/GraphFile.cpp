@@ -38,7 +38,7 @@ void setConfig(const std::string& assignment, const Nodes& nodes, DescriptorOf d
 }
 
 // GraphReader: one walk over the document, from top to bottom. A mistake is noted, and the walk
-// goes on behind it.
+// continues after it.
 class GraphReader {
 public:
     explicit GraphReader(const std::string& path)
@@ -307,7 +307,7 @@ private:
 
     // A node may have (largest downstream total delay + batch + 2) works out, but never more than
     // its pool has slots. Fewer slots only pace it, as long as every work comes back without a
-    // further one. Nodes that hold works until more follow take that many slots out of use forever.
+    // further one. Nodes that hold works until more follow keep that many slots out of use.
     // One that brings streams together holds what has come by one way until the same has come by
     // the longest.
     void checkSlots(size_t origin) {

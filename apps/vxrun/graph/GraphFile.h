@@ -12,8 +12,8 @@
 
 namespace vxrun {
 
-// Reads and checks the graph file `path`. File configs of known node types that are relative are
-// taken from the file's folder.
+// Reads and checks the graph file `path`. Relative paths in the configs of known node types are
+// relative to the file's folder.
 //
 // Throws Failure "file:line:column: place: text" for the first mistake. Its verdict is NodeNotFound
 // for an unknown node type, GraphBuildFail for a connection between different formats, else none,

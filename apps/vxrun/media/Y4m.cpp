@@ -15,7 +15,7 @@ constexpr uint64_t kMaxSide = 65535;     // of a picture
 constexpr uint64_t kMaxFrame = 1 << 30;  // bytes
 const std::string kMagic = "YUV4MPEG2";
 
-// "30000:1001"; 0:0 is the format's word for unknown, for which `unknown` stands.
+// "30000:1001"; 0:0, which means unknown in this format, becomes `unknown`.
 Rational parseRatio(const std::string& text, Rational unknown) {
     const size_t colon = text.find(':');
     if (colon == std::string::npos) throw Failure("expected N:M, got " + quote(text));
@@ -46,7 +46,7 @@ const std::map<std::string, PixelFormat>& colorSpaces() {
 PixelFormat parseColorSpace(const std::string& text) {
     if (text == "444alpha") throw Failure("not supported", Verdict::NotSupported);
     std::string sampling = text;
-    // These say where the chroma samples lie, which does not change their number.
+    // These give the position of the chroma samples, which does not change their number.
     for (const char* place : {"jpeg", "mpeg2", "paldv"}) {
         if (text == text.substr(0, 3) + place) sampling = text.substr(0, 3);
     }

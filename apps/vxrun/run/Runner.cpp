@@ -40,7 +40,7 @@ std::string inSeconds(double seconds) {
 }
 
 // Run: one run. A thread of its own builds, starts, stops and releases the graph, so that no hook
-// of a node, not even one of its set-up, can hold up the watchdog, which takes the signals and
+// of a node, not even one of its set-up, can hold up the watchdog, which handles the signals and
 // decides.
 class Run final : public VXGraph::Listener, public std::enable_shared_from_this<Run> {
 public:

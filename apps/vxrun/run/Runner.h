@@ -33,7 +33,7 @@ int printVerdict(const Evidence& evidence, int fd);
 // The calling thread is the watchdog, outside the graph's threads: it shows progress, stops the run
 // at the first SIGINT or SIGTERM, when it stalls and when its time is out, and exits at the second
 // signal. A snapshot of the graph is shown when the run stalls, breaks off or runs out of time, and
-// at SIGUSR1. A graph that does not stop is left behind: the process ends with the exit code of
+// at SIGUSR1. A graph that does not stop is abandoned: the process ends with the exit code of
 // `conclude`, which is not called otherwise. Once per process, on the main thread and before other
 // threads start.
 void runGraph(vexa::VXGraphInfo info, const RunOptions& options, Evidence* evidence,

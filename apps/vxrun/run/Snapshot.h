@@ -24,8 +24,8 @@ public:
     // The state of every node and pool, in indented lines.
     std::string text(std::chrono::milliseconds age) const;
 
-    // Writes the graph as it stands in the DOT language to the file "h.mm.ss.mmm-reason.dot", named
-    // after the age of the run.
+    // Writes the graph in its present state, in the DOT language, to the file
+    // "h.mm.ss.mmm-reason.dot", named after the age of the run.
     void draw(std::chrono::milliseconds age, const std::string& reason) const;
 
 private:

@@ -84,8 +84,7 @@ bool TraceFile::flush() {
     }
     const std::string why = written < 0 ? errnoText(errno) : "the file system is full";
     mFailed = true;
-    // The array ends behind the last event that is there whole, and has room for the bracket after
-    // it.
+    // The array ends after the last event that was written whole and leaves room for the bracket.
     const size_t room = static_cast<size_t>(std::max<ssize_t>(written, 0));
     const size_t last = room > kEnd.size() ? text.rfind(",\n", room - kEnd.size()) : text.npos;
     const off_t end = mWritten + (last != text.npos ? static_cast<off_t>(last) : 0);

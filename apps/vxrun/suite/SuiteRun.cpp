@@ -178,7 +178,7 @@ private:
     }
 
     // What cannot be written now may be written at the end. The next reports come so late that they
-    // take a small share of the time only, however many vectors there are.
+    // take only a small share of the time, however many vectors there are.
     void reportAll() {
         constexpr int kPause = 20;  // times what they take
         const Clock::time_point start = Clock::now();

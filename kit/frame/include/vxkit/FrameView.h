@@ -21,8 +21,8 @@ void attach(vexa::VXWork* work, std::shared_ptr<vexa::VXBuffer> buffer);
 // FrameView: the visible bytes of a buffer: the planes of a picture, or the filled range of a
 // block. All access to bytes goes through here.
 //
-// The pools have no format for planar pictures of any depth and sampling, so a picture lies in an
-// RGBA 8888 surface as so many bytes: each row of each plane in a row of the surface of its own,
+// The pools have no format for planar pictures of any depth and sampling, so a picture is stored in
+// an RGBA 8888 surface as plain bytes: each row of each plane in a row of the surface of its own,
 // plane after plane. Stride and height of the surface are the allocator's.
 //
 // Life     a view: the buffer outlives it. Pictures are written before their work is sent, and only

@@ -57,8 +57,8 @@ private:
     std::atomic<bool> mWanted{false};  // a fetch() found no free buffer
 };
 
-// PoolBuffer: a buffer that is out, and where it came from. It travels with the frame that lies in
-// it, as one of the frame's infos.
+// PoolBuffer: a buffer that is out, and where it came from. It travels with the frame that it
+// holds, as one of the frame's infos.
 //
 // Life     shared; when the last share is gone the buffer goes back to its pool.
 // Threads  any.
