@@ -391,7 +391,7 @@ TEST_F(VxrunCompare, ChecksKnowWhatCannotMove) {
         const Result checked = vxrun(Words{"check"} + c.arguments);
         EXPECT_EQ(checked.out, c.mistake.empty() ? "check: mistakes=0\n" : "check: mistakes=1\n");
         expectHas(checked.err, c.mistake);
-        const Result ran = vxrun(c.arguments + Words{"--stall", c.exit == 124 ? "1" : "0"});
+        const Result ran = vxrun(c.arguments + Words{"--stall", c.exit == 124 ? "3" : "0"});
         EXPECT_EQ(ran.exit, c.exit) << ran.err;
         expectHas(ran.err, c.pool);
     }
