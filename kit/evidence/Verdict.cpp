@@ -9,37 +9,37 @@ namespace {
 
 struct Row {
     Verdict verdict;
-    const char* name;
     int exitCode;
+    const char* name;
 };
 
 // The one table of verdicts, in the order of the enumeration.
 constexpr Row kRows[] = {
-    {Verdict::Pass, "PASS", 0},
-    {Verdict::Done, "DONE", 0},
-    {Verdict::Fail, "FAIL", 1},
-    {Verdict::NoEndOfStream, "NO_END_OF_STREAM", 1},
-    {Verdict::NothingChecked, "NOTHING_CHECKED", 4},
-    {Verdict::NotSupported, "NOT_SUPPORTED", 77},
-    {Verdict::Skipped, "SKIPPED", 77},
-    {Verdict::BadOption, "BAD_OPTION", 2},
-    {Verdict::NotWritten, "NOT_WRITTEN", 3},
-    {Verdict::Stall, "STALL", 124},
-    {Verdict::Timeout, "TIMEOUT", 124},
-    {Verdict::Interrupted, "SIGINT", 128 + SIGINT},
-    {Verdict::Terminated, "SIGTERM", 128 + SIGTERM},
-    {Verdict::CorruptDescription, "CORRUPT_DESCR", 2},
-    {Verdict::NodeNotFound, "NODE_NOT_FOUND", 2},
-    {Verdict::GraphBuildFail, "GRAPH_BUILD_FAIL", 3},
-    {Verdict::NodeFailInit, "NODE_FAIL_INIT", 3},
-    {Verdict::NodeFailStart, "NODE_FAIL_START", 3},
-    {Verdict::NodeFailStop, "NODE_FAIL_STOP", 3},
-    {Verdict::NodeFailAsync, "NODE_FAIL_ASYNC", 3},
-    {Verdict::CrcMismatch, "CRC_MISMATCH", 1},
-    {Verdict::InfoValidationFail, "INFO_VALIDATION_FAIL", 1},
-    {Verdict::NodeFailConfig, "NODE_FAIL_CONFIG", 3},
-    {Verdict::NodeFailFatal, "NODE_FAIL_FATAL", 3},
-    {Verdict::UnknownError, "UNKNOWN_ERROR", 3},
+    {Verdict::Pass, 0, "PASS"},
+    {Verdict::Done, 0, "DONE"},
+    {Verdict::Fail, 1, "FAIL"},
+    {Verdict::NoEndOfStream, 1, "NO_END_OF_STREAM"},
+    {Verdict::NothingChecked, 4, "NOTHING_CHECKED"},
+    {Verdict::NotSupported, 77, "NOT_SUPPORTED"},
+    {Verdict::Skipped, 77, "SKIPPED"},
+    {Verdict::BadOption, 2, "BAD_OPTION"},
+    {Verdict::NotWritten, 3, "NOT_WRITTEN"},
+    {Verdict::Stall, 124, "STALL"},
+    {Verdict::Timeout, 124, "TIMEOUT"},
+    {Verdict::Interrupted, 128 + SIGINT, "SIGINT"},
+    {Verdict::Terminated, 128 + SIGTERM, "SIGTERM"},
+    {Verdict::CorruptDescription, 2, "CORRUPT_DESCR"},
+    {Verdict::NodeNotFound, 2, "NODE_NOT_FOUND"},
+    {Verdict::GraphBuildFail, 3, "GRAPH_BUILD_FAIL"},
+    {Verdict::NodeFailInit, 3, "NODE_FAIL_INIT"},
+    {Verdict::NodeFailStart, 3, "NODE_FAIL_START"},
+    {Verdict::NodeFailStop, 3, "NODE_FAIL_STOP"},
+    {Verdict::NodeFailAsync, 3, "NODE_FAIL_ASYNC"},
+    {Verdict::CrcMismatch, 1, "CRC_MISMATCH"},
+    {Verdict::InfoValidationFail, 1, "INFO_VALIDATION_FAIL"},
+    {Verdict::NodeFailConfig, 3, "NODE_FAIL_CONFIG"},
+    {Verdict::NodeFailFatal, 3, "NODE_FAIL_FATAL"},
+    {Verdict::UnknownError, 3, "UNKNOWN_ERROR"},
 };
 
 constexpr bool isInOrder() {
