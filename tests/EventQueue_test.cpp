@@ -211,7 +211,9 @@ TEST(Bundle, APutReplacesAndOneWithoutMemoryIsLoggedAndRefused) {
     Bundle info;
     constexpr int kItems = 1000;
     for (int i = 0; i < kItems; ++i) info.put(std::to_string(i), uint64_t{0});
-    for (int i = 0; i < kItems; ++i) info.put(std::to_string(i), int32_t{i});  // another type
+    for (int i = 0; i < kItems; ++i) {
+        EXPECT_EQ(info.put(std::to_string(i), int32_t{i}), XC2_OK);  // another type
+    }
     tRefuseMemory = true;
     EXPECT_EQ(info.put("more", kItems), XC2_PUT_FAILED);
     tRefuseMemory = false;

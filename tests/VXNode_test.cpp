@@ -240,7 +240,8 @@ TEST(Config, StoreSplitsTheDescription) {
 // ---- Life cycle -------------------------------------------------------------------------------
 
 // Catches: an operation let through in a state where it is not legal, a hook's failure lost, ports
-// added outside set-up, created twice under one name, found in the wrong list, or a crash on null.
+// added outside set-up, created twice under one name, found in the wrong list, or without the node's
+// delays, a crash on null.
 TEST_F(NodeTest, LifeCycleAllowsOnlyWhatIsLegal) {
     LogCapture log;
     auto node = std::make_unique<ScriptedNode>("g.n", describe("t", "n", {"a", "a"}, {"a"}));
@@ -275,6 +276,12 @@ TEST_F(NodeTest, LifeCycleAllowsOnlyWhatIsLegal) {
     EXPECT_EQ(node->findInputPort("a", nullptr), VX_BAD_VALUE);
     EXPECT_EQ(node->findOutputPort("a", nullptr), VX_BAD_VALUE);
     EXPECT_GUARD("inputPort == nullptr", "outPort == nullptr");
+    node->setInputDelay(3);
+    node->setTotalDelay(5);
+    for (const auto& port : node->inputPorts()) {
+        EXPECT_EQ(port->inputDelay(), 3u);
+        EXPECT_EQ(port->totalDelay(), 5u);
+    }
 
     EXPECT_EQ(node->start(listener), VX_ERROR);
     EXPECT_GUARD("ret != VX_OK");
