@@ -138,7 +138,8 @@ def main():
         cache = ["-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"] * bool(shutil.which("ccache"))
         run(120, "cmake", "-S", str(tree), "-B", build, "-G", "Ninja", "-DCMAKE_CXX_FLAGS=-w", *cache,
             "-DCMAKE_LINK_DEPENDS_NO_SHARED=ON", f"-DVXRUN_STREAMS_DIR={ROOT.parent}/shared/streams")
-        for tests in pathlib.Path(build).rglob("CTestTestfile.cmake"):  # --timeout is for tests without one
+        # ctest's own --timeout is for tests that have none.
+        for tests in pathlib.Path(build).rglob("CTestTestfile.cmake"):
             tests.write_text(re.sub(r'TIMEOUT "\d+"', f'TIMEOUT "{options.timeout}"', tests.read_text()))
         if not made() or not passed():
             sys.exit("the sources as they stand do not build or do not pass")

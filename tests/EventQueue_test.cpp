@@ -108,8 +108,8 @@ void expectStatus(std::future<XC2Status>& waiter, int32_t status) {
     EXPECT_EQ(waiter.get(), status);
 }
 
-// Posts until the queue refuses, which is when a stop() on another thread has begun; returns how many
-// it took.
+// Posts until the queue refuses, which is when a stop() on another thread has begun; returns how
+// many it took.
 size_t postUntilRefused(EventHandler& handler) {
     const auto limit = Clock::now() + 30s;
     size_t taken = 0;
@@ -168,9 +168,9 @@ bool holds(const Bundle& bundle, const std::string& key, T expected, T untouched
     return found;
 }
 
-// Catches: a value read back as another type (a negative number as a huge unsigned one, an object as a
-// class that it is not), a failed read that spoils the caller's variable, a null object taken for a
-// missing one, an object that is not let go with its bundle.
+// Catches: a value read back as another type (a negative number as a huge unsigned one, an object
+// as a class that it is not), a failed read that spoils the caller's variable, a null object taken
+// for a missing one, an object that is not let go with its bundle.
 TEST(Bundle, AnItemIsReadOnlyAsTheTypeThatWasPut) {
     const auto payload = std::make_shared<Payload>();
     {
@@ -204,8 +204,8 @@ TEST(Bundle, AnItemIsReadOnlyAsTheTypeThatWasPut) {
     EXPECT_EQ(payload.use_count(), 1);
 }
 
-// Catches: a second item under one name, items lost where inline room ends, and a put without memory
-// that crashes, is silent, heeds the log mask or spoils the bundle.
+// Catches: a second item under one name, items lost where inline room ends, and a put without
+// memory that crashes, is silent, heeds the log mask or spoils the bundle.
 TEST(Bundle, APutReplacesAndOneWithoutMemoryIsLoggedAndRefused) {
     LogCapture log(0);
     Bundle info;
@@ -299,9 +299,10 @@ TEST_F(QueueTest, APostThatCannotBeDeliveredIsRefusedAndDropped) {
 
 // ---- Stop and start ---------------------------------------------------------------------------
 
-// Catches: a stop that drops what was posted before it or leaves its waiter behind, delivers what came
-// later, keeps a pending delay or waits for it, or returns while its thread still runs, and a start in
-// the middle of it that is lost or revives the thread that is being joined. Two stop at once: both wait.
+// Catches: a stop that drops what was posted before it or leaves its waiter behind, delivers what
+// came later, keeps a pending delay or waits for it, or returns while its thread still runs, and a
+// start in the middle of it that is lost or revives the thread that is being joined. Two stop at
+// once: both wait.
 TEST_F(QueueTest, StopDeliversWhatWasPostedBeforeAndEndsTheThreadBeforeTheNextStart) {
     hold();
     auto waiter = postAndWait(recorder, newEvent(42), 0);
@@ -327,8 +328,9 @@ TEST_F(QueueTest, StopDeliversWhatWasPostedBeforeAndEndsTheThreadBeforeTheNextSt
     EXPECT_EQ(seen.size(), 2 + late);
 }
 
-// Catches: an event in flight whose handler is gone, a queue that keeps handlers forever, and a waiter
-// that goes on while the queue still holds the event's payload, so that its own is not the last reference.
+// Catches: an event in flight whose handler is gone, a queue that keeps handlers forever, and a
+// waiter that goes on while the queue still holds the event's payload, so that its own is not the
+// last reference.
 TEST_F(QueueTest, AnEventKeepsItsHandlerAliveAndIsDroppedWithItBeforeTheWaiterGoesOn) {
     hold();
     auto part = std::make_shared<int>();
@@ -349,9 +351,9 @@ TEST_F(QueueTest, AnEventKeepsItsHandlerAliveAndIsDroppedWithItBeforeTheWaiterGo
 
 enum class End { Stop, Release, ReleaseByEvent };
 
-// Catches: a thread that joins itself, one that goes on with what was queued, and waiters left behind
-// when a queue is stopped, or released for the last time, by its own thread: by a handler, or between two
-// events by the destructor of what the first one carried.
+// Catches: a thread that joins itself, one that goes on with what was queued, and waiters left
+// behind when a queue is stopped, or released for the last time, by its own thread: by a handler,
+// or between two events by the destructor of what the first one carried.
 class EndOnOwnThread : public QueueTest, public testing::WithParamInterface<End> {};
 TEST_P(EndOnOwnThread, DropsTheRestAndReleasesWaiters) {
     const auto ender = handlerOn(queue, [&](const auto&) {
@@ -386,8 +388,8 @@ TEST_P(EndOnOwnThread, DropsTheRestAndReleasesWaiters) {
 INSTANTIATE_TEST_SUITE_P(Ends, EndOnOwnThread,
                          testing::Values(End::Stop, End::Release, End::ReleaseByEvent));
 
-// Catches: a thread that waits for itself (waiting for another queue's is fine), and a queue that its
-// own thread stops and starts again within one event, left for dead or with two threads.
+// Catches: a thread that waits for itself (waiting for another queue's is fine), and a queue that
+// its own thread stops and starts again within one event, left for dead or with two threads.
 TEST_F(QueueTest, OnTheOwnThreadWaitingIsRefusedAndAStartAfterAStopGoesOn) {
     const auto other = startedQueue("other");
     const auto onOther = handlerOn(other, [](const auto&) {});
@@ -412,8 +414,8 @@ TEST_F(QueueTest, OnTheOwnThreadWaitingIsRefusedAndAStartAfterAStopGoesOn) {
 
 // ---- Waits, delays and the thread -------------------------------------------------------------
 
-// Catches: a time-out that comes early or never, or takes the event away, and a status that is lost on
-// the way back to the waiter.
+// Catches: a time-out that comes early or never, or takes the event away, and a status that is lost
+// on the way back to the waiter.
 TEST_F(QueueTest, AWaitEndsWithItsTimeOutOrTheStatusOfTheHandler) {
     hold();
     const auto start = Clock::now();
@@ -429,8 +431,8 @@ TEST_F(QueueTest, AWaitEndsWithItsTimeOutOrTheStatusOfTheHandler) {
     EXPECT_EQ(seen.front(), 5u);
 }
 
-// Catches: a delay that ends early, delays delivered in the order of their posts, and a thread asleep
-// until a late delay that misses an earlier one.
+// Catches: a delay that ends early, delays delivered in the order of their posts, and a thread
+// asleep until a late delay that misses an earlier one.
 TEST_F(QueueTest, DelaysAreDeliveredInOrderOfTimeAndNeverEarly) {
     const unsigned int delays[] = {400, 200, 1, 1, 0};
     Clock::time_point posted[std::size(delays)];
@@ -446,15 +448,15 @@ TEST_F(QueueTest, DelaysAreDeliveredInOrderOfTimeAndNeverEarly) {
     }
     const auto posting = Clock::now() - posted[0];
     ASSERT_TRUE(tally.waitFor("delivered", std::size(delays)));
-    if (posting > 100ms) GTEST_SKIP() << "too busy a machine to tell the order";
+    if (posting > 100ms) GTEST_SKIP() << "the machine is too busy to show the order";
     // The last post may overtake those of a millisecond, or the other way round.
     seen.erase(std::remove(seen.begin(), seen.end(), 4u), seen.end());
     EXPECT_EQ(seen, (std::vector<uint32_t>{2, 3, 1, 0}));
 }
 
-// Catches: a thread without the name of its queue (the kernel refuses names that are not cut), a queue
-// without work that wakes up, e.g. to poll or to yield; a second thread on a queue started twice, a second
-// stop that does harm, and a queue that cannot be used again.
+// Catches: a thread without the name of its queue (the kernel refuses names that are not cut), a
+// queue without work that wakes up, e.g. to poll or to yield; a second thread on a queue started
+// twice, a second stop that does harm, and a queue that cannot be used again.
 TEST_F(QueueTest, TheThreadIsNamedAfterItsQueueAndSleepsWhileThatIsIdle) {
     for (const char* name :
          {"n", "fifteen_letters", "sixteen_letters.", "graph.a long node name"}) {
@@ -484,8 +486,9 @@ TEST_F(QueueTest, TheThreadIsNamedAfterItsQueueAndSleepsWhileThatIsIdle) {
     }
 }
 
-// Catches: a post that was accepted and never delivered, a waiter left behind, or a queue touched that
-// is gone, when threads post while others, or the queue's own, stop, start and replace their queue.
+// Catches: a post that was accepted and never delivered, a waiter left behind, or a queue touched
+// that is gone, when threads post while others, or the queue's own, stop, start and replace their
+// queue.
 class Race : public QueueTest, public testing::WithParamInterface<bool> {};
 TEST_P(Race, PostsStopsAndRestarts) {
     const bool ownStops = GetParam();

@@ -20,9 +20,9 @@ protected:
 
 // ---- Buffers ----------------------------------------------------------------------------------
 
-// Catches: ids that are not the descriptor, identities that are not the memory's or an error's, a native
-// value that is empty or typed, an offset that is reported although it is meant to stay 0, the wrong
-// texts about a descriptor's life.
+// Catches: ids that are not the descriptor, identities that are not the memory's or an error's, a
+// native value that is empty or typed, an offset that is reported although it is meant to stay 0,
+// the wrong texts about a descriptor's life.
 TEST_F(DmabufTest, BuffersAreTheirDescriptor) {
     for (auto& buffer : fetchBoth()) {
         const std::string fd = std::to_string(buffer->fd());
@@ -47,8 +47,8 @@ TEST_F(DmabufTest, BuffersAreTheirDescriptor) {
     EXPECT_LOGGED(ERROR, "Failed to fstat(-1)");
 }
 
-// Catches: the frame size always taken for the allocated size, or checked against it; a crop that is
-// changed on its way.
+// Catches: the frame size always taken for the allocated size, or checked against it; a crop that
+// is changed on its way.
 TEST_F(DmabufTest, FrameSizeAndCropAreTheHolders) {
     const auto picture = fetch(*graphic);
     EXPECT_EQ(geometryOf(*picture), Values({100, 50, 128, 64, 100, 50}));
@@ -63,8 +63,8 @@ TEST_F(DmabufTest, FrameSizeAndCropAreTheHolders) {
 
 // ---- Settings ---------------------------------------------------------------------------------
 
-// Catches: a usage that resets the graphic pool, or that does not reset the linear one; a secure buffer;
-// an alignment that shapes the buffer or resets nothing, sizes that are not cut to 32 bits.
+// Catches: a usage that resets the graphic pool, or that does not reset the linear one; a secure
+// buffer; an alignment that shapes the buffer or resets nothing, sizes that are not cut to 32 bits.
 TEST_F(DmabufTest, SettingsResetExceptAUsageOfPictures) {
     linear->setMaxSlots(1);
     graphic->setMaxSlots(1);
@@ -103,8 +103,8 @@ TEST_F(DmabufTest, ImpossibleSizesAreNoMemory) {
 
 // ---- Geometry ---------------------------------------------------------------------------------
 
-// Catches: a wrong row in the format table, sizes that are not the layout library's, and padding or its
-// absence on the wrong side of the HEIC flag.
+// Catches: a wrong row in the format table, sizes that are not the layout library's, and padding or
+// its absence on the wrong side of the HEIC flag.
 TEST_F(DmabufTest, GeometryComesFromTheLayoutLibrary) {
     const struct {
         uint32_t pixelFormat, colorFormat;
@@ -130,8 +130,9 @@ TEST_F(DmabufTest, GeometryComesFromTheLayoutLibrary) {
     }
 }
 
-// Catches: an unknown format that is let through, or that leaves half a geometry: width and height are
-// stored, the rest stays, the pool is not reset. A known one set alone resets but computes nothing.
+// Catches: an unknown format that is let through, or that leaves half a geometry: width and height
+// are stored, the rest stays, the pool is not reset. A known one set alone resets but computes
+// nothing.
 TEST_F(DmabufTest, AFormatAloneKeepsTheOldGeometry) {
     EXPECT_EQ(VXGraphicBufferPoolCreate_dmabuf(DEFAULT)->setResolution(64, 64), VX_ERROR);
     EXPECT_LOGGED(ERROR, "Error. Pixelformat not found");

@@ -25,9 +25,9 @@ constexpr char kTag[] = "Vexa::VXBuffer";
 
 // ---- Mapping ----------------------------------------------------------------------------------
 
-// Catches: an offset that is honored after all, a private mapping, a mapping that outlives its object; a
-// failed mapping turned into null, or unmapped so that something else goes with it; a length kept in 64
-// bits: the rest of a huge mapping stays, and callers know it.
+// Catches: an offset that is honored after all, a private mapping, a mapping that outlives its
+// object; a failed mapping turned into null, or unmapped so that something else goes with it; a
+// length kept in 64 bits: the rest of a huge mapping stays, and callers know it.
 TEST_F(BufferTest, AMappingShowsTheMemoryFromItsStartAndCountsModulo4GiB) {
     const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     const size_t huge = (size_t{1} << 32) + page;
@@ -132,10 +132,10 @@ protected:
     ScriptedPool pool{counts};
 };
 
-// Catches: recycling without a limit, at the start or after the limit was lifted again; an allocation
-// that failed and is tracked or returned, or that uses up a slot; the released buffer counted against the
-// limit: with a limit lowered to 1 and three out, the first finds two others and goes, the second and the
-// third are kept.
+// Catches: recycling without a limit, at the start or after the limit was lifted again; an
+// allocation that failed and is tracked or returned, or that uses up a slot; the released buffer
+// counted against the limit: with a limit lowered to 1 and three out, the first finds two others
+// and goes, the second and the third are kept.
 TEST_F(StashTest, TheLimitDecidesWhatIsKept) {
     pool.get();
     expectCounts(1, 1, 0);
@@ -161,9 +161,9 @@ TEST_F(StashTest, TheLimitDecidesWhatIsKept) {
     expectNone(VX_NO_FREE_SLOT);
 }
 
-// Catches: a null pointer followed, or refused under another name or code than callers know; a stash on
-// the stack, which its buffers could not come back to; kinds mixed up, a buffer of neither that counts as
-// valid.
+// Catches: a null pointer followed, or refused under another name or code than callers know; a
+// stash on the stack, which its buffers could not come back to; kinds mixed up, a buffer of neither
+// that counts as valid.
 TEST_F(StashTest, NullPointersAreGuardFailuresAndNoOwnerIsFatal) {
     for (const VXBuffer::Kind kind : {VXBuffer::LINEAR, VXBuffer::GRAPHIC, VXBuffer::INVALID}) {
         const FakeBuffer buffer(counts, kind);
@@ -208,7 +208,8 @@ TEST_F(StashTest, AFetchWithoutMemoryForItselfEndsTheProcess) {
     expectCounts(1, 1, 0);
 }
 
-// Catches: the report's two bounds put right: the set grows to 65, the report says "too many" from 64.
+// Catches: the report's two bounds put right: the set grows to 65, the report says "too many" from
+// 64.
 TEST_F(StashTest, ReportsHowManyDifferentBuffersThereWere) {
     for (const auto& [buffers, text] :
          {std::pair<int, std::string>{0, "0"}, {63, "63"}, {64, "too many"}, {70, "too many"}}) {
@@ -224,8 +225,8 @@ TEST_F(StashTest, ReportsHowManyDifferentBuffersThereWere) {
     EXPECT_TRUE(log.messages().empty());
 }
 
-// Catches: buffers destroyed under the stash's lock: two pools that are reset at once, each with a kept
-// buffer that holds one of the other's, then wait for each other forever.
+// Catches: buffers destroyed under the stash's lock: two pools that are reset at once, each with a
+// kept buffer that holds one of the other's, then wait for each other forever.
 TEST_F(StashTest, ReleasesInsideAnotherPoolsResetDoNotLockUp) {
     ScriptedPool pools[2] = {ScriptedPool(counts), ScriptedPool(counts)};
     Tally tally;
@@ -256,7 +257,8 @@ struct Form {
     bool graphic;
 };
 
-// A pool of either back-end and kind behind one face. Shape 0 is a small buffer, shape 1 a larger one.
+// A pool of either back-end and kind behind one face. Shape 0 is a small buffer, shape 1 a larger
+// one.
 class Subject {
 public:
     explicit Subject(const Form& form, VXBufferUsage usage = DEFAULT) {
@@ -321,9 +323,9 @@ INSTANTIATE_TEST_SUITE_P(AllBackEnds, Contract,
                                     (form.param.graphic ? "Graphic" : "Linear");
                          });
 
-// Catches: buffers that do not know their back-end or kind, sizes of a wrong shape, mappings that are
-// private, too short or not the same memory, fresh memory that is not zero; a usage that does not reach
-// the one back-end, or that reaches the other.
+// Catches: buffers that do not know their back-end or kind, sizes of a wrong shape, mappings that
+// are private, too short or not the same memory, fresh memory that is not zero; a usage that does
+// not reach the one back-end, or that reaches the other.
 TEST_P(Contract, AFreshBufferIsWhatThePoolWasAskedFor) {
     for (const VXBufferUsage usage : {DEFAULT, CACHED, SECURE, MULTIVIEW}) {
         Subject pool(GetParam(), usage);
@@ -352,8 +354,9 @@ TEST_P(Contract, AFreshBufferIsWhatThePoolWasAskedFor) {
     }
 }
 
-// Catches: a back-end that does not come through the stash: buffers kept without a limit, allocations
-// past the limit, last in first out; an identity that is shared, or a filled size that survives.
+// Catches: a back-end that does not come through the stash: buffers kept without a limit,
+// allocations past the limit, last in first out; an identity that is shared, or a filled size that
+// survives.
 TEST_P(Contract, TheLimitDecidesAboutRecycling) {
     pool.get();
     EXPECT_EQ(memories(), 0);
@@ -376,8 +379,8 @@ TEST_P(Contract, TheLimitDecidesAboutRecycling) {
     EXPECT_EQ(pool.get()->uid(), second);
 }
 
-// Catches: kept buffers of the old shape handed out after a setting, holders' buffers taken away by it,
-// counted or kept when they come back; a buffer that touches its dead pool.
+// Catches: kept buffers of the old shape handed out after a setting, holders' buffers taken away by
+// it, counted or kept when they come back; a buffer that touches its dead pool.
 TEST_P(Contract, HoldersOutliveSettingsAndPools) {
     pool->setMaxSlots(2);
     auto held = pool.get();
@@ -399,8 +402,9 @@ TEST_P(Contract, HoldersOutliveSettingsAndPools) {
     delete leftAlone;  // the library does not, on purpose
 }
 
-// Catches: a null output that is followed; a failed allocation, injected or for want of descriptors,
-// that yields a buffer, keeps a slot or leaves the pool unusable; descriptor 0 taken for a failure.
+// Catches: a null output that is followed; a failed allocation, injected or for want of
+// descriptors, that yields a buffer, keeps a slot or leaves the pool unusable; descriptor 0 taken
+// for a failure.
 TEST_P(Contract, AFailedAllocationIsNoMemoryAndPasses) {
     EXPECT_EQ(pool.fetch(nullptr), VX_BAD_VALUE);
     EXPECT_GUARD("!buf");

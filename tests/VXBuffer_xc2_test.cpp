@@ -164,8 +164,8 @@ TEST_F(Xc2Test, TheSizeOfAPictureComesFromTheFirstThatKnows) {
     EXPECT_EQ(picture->size(), 0u);
 }
 
-// Catches: a missing fence that is followed or that blocks, a wait that ends badly and passes for good,
-// a time-out other than half a second.
+// Catches: a missing fence that is followed or that blocks, a wait that ends badly and passes for
+// good, a time-out other than half a second.
 TEST_F(Xc2Test, FencesAnswerForTheVendors) {
     const auto plain = fetch(*graphic);
     const auto expectAnswers = [&](const VXBuffer& picture, bool valid, bool ready, VXError wait) {
@@ -196,8 +196,8 @@ TEST_F(Xc2Test, FencesAnswerForTheVendors) {
 
 // ---- Formats, usages and settings ---------------------------------------------------------------
 
-// Catches: a wrong row in either format table, tables that were made inverse, an unknown format that is
-// refused too early or allocated in some other layout.
+// Catches: a wrong row in either format table, tables that were made inverse, an unknown format
+// that is refused too early or allocated in some other layout.
 TEST_F(Xc2Test, FormatsAreTranslatedBothWays) {
     std::vector<std::array<uint32_t, 3>> rows = {
         {0x55, 0x3C, 0x55},  // set, the vendor's, read back
@@ -229,7 +229,8 @@ TEST_F(Xc2Test, FormatsAreTranslatedBothWays) {
     }
 }
 
-// Catches: a wrong usage word, at construction or later; words that carry the message of another usage.
+// Catches: a wrong usage word, at construction or later; words that carry the message of another
+// usage.
 TEST_F(Xc2Test, UsagesBecomeWords) {
     const struct {
         uint32_t usage;
@@ -261,9 +262,9 @@ TEST_F(Xc2Test, UsagesBecomeWords) {
     }
 }
 
-// Catches: a usage, an alignment or a HEIC flag that resets, or does not reset, like the others; a pool
-// without its block pool that crashes, or that answers otherwise than with VX_NO_INIT; a setting that
-// the vendor's pool refused and that passes for made, or that resets the pool.
+// Catches: a usage, an alignment or a HEIC flag that resets, or does not reset, like the others; a
+// pool without its block pool that crashes, or that answers otherwise than with VX_NO_INIT; a
+// setting that the vendor's pool refused and that passes for made, or that resets the pool.
 TEST_F(Xc2Test, SettingsResetThePoolsAndNeedTheirBlockPools) {
     failCall(Call::BlockPool, 1, C2_NO_MEMORY);
     const auto noLinear = VXLinearBufferPoolCreate_xc2(DEFAULT);
@@ -311,8 +312,8 @@ TEST_F(Xc2Test, SettingsResetThePoolsAndNeedTheirBlockPools) {
 
 // ---- Views, native buffers and failures -------------------------------------------------------
 
-// Catches: views that are missing, made by the construction alone, share memory, or are secure; a view
-// that is missing from a buffer, or that stays behind when another one fails.
+// Catches: views that are missing, made by the construction alone, share memory, or are secure; a
+// view that is missing from a buffer, or that stays behind when another one fails.
 TEST_F(Xc2Test, MultiViewBuffersHaveTwoViews) {
     const auto secure = VXLinearBufferPoolCreate_xc2(MULTIVIEW);
     secure->setSize(100);
@@ -345,8 +346,8 @@ TEST_F(Xc2Test, MultiViewBuffersHaveTwoViews) {
     EXPECT_EQ(memories(), 0);
 }
 
-// Catches: a wrapped buffer that is another one, that is kept by the pool, or that the wrong kind of
-// pool takes.
+// Catches: a wrapped buffer that is another one, that is kept by the pool, or that the wrong kind
+// of pool takes.
 TEST_F(Xc2Test, NativeBuffersAreWrappedByTheirKindOfPool) {
     linear->setMaxSlots(1);
     auto buffer = fetch(*linear);
@@ -375,8 +376,9 @@ TEST_F(Xc2Test, NativeBuffersAreWrappedByTheirKindOfPool) {
     EXPECT_EQ(memories(), 1);
 }
 
-// Catches: an answer of the vendor's pool that is taken without a look: a status, no buffer, the wrong
-// kind; a short buffer where a size does not fit 32 bits, memory with the wrong kind of cache.
+// Catches: an answer of the vendor's pool that is taken without a look: a status, no buffer, the
+// wrong kind; a short buffer where a size does not fit 32 bits, memory with the wrong kind of
+// cache.
 TEST_F(Xc2Test, OddAnswersOfTheVendorsPoolAreNoMemory) {
     const auto buffers = fetchBoth();
     const std::string failed = "mPool->allocate(&xc2Buffer) != xc2::XC2_OK";

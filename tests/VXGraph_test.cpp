@@ -192,8 +192,8 @@ TEST_F(GraphTest, FailedBuildsSayWhy) {
     EXPECT_EQ(build(), nullptr);
 }
 
-// Catches: ranks that are summed, ties that go to the later one, a wrapped product that lets in a type
-// which a node refuses.
+// Catches: ranks that are summed, ties that go to the later one, a wrapped product that lets in a
+// type which a node refuses.
 TEST_F(GraphTest, AllocatorWithTheSmallestProductOfRanks) {
     using Lists = std::vector<std::vector<std::string>>;
     const std::vector<std::string> ten = {"1", "2", "3", "4", "5", "6", "7", "8", "9", "x"};
@@ -250,7 +250,8 @@ TEST_F(GraphTest, RunsToTheEndOfEverySink) {
     EXPECT_EQ(log.count("Received Error") + log.count("Notifying Error"), 0);
 }
 
-// Catches: one completion that ends a run of two sinks, and errors that are reported in a wrong order.
+// Catches: one completion that ends a run of two sinks, and errors that are reported in a wrong
+// order.
 TEST_F(GraphTest, TwoSinksCompleteOneByOne) {
     std::map<std::string, ScriptedNode*> nodes;
     script({"a", "b"}, [&](ScriptedNode& n) { nodes[n.name()] = &n; });
@@ -269,8 +270,8 @@ TEST_F(GraphTest, TwoSinksCompleteOneByOne) {
     expectHeard({"error only reported", "complete"});
 }
 
-// Catches: a failed start, a completion or a stop that is lost because it comes before the run waits, or
-// a failed start that keeps other nodes from being started and stopped.
+// Catches: a failed start, a completion or a stop that is lost because it comes before the run
+// waits, or a failed start that keeps other nodes from being started and stopped.
 TEST_F(GraphTest, WhatComesDuringTheStartEndsTheRun) {
     for (int round = 0; round < scaled(1500); ++round) {
         const bool fails = round % 3 == 0, completes = round % 3 == 1;  // else it is stopped
@@ -313,9 +314,9 @@ TEST_F(GraphTest, NothingToWaitFor) {
     waker.join();
 }
 
-// Catches: an error that leaves the run waiting, or reaches the listener after the end; a deadlock or a
-// use after free when the application lets the graph go inside a call of the listener, on the graph's or
-// a node's thread.
+// Catches: an error that leaves the run waiting, or reaches the listener after the end; a deadlock
+// or a use after free when the application lets the graph go inside a call of the listener, on the
+// graph's or a node's thread.
 TEST_F(GraphTest, ListenerMayDropTheGraph) {
     LogCapture log;
     const std::string failure = "Node [g.n1] failed to process !";
@@ -328,7 +329,7 @@ TEST_F(GraphTest, ListenerMayDropTheGraph) {
         // The last node to be destroyed shows that the graph has gone.
         script({"n0"}, [&](ScriptedNode& n) {
             n.drainHook =
-                [tell = std::shared_ptr<void>(nullptr, [&gone](void*) { gone.hit("gone"); })] {};
+                [last = std::shared_ptr<void>(nullptr, [&gone](void*) { gone.hit("gone"); })] {};
         });
         addChain(3);
         ASSERT_NE(build(), nullptr);
@@ -400,8 +401,8 @@ TEST_F(GraphTest, LivesLeaveNothingBehind) {
     }
 }
 
-// Catches: a race between flowing works and what other threads throw in: flushes, delays, errors that
-// are only reported, finished works from outside, and at last a stop.
+// Catches: a race between flowing works and what other threads throw in: flushes, delays, errors
+// that are only reported, finished works from outside, and at last a stop.
 TEST_F(GraphTest, InterferenceFromManyThreads) {
     count = UINT64_MAX;  // flows until it is stopped
     std::map<std::string, ScriptedNode*> nodes;

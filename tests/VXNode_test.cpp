@@ -105,8 +105,8 @@ protected:
 
 // ---- Ports ------------------------------------------------------------------------------------
 
-// Catches: a second upstream, a match by anything but equal texts, a refused connection that leaves a
-// trace on either side.
+// Catches: a second upstream, a match by anything but equal texts, a refused connection that leaves
+// a trace on either side.
 TEST(Ports, ConnectOnceAndOnlyEqualFormats) {
     LogCapture log;
     const auto handler = std::make_shared<RecordingHandler>();
@@ -135,8 +135,8 @@ TEST(Ports, ConnectOnceAndOnlyEqualFormats) {
     EXPECT_EQ(out->downstreamPorts().size(), 1u);
 }
 
-// Catches: a combined delay that is not the maximum with floor 1, an event without a change, a report
-// for a port that was never connected.
+// Catches: a combined delay that is not the maximum with floor 1, an event without a change, a
+// report for a port that was never connected.
 TEST(Ports, DelaysCombineByMaximum) {
     LogCapture log;
     const auto handler = std::make_shared<RecordingHandler>();
@@ -199,8 +199,8 @@ TEST(Ports, SendSharesWorksWithEveryBranch) {
 
 // ---- Configuration ----------------------------------------------------------------------------
 
-// Catches: an entry in the wrong view, commands handed out twice, tunings consumed, the wrong winner
-// among equal keys, an invalid entry that stops the rest.
+// Catches: an entry in the wrong view, commands handed out twice, tunings consumed, the wrong
+// winner among equal keys, an invalid entry that stops the rest.
 TEST(Config, StoreSplitsTheDescription) {
     LogCapture log;
     auto descriptor = describe("t", "n", {}, {});
@@ -240,8 +240,8 @@ TEST(Config, StoreSplitsTheDescription) {
 // ---- Life cycle -------------------------------------------------------------------------------
 
 // Catches: an operation let through in a state where it is not legal, a hook's failure lost, ports
-// added outside set-up, created twice under one name, found in the wrong list, or without the node's
-// delays, a crash on null.
+// added outside set-up, created twice under one name, found in the wrong list, or without the
+// node's delays, a crash on null.
 TEST_F(NodeTest, LifeCycleAllowsOnlyWhatIsLegal) {
     LogCapture log;
     auto node = std::make_unique<ScriptedNode>("g.n", describe("t", "n", {"a", "a"}, {"a"}));
@@ -377,8 +377,8 @@ TEST_F(NodeTest, TeardownWaitsForTheHookThatStoppedTheNode) {
     EXPECT_FALSE(hookRuns);
 }
 
-// Catches: a delay that a downstream node reports while this one starts and that is lost for good, so
-// that the run stalls.
+// Catches: a delay that a downstream node reports while this one starts and that is lost for good,
+// so that the run stalls.
 TEST_F(NodeTest, DelayReportedDuringTheStartIsKept) {
     for (int round = 0; round < scaled(3000); ++round) {
         auto node = setUp();
@@ -450,8 +450,8 @@ TEST_F(NodeTest, EventsWithoutPayloadOrRegulator) {
     }
 }
 
-// Catches: a report that is lost, or a listener that is used after it has gone; a drain or fence event
-// that misses its hook, a wrong fence value.
+// Catches: a report that is lost, or a listener that is used after it has gone; a drain or fence
+// event that misses its hook, a wrong fence value.
 TEST_F(NodeTest, ReportsAndHooks) {
     const auto node = setUp();
     std::vector<int> hooked;
@@ -521,8 +521,8 @@ TEST_F(NodeTest, PendingInputs) {
     expectCount(5, VX_OK, 0, false);
 }
 
-// Catches: a status that waits for a busy node, loses works between port and pending list, forgets one
-// that is out or released, or counts works that a stopped node has refused.
+// Catches: a status that waits for a busy node, loses works between port and pending list, forgets
+// one that is out or released, or counts works that a stopped node has refused.
 TEST_F(NodeTest, StatusTellsWhereWorksAre) {
     Tally tally;
     const auto node = setUp();
@@ -557,7 +557,8 @@ TEST_F(NodeTest, StatusTellsWhereWorksAre) {
     std::vector<std::shared_ptr<xc2::Event>>().swap(downstream->events);  // releases all four
     await(*node);
     expectStatus(VXNode::RUNNING, 0, 0, 6, 4);  // the whole pending list made one batch
-    // A port that only shares the node's handler is not counted here, and may go before its works come.
+    // A port that only shares the node's handler is not counted here, and may go before its works
+    // come.
     node->bufferHook = [&](int) { return tally.waitFor("port gone") ? VX_OK : VX_ERROR; };
     node->handler()->postAsync(makeEvent(VXNode::EVENT_FENCE));
     std::make_shared<VXInputPort>("other", VXPort::Format{}, node->handler())
@@ -704,9 +705,9 @@ TEST_F(RegulatorTest, BatchesAndTheirOutputs) {
     EXPECT_LOGS("canScheduleWorks: countAvailablePendingInputWorks returned error");
 }
 
-// Catches: index and id that do not count up, a null work that is numbered or sent, works on a second
-// output port, a registration that accepts null; a release after the producer has gone that touches it or
-// leaks the work, and an untracked work that is deleted.
+// Catches: index and id that do not count up, a null work that is numbered or sent, works on a
+// second output port, a registration that accepts null; a release after the producer has gone that
+// touches it or leaks the work, and an untracked work that is deleted.
 TEST_F(RegulatorTest, FinishedWorksAreNumberedAndTrackedUntilTheirRelease) {
     LogCapture log;
     build(1, {{"n.out", 1}, {"n.second", 1}}, {"n.out", "n.second"});

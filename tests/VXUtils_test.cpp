@@ -57,8 +57,8 @@ static VXError guarded(const std::string& text, int* line) {
     return VX_OK;
 }
 
-// Catches: a guard that prints something else than its own condition and line, or that depends on the
-// log mask for its return.
+// Catches: a guard that prints something else than its own condition and line, or that depends on
+// the log mask for its return.
 TEST(Log, GuardPrintsItsConditionAndReturns) {
     LogCapture log(VX_LOG_ERROR);
     int line = 0;
@@ -86,8 +86,8 @@ protected:
     std::string content = "old";
 };
 
-// Catches: a chunk lost, doubled or cut at zero bytes, at every border of the 1024-byte chunks; a file
-// that grows meanwhile and is not read as a prefix of it.
+// Catches: a chunk lost, doubled or cut at zero bytes, at every border of the 1024-byte chunks; a
+// file that grows meanwhile and is not read as a prefix of it.
 TEST_F(Files, AreReadWhole) {
     for (const size_t size : {0, 1, 1023, 1024, 1025, 2048, 100000}) {
         std::string bytes(size, '\0');
@@ -107,8 +107,8 @@ TEST_F(Files, AreReadWhole) {
     EXPECT_EQ(content.find_first_not_of('x'), std::string::npos);
 }
 
-// Catches: a failure that leaves old content, and a missing or wrong message; memory reserved for a size
-// that a directory only claims, an endless wait or a crash on what is not a plain file.
+// Catches: a failure that leaves old content, and a missing or wrong message; memory reserved for a
+// size that a directory only claims, an endless wait or a crash on what is not a plain file.
 TEST_F(Files, OddOnesDoNoHarm) {
     LogCapture log(VX_LOG_ERROR);
     EXPECT_FALSE(ReadFileToString(path(), nullptr));

@@ -12,8 +12,8 @@ using namespace vexa;
 
 static constexpr char kTag[] = "Vexa:VXNode";
 
-// Catches: a type confusion that changes or hands out data, a probe for an optional key that logs, a
-// refused write that logs only half; a value that has to have a default constructor.
+// Catches: a type confusion that changes or hands out data, a probe for an optional key that logs,
+// a refused write that logs only half; a value that has to have a default constructor.
 TEST(AuxInfo, HoldsOneTypePerKey) {
     LogCapture log(VX_LOG_ERROR);
     VXEditableAuxInfo info;
@@ -48,8 +48,9 @@ TEST(AuxInfo, HoldsOneTypePerKey) {
     EXPECT_GUARD("val == nullptr");
 }
 
-// Catches: a public type that is another one in each library, as those are that are not exported where a
-// standard library compares types by address; a name that is not there yet when a library is loaded.
+// Catches: a public type that is another one in each library, as those are that are not exported
+// where a standard library compares types by address; a name that is not there yet when a library
+// is loaded.
 TEST(AuxInfo, TypesAreTheSameInEveryLibrary) {
     LogCapture log;
     VXEditableAuxInfo info;
@@ -121,8 +122,8 @@ TEST(Work, HookRunsOnceAfterTheLastHolder) {
     }
 }
 
-// Catches: memory that goes with the work although what its hook made there, or a weak reference, is
-// still in use; objects there that overlap; a room that is taken for larger than it is.
+// Catches: memory that goes with the work although what its hook made there, or a weak reference,
+// is still in use; objects there that overlap; a room that is taken for larger than it is.
 TEST(Work, WhatItsHookMakesInItsMemoryOutlivesTheWork) {
     struct Large : Tracker {
         using Text = std::array<char, 100>;

@@ -1,4 +1,5 @@
-// The host's buffer platform: the allocator, the layout of pictures, Codec 2.0 and the codec library.
+// The host's buffer platform: the allocator, the layout of pictures, Codec 2.0 and the codec
+// library.
 #include <BufferAllocator/BufferAllocator.h>
 #include <C2PlatformSupport.h>
 #include <VideoBufferLayout.h>
@@ -46,8 +47,9 @@ protected:
     BufferAllocator allocator;
 };
 
-// Catches: memory that is too short, not zero, inherited by other programs, of changing size, or that
-// cannot be told from another one; an impossible size taken for a small one, an error for success.
+// Catches: memory that is too short, not zero, inherited by other programs, of changing size, or
+// that cannot be told from another one; an impossible size taken for a small one, an error for
+// success.
 TEST_F(AllocatorTest, MemoryIsWholePagesAndBehavesLikeADmaBuf) {
     std::set<ino_t> inodes;
     for (const auto& [asked, given] :
@@ -83,9 +85,9 @@ TEST_F(AllocatorTest, MemoryIsWholePagesAndBehavesLikeADmaBuf) {
     }
 }
 
-// Catches: a run that uses another source than its environment says or, without a word there, than the
-// first that this machine has; a source decided per allocation, or that falls back where one was forced;
-// an error that does not name its source, and how to choose another.
+// Catches: a run that uses another source than its environment names or, without a word there, than
+// the first that this machine has; a source decided per allocation, or that falls back where one
+// was forced; an error that does not name its source, and how to choose another.
 TEST_F(AllocatorTest, TheSourceIsDecidedOnceAndCanBeForced) {
     const std::string heap = access("/dev/dma_heap/system", R_OK) == 0 ? "/dmabuf:" : "";
     const std::string udmabuf = access("/dev/udmabuf", R_OK) == 0 ? "/dmabuf:" : "";
@@ -111,9 +113,9 @@ TEST_F(AllocatorTest, TheSourceIsDecidedOnceAndCanBeForced) {
     EXPECT_LOGS("; source: udmabuf" + choose);
 }
 
-// Catches: a device that cannot be opened and hides the next one, a heap whose source depends on which
-// other one came first, a decision made for good while no descriptor was left, a device that other
-// programs inherit, a list of heaps with anything else in it.
+// Catches: a device that cannot be opened and hides the next one, a heap whose source depends on
+// which other one came first, a decision made for good while no descriptor was left, a device that
+// other programs inherit, a list of heaps with anything else in it.
 TEST_F(AllocatorTest, WhatCannotBeOpenedIsPassedOverForEachHeap) {
     char folder[] = "/tmp/devices.XXXXXX";
     ASSERT_NE(mkdtemp(folder), nullptr);
@@ -169,8 +171,8 @@ TEST_F(AllocatorTest, WhatCannotBeOpenedIsPassedOverForEachHeap) {
 
 // ---- Layout of pictures -------------------------------------------------------------------------
 
-// Catches: a changed rule, a vendor format without a layout or with that of another one. The sizes are
-// worked out by hand from the table in the header, for 1920 x 1080.
+// Catches: a changed rule, a vendor format without a layout or with that of another one. The sizes
+// are worked out by hand from the table in the header, for 1920 x 1080.
 TEST(VideoLayout, RulesPerNumberAndVendorFormat) {
     const struct {
         uint32_t number, stride, scanlines, size;
@@ -216,7 +218,8 @@ TEST(VideoLayout, ChromaOfOddSizesRoundsUp) {
     EXPECT_EQ(VideoBufferLayout_GetBufferSizeUsed(VIDEO_COLOR_YUV420_8, 128, 29, true), used);
 }
 
-// Catches: bytes in use that lie beyond the picture's memory, a size that wraps and comes out small.
+// Catches: bytes in use that lie beyond the picture's memory, a size that wraps and comes out
+// small.
 TEST(VideoLayout, SizesSaturateAndHoldWhatIsInUse) {
     for (const uint32_t number : {0, 1, 2, 3, 5, 6, 7, 8, 9, 11, 12, 13}) {
         const auto format = static_cast<VideoColorFormat>(number);
@@ -249,8 +252,8 @@ TEST(VideoLayout, SizesSaturateAndHoldWhatIsInUse) {
 
 class Codec2Test : public BufferTest {};
 
-// Catches: ids that are mistaken, kinds of block that a pool does not make, outputs that keep what they
-// held, handles of another layout than the device's, blocks that do not keep their memory.
+// Catches: ids that are mistaken, kinds of block that a pool does not make, outputs that keep what
+// they held, handles of another layout than the device's, blocks that do not keep their memory.
 TEST_F(Codec2Test, PoolsAreWhatTheirIdSaysAndBlocksOwnTheirMemory) {
     std::shared_ptr<C2BlockPool> linear, graphic;
     ASSERT_EQ(android::GetCodec2BlockPool(0, nullptr, &linear), C2_OK);

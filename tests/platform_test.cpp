@@ -79,8 +79,9 @@ TEST(Log, TheDefaultWriterMakesOneLineOfAMessage) {
 }
 
 // Catches: text beyond the device's limit that is kept, or runs over the buffer; a null tag or text
-// that is followed; a logger that is ignored, gets half a message, or cannot be taken out again; logging
-// a failure that changes the errno of it, by a logger that does or where standard error is closed.
+// that is followed; a logger that is ignored, gets half a message, or cannot be taken out again;
+// logging a failure that changes the errno of it, by a logger that does or where standard error is
+// closed.
 TEST(Log, LongTextIsCutForTheLoggerInPlaceAndNullIsNoCrash) {
     const std::string longText(5000, 'x');
     const auto expectErrnoKept = [] {
@@ -135,9 +136,9 @@ std::string valueOf(const char* key, const char* fallback = nullptr) {
     return length == static_cast<int>(strnlen(value, sizeof(value))) ? value : "another length";
 }
 
-// Catches: an empty property that hides the default, values that are not cut or run over the buffer, a
-// refused value that is stored or takes the old one away, an environment that is not heard or outlives
-// a property that is set.
+// Catches: an empty property that hides the default, values that are not cut or run over the
+// buffer, a refused value that is stored or takes the old one away, an environment that is not
+// heard or outlives a property that is set.
 TEST(Properties, AValueIsTheOneSetOrTheEnvironmentsOrTheDefault) {
     const std::string full(91, 'v');
     const std::string tooLong(92, 'v');

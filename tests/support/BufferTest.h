@@ -89,7 +89,8 @@ private:
     rlimit mBefore = {};
 };
 
-// PoolTest: the same with a linear pool of 100 bytes and a graphic pool of 100 x 50 pixels of 10 bits.
+// PoolTest: the same with a linear pool of 100 bytes and a graphic pool of 100 x 50 pixels of 10
+// bits.
 class PoolTest : public BufferTest {
 protected:
     using Values = std::vector<size_t>;

@@ -1,5 +1,5 @@
-// Memory by new, counted and overwritten at its end, for a program that includes this once. Not inline:
-// g++ takes an inlined pair of them for a new that meets a free.
+// Memory by new, counted and overwritten at its end, for a program that includes this once. Not
+// inline: g++ takes an inlined pair of them for a new that meets a free.
 #pragma once
 
 #include <malloc.h>

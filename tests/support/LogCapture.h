@@ -12,7 +12,7 @@
 
 // LogCapture: keeps what is logged instead of printing it, and sets the library's log mask, both
 // for as long as it lives. One at a time; make it before the threads that log, since the logger
-// hook of a device is not synchronised.  Queries: [any thread]
+// hook of a device is not synchronized.  Queries: [any thread]
 class LogCapture {
 public:
     struct Message {
@@ -100,8 +100,8 @@ private:
     const uint32_t mOldMask;
 };
 
-// With a LogCapture `log` in scope: one message with each of these parts; one guard failure of each of
-// these conditions; with a tag `kTag`, too: one message of this priority and exactly this text.
+// With a LogCapture `log` in scope: one message with each of these parts; one guard failure of each
+// of these conditions; with a tag `kTag`, too: one message of this priority and exactly this text.
 #define EXPECT_LOGS(...) EXPECT_EQ(log.missing({__VA_ARGS__}), std::vector<std::string>())
 #define EXPECT_GUARD(...) \
     EXPECT_EQ(log.missing({__VA_ARGS__}, " : Line# "), std::vector<std::string>())

@@ -46,9 +46,9 @@ struct GraphListener final : vexa::VXGraph::Listener {
     std::function<void()> onError, onComplete;
 };
 
-// A node with the ports of its descriptor, whose hooks do what the test puts in. By itself it passes
-// payload and end of stream on, as many outputs as inputs, or, without output ports, completes at the
-// end of the stream.
+// A node with the ports of its descriptor, whose hooks do what the test puts in. By itself it
+// passes payload and end of stream on, as many outputs as inputs, or, without output ports,
+// completes at the end of the stream.
 class ScriptedNode : public vexa::VXNode {
 public:
     using Works = std::list<std::shared_ptr<vexa::VXSharedWork>>;

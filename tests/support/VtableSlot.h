@@ -1,5 +1,5 @@
-// slotOf: the vtable slot of a virtual member, for the tests that pin slot orders. Of a destructor no
-// pointer can be taken, so its slots show as the gap before the first operation.
+// slotOf: the vtable slot of a virtual member, for the tests that pin slot orders. Of a destructor
+// no pointer can be taken, so its slots show as the gap before the first operation.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// Two libraries that share nothing but libvxbase's headers, built as those of node authors may be: the
-// writing one with hidden visibility, the reading one with everything visible.
+// Two libraries that share nothing but libvxbase's headers, built as those of node authors may be:
+// the writing one with hidden visibility, the reading one with everything visible.
 #pragma once
 
 #include <VXBuffer.h>
