@@ -6,6 +6,7 @@
 
 #include "support/CountedMemory.h"
 #include "support/LogCapture.h"
+#include "support/Scale.h"
 #include "types/Types.h"
 
 using namespace vexa;
@@ -158,6 +159,39 @@ TEST(Work, WhatItsHookMakesInItsMemoryOutlivesTheWork) {
     delete new (std::nothrow) VXSharedWork(VXAuxInfo(), {});
     alignas(VXSharedWork) unsigned char memory[sizeof(VXSharedWork)];
     (new (memory) VXSharedWork(VXAuxInfo(), {}))->~VXSharedWork();
+}
+
+// Catches: memory that stays, or goes twice, when the work and what its hook made there end at once.
+TEST(Work, ResidentsMayLeaveAtOnce) {
+    struct Handing : Tracker {
+        void onRelease(VXSharedWork* work) override {
+            *made = std::allocate_shared<int>(VXSharedWork::Allocator<int>(work));
+            *given = true;
+            Tracker::onRelease(work);
+        }
+        std::shared_ptr<int>* made;
+        std::atomic<bool>* given;
+    };
+    const int before = gBlocks;
+    std::shared_ptr<int> made;
+    std::atomic<bool> given{false}, over{false};
+    std::thread other([&] {
+        while (!over) {
+            if (!given) continue;
+            made.reset();
+            given = false;
+        }
+    });
+    Handing tracker;
+    tracker.made = &made;
+    tracker.given = &given;
+    for (int round = scaled(20000); round > 0; --round) {
+        VXWork().share(tracker);
+        while (given) std::this_thread::yield();
+    }
+    over = true;
+    other.join();
+    EXPECT_EQ(gBlocks, before);
 }
 
 // Catches: a partial copy, a wrong count, a message under another module's tag.
