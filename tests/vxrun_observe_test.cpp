@@ -112,12 +112,14 @@ TEST_F(VxrunObserved, SnapshotsOnRequest) {
     const std::string dots = path("new/dots");
     const std::string named = replaced(contentOf(unchecked("linear")), "\"name\": \"linear\"",
                                        R"("name": "a\"\\\u001b")");
-    writeFile(path("graph.json"), replaced(named, "\"copy\"", R"("copy\nprogress=end\u009b")"));
+    writeFile(path("graph.json"),
+              replaced(named, "\"copy\"", R"("copy\nprogress=end\u009b\u00a0")"));
     Process process(command({path("graph.json"), "--stall", "0", "--dot", dots, "--progress",
                              path("progress"), "reader.file=" + path("pipe"), "--log", "8"}));
     ASSERT_TRUE(process.waitFor("Wait for completion")) << process.err;
     // A name that would end a line or control a terminal is shown, not obeyed.
-    const std::string copy = R"(copy\nprogress=end\xc2\x9b)",
+    const std::string copy = R"(copy\nprogress=end\xc2\x9b)"
+                             "\u00a0",
                       block = "\nnode." + copy + ".queued=0\n";
     for (const std::string& line :
          {std::string("  node 'check': running, 1 frames; pending 0, downstream 0 of 3; port "

@@ -569,6 +569,18 @@ TEST_F(VxrunSuite, EndsWhatDoesNotEnd) {
     const Result late = run(suite({"--timeout", "0.5", "--filter", "stuck"}));
     EXPECT_EQ(late.exit, 1) << late.err;
     EXPECT_EQ(junit(), "S.mpeg2video/stuck error TIMEOUT log;");
+    // One that cannot end itself: it is stopped.
+    Process frozen(suite({"--timeout", "2", "--filter", "stuck"}));
+    const std::string id = std::to_string(frozen.id());
+    pid_t child = 0;
+    for (const auto end = Clock::now() + kLimit; child == 0 && Clock::now() < end;) {
+        child = std::atoi(contentOf("/proc/" + id + "/task/" + id + "/children").c_str());
+    }
+    ASSERT_TRUE(child > 0 && ::kill(child, SIGSTOP) == 0);
+    EXPECT_EQ(frozen.wait(), 1) << frozen.err;
+    expectHas(frozen.err, "stuck: Timeout");
+    expectMatch(junit(), "^S.mpeg2video/stuck error TIMEOUT;$");
+    expectMatch(contentOf(path("j.xml")), "ended after [0-9]+\\.[0-9] s");
     for (const auto& [signal, exit] :
          {std::pair(SIGTERM, 143), {SIGINT, 130}, {SIGKILL, -SIGKILL}}) {
         SCOPED_TRACE(signal);

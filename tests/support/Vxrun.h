@@ -68,6 +68,7 @@ public:
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
+    pid_t id() const { return mPid; }
     void kill(int signal) { ::kill(mPid, signal); }
 
     // Collects output until one of the two contains `text`; false when neither ever does.
