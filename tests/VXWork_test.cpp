@@ -161,7 +161,8 @@ TEST(Work, WhatItsHookMakesInItsMemoryOutlivesTheWork) {
     (new (memory) VXSharedWork(VXAuxInfo(), {}))->~VXSharedWork();
 }
 
-// Catches: memory that stays, or goes twice, when the work and what its hook made there end at once.
+// Catches: memory that stays, or goes twice, when the work and what its hook made there end at
+// once.
 TEST(Work, ResidentsMayLeaveAtOnce) {
     struct Handing : Tracker {
         void onRelease(VXSharedWork* work) override {

@@ -1,5 +1,5 @@
-// vxkit beside FFmpeg's libraries: the same pixel formats, and access units that libavformat did not
-// make.
+// vxkit beside FFmpeg's libraries: the same pixel formats, and access units that libavformat did
+// not make.
 #include "support/Vxrun.h"
 
 #include <DecodeGraph.h>
@@ -13,8 +13,8 @@ using namespace vxkit;
 
 namespace {
 
-// Catches: a format that vxrun could not pass to FFmpeg, one that it refuses for no reason, and planes
-// of other sizes than FFmpeg's.
+// Catches: a format that vxrun could not pass to FFmpeg, one that it refuses for no reason, and
+// planes of other sizes than FFmpeg's.
 TEST(PixelFormats, AreThoseOfFFmpegThatFit) {
     size_t fits = 0;
     const AVPixFmtDescriptor* av = nullptr;
@@ -89,8 +89,8 @@ private:
 const Registered<ForeignSource> kType("test/foreign", "access units without FFmpeg", 0, 1,
                                       {&kFile});
 
-// Catches: a codec/decoder that understands only what source/bitstream attaches. The headers of H.264 in
-// MP4 are out of band.
+// Catches: a codec/decoder that understands only what source/bitstream attaches. The headers of
+// H.264 in MP4 are out of band.
 TEST(Decoders, TakeAccessUnitsOfAnySource) {
     char folder[] = "/tmp/kit_test.XXXXXX";
     ASSERT_NE(mkdtemp(folder), nullptr);

@@ -347,9 +347,10 @@ TEST_F(VxrunCompare, UnevenBranchesDoNotStall) {
                   "CORRUPT_DESCR", "output port 'a' feeds another input of node 'cmp' already");
 }
 
-// Catches: a pool that holds fewer pictures than a delay or an encoder keeps back, all waiting to be
-// compared with what it makes of them, and that is called large enough, or the other way round; a
-// stalled run that does not show which node has the buffers; a fence that is said to keep pictures.
+// Catches: a pool that holds fewer pictures than a delay or an encoder keeps back, all waiting to
+// be compared with what it makes of them, and that is called large enough, or the other way round;
+// a stalled run that does not show which node has the buffers; a fence that is said to keep
+// pictures.
 TEST_F(VxrunCompare, ChecksKnowWhatCannotMove) {
     writeFile(path("clip.y4m"), y4m("W6 H4 F25:1", 36, 20));
     const std::string delayed = moved(

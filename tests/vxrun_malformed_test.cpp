@@ -10,11 +10,12 @@ namespace {
 using namespace vxrun_test;
 
 // Catches: a stream that is cut short, has flipped bits anywhere, in headers, sizes, tables or
-// pictures, size fields that ask for all the memory there is or another codec's name, and that hangs,
-// crashes, or passes although frames are missing or differ. One that has only lost the index at its
-// end still has them all.
+// pictures, size fields that ask for all the memory there is or another codec's name, and that
+// hangs, crashes, or passes although frames are missing or differ. One that has only lost the index
+// at its end still has them all.
 TEST_F(Vxrun, DamagedStreamsGetAVerdict) {
-    // A second of pictures by every codec that the ffmpeg program has, each with its list beside it.
+    // A second of pictures by every codec that the ffmpeg program has, each with its list beside
+    // it.
     const std::pair<std::string, std::string> codecs[] = {
         {"a.264", "libx264"},        {"b.265", "libx265"}, {"c.ivf", "libvpx"},
         {"d.webm", "libvpx-vp9"},    {"e.mp4", "libx264"}, {"f.mkv", "mpeg2video"},

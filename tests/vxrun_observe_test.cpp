@@ -44,8 +44,9 @@ protected:
     }
 };
 
-// Catches: an end in mid-stream without a verdict, exit code or snapshot of its own, or not in order;
-// a difference that was found before it and is lost, or dumps that cannot be written and hide it.
+// Catches: an end in mid-stream without a verdict, exit code or snapshot of its own, or not in
+// order; a difference that was found before it and is lost, or dumps that cannot be written and
+// hide it.
 TEST_F(VxrunObserved, EndsInOrder) {
     makeClip();
     const std::string clip = contentOf(path("clip.y4m")),

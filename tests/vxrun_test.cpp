@@ -408,7 +408,8 @@ TEST_F(Vxrun, RefusesBadGraphFiles) {
 }
 
 // Catches: a bad option that is ignored, or noticed only after the run; a node that starts with a
-// config it does not understand, a file that cannot be opened, or ports that its type does not have.
+// config it does not understand, a file that cannot be opened, or ports that its type does not
+// have.
 TEST_F(Vxrun, RefusesBadOptionsAndConfigs) {
     makeClip();
     ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);

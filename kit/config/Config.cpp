@@ -44,6 +44,8 @@ std::string NumberKey::mistakeIn(const std::string& text) const {
     return text.empty() ? "" : mistakeOf([&] { parseNumber(text, mLow, mHigh); });
 }
 
+// A wrong value is refused before the run; until then, code that asks (the checks of pools) gets a
+// number that makes sense.
 uint64_t NumberKey::valueOf(const std::string& text) const {
     return text.empty() || !mistakeIn(text).empty() ? mPreset : parseNumber(text, mLow, mHigh);
 }

@@ -30,6 +30,7 @@ PoolRecord& Evidence::addPool(const std::string& name, size_t slots) {
 bool Evidence::setFailure(Verdict verdict) {
     std::lock_guard<std::mutex> lock(mLock);
     const bool isFirst = !mFailure;
+    // Which of two errors is noticed first depends on threads; a wrong frame must win either way.
     if (isFirst || (isFailedTest(verdict) && !isFailedTest(*mFailure))) mFailure = verdict;
     return isFirst;
 }
@@ -47,6 +48,8 @@ std::string Evidence::streamMd5() const {
 Verdict Evidence::verdict() const {
     std::lock_guard<std::mutex> lock(mLock);
     if (mFailure) return *mFailure;
+    // A graph completes after errors, too, and a sink that checks may have got nothing: so each
+    // sink has to have seen the end, and each that checks a frame.
     bool anyChecking = false, allChecked = true;
     for (const NodeRecord& node : mNodes) {
         if (node.sink && !node.endOfStream) return Verdict::NoEndOfStream;
@@ -74,6 +77,7 @@ Evidence::Totals Evidence::totals() const {
 std::vector<Evidence::Moment> Evidence::nodes() const {
     std::lock_guard<std::mutex> lock(mLock);
     std::vector<Moment> moments;
+    // Under the lock no node can go: its destructor waits in removeNode().
     for (const NodeRecord& record : mNodes) {
         if (record.node == nullptr) continue;
         Moment moment{record, record.node->status(), 0};

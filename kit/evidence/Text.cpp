@@ -71,6 +71,7 @@ uint64_t parseNumber(const std::string& text, uint64_t low, uint64_t high) {
 double parseReal(const std::string& text, double low, double high) {
     char* end = nullptr;
     const double number = std::strtod(text.c_str(), &end);
+    // strtod() accepts more than a user means: "nan", "inf" and hexadecimal.
     const bool isDecimal = text.find_first_not_of("0123456789.e-") == text.npos;
     if (!isDecimal || *end != '\0' || !(number >= low && number <= high)) {
         throw Failure(concat("expected a number from ", low, " to ", high, ", got ", quote(text)));

@@ -44,7 +44,7 @@ std::shared_ptr<PoolBuffer> PictureFences::withFence(const std::shared_ptr<PoolB
 void PictureFences::fireNext() {
     const auto pending = std::move(mPending.front());
     mPending.pop_front();
-    complement(*pending->buffer, pending->stream);
+    complement(*pending->buffer, pending->stream);  // before the fence: a consumer may read at once
     pending->fence.fire();
 }
 

@@ -10,6 +10,7 @@ namespace vxkit {
 
 using namespace vexa;
 
+// A payload is found by the type that it was set with, and pictures are set as such.
 std::shared_ptr<VXBuffer> bufferOf(const VXSharedWork& work) {
     if (auto picture = work.payload<VXGraphicBuffer>()) return picture;
     return work.payload<VXBuffer>();
@@ -54,6 +55,7 @@ static const StreamInfo& streamOf(const VXFrameInfo& frame) {
 
 static std::shared_ptr<VXBuffer::Mapping> mappingOf(const VXFrameInfo& frame, VXBuffer* buffer) {
     if (buffer == nullptr) return nullptr;
+    // Buffers of nodes that do not use vxkit have no origin and are mapped for this view alone.
     const auto* const origin = infoOf<PoolBuffer>(frame);
     return origin != nullptr ? origin->mapping() : buffer->map();
 }

@@ -76,6 +76,7 @@ VXError Pool::fetchNow(std::shared_ptr<PoolBuffer>* buffer) {
     const VXError status =
         mBuffers->fetchBuffer(&fetched);  // one thread fetches, so no lock is needed
     if (status != VX_OK) return status;
+    // A buffer that comes back still has the range that its last frame filled.
     fetched->setFilledRange(0, mFormat.size());
     const auto [made, isNew] = mMade.try_emplace(fetched->uid());
     if (isNew) made->second = fetched->map();

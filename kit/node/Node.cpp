@@ -26,8 +26,10 @@ std::vector<std::string> Node::getPreferredAllocatorTypes() {
 
 VXError Node::onSetup(bool beforeFence) {
     return guarded(NODE_FAIL_INIT, [=] {
+        // A factory cannot refuse a description, so the node does at the first step that may fail.
         if (!mMistake.empty()) throw Failure(mMistake);
         mBeforeFence = beforeFence;
+        // Ports before open(): it may publish delays, which go to them.
         for (const auto& port : inputPortInfos()) addInputPort(port.name, {port.format});
         for (const auto& port : outputPortInfos()) addOutputPort(port.name, {port.format});
         if (!outputPorts().empty()) mRoute->port = outputPorts().front();
@@ -50,9 +52,12 @@ VXError Node::onProcess(SharedWorks inputs, Works* outputs) {
         start = Trace::Clock::now();
     }
     const VXError result = guarded(NODE_FAIL_FATAL, [&] {
+        // Before the node sees them: a node that throws must have let go of them in the pool's
+        // count.
         hold(&inputs);
         process(inputs);
     });
+    // What was sent before a failure goes out, too: the frames before the damage are evidence.
     outputs->swap(mOutputs);
     if (mRun.trace != nullptr) mRun.trace->span(mRecord.number, "process", start);
     mRecord.busy = false;
@@ -63,12 +68,13 @@ VXError Node::onProcess(SharedWorks inputs, Works* outputs) {
 VXError Node::onBufferFilled(int) {
     if (mBroken) return VX_OK;
     const VXError result = guarded(NODE_FAIL_FATAL, [this] { wake(); });
+    // Of a failed onProcess() the library informs the graph; of this hook it does not.
     if (mBroken) signalError(result, errorName(NODE_FAIL_FATAL));
     return result;
 }
 
 void Node::wakeUp(unsigned delay) {
-    const auto to = handler();
+    const auto to = handler();  // none after the node has stopped
     if (to != nullptr) to->postAsyncDelayed(std::make_shared<xc2::Event>(EVENT_FENCE), delay);
 }
 
@@ -103,6 +109,7 @@ void Node::finishWork(VXWork& work) {
 
 std::unique_ptr<VXWork> Node::shareOf(const VXSharedWork& input) {
     auto work = std::make_unique<VXWork>();
+    // With the infos the new work shares the pool's buffer, the stream and the trace's span.
     work->frameInfo() = input.frameInfo();
     attach(work.get(), bufferOf(input));
     return work;
@@ -122,6 +129,8 @@ void Node::hold(SharedWorks* works) {
         if (buffer == nullptr) continue;
         PoolRecord& pool = buffer->record();
         pool.held(mRecord, 1);
+        // The share ends in the node, wherever the node drops it; the work itself may live on
+        // downstream.
         const auto letGo = [work, &pool, &record = mRecord](VXSharedWork*) mutable {
             pool.held(record, -1);
             work.reset();
@@ -184,6 +193,7 @@ void Node::countFrame(const VXFrameInfo& frame) {
     if (mRun.trace != nullptr) mRun.trace->instant(mRecord.number, "end of stream", "");
 }
 
+// Every mismatch is counted here, those that are not printed as well.
 void Node::countMismatch(uint64_t number) {
     ++mRecord.mismatches;
     if (mRecord.firstBad == NodeRecord::kNone) mRecord.firstBad = number;

@@ -93,6 +93,7 @@ std::vector<std::pair<std::string, std::string>> mistakesIn(const VXNodeDescript
             mistakes.emplace_back(name, text);
             continue;
         }
+        // An empty value counts as not given, so it excludes nothing.
         if (key->exclusive && !value.empty()) {
             if (!exclusive.empty()) {
                 const auto& [first, second] = std::minmax(exclusive, name);
@@ -119,6 +120,7 @@ NodeFactory::NodeFactory(const NodeType& type, const RunContext& run)
 void NodeFactory::createNode(const std::string& name, std::unique_ptr<VXNodeDescriptor> descriptor,
                              std::unique_ptr<VXNode>* node) {
     const auto mistakes = mistakesIn(*descriptor, mType);
+    // Copies, since the library takes the descriptor apart.
     const std::string nodeName = descriptor->name;
     auto entries = descriptor->entries;
     *node =

@@ -21,6 +21,8 @@ VXError Producer::countAvailablePendingInputWorks(unsigned long maxCount,
 
 VXError Producer::getPendingInputWorks(unsigned long requestedCount, SharedWorks* works) {
     if (works == nullptr) return VX_BAD_VALUE;
+    // The regulator gets one step for one output, whatever the number of inputs it takes to make
+    // it.
     *works = {mStep};
     if (mNext) return VX_OK;
     SharedWorks inputs;
@@ -38,6 +40,7 @@ void Producer::process(const SharedWorks&) {
         sendWritten();
         throw;
     }
+    // One frame is always held: only when no other follows is it known to be the last.
     if (mEnded) finish(mWritten == nullptr);
     if (mEnded) mWritten->frameInfo().flags |= VXFrameInfo::FLAG_END_OF_STREAM;
     if (mEnded || mNext) sendWritten();
@@ -63,7 +66,7 @@ void Producer::advance() {
         }
         if (mInputs.empty()) return;
         const auto input = mInputs.front();
-        if (!feed(*input, mTaken)) continue;
+        if (!feed(*input, mTaken)) continue;  // a drain: next() first, then the same input again
         mInputs.pop_front();
         ++mTaken;
         mEnding = (input->frameInfo().flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0;
@@ -85,6 +88,7 @@ void Producer::finish(bool nothing) {
 }
 
 void Producer::give(const PictureFormat& format, VXFrameInfo frame, Fill fill) {
+    // A pool makes buffers of one format. The one before lives until its last buffer is back.
     if (mPool == nullptr || mPool->format() != format) mPool = newPool(format);
     mNext = {std::move(frame), std::move(fill)};
 }
@@ -101,6 +105,8 @@ void Producer::givePicture(std::shared_ptr<StreamInfo> stream, uint64_t timestam
 
 void Producer::giveUnit(std::shared_ptr<BitstreamInfo> stream, std::shared_ptr<UnitInfo> unit,
                         size_t size, std::function<void(uint8_t*)> fill) {
+    // Blocks double, so that a stream whose access units grow does not change pools with each of
+    // them.
     while (mBlock < size) mBlock = std::min<size_t>(2 * mBlock, INT_MAX);
     const int64_t time = unit->pts != UnitInfo::kNoTime ? unit->pts : unit->dts;
     VXFrameInfo frame;

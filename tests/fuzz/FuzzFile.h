@@ -1,5 +1,5 @@
-// The fuzzers' main function: has readFile(), which each of them defines, read the input as a file in
-// memory. It may throw a Failure; every other exception is a fault.
+// The fuzzers' main function: has readFile(), which each of them defines, read the input as a file
+// in memory. It may throw a Failure; every other exception is a fault.
 #pragma once
 
 #include <sys/mman.h>
