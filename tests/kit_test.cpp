@@ -47,6 +47,38 @@ TEST(PixelFormats, AreThoseOfFFmpegThatFit) {
     EXPECT_GT(fits, 30u);
 }
 
+// Catches: a pass of a run in which some sink did not see its last frame, or had nothing to check.
+TEST(Evidences, DecideByEverySink) {
+    struct Idle : vexa::VXNode {
+        using VXNode::VXNode;
+        ~Idle() override { teardown(); }
+        vexa::VXError onSetup(bool) override { return vexa::VX_OK; }
+        vexa::VXError onStart() override { return vexa::VX_OK; }
+        vexa::VXError onStop() override { return vexa::VX_OK; }
+        vexa::VXError onProcess(std::list<std::shared_ptr<vexa::VXSharedWork>>,
+                                std::list<std::unique_ptr<vexa::VXWork>>*) override {
+            return vexa::VX_OK;
+        }
+        void onDrain() override {}
+        void onFlush() override {}
+    } node("g.n", std::make_unique<vexa::VXNodeDescriptor>());
+    Evidence evidence;
+    NodeRecord& first = evidence.addNode(node, "first", "", true);
+    NodeRecord& second = evidence.addNode(node, "second", "", true);
+    first.checking = first.endOfStream = true;
+    first.checked = 1;
+    EXPECT_STREQ(verdictName(evidence.verdict()), "NO_END_OF_STREAM");
+    second.endOfStream = true;
+    EXPECT_STREQ(verdictName(evidence.verdict()), "PASS");
+    second.checking = true;
+    EXPECT_STREQ(verdictName(evidence.verdict()), "NOTHING_CHECKED");
+    // A wrong frame wins over what ended the run, whichever is noticed first.
+    EXPECT_TRUE(evidence.setFailure(Verdict::NodeFailFatal));
+    EXPECT_FALSE(evidence.setFailure(Verdict::CrcMismatch));
+    EXPECT_FALSE(evidence.setFailure(Verdict::Timeout));
+    EXPECT_STREQ(verdictName(evidence.verdict()), "CRC_MISMATCH");
+}
+
 const PathKey kFile{"file", "an MP4, Matroska or IVF file"};
 
 // A source like those of authors who have no FFmpeg: its access units carry nothing but what vxkit

@@ -77,7 +77,7 @@ size_t PictureFormat::size() const {
     return sum;
 }
 
-std::string PictureFormat::text() const {
+std::string PictureFormat::description() const {
     if (!isPicture()) return concat(size(), " bytes");
     return concat(width, "x", height, " ", pixels.name);
 }

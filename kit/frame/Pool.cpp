@@ -53,7 +53,8 @@ std::shared_ptr<Pool> Pool::make(const std::string& allocator, const PictureForm
         pool->mBuffers = blocks;
     }
     if (!good) {
-        throw Failure("the allocator '" + allocator + "' makes no buffers for " + format.text());
+        throw Failure("the allocator '" + allocator + "' makes no buffers for " +
+                      format.description());
     }
     pool->mBuffers->setMaxSlots(slots);
     return pool;

@@ -37,15 +37,19 @@ public:
         nlohmann::json::sax_parse(mStream, this);
     }
 
-    bool null() { return add(JsonValue::NULL_VALUE, "null"); }
-    bool boolean(bool value) { return add(JsonValue::BOOLEAN, value ? "true" : "false"); }
-    bool number_integer(int64_t value) { return add(JsonValue::NUMBER, std::to_string(value)); }
-    bool number_unsigned(uint64_t value) { return add(JsonValue::NUMBER, std::to_string(value)); }
-    bool number_float(double, const std::string& text) { return add(JsonValue::NUMBER, text); }
-    bool string(std::string& text) { return add(JsonValue::STRING, text); }
+    bool null() { return addValue(JsonValue::NULL_VALUE, "null"); }
+    bool boolean(bool value) { return addValue(JsonValue::BOOLEAN, value ? "true" : "false"); }
+    bool number_integer(int64_t value) {
+        return addValue(JsonValue::NUMBER, std::to_string(value));
+    }
+    bool number_unsigned(uint64_t value) {
+        return addValue(JsonValue::NUMBER, std::to_string(value));
+    }
+    bool number_float(double, const std::string& text) { return addValue(JsonValue::NUMBER, text); }
+    bool string(std::string& text) { return addValue(JsonValue::STRING, text); }
     bool binary(nlohmann::json::binary_t&) { return false; }  // not in text
-    bool start_object(size_t) { return add(JsonValue::OBJECT, ""); }
-    bool start_array(size_t) { return add(JsonValue::ARRAY, ""); }
+    bool start_object(size_t) { return addValue(JsonValue::OBJECT, ""); }
+    bool start_array(size_t) { return addValue(JsonValue::ARRAY, ""); }
     bool key(const std::string& text) {
         mKey = text;
         mLastEnd = reached();
@@ -74,7 +78,7 @@ public:
     }
 
 private:
-    bool add(JsonValue::Kind kind, const std::string& text) {
+    bool addValue(JsonValue::Kind kind, const std::string& text) {
         JsonValue* const parent = mOpen.empty() ? nullptr : mOpen.back();
         std::string where = mDocument.mRootName;
         if (parent != nullptr && parent->kind == JsonValue::OBJECT) {

@@ -57,7 +57,7 @@ ChecksumList readChecksumList(const std::string& path) {
     throw Failure(path + ": no row in the list");
 }
 
-void ChecksumWriter::add(const Frame& frame) {
+void ChecksumWriter::writeFrame(const Frame& frame) {
     if (frame.size() == 0) throw Failure("an empty frame, which no checksum can identify");
     ++mFrames;
     addFrame(frame);

@@ -41,7 +41,7 @@ public:
     ChecksumWriter& operator=(const ChecksumWriter&) = delete;
 
     // Adds a frame. Throws Failure when it is empty.
-    void add(const Frame& frame);
+    void writeFrame(const Frame& frame);
     void commit();
 
 protected:

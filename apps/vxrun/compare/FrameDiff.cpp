@@ -49,7 +49,8 @@ uint32_t FrameDiff::Plane::difference(size_t at) const {
 FrameDiff::FrameDiff(const FrameView& actual, const FrameView& expected, uint32_t tolerance)
     : mFormat(actual.format()), mTolerance(tolerance) {
     if (!comparable(actual.format(), expected.format())) {
-        mFormats = "actual " + mFormat.text() + ", expected " + expected.format().text();
+        mFormats =
+            "actual " + mFormat.description() + ", expected " + expected.format().description();
         return;
     }
     static constexpr const char* kNames[] = {"Y", "Cb", "Cr"};
@@ -154,7 +155,7 @@ double FrameDiff::similarity(const Plane& plane) const {
     return sum / static_cast<double>(windows);
 }
 
-std::string FrameDiff::text(const std::vector<double>& figures) const {
+std::string FrameDiff::figuresText(const std::vector<double>& figures) const {
     std::string planes;
     for (size_t p = 0; p < mPlanes.size(); ++p) {
         planes += concat(p == 0 ? "" : " ", mPlanes[p].name, " ", figures[p]);
@@ -164,7 +165,7 @@ std::string FrameDiff::text(const std::vector<double>& figures) const {
 
 // ---- Evidence ---------------------------------------------------------------------------------
 
-std::string FrameDiff::text() const {
+std::string FrameDiff::evidence() const {
     if (!sameFormat()) return mFormats;
     std::string counts;
     const Plane* found = &mPlanes.front();

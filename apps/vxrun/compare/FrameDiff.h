@@ -31,10 +31,10 @@ public:
     // Constants (0.01 peak)^2 and (0.03 peak)^2, population variances. Last the lowest of them.
     std::vector<double> ssim() const;
     // Such figures: "41.2 (Y 40 Cb 44 Cr 43.81)".
-    std::string text(const std::vector<double>& figures) const;
+    std::string figuresText(const std::vector<double>& figures) const;
 
     // The evidence in one line; for frames that differ.
-    std::string text() const;
+    std::string evidence() const;
     // A byte for each sample of the first plane: 0 where all planes are equal, else 64 + 8 times
     // the largest difference there, at most 255. Empty for frames of different formats.
     std::vector<uint8_t> picture() const;

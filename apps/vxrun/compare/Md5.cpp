@@ -29,7 +29,7 @@ Md5::Md5() : mState(av_md5_alloc(), av_free) {
     av_md5_init(mState.get());
 }
 
-void Md5::add(const FrameView& frame) {
+void Md5::addFrame(const FrameView& frame) {
     frame.forEachRow(
         [&](const uint8_t* row, size_t bytes) { av_md5_update(mState.get(), row, bytes); });
 }
@@ -44,7 +44,7 @@ std::string Md5::hex() {
 
 std::string md5Of(const FrameView& frame) {
     Md5 md5;
-    md5.add(frame);
+    md5.addFrame(frame);
     return md5.hex();
 }
 

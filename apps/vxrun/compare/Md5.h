@@ -23,8 +23,8 @@ extern const char kMd5OfNothing[];
 class Md5 {
 public:
     Md5();
-    void add(const FrameView& frame);  // its visible bytes
-    std::string hex();                 // ends it
+    void addFrame(const FrameView& frame);  // its visible bytes
+    std::string hex();                      // ends it
 
 private:
     std::unique_ptr<AVMD5, void (*)(void*)> mState;

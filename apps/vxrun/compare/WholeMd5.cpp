@@ -10,7 +10,7 @@ public:
     using ChecksumWriter::ChecksumWriter;
 
 private:
-    void addFrame(const Frame& frame) override { mMd5.add(frame); }
+    void addFrame(const Frame& frame) override { mMd5.addFrame(frame); }
     void addEnd() override { write("MD5=" + mMd5.hex() + "\n"); }
 
     Md5 mMd5;

@@ -46,8 +46,8 @@ private:
 
     void consume(const Frame& frame) override {
         if (mExpected && !expectsWhole()) compare(frame);
-        if (needsWhole()) mWhole.add(frame);
-        if (mList != nullptr) mList->add(frame);
+        if (needsWhole()) mWhole.addFrame(frame);
+        if (mList != nullptr) mList->writeFrame(frame);
         ++mFrames;
     }
 

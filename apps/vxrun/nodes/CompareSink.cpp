@@ -126,12 +126,12 @@ private:
         if (measured) {
             const auto figures = mMeasure == &kPsnr ? difference.psnr() : difference.ssim();
             isBad = figures.back() < mFloor;
-            text = mMeasure->name + " " + difference.text(figures);
+            text = mMeasure->name + " " + difference.figuresText(figures);
             if (figures.back() < mLowest) mLowestText = text + " in frame " + std::to_string(frame);
             mLowest = std::min(mLowest, figures.back());
         }
         if (isBad && mBad++ == 0) {  // only the first one is shown
-            text = measured ? text + " is below " + configText(*mMeasure) : difference.text();
+            text = measured ? text + " is below " + configText(*mMeasure) : difference.evidence();
             failCheck(mError,
                       concat("frame ", frame, " (timestamp ", actual.info.timestamp, "): ", text));
         }

@@ -30,7 +30,7 @@ public:
         check(avio_open(&mContext->pb, ("file:" + path).c_str(), AVIO_FLAG_WRITE));
     }
 
-    void add(const Frame& frame) {
+    void writeUnit(const Frame& frame) {
         const AccessUnit unit(frame);
         const auto packet = packetOf(unit);
         if (mContext->nb_streams == 0) begin(unit.stream, packet.get());
@@ -116,11 +116,12 @@ private:
     void consume(const Frame& frame) override {
         const PictureFormat& format = frame.stream.picture;
         if (mContainer != "raw" && mPicture && *mPicture != format) {
-            throw Failure("a frame of " + format.text() + " after " + mPicture->text() +
-                          ": the container " + mContainer + " accepts one size and format");
+            throw Failure("a frame of " + format.description() + " after " +
+                          mPicture->description() + ": the container " + mContainer +
+                          " accepts one size and format");
         }
         if (mMuxer) {
-            mMuxer->add(frame);
+            mMuxer->writeUnit(frame);
         } else {
             if (mContainer == "y4m") {
                 mFile->write((mPicture ? "" : y4mHeader(frame.stream)) + "FRAME\n");

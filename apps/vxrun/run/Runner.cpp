@@ -141,7 +141,7 @@ private:
 
     void showSnapshot(const std::string& reason) {
         if (mTrace != nullptr) mTrace->instant(Trace::kGraph, reason, "");
-        console::note(mSnapshots.text(age()));
+        console::note(mSnapshots.graphText(age()));
         mSnapshots.draw(age(), reason);
     }
 

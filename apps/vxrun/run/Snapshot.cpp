@@ -68,7 +68,7 @@ SnapshotMaker::SnapshotMaker(const vexa::VXGraphInfo& info, const Evidence& evid
     if (!mFolder.empty()) makeFolder("--dot", mFolder);
 }
 
-std::string SnapshotMaker::text(std::chrono::milliseconds age) const {
+std::string SnapshotMaker::graphText(std::chrono::milliseconds age) const {
     std::string text = concat("  graph '", printable(mInfo.name), "' at ", clockText(age), ":");
     for (const Evidence::Moment& node : mEvidence.nodes()) {
         text += concat("\n  node '", printable(node.record.name), "': ", stateText(node), "; ",

@@ -22,7 +22,7 @@ public:
     SnapshotMaker(const vexa::VXGraphInfo& info, const Evidence& evidence, std::string folder);
 
     // The state of every node and pool, in indented lines.
-    std::string text(std::chrono::milliseconds age) const;
+    std::string graphText(std::chrono::milliseconds age) const;
 
     // Writes the graph in its present state, in the DOT language, to the file
     // "h.mm.ss.mmm-reason.dot", named after the age of the run.

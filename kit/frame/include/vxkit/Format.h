@@ -54,7 +54,7 @@ struct PictureFormat {
     // The visible bytes.
     size_t size() const;
     // For an error line: "35x27 yuv420p", "99 bytes".
-    std::string text() const;
+    std::string description() const;
 
     // The size of the RGBA 8888 surface that holds such a picture, in pixels, see FrameView.
     uint32_t surfaceWidth() const;
