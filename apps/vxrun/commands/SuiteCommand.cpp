@@ -60,7 +60,7 @@ public:
         if (options.run.timeout == 0) mRun.vectors.run.timeout = kVectorTimeout;
         mRun.writeReports = [&] { writeReports(mReports, suite); };
         const int signal = runVectors(mRun, &suite);
-        return conclude(suite, verdictOf(suite.counts(), signal, anySelected));
+        return reportVerdict(suite, verdictOf(suite.counts(), signal, anySelected));
     }
 
 private:
@@ -86,7 +86,7 @@ private:
         if (!failures.empty()) throw Failure(failures.front());
     }
 
-    int conclude(const Suite& suite, Verdict verdict) const {
+    int reportVerdict(const Suite& suite, Verdict verdict) const {
         for (const Failure& failure : writeReports(mReports, suite)) {
             console::line(failure.what());
             if (exitCode(verdict) == 0) verdict = Verdict::NotWritten;
