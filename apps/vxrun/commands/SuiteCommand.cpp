@@ -56,7 +56,8 @@ public:
         if (!mRun.output.empty()) {
             makeFolder("--output", std::filesystem::path(mRun.output) / suite.name);
         }
-        mRun.vectors = {options.runOptions(), options.edits()};
+        // Not the silence of --quiet: the logs of test vectors go into the reports.
+        mRun.vectors = {options.run, options.edits()};
         if (options.run.timeout == 0) mRun.vectors.run.timeout = kVectorTimeout;
         mRun.writeReports = [&] { writeReports(mReports, suite); };
         const int signal = runVectors(mRun, &suite);
