@@ -576,11 +576,13 @@ TEST_F(Vxrun, BlockedNodeDoesNotHoldUpTheEnd) {
         if (midStream) {
             ASSERT_EQ(write(writer, frame.data(), frame.size()), ssize_t(frame.size()));
         }
-        const Result stalled = vxrun(arguments + Words{"--timeout", "3"});
+        const Result stalled =
+            vxrun(arguments + Words{"--timeout", "3", "--progress", path("progress")});
         EXPECT_EQ(stalled.exit, 124);
         EXPECT_EQ(stalled.out.rfind("verdict: TIMEOUT frames=", 0), 0u) << stalled.out;
         expectHas(stalled.err, "out of time after 3 s; not finished: reader, copy, check");
         expectHas(stalled.err, "the graph does not stop");
+        expectHas(contentOf(path("progress")), "\nprogress=end\n");
         close(writer);
     }
 }
