@@ -155,7 +155,7 @@ c2_status_t android::GetCodec2BlockPool(C2BlockPool::local_id_t id,
                                         std::shared_ptr<C2BlockPool>* pool) {
     pool->reset();
     if (const int error = vexa_testing::injectedError(vexa_testing::Call::BlockPool)) {
-        return static_cast<c2_status_t>(error);
+        return error == vexa_testing::kNothing ? C2_OK : static_cast<c2_status_t>(error);
     }
     switch (id) {
         case C2BlockPool::BASIC_LINEAR:

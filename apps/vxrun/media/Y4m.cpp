@@ -35,6 +35,7 @@ const std::map<std::string, PixelFormat>& colorSpaces() {
                 const bool mono = sampling == "mono";
                 const auto pixels = findPixelFormat(concat(mono ? "gray" : "yuv" + sampling + "p",
                                                            depth, depth.empty() ? "" : "le"));
+                if (!pixels) continue;
                 known[concat(sampling, mono || depth.empty() ? "" : "p", depth)] = *pixels;
             }
         }

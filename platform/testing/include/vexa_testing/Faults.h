@@ -15,6 +15,10 @@ enum class Call {
 };
 constexpr int kCalls = 4;
 
+// In place of an error: the call ends well and returns nothing, which a device's library may do. Of
+// BlockPool only.
+constexpr int kNothing = -1000;
+
 // The `nth` call of that kind from now on (1: the next one) fails with `error`, that one only.
 void failCall(Call call, int nth, int error);
 
