@@ -48,12 +48,8 @@ std::optional<PixelFormat> findPixelFormat(const std::string& name) {
             if (!exists || plain != concat(family.name, depth == 8 ? "" : concat(depth, "le"))) {
                 continue;
             }
-            return PixelFormat{name,
-                               family.planes,
-                               depth,
-                               family.chromaShiftX,
-                               family.chromaShiftY,
-                               plain.rfind("gbrp", 0) == 0};
+            return PixelFormat{name, family.planes, depth, family.chromaShiftX,
+                               family.chromaShiftY};
         }
     }
     return std::nullopt;

@@ -20,9 +20,10 @@ struct VectorOptions {
     GraphEdits edits;
 };
 
-// Life     start(), then poll() until it is true. The process ends with this one in any case.
+// Life     start(), then hasEnded() until it is true, then judge(). The process ends with this one
+//          in any case.
 // Threads  the main one, and no other runs when start() is called.
-// Owns     the process' log, and memory that it shares with the process.
+// Owns     the log of the process, and memory that it shares with the process.
 class VectorProcess {
 public:
     // If no descriptor or memory is left for it, start() fails.

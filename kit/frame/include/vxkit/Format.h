@@ -31,7 +31,6 @@ struct PixelFormat {
     int planes = 1;
     int depth = 8;                           // bits of a sample's value
     int chromaShiftX = 0, chromaShiftY = 0;  // log2 of the subsampling of planes 1 and 2
-    bool rgb = false;                        // planes are G, B, R
 };
 
 // The format with this name, such as "yuv422p10le": gray, yuv4xxp, yuvj4xxp (full range) and gbrp,
