@@ -224,7 +224,9 @@ TEST_F(Xc2Test, UsagesBecomeWords) {
         const auto usage = static_cast<VXBufferUsage>(row.usage);
         const auto pool = VXLinearBufferPoolCreate_xc2(usage);
         EXPECT_EQ(pool->setSize(1), VX_OK);
-        EXPECT_EQ(fetch(*pool)->isSecure(), (row.usage & 2) != 0);
+        const auto small = fetch(*pool);
+        EXPECT_EQ(small->isSecure(), (row.usage & 2) != 0);
+        EXPECT_EQ(small->capacity(), 1u);  // where no alignment is set
         EXPECT_EQ(vexa_testing::lastFetchUsage(), row.atStart) << row.usage;
 
         log.clear();

@@ -153,6 +153,7 @@ TEST(Properties, AValueIsTheOneSetOrTheEnvironmentsOrTheDefault) {
         {"test.vexa.mask2", nullptr, full.c_str(), false, full},
         {"test.vexa.mask2", nullptr, tooLong.c_str(), true, "old"},
         {"ro.test.key", nullptr, tooLong.c_str(), false, full},
+        {"rotation.key", nullptr, tooLong.c_str(), true, "old"},
         {"test.vexa.mask2", "1F", "", false, "1F"},
         {"test.vexa.mask2", "1F", "8", false, "8"},
         {"test.vexa.mask2", tooLong.c_str(), "", false, full},

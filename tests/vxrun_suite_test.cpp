@@ -137,6 +137,7 @@ TEST_F(VxrunGoldens, ReadsWhatOthersPublish) {
         {frames + kNothingMd5 + " x", ":5: " + nothing},
         {std::string("0,0,0,1,36,") + kNothingMd5, nothing},
         {std::string("0,0,0,1,0,") + kNothingMd5, ":1: " + row},
+        {"0,0,0,1,36," + whole.substr(1), ":1: " + row},
         {"", none},
         {"#tb 0: 1/25\n0, 0, 0, 1, 36, 0x0123456g\n", ":2: " + row},
         {"\n0, 0, 0\n", ":2: " + row},
@@ -568,6 +569,7 @@ TEST_F(VxrunSuite, EndsWhatDoesNotEnd) {
     makeSuite("stuck good next");
     const Result late = run(suite({"--timeout", "0.5", "--filter", "stuck"}));
     EXPECT_EQ(late.exit, 1) << late.err;
+    expectMatch(late.out, "^profile [^\n]*\nall [^\n]*\nverdict: FAIL");  // of no profile
     EXPECT_EQ(junit(), "S.mpeg2video/stuck error TIMEOUT log;");
     // One that cannot end itself: it is stopped.
     Process frozen(suite({"--timeout", "2", "--filter", "stuck"}));
