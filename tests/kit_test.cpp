@@ -6,6 +6,7 @@
 #include <LibavFrames.h>
 #include <Runner.h>
 #include <vxkit/Source.h>
+#include <vxkit/Text.h>
 
 #include <cstring>
 
@@ -44,6 +45,22 @@ TEST(PixelFormats, AreThoseOfFFmpegThatFit) {
         EXPECT_EQ(format->chromaShiftY, av->log2_chroma_h) << av->name;
     }
     EXPECT_GT(fits, 30u);
+}
+
+// Catches: a character that is lost, and a byte that ends a line, controls a terminal or is not
+// UTF-8.
+TEST(Texts, ArePrintableUtf8) {
+    for (const char* const kept : {" ~", "\u00a0", "\u07ff", "\u0800", "\uffff", "\U00010000"}) {
+        EXPECT_EQ(printable(kept), kept);
+    }
+    const std::pair<std::string, std::string> cases[] = {
+        {"\n\t\x1b\x7f", "\\n\\t\\x1b\\x7f"},
+        {"\u0080\u009f", "\\xc2\\x80\\xc2\\x9f"},
+        {"\xc1\x80", "\\xc1\\x80"},
+        {"\xe0\xa0", "\\xe0\\xa0"},
+        {"\xf5\x80\x80\x80", "\\xf5\\x80\\x80\\x80"},
+        {"\xc2", "\\xc2"}};
+    for (const auto& [text, shown] : cases) EXPECT_EQ(printable(text), shown);
 }
 
 // Catches: a pass of a run in which some sink did not see its last frame, or had nothing to check.

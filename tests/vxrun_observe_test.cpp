@@ -202,6 +202,7 @@ TEST_F(VxrunObserved, UnreadPipesDoNotHoldUpTheEnd) {
 TEST_F(VxrunObserved, WritesProgress) {
     makeClip();
     writeFile(path("bad.framemd5"), replaced(contentOf(path("clip.framemd5")), "36, ", "37, "));
+    writeFile(path("progress"), std::string(9999, 'x') + "\nprogress=of an earlier run\n");
     for (const std::string& target : {path("progress"), std::string("1")}) {
         const std::string verdict = "verdict: CRC_MISMATCH frames=4 checked=4 first_bad=0\n";
         const std::string all =
@@ -373,6 +374,17 @@ TEST_F(VxrunObserved, ChecksFindEverything) {
     for (const char* mistake : mistakes) expectHas(result.err, "bad.json" + std::string(mistake));
     EXPECT_EQ(result.out, "check: mistakes=" + std::to_string(std::size(mistakes)) + "\n");
     EXPECT_EQ(vxrun({"check", path("none")}).exit, 2);
+
+    std::string ring;
+    for (const std::string name : {"a", "b", "c"}) {
+        ring += (ring.empty() ? "" : ",") + (R"({"name":")" + name) +
+                R"(","type":"transform/passthrough","inputs":[{"name":")" + name +
+                R"(.in","format":"f"}],"outputs":[{"name":")" + name + R"(.out","format":"f"}]})";
+    }
+    writeFile(path("ring.json"),
+              R"({"name":"ring","nodes":[)" + ring +
+                  R"(],"connections":{"a.out":["b.in"],"b.out":["c.in"],"c.out":["a.in"]}})");
+    expectHas(vxrun({path("ring.json")}).err, "the nodes form a cycle: a -> b -> c -> a\n");
 
     // What an option sets counts, and what could not fail does not.
     const struct {
