@@ -8,7 +8,9 @@
 #include <vxkit/Source.h>
 #include <vxkit/Text.h>
 
+#include <cctype>
 #include <cstring>
+#include <map>
 
 using namespace vxkit;
 
@@ -93,6 +95,31 @@ TEST(Evidences, DecideByEverySink) {
     EXPECT_FALSE(evidence.setFailure(Verdict::CrcMismatch));
     EXPECT_FALSE(evidence.setFailure(Verdict::Timeout));
     EXPECT_STREQ(verdictName(evidence.verdict()), "CRC_MISMATCH");
+}
+
+// Catches: a verdict that its manual lacks, or gives another exit code.
+TEST(Verdicts, HaveTheExitCodesOfTheManual) {
+    std::map<std::string, int> manual;
+    std::istringstream lines(vxrun_test::contentOf(VXRUN_GRAPHS_DIR "/../../../docs/commands.md"));
+    for (std::string line; std::getline(lines, line);) {
+        const size_t end = line.find(" | ", line.find(" | ") + 1);
+        if (line.rfind("| ", 0) != 0 || std::isdigit(line[2]) == 0 || end > line.size()) continue;
+        std::replace_if(
+            line.begin(), line.end(), [](char c) { return c == '`' || c == ','; }, ' ');
+        std::istringstream codes(line.substr(2)), names(line.substr(line.find(" | ") + 3));
+        int code = 0, next = 0;
+        for (std::string name; names >> name && name != "|";) {
+            if (codes >> next) code = next;
+            manual[name] = code;
+        }
+    }
+    const auto last = static_cast<int>(Verdict::UnknownError);
+    for (int i = 0; i <= last; ++i) {
+        const auto verdict = static_cast<Verdict>(i);
+        ASSERT_EQ(manual.count(verdictName(verdict)), 1u) << verdictName(verdict);
+        EXPECT_EQ(manual[verdictName(verdict)], exitCode(verdict)) << verdictName(verdict);
+    }
+    EXPECT_EQ(manual.size(), static_cast<size_t>(last) + 1);
 }
 
 const PathKey kFile{"file", "an MP4, Matroska or IVF file"};

@@ -263,6 +263,7 @@ TEST_F(VxrunTranscode, RefusesWhatItCannotDo) {
         {decode, "decoder@25.flush=1", 1, "an entry 'flush' is for frame 25, there are 25"},
         {encode, x264 + "encoder@3.bitrate=9", 77,
          "entry 'bitrate': the encoder libx264, as it is"},
+        {encode, x264 + "encoder~3.quality=32", 3, "expected a number from 1 to 31, got '32'"},
         {encode, x264 + "encoder~3.quality=9", 77,
          "entry 'quality': the encoder libx264, as it is"},
         {encode, ffv1 + "encoder@3.force_key_frame=1", 1, "ffv1 made no key frame of the picture"},
