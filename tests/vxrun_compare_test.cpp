@@ -187,6 +187,7 @@ TEST_F(VxrunCompare, FindsFramesThatAreOff) {
         const Result result = compare(actual, expected);
         EXPECT_EQ(result.out, verdict);
         expectHas(result.err, c.line);
+        EXPECT_EQ(result.err.find(" wrong, "), result.err.rfind(" wrong, "));  // at the end only
         if (c.alsoOfLists == nullptr) continue;
         const Result list = vxrun({lists, source, "check.expect=" + path("list")});
         EXPECT_EQ(list.out, verdict);

@@ -1,6 +1,7 @@
 // How vxrun ends, and what it shows of a run on the way: snapshots, progress, traces, checks.
 #include "support/Vxrun.h"
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <map>
@@ -167,10 +168,12 @@ TEST_F(VxrunObserved, EarlyRequestsDoNoHarm) {
     EXPECT_EQ(process.wait(), 0) << process.err;
 }
 
-// A pipe that is full and is not read. Its ends are closed with the test program.
-int fullPipe() {
+// A pipe or a socket that is full and is not read. Its ends are closed with the test program.
+int fullPipe(bool isSocket = false) {
     int ends[2];
-    EXPECT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    EXPECT_EQ(isSocket ? socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends)
+                       : pipe2(ends, O_NONBLOCK),
+              0);
     const std::string chunk(4096, 'x');
     while (write(ends[1], chunk.data(), chunk.size()) > 0) continue;
     EXPECT_EQ(fcntl(ends[1], F_SETFL, 0), 0);
@@ -186,6 +189,7 @@ TEST_F(VxrunObserved, UnreadPipesDoNotHoldUpTheEnd) {
         {"exec \"$@\" 2>&" + pipe, {}},
         {"exec \"$@\" 2>&" + pipe, {"--log", "1f"}},
         {"exec \"$@\" >&" + pipe, {"check.print_md5=true"}},
+        {"exec \"$@\" 2>&" + std::to_string(fullPipe(true)), {}},
     };
     for (const auto& [setup, options] : cases) {
         SCOPED_TRACE(setup);
@@ -264,6 +268,8 @@ TEST_F(VxrunObserved, WritesTraces) {
         } else if (phase == "X") {
             EXPECT_GE(event["ts"].get<double>(), ends[event["tid"]]);
             ends[event["tid"]] = event["ts"].get<double>() + event["dur"].get<double>();
+        } else if (phase == "i") {
+            EXPECT_EQ(event["s"], "t");  // a node's, not the whole graph's
         } else if (event["name"] == "pool.reader") {
             EXPECT_LE(event["args"]["free"], 8);
         }
