@@ -158,6 +158,8 @@ TEST_F(Xc2Test, FencesAnswerForTheVendors) {
     };
     expectAnswers(*plain, false, false, VX_OK);
     EXPECT_EQ(VXFence_XC2(nullptr).fd(), -1);
+    failCall(Call::FenceFd, 1, 7);
+    EXPECT_EQ(VXFence_XC2(std::make_shared<C2Fence>()).fd(), 7);
     EXPECT_EQ(VXFence_XC2(std::make_shared<C2Fence>()).fd(), -1);  // the host's have none
     EXPECT_EQ(log.count(ANDROID_LOG_ERROR, kTag, "fence is null"), 4);
     vexa_testing::FenceTrigger trigger, given;

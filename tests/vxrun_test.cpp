@@ -191,7 +191,7 @@ TEST_F(VxrunDecoding, RefusesBadFilesAndConfigs) {
     const std::string good = contentOf(path("good.ivf"));
     writeFile(path("cut.ivf"), good.substr(0, good.size() - 10));
     writeFile(path("empty.264"), "");
-    writeFile(path("text.nfo"), "This is no video.\n");
+    for (const char* name : {"text.txt", "text.nfo"}) writeFile(path(name), "Not a video.\n");
     const std::string noise = y4m("", 100000, 1);
     writeFile(path("noise"), noise);
     const size_t first = static_cast<uint8_t>(good[32]) + (static_cast<uint8_t>(good[33]) << 8u);
@@ -215,6 +215,7 @@ TEST_F(VxrunDecoding, RefusesBadFilesAndConfigs) {
         {"none.264", "", "none.264: No such file or directory"},
         {"", "", ": Is a directory"},
         {"empty.264", "", "empty.264: no access unit in the file"},
+        {"text.txt", "", "text.txt" + unread},
         {"text.nfo", "", "text.nfo" + unread},
         {"noise", "", "noise" + unread},
         {"huge.ivf", "", "huge.ivf: access unit 0: Cannot allocate memory"},

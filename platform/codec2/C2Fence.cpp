@@ -1,5 +1,6 @@
 #include <C2Buffer.h>
 #include <C2FenceSource.h>
+#include <vexa_testing/Faults.h>
 
 #include <algorithm>
 #include <chrono>
@@ -56,7 +57,8 @@ bool C2Fence::ready() const {
     return !mImpl || mImpl->ready();
 }
 int C2Fence::fd() const {
-    return -1;
+    const int injected = vexa_testing::injectedError(vexa_testing::Call::FenceFd);
+    return injected != 0 ? injected : -1;
 }
 bool C2Fence::isHW() const {
     return false;

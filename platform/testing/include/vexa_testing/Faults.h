@@ -12,8 +12,9 @@ enum class Call {
     BlockPool,      // android::GetCodec2BlockPool; fails with a c2_status_t
     FetchBlock,     // either fetch of a Codec 2.0 block pool; fails with a c2_status_t
     VendorSetting,  // a setter of an xc2 pool; fails with an xc2::XC2Status
+    FenceFd,        // C2Fence::fd; returns the number, a descriptor as a device's fences have
 };
-constexpr int kCalls = 4;
+constexpr int kCalls = 5;
 
 // In place of an error: the call ends well and returns nothing, which a device's library may do. Of
 // BlockPool only.
