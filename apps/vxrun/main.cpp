@@ -47,6 +47,7 @@ int start(int argc, char** argv) {
         if (last != &app && !options.graph.empty()) {
             throw Failure("vxrun: unexpected " + quote(options.graph), Verdict::BadOption);
         }
+        options.loadNodes();
         return command.execute(options, &evidence);
     });
 }

@@ -5,6 +5,23 @@
 
 namespace vxkit {
 
+// Not allocated at the first access, as a signal handler needs it.
+[[gnu::tls_model("initial-exec")]] static thread_local const NodeRecord* tAtWork = nullptr;
+
+AtWork::AtWork(NodeRecord& record) : mRecord(record) {
+    tAtWork = &mRecord;
+    mRecord.busy = true;
+}
+
+AtWork::~AtWork() {
+    mRecord.busy = false;
+    tAtWork = nullptr;
+}
+
+const NodeRecord* AtWork::onThisThread() {
+    return tAtWork;
+}
+
 NodeRecord& Evidence::addNode(vexa::VXNode& node, const std::string& name,
                               const std::string& allocator, bool sink) {
     std::lock_guard<std::mutex> lock(mLock);

@@ -45,7 +45,6 @@ VXError Node::onStart() {
 VXError Node::onProcess(SharedWorks inputs, Works* outputs) {
     if (mBroken) return VX_OK;  // the run is ending; what still arrives is not worth another line
     ++mRecord.moved;
-    mRecord.busy = true;
     Trace::Clock::time_point start;
     if (mRun.trace != nullptr) {
         traceQueue();
@@ -60,7 +59,6 @@ VXError Node::onProcess(SharedWorks inputs, Works* outputs) {
     // What was sent before a failure goes out, too: the frames before the damage are evidence.
     outputs->swap(mOutputs);
     if (mRun.trace != nullptr) mRun.trace->span(mRecord.number, "process", start);
-    mRecord.busy = false;
     return result;
 }
 
@@ -150,6 +148,7 @@ void Node::traceQueue() {
 // makes the library end the build or the run.
 template <typename Action>
 VXError Node::guarded(VexaError error, Action action) {
+    const AtWork atWork(mRecord);
     try {
         action();
         return VX_OK;

@@ -16,27 +16,35 @@ const NumberKey kSlots{"slots", 1, 1000, 8, "buffers in the node's pool, default
 const NumberKey kFenceMs{"fence_ms", 0, 3600000, 1,
                          "before a transform/fence: milliseconds until a fence fires, default 1"};
 
-static std::vector<NodeType>& types() {
-    static std::vector<NodeType> all;  // made when the first type is registered, before main()
+// Made when the first type is registered, before main().
+static std::map<std::string, NodeType>& types() {
+    static std::map<std::string, NodeType> all;
+    return all;
+}
+
+static std::vector<std::string>& clashes() {
+    static std::vector<std::string> all;
     return all;
 }
 
 void registerNodeType(NodeType type) {
     type.configs.push_back(&kAllocator);
     if (type.hasPool) type.configs.insert(type.configs.end(), {&kSlots, &kFenceMs});
-    const auto isAfter = [&](const NodeType& other) { return other.name > type.name; };
-    types().insert(std::find_if(types().begin(), types().end(), isAfter), std::move(type));
+    const std::string name = type.name;
+    if (!types().emplace(name, std::move(type)).second) clashes().push_back(name);
 }
 
-const std::vector<NodeType>& nodeTypes() {
+const std::map<std::string, NodeType>& nodeTypes() {
     return types();
 }
 
+const std::vector<std::string>& clashingNodeTypes() {
+    return clashes();
+}
+
 const NodeType* findNodeType(const std::string& name) {
-    for (const NodeType& type : types()) {
-        if (type.name == name) return &type;
-    }
-    return nullptr;
+    const auto found = types().find(name);
+    return found != types().end() ? &found->second : nullptr;
 }
 
 bool NodeType::declares(const ConfigKey& key) const {

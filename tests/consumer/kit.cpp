@@ -58,7 +58,7 @@ int main() {
     Evidence evidence;
     const RunContext run = {evidence, [](const std::string& line) { std::puts(line.c_str()); }, {}};
     std::deque<NodeFactory> factories;
-    for (const NodeType& type : nodeTypes()) factories.emplace_back(type, run);
+    for (const auto& [name, type] : nodeTypes()) factories.emplace_back(type, run);
     vexa::VXGraphInfo info;
     info.name = "kit";
     for (const char* const name : {"ramp", "check"}) {

@@ -1,11 +1,15 @@
 #include "Command.h"
 
 #include "BadFrames.h"
+#include "Crash.h"
 #include "Recording.h"
 #include "Text.h"
 
+#include <vxkit/NodeLibrary.h>
+
 #include <unistd.h>
 
+#include <cstring>
 #include <optional>
 
 namespace vxrun {
@@ -40,6 +44,8 @@ CLI::Validator seconds(double least) {
 
 void CommonOptions::addTo(CLI::App* app) {
     addOption(app, "graph GRAPH.json", &graph, "The graph file");
+    addOption(app, "--nodes FILE.so", &nodes, "Load node types from a library; may be repeated")
+        ->allow_extra_args(false);
     addOption(app, "--set NODE.KEY=VALUE", &assignments, "Set a config of a node; may be repeated")
         ->allow_extra_args(false);
     addOption(app, "--dump-bad DIR", &dumpFolder,
@@ -64,6 +70,14 @@ void CommonOptions::addTo(CLI::App* app) {
         ->check(CLI::IsMember({"always", "never", "auto"}));
     app->add_flag("--stats", run.stats, "Print what every buffer pool did");
     app->add_flag("--quiet", quiet, "Print the verdict only");
+}
+
+void CommonOptions::loadNodes() const {
+    std::istringstream list(variable("VXRUN_NODES"));
+    for (std::string file; std::getline(list, file, ':');) {
+        if (!file.empty()) loadNodeLibrary(file);
+    }
+    for (const std::string& file : nodes) loadNodeLibrary(file);
 }
 
 RunOptions CommonOptions::runOptions() const {
@@ -106,6 +120,15 @@ int runToVerdict(const Command& command, vexa::VXGraphInfo graph, const CommonOp
         recording.emplace(options.record, options.force, &graph);
         evidence->expectNoCheck();
     }
+    reportCrashes(
+        *evidence,
+        [](const char* text, void*) {
+            // Not by the console: it may hold its lock.
+            for (const char* part : {"vxrun: crashed: ", text, "\n"}) {
+                if (write(STDERR_FILENO, part, std::strlen(part)) < 0) return;
+            }
+        },
+        nullptr);
     const Conclude conclude = [&](const Evidence& shown) { return command.conclude(shown); };
     runGraph(std::move(graph), options.runOptions(), evidence, conclude);
     if (recording && exitCode(evidence->verdict()) == 0) recording->commit();

@@ -18,8 +18,11 @@ struct CommonOptions {
     // The run's options, and the edits of its graph, that these options ask for.
     RunOptions runOptions() const;
     GraphEdits edits() const;
+    // Loads the node libraries of the options and of the environment, VXRUN_NODES. Throws Failure.
+    void loadNodes() const;
 
     std::string graph;
+    std::vector<std::string> nodes;  // libraries
     std::vector<std::string> assignments;
     std::string dumpFolder;
     std::string record;

@@ -14,7 +14,7 @@ int listNodes() {
     const auto addLine = [&](const char* indent, int width, const auto& item) {
         text += concat(indent, std::left, std::setw(width), item.name, " ", item.help, "\n");
     };
-    for (const NodeType& type : nodeTypes()) {
+    for (const auto& [name, type] : nodeTypes()) {
         addLine("", 22, type);
         for (const ConfigKey* config : type.configs) addLine("    ", 18, *config);
         for (const EntryKey& entry : type.entries) addLine("    entry ", 12, entry);

@@ -3,6 +3,7 @@
 #include "Json.h"
 #include "Text.h"
 
+#include <vxkit/NodeLibrary.h>
 #include <vxkit/NodeType.h>
 
 #include <algorithm>
@@ -46,8 +47,13 @@ public:
 
     void read() {
         const JsonValue& root = mDocument.root();
-        attempt([&] { mDocument.expectObject(root, {"name", "nodes", "connections"}); });
+        attempt([&] {
+            mDocument.expectObject(root, {"name", "nodes_from", "nodes", "connections"});
+        });
         attempt([&] { mInfo.name = mDocument.name(root, "name"); });
+        forEach(root, "nodes_from", JsonValue::ARRAY, [&](const JsonValue& library) {
+            loadNodes(mDocument.expect(library, JsonValue::STRING));
+        });
         attempt([&] { readNodes(mDocument.member(root, "nodes", JsonValue::ARRAY)); });
         forEach(root, "connections", JsonValue::OBJECT, [&](const JsonValue& list) {
             const auto output = mOutputs.find(list.key);
@@ -144,6 +150,18 @@ private:
     }
 
     // ---- Nodes ----
+
+    // A name without a slash may be that of a library of the system.
+    void loadNodes(const JsonValue& library) const {
+        const std::filesystem::path file = mFolder / library.text;
+        const bool isHere = library.text.find('/') < library.text.size() ||
+                            std::filesystem::exists(file);
+        try {
+            loadNodeLibrary(isHere ? file.string() : library.text);
+        } catch (const Failure& failure) {
+            mDocument.fail(library, failure.what(), failure.verdict());
+        }
+    }
 
     void readNodes(const JsonValue& nodes) {
         constexpr size_t kMaxNodes = 1000;  // each has a thread

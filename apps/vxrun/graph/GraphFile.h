@@ -12,7 +12,7 @@
 
 namespace vxrun {
 
-// Reads and checks the graph file `path`. Relative paths in the configs of known node types are
+// Reads and checks the graph file `path`, and loads the node libraries that it names. Relative paths in the configs of known node types are
 // relative to the file's folder.
 //
 // Throws Failure "file:line:column: place: text" for the first mistake. Its verdict is NodeNotFound
@@ -31,7 +31,7 @@ struct GraphEdits {
 
 // Everything that is wrong with the graph file `path` after `assignments`, see GraphEdits, in such
 // failures: what readGraphFile() refuses, what its nodes would refuse in their descriptions, and
-// what lets a run prove nothing or never move. Opens no other file.
+// what lets a run prove nothing or never move. Opens no other files than node libraries.
 std::vector<Failure> checkGraphFile(const std::string& path,
                                     const std::vector<std::string>& assignments);
 

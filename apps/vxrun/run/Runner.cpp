@@ -277,7 +277,7 @@ void runGraph(VXGraphInfo info, const RunOptions& options, Evidence* evidence,
     const RunContext context = {*evidence, console::line, trace};
     // Before the log level is set: a factory that registers is not worth a message.
     std::deque<NodeFactory> factories;
-    for (const NodeType& type : nodeTypes()) factories.emplace_back(type, context);
+    for (const auto& [name, type] : nodeTypes()) factories.emplace_back(type, context);
     if (!options.logMask.empty()) property_set("vendor.vexa.log.msg", options.logMask.c_str());
     vexa::vxUpdateLogLevel();
 

@@ -1,6 +1,7 @@
 #include "VectorProcess.h"
 
 #include "Console.h"
+#include "Crash.h"
 #include "Text.h"
 
 #include <fcntl.h>
@@ -21,7 +22,7 @@ struct VectorProcess::Result {
     volatile bool isComplete = false;  // set last
     Verdict verdict = Verdict::UnknownError;
     char md5[64] = "";        // of all pictures; empty when the stream did not end well
-    char message[2048] = "";  // the first error line
+    char message[2048] = "";  // the first error line, or what is known about a crash
 };
 
 // An empty file in memory; null, with errno set, where no descriptor is left for it.
@@ -73,6 +74,12 @@ void VectorProcess::runChild(const DecodeOptions& decode, const VectorOptions& o
     close_range(STDERR_FILENO + 1, ~0u, 0);  // the logs of the other processes, among others
     Evidence evidence;
     evidence.expectNoCheck();
+    reportCrashes(
+        evidence,
+        [](const char* text, void* to) {
+            std::strncpy(static_cast<char*>(to), text, sizeof Result::message - 1);
+        },
+        mResult->message);
     const auto handBack = [&](const Evidence& shown) {
         const auto copy = [](const std::string& text, auto& to) {
             to[text.copy(to, sizeof to - 1)] = '\0';
@@ -116,7 +123,9 @@ void VectorProcess::judge(int status, bool negative) {
     }
     if (WIFSIGNALED(status)) {
         return set(TestVector::ERROR, concat("SIGNAL_", WTERMSIG(status)),
-                   concat("ended by a signal: ", strsignal(WTERMSIG(status))));
+                   concat("ended by a signal: ", *mResult->message != '\0'
+                                                     ? mResult->message
+                                                     : strsignal(WTERMSIG(status))));
     }
     if (!mResult->isComplete) {
         return set(TestVector::ERROR, verdictName(Verdict::UnknownError),

@@ -44,8 +44,27 @@ struct NodeRecord {
     std::atomic<uint64_t> firstBad{kNone};  // the first of them
     std::atomic<uint64_t> expected{0};      // frames that are to come; 0 when not known
     std::atomic<uint64_t> moved{0};         // batches received or sent: a sign of life
-    std::atomic<bool> busy{false};          // the node is processing
+    std::atomic<bool> busy{false};          // one of its hooks runs, see AtWork
     std::atomic<bool> endOfStream{false};   // the node has handled the last frame
+};
+
+// AtWork: this thread runs a hook of a node.
+//
+// Life     around the hook's call.
+// Threads  the one that made it.
+// Owns     nothing; the record outlives it.
+class AtWork {
+public:
+    explicit AtWork(NodeRecord& record);
+    ~AtWork();
+    AtWork(const AtWork&) = delete;
+    AtWork& operator=(const AtWork&) = delete;
+
+    // The node whose hook runs on this thread; null for none. May be called by signal handlers.
+    static const NodeRecord* onThisThread();
+
+private:
+    NodeRecord& mRecord;
 };
 
 // PoolRecord: what was seen of one pool.
@@ -141,6 +160,14 @@ public:
     // The nodes that live, in the order of the description.
     std::vector<Moment> nodes() const;
     std::vector<const PoolRecord*> pools() const;
+    // Calls `visit` with the record of each node of which a hook runs. Without a lock, for signal
+    // handlers; no node may be added meanwhile.
+    template <typename Visitor>
+    void forEachAtWork(Visitor visit) const {
+        for (const NodeRecord& record : mNodes) {
+            if (record.busy) visit(record);
+        }
+    }
     // The names of the nodes that have not handled their last frame, separated by commas.
     std::string unfinished() const;
     // The number of nodes that have stopped or are gone.

@@ -6,12 +6,20 @@
 #include <vxkit/Config.h>
 #include <vxkit/Evidence.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace vxkit {
+
+// The major version of vxkit, which every node library reports as vxkitMajorVersion(): see
+// loadNodeLibrary(). A library can be used by programs of the same major version.
+constexpr unsigned kMajorVersion = 1;
+extern "C" [[gnu::used, gnu::visibility("default")]] inline unsigned vxkitMajorVersion() {
+    return kMajorVersion;
+}
 
 struct NodeType;
 
@@ -26,7 +34,7 @@ struct NodeArguments {
     const RunContext& run;
 };
 
-// Life     static; registered before main(), see Registered.
+// Life     static; registered before main() or while a node library is loaded, see Registered.
 // Threads  any, once they are registered.
 // Owns     its texts and entries; its keys are static objects.
 struct NodeType {
@@ -51,11 +59,13 @@ struct NodeType {
 extern const ChoiceKey kAllocator;
 extern const NumberKey kSlots, kFenceMs;
 
-// The types of this program, in the order of their names; null for an unknown one.
-const std::vector<NodeType>& nodeTypes();
+// The types of this program by name; null for an unknown one.
+const std::map<std::string, NodeType>& nodeTypes();
 const NodeType* findNodeType(const std::string& name);
-// Adds a type, whose configs are completed with those of every type.
+// Adds a type, whose configs are completed with those of every type. The first of a name stays.
 void registerNodeType(NodeType type);
+// The names that were registered again.
+const std::vector<std::string>& clashingNodeTypes();
 
 // Registered: a node type whose nodes are of the class `Author`, derived from Node. Each source of
 // a node type defines one, a static object without state:
