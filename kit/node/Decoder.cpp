@@ -1,8 +1,30 @@
 #include <vxkit/Decoder.h>
+#include <vxkit/Text.h>
+
+#include <algorithm>
 
 namespace vxkit {
+namespace {
 
-std::vector<EntryKey> Decoder::commands() {
+const TextKey kFormat{"format", "the pixel format that the pictures must have, such as yuv420p"};
+const FlagKey kTolerateErrors{"tolerate_errors", "true: errors in the stream do not fail the run"};
+
+// `time` in units of `from` as the nearest multiple of `to`.
+int64_t rescaled(int64_t time, Rational from, Rational to) {
+    const auto product = static_cast<__int128>(time) * from.num * to.den;
+    const auto unit = static_cast<__int128>(from.den) * to.num;
+    return static_cast<int64_t>((product + (product < 0 ? -unit : unit) / 2) / unit);
+}
+
+}  // namespace
+
+std::vector<const ConfigKey*> Decoder::commonConfigs() {
+    auto keys = Producer::commonConfigs();
+    keys.insert(keys.begin(), {&kFormat, &kTolerateErrors});
+    return keys;
+}
+
+std::vector<EntryKey> Decoder::commonEntries() {
     constexpr uint32_t kCommand = vexa::VXNodeDescriptor::ConfigEntry::COMMAND;
     return {{kCommand, "flush", 1, 1, "command, 1: drops the pictures that the decoder holds back"},
             {kCommand, "drain", 1, 1,
@@ -12,9 +34,56 @@ std::vector<EntryKey> Decoder::commands() {
 bool Decoder::feed(const vexa::VXSharedWork& work, uint64_t number) {
     const Frame frame(work);
     if (!obeyCommands(number)) return false;
-    decode(AccessUnit(frame));
+    const AccessUnit unit(frame);
+    mTimeBase = unit.stream.timeBase;
+    mFrameRate = unit.stream.frameRate;
+    mSar = unit.stream.sar;
+    if (unit.info.isCorrupt) noteError("a damaged access unit");
+    decode(unit);
     mIsStarted = true;
     return true;
+}
+
+void Decoder::flush() {
+    drain();
+    while (next()) drop();
+}
+
+void Decoder::give(const DecodedPicture& picture, std::function<void(const FrameView&)> fill) {
+    const std::string actual = picture.format.pixels.rangelessName();
+    const std::string expected = PixelFormat{config(kFormat)}.rangelessName();
+    if (!expected.empty() && actual != expected) {
+        throw Failure("the pictures are " + actual + ", not " + quote(expected),
+                      Verdict::NotSupported);
+    }
+    const auto stream = std::make_shared<StreamInfo>();
+    stream->picture = picture.format;
+    stream->profile = picture.profile;
+    stream->sar = picture.sar.num > 0 ? picture.sar : mSar;
+    stream->timeBase =
+        mFrameRate.num > 0 ? Rational{mFrameRate.den, mFrameRate.num} : mTimeBase;
+    stream->duration = 1;
+    mTime = picture.pts == UnitInfo::kNoTime
+                ? mTime + 1
+                : std::max<int64_t>(rescaled(picture.pts, mTimeBase, stream->timeBase), 0);
+    ++mPictures;
+    givePicture(stream, static_cast<uint64_t>(mTime), std::move(fill));
+}
+
+void Decoder::noteError(const std::string& text) {
+    if (mErrors++ == 0) mFirstError = concat("frame ", mPictures, ": ", text);
+}
+
+void Decoder::finish(bool nothing) {
+    if (nothing) {
+        throw Failure("no frame in the stream" + (mErrors > 0 ? "; " + mFirstError : ""),
+                      Verdict::InfoValidationFail);
+    }
+    if (mErrors > 0 && !config(kTolerateErrors)) {
+        failCheck(vexa::INFO_VALIDATION_FAIL,
+                  concat("errors in decoding: ", mErrors, ", first at ", mFirstError));
+    }
+    Producer::finish(nothing);
 }
 
 // Obeys the commands at access unit `number`. False when it is to wait for a drain; what is left is

@@ -28,8 +28,6 @@ static std::vector<std::string>& clashes() {
 }
 
 void registerNodeType(NodeType type) {
-    type.configs.push_back(&kAllocator);
-    if (type.hasPool) type.configs.insert(type.configs.end(), {&kSlots, &kFenceMs});
     const std::string name = type.name;
     if (!types().emplace(name, std::move(type)).second) clashes().push_back(name);
 }

@@ -14,8 +14,6 @@ namespace vxrun {
 namespace {
 
 const TextKey kCodec{"codec", "the codec or the decoder to use, default libavcodec's choice"};
-const TextKey kFormat{"format", "the pixel format that the pictures must have, such as yuv420p"};
-const FlagKey kTolerateErrors{"tolerate_errors", "true: errors in the stream do not fail the run"};
 
 // libavcodec's choice for the codec `name`, else the decoder `name`; null when there is neither.
 // Codecs come first: "av1" is also the name of a decoder that needs hardware.
@@ -63,9 +61,8 @@ private:
     void decode(const AccessUnit& unit) override {
         const auto packet = packetOf(unit);
         if (mContext == nullptr) openCodec(unit.stream);
-        if (unit.info.isCorrupt) noteError("a damaged access unit");
         const int result = avcodec_send_packet(mContext.get(), packet.get());
-        if (result < 0) noteError(libavText(result));
+        if (result < 0) note(libavText(result));
     }
 
     void drain() override { avcodec_send_packet(mContext.get(), nullptr); }
@@ -88,9 +85,9 @@ private:
                 avcodec_flush_buffers(mContext.get());  // it may be a drain that has ended
                 return false;
             }
-            noteError(libavText(result));
+            note(libavText(result));
         }
-        throw Failure("the decoder returns nothing but errors; " + mFirstError);
+        throw Failure("the decoder returns nothing but errors; " + firstError());
     }
 
     void openCodec(const BitstreamInfo& stream) {
@@ -104,9 +101,6 @@ private:
             throw std::bad_alloc();
         }
         mContext->pkt_timebase = asLibav(stream.timeBase);
-        mTimeBase = asLibav(stream.timeBase);
-        if (stream.frameRate.num > 0) mTimeBase = av_inv_q(asLibav(stream.frameRate));
-        mSar = stream.sar;
         mContext->thread_count = static_cast<int>(config(kThreads));
         mContext->flags |= AV_CODEC_FLAG_UNALIGNED;  // cropped to the sample, not to the alignment
         mContext->err_recognition = AV_EF_CRCCHECK;
@@ -121,65 +115,29 @@ private:
         const std::string wrong =
             mLog.takeFirstError(flagged ? "the decoder marks it as damaged" : "");
         if (!wrong.empty()) noteError(wrong);
-        ++mFrames;
         // Only now is it known how many pictures are held back for reordering.
         const int held = mContext->has_b_frames + mContext->thread_count;
         setTotalDelay(static_cast<uint64_t>(held));
         const int64_t time = picture->best_effort_timestamp;
-        mTime = time == AV_NOPTS_VALUE
-                    ? mTime + 1
-                    : std::max<int64_t>(av_rescale_q(time, mContext->pkt_timebase, mTimeBase), 0);
-        const auto stream = std::make_shared<StreamInfo>();
-        stream->picture =
+        DecodedPicture decoded;
+        decoded.format =
             formatOf(static_cast<AVPixelFormat>(picture->format), picture->width, picture->height);
-        const std::string actual = stream->picture.pixels.rangelessName();
-        const std::string expected = PixelFormat{config(kFormat)}.rangelessName();
-        if (!expected.empty() && actual != expected) {
-            throw Failure("the pictures are " + actual + ", not " + quote(expected),
-                          Verdict::NotSupported);
-        }
-        stream->profile = profileOf(*mContext);
-        stream->timeBase = fromLibav(mTimeBase);
-        const AVRational sar = picture->sample_aspect_ratio;
-        stream->sar = sar.num > 0 ? fromLibav(sar) : mSar;
-        stream->duration = 1;
-        Decoder::givePicture(stream, static_cast<uint64_t>(mTime),
-                             [picture](const FrameView& output) { copyTo(output, *picture); });
-    }
-
-    void finish(bool nothing) override {
-        if (nothing) {
-            throw Failure("no frame in the stream" + (mErrors > 0 ? "; " + mFirstError : ""),
-                          Verdict::InfoValidationFail);
-        }
-        if (mErrors > 0 && !config(kTolerateErrors)) {
-            failCheck(vexa::INFO_VALIDATION_FAIL,
-                      concat("errors in decoding: ", mErrors, ", first at ", mFirstError));
-        }
-        Decoder::finish(nothing);
+        decoded.pts = time == AV_NOPTS_VALUE ? UnitInfo::kNoTime : time;
+        decoded.profile = profileOf(*mContext);
+        decoded.sar = fromLibav(picture->sample_aspect_ratio);
+        give(decoded, [picture](const FrameView& output) { copyTo(output, *picture); });
     }
 
     // The log is more precise about an error than the value that the call returned.
-    void noteError(const std::string& text) {
-        const std::string wrong = mLog.takeFirstError(text);
-        if (mErrors++ == 0) mFirstError = concat("frame ", mFrames, ": ", wrong);
-    }
+    void note(const std::string& text) { noteError(mLog.takeFirstError(text)); }
 
     CodecLog mLog;
     const AVCodec* mCodec = nullptr;
-    // [event thread]
-    Libav<AVCodecContext> mContext;  // from the first access unit on
-    AVRational mTimeBase = {1, 1};   // of the pictures
-    Rational mSar = {0, 1};          // where the pictures have none of their own
-    uint64_t mFrames = 0;            // that were decoded
-    int64_t mTime = -1;              // of the picture decoded last
-    uint64_t mErrors = 0;
-    std::string mFirstError;
+    Libav<AVCodecContext> mContext;  // from the first access unit on  [event thread]
 };
 
 const Registered<LibavDecoder> kType("codec/decoder", "decodes a bitstream with libavcodec", 1, 1,
-                                     {&kCodec, &kFormat, &kThreads, &kOptions, &kTolerateErrors},
-                                     Decoder::commands());
+                                     {&kCodec, &kThreads, &kOptions});
 
 }  // namespace
 }  // namespace vxrun

@@ -35,7 +35,11 @@ struct Route : public vexa::VXInfo {
 // Owns     its fences; its record belongs to the evidence.
 class Node : public vexa::VXNode {
 public:
-    // For derived classes to hide. Whether the node has a pool for its frames.
+    // For derived classes to hide. The configs and entries of every such node, besides those that
+    // Registered is given.
+    static std::vector<const ConfigKey*> commonConfigs() { return {&kAllocator}; }
+    static std::vector<EntryKey> commonEntries() { return {}; }
+    // Whether the node has a pool for its frames.
     static constexpr bool kHasPool = false;
     // Whether a node with this description checks its inputs.
     static bool checks(const vexa::VXNodeDescriptor&) { return false; }

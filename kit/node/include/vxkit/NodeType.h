@@ -62,7 +62,7 @@ extern const NumberKey kSlots, kFenceMs;
 // The types of this program by name; null for an unknown one.
 const std::map<std::string, NodeType>& nodeTypes();
 const NodeType* findNodeType(const std::string& name);
-// Adds a type, whose configs are completed with those of every type. The first of a name stays.
+// Adds a type. The first of a name stays.
 void registerNodeType(NodeType type);
 // The names that were registered again.
 const std::vector<std::string>& clashingNodeTypes();
@@ -85,6 +85,8 @@ public:
         const auto make = [](NodeArguments arguments) -> std::unique_ptr<vexa::VXNode> {
             return std::make_unique<Made>(std::move(arguments));
         };
+        for (const ConfigKey* key : Author::commonConfigs()) configs.push_back(key);
+        for (const EntryKey& entry : Author::commonEntries()) entries.push_back(entry);
         registerNodeType({name, help, inputs, outputs, std::move(configs), std::move(entries),
                           Author::kHasPool, Author::checks, Author::leastFramesHeld, make});
     }

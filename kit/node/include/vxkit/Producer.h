@@ -19,6 +19,9 @@ namespace vxkit {
 // Life, threads and owns: as Node. The hooks are called on the event thread.
 class Producer : public Node {
 public:
+    static std::vector<const ConfigKey*> commonConfigs() {
+        return {&kAllocator, &kSlots, &kFenceMs};
+    }
     static constexpr bool kHasPool = true;
     // Each frame is held back until the next one is known.
     static uint64_t leastFramesHeld(const vexa::VXNodeDescriptor&) { return 1; }
@@ -41,6 +44,8 @@ protected:
     // The same for a picture of the stream's format. `timestamp`: in units of its time base.
     void givePicture(std::shared_ptr<StreamInfo> stream, uint64_t timestamp,
                      std::function<void(const FrameView& picture)> fill);
+    // Gives the frame that was given last, and is not yet written, to no one.
+    void drop() { mNext.reset(); }
     // The same for an access unit of `size` bytes.
     void giveUnit(std::shared_ptr<BitstreamInfo> stream, std::shared_ptr<UnitInfo> unit,
                   size_t size, std::function<void(uint8_t* bytes)> fill);
