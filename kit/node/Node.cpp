@@ -76,6 +76,10 @@ void Node::wakeUp(unsigned delay) {
     if (to != nullptr) to->postAsyncDelayed(std::make_shared<xc2::Event>(EVENT_FENCE), delay);
 }
 
+void Node::scheduleSelf() {
+    if (const auto to = handler()) to->postAsync(std::make_shared<xc2::Event>(EVENT_SCHEDULE));
+}
+
 void Node::send(std::unique_ptr<VXWork> work) {
     finishWork(*work);
     Works works;

@@ -10,11 +10,14 @@ using namespace vexa;
 
 VXError Producer::countAvailablePendingInputWorks(unsigned long maxCount,
                                                   unsigned long* actualCount, bool* hasEOS) {
-    if (!mNext) return Node::countAvailablePendingInputWorks(maxCount, actualCount, hasEOS);
+    if (!mNext && !mPaused && !mResumed) {
+        return Node::countAvailablePendingInputWorks(maxCount, actualCount, hasEOS);
+    }
     if (actualCount == nullptr || hasEOS == nullptr || maxCount == 0) return VX_BAD_VALUE;
     *hasEOS = false;
     // Without memory a step is offered all the same: process() reports what is wrong.
-    const bool wait = mBuffer == nullptr && mPool->fetch(&mBuffer) == VX_NO_FREE_SLOT;
+    const bool wait = mNext ? mBuffer == nullptr && mPool->fetch(&mBuffer) == VX_NO_FREE_SLOT
+                            : !mResumed;
     *actualCount = wait ? 0 : 1;
     return VX_OK;
 }
@@ -24,7 +27,7 @@ VXError Producer::getPendingInputWorks(unsigned long requestedCount, SharedWorks
     // The regulator gets one step for one output, whatever the number of inputs it takes to make
     // it.
     *works = {mStep};
-    if (mNext) return VX_OK;
+    if (mNext || mPaused || mResumed) return VX_OK;
     SharedWorks inputs;
     const VXError ret = Node::getPendingInputWorks(requestedCount, &inputs);
     hold(&inputs);
@@ -57,16 +60,26 @@ void Producer::write() {
     attach(mWritten.get(), PoolBuffer::payload(sent));
 }
 
-// Goes on until the next frame or the end is known, or the next input is missing.
+void Producer::resume() {
+    mResumed = true;
+    scheduleSelf();
+}
+
+// Goes on until the next frame or the end is known, the next input is missing, or a hook pauses.
 void Producer::advance() {
+    mResumed = false;  // first, so that what resumes it from now on counts
+    mPaused = false;
     while (!mNext && !next()) {
+        if (mPaused) return;
         if (mEnding) {
             mEnded = true;
             return;
         }
         if (mInputs.empty()) return;
         const auto input = mInputs.front();
-        if (!feed(*input, mTaken)) continue;  // a drain: next() first, then the same input again
+        const bool isTaken = feed(*input, mTaken);
+        if (mPaused) return;
+        if (!isTaken) continue;  // a drain: next() first, then the same input again
         mInputs.pop_front();
         ++mTaken;
         mEnding = (input->frameInfo().flags & VXFrameInfo::FLAG_END_OF_STREAM) != 0;

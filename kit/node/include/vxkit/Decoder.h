@@ -31,7 +31,8 @@ public:
     using Producer::Producer;
 
 protected:
-    // Decodes an access unit. Throws Failure when decoding cannot go on, with
+    // Decodes an access unit. One that it cannot accept yet it is given again after pause(). Throws
+    // Failure when decoding cannot go on, with
     // Verdict::NotSupported for a stream that the decoder is not made for.
     virtual void decode(const AccessUnit& unit) = 0;
     // Gives the next picture in output order, by give(); false when it needs more units.

@@ -69,6 +69,8 @@ protected:
     // Calls wake() once on the event thread, `delay` milliseconds from now, unless the node has
     // stopped by then.  [any thread]
     void wakeUp(unsigned delay);
+    // Has the node scheduled once more; does nothing when it does not run.  [any thread]
+    void scheduleSelf();
     // Counts and sends a finished work. It leaves after the events that are waiting now.
     void send(std::unique_ptr<vexa::VXWork> work);
     // The same within process(), once per input or not at all: the work leaves as soon as process()

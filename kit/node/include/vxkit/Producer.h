@@ -10,6 +10,7 @@
 
 #include <vxkit/Node.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -33,8 +34,16 @@ public:
     vexa::VXError getPendingInputWorks(unsigned long requestedCount, SharedWorks* works) override;
 
 protected:
-    // Gives the next frame that the inputs so far lead to; false when there is none.
+    // Gives the next frame that the inputs so far lead to; false when there is none, or none yet,
+    // after pause().
     virtual bool next() { return false; }
+    // For hooks that have to wait for something outside the graph, which they must not do on the
+    // event thread: they call this and return. After resume() they are called again.
+    void pause() { mPaused = true; }
+    bool isPaused() const { return mPaused; }
+    // Has next() called once more: what the node waits for outside the graph may have come.
+    // [any thread]
+    void resume();
     // The last frame is about to be sent, or, with `nothing`, there was none.
     virtual void finish(bool nothing);
 
@@ -52,7 +61,7 @@ protected:
 
 private:
     // Feeds input `number`, from 0; may give one frame. False: next() is to be called for what came
-    // before this input, which is then fed again.
+    // before this input, which is then fed again. The same when it has called pause().
     virtual bool feed(const vexa::VXSharedWork&, uint64_t) { return true; }
     // No further input comes.
     virtual void feedEnd() {}
@@ -79,6 +88,8 @@ private:
     std::unique_ptr<vexa::VXWork> mWritten;   // the one before, to be sent
     bool mEnding = inputPortInfos().empty();  // all inputs are fed
     bool mEnded = false;                      // no more frames come
+    bool mPaused = false;                     // until resume()
+    std::atomic<bool> mResumed{false};        // a step is due  [any thread]
 };
 
 }  // namespace vxkit

@@ -14,7 +14,7 @@ public:
     using Producer::Producer;
 
 protected:
-    // Gives the next frame; false at the end.
+    // Gives the next frame; false at the end, or when there is none yet, after pause().
     bool next() override = 0;
     // The Failure's text when there is no first frame: a node that has none would never be
     // scheduled.
@@ -22,7 +22,7 @@ protected:
 
 private:
     void opened() final {
-        if (!next()) throw Failure(nothing());
+        if (!next() && !isPaused()) throw Failure(nothing());
     }
 };
 
