@@ -58,8 +58,7 @@ private:
         static const char* const kLayouts[] = {"gray", "yuv420p", "yuv422p", "yuv444p"};
         const int depth = de265_get_bits_per_pixel(&image, 0);
         const std::string layout = kLayouts[de265_get_chroma_format(&image)];
-        const auto pixels =
-            findPixelFormat(depth > 8 ? concat(layout, depth, "le") : layout);
+        const auto pixels = findPixelFormat(depth > 8 ? concat(layout, depth, "le") : layout);
         if (!pixels) throw Failure(concat(layout, " of ", depth, " bits"), Verdict::NotSupported);
         DecodedPicture picture;
         picture.format = {*pixels, de265_get_image_width(&image, 0),

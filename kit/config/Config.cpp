@@ -26,6 +26,15 @@ std::string PathKey::mistakeIn(const std::string& text) const {
     return text.empty() ? "expected the name of a file, got ''" : "";
 }
 
+std::string WordsKey::mistakeIn(const std::string& text) const {
+    return mistakeOf([&] { splitWords(text); });
+}
+
+// As of other keys, a wrong value is refused before the run.
+std::vector<std::string> WordsKey::valueOf(const std::string& text) const {
+    return mistakeIn(text).empty() ? splitWords(text) : std::vector<std::string>();
+}
+
 std::string ChoiceKey::mistakeIn(const std::string& text) const {
     std::string known;
     for (const std::string& word : mWords) {

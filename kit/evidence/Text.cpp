@@ -58,6 +58,43 @@ std::string errnoText(int number) {
     return std::generic_category().message(number);
 }
 
+std::vector<std::string> splitWords(const std::string& text) {
+    std::vector<std::string> words;
+    char quotes = '\0';  // that are open
+    bool isInWord = false;
+    for (const char c : text) {
+        if (quotes == '\0' && (c == ' ' || c == '\t' || c == '\n')) {
+            isInWord = false;
+            continue;
+        }
+        if (!std::exchange(isInWord, true)) words.emplace_back();
+        if (quotes == '\0' && (c == '\'' || c == '"')) {
+            quotes = c;
+        } else if (c == quotes) {
+            quotes = '\0';
+        } else {
+            words.back() += c;
+        }
+    }
+    if (quotes != '\0') throw Failure(concat("a quote ", quotes, " that does not end"));
+    return words;
+}
+
+std::string joinedWords(const std::vector<std::string>& words) {
+    std::string text;
+    for (const std::string& word : words) {
+        if (!text.empty()) text += ' ';
+        if (!word.empty() && word.find_first_of(" \t\n'\"") == std::string::npos) {
+            text += word;
+            continue;
+        }
+        text += '\'';
+        for (const char c : word) text += c == '\'' ? std::string("'\"'\"'") : std::string(1, c);
+        text += '\'';
+    }
+    return text;
+}
+
 uint64_t parseNumber(const std::string& text, uint64_t low, uint64_t high) {
     uint64_t number = 0;
     const char* const end = text.data() + text.size();

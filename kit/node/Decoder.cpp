@@ -4,10 +4,11 @@
 #include <algorithm>
 
 namespace vxkit {
-namespace {
 
 const TextKey kFormat{"format", "the pixel format that the pictures must have, such as yuv420p"};
 const FlagKey kTolerateErrors{"tolerate_errors", "true: errors in the stream do not fail the run"};
+
+namespace {
 
 // `time` in units of `from` as the nearest multiple of `to`.
 int64_t rescaled(int64_t time, Rational from, Rational to) {
@@ -60,8 +61,7 @@ void Decoder::give(const DecodedPicture& picture, std::function<void(const Frame
     stream->picture = picture.format;
     stream->profile = picture.profile;
     stream->sar = picture.sar.num > 0 ? picture.sar : mSar;
-    stream->timeBase =
-        mFrameRate.num > 0 ? Rational{mFrameRate.den, mFrameRate.num} : mTimeBase;
+    stream->timeBase = mFrameRate.num > 0 ? Rational{mFrameRate.den, mFrameRate.num} : mTimeBase;
     stream->duration = 1;
     mTime = picture.pts == UnitInfo::kNoTime
                 ? mTime + 1

@@ -44,7 +44,7 @@ VXError Node::onStart() {
 
 VXError Node::onProcess(SharedWorks inputs, Works* outputs) {
     if (mBroken) return VX_OK;  // the run is ending; what still arrives is not worth another line
-    ++mRecord.moved;
+    if (movesByProcess()) ++mRecord.moved;
     Trace::Clock::time_point start;
     if (mRun.trace != nullptr) {
         traceQueue();

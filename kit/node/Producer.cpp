@@ -16,8 +16,8 @@ VXError Producer::countAvailablePendingInputWorks(unsigned long maxCount,
     if (actualCount == nullptr || hasEOS == nullptr || maxCount == 0) return VX_BAD_VALUE;
     *hasEOS = false;
     // Without memory a step is offered all the same: process() reports what is wrong.
-    const bool wait = mNext ? mBuffer == nullptr && mPool->fetch(&mBuffer) == VX_NO_FREE_SLOT
-                            : !mResumed;
+    const bool wait =
+        mNext ? mBuffer == nullptr && mPool->fetch(&mBuffer) == VX_NO_FREE_SLOT : !mResumed;
     *actualCount = wait ? 0 : 1;
     return VX_OK;
 }
@@ -30,6 +30,7 @@ VXError Producer::getPendingInputWorks(unsigned long requestedCount, SharedWorks
     if (mNext || mPaused || mResumed) return VX_OK;
     SharedWorks inputs;
     const VXError ret = Node::getPendingInputWorks(requestedCount, &inputs);
+    if (ret == VX_OK) ++record().moved;
     hold(&inputs);
     mInputs.splice(mInputs.end(), inputs);
     return ret;

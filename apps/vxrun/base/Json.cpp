@@ -155,6 +155,14 @@ const std::string& JsonDocument::scalar(const JsonValue& value) const {
     return value.text;
 }
 
+std::vector<std::string> JsonDocument::strings(const JsonValue& value) const {
+    std::vector<std::string> texts;
+    for (const JsonValue& item : expect(value, JsonValue::ARRAY).items) {
+        texts.push_back(expect(item, JsonValue::STRING).text);
+    }
+    return texts;
+}
+
 const std::vector<JsonValue>& JsonDocument::items(const JsonValue& object, const std::string& key,
                                                   JsonValue::Kind kind) const {
     static const std::vector<JsonValue> none;

@@ -52,6 +52,8 @@ public:
     const std::string& name(const JsonValue& object, const std::string& key) const;
     // The text of a string, a number or a boolean.
     const std::string& scalar(const JsonValue& value) const;
+    // The texts of an array of strings.
+    std::vector<std::string> strings(const JsonValue& value) const;
     // The items of the array or object `key` of `object`; none when it is not there.
     const std::vector<JsonValue>& items(const JsonValue& object, const std::string& key,
                                         JsonValue::Kind kind) const;

@@ -24,8 +24,8 @@ public:
                   "Exit code for what is not supported, default 69")
             ->check(CLI::Range(0, 255));
         showOptions(*app,
-                    {"--nodes", "--set", "--record", "--force", "--log", "--timeout", "--stall", "--progress",
-                     "--trace", "--dot", "--color", "--stats", "--quiet"},
+                    {"--nodes", "--set", "--record", "--force", "--log", "--timeout", "--stall",
+                     "--progress", "--trace", "--dot", "--color", "--stats", "--quiet"},
                     decode);
         return decode;
     }

@@ -43,7 +43,9 @@ public:
         for (const char* const option : {"--record", "--progress", "--trace", "--dot"}) {
             suite->excludes(app->get_option(option));
         }
-        showOptions(*app, {"--nodes", "--set", "--log", "--timeout", "--stall", "--color", "--quiet"}, suite);
+        showOptions(*app,
+                    {"--nodes", "--set", "--log", "--timeout", "--stall", "--color", "--quiet"},
+                    suite);
         return suite;
     }
 

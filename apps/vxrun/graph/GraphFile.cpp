@@ -154,8 +154,8 @@ private:
     // A name without a slash may be that of a library of the system.
     void loadNodes(const JsonValue& library) const {
         const std::filesystem::path file = mFolder / library.text;
-        const bool isHere = library.text.find('/') < library.text.size() ||
-                            std::filesystem::exists(file);
+        const bool isHere =
+            library.text.find('/') < library.text.size() || std::filesystem::exists(file);
         try {
             loadNodeLibrary(isHere ? file.string() : library.text);
         } catch (const Failure& failure) {
@@ -197,10 +197,12 @@ private:
                            Verdict::NodeNotFound);
         });
         forEach(json, "configs", JsonValue::OBJECT, [&](const JsonValue& config) {
-            const std::string& value = mDocument.scalar(config);
             // The node refuses unknown keys.
             const ConfigKey* const key =
                 read->type != nullptr ? read->type->findConfig(config.key) : nullptr;
+            const bool isList = key != nullptr && key->isList() && config.kind == JsonValue::ARRAY;
+            const std::string value =
+                isList ? joinedWords(mDocument.strings(config)) : mDocument.scalar(config);
             const bool isPath = key != nullptr && key->isPath();
             node->configs[config.key] =
                 isPath && !value.empty() ? (mFolder / value).string() : value;

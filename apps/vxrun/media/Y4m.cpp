@@ -8,12 +8,13 @@
 #include <sstream>
 
 namespace vxrun {
+
+const std::string kY4mMagic = "YUV4MPEG2";
+
 namespace {
 
-constexpr size_t kMaxLine = 4096;        // comments (X...) make header lines long, not endless
 constexpr uint64_t kMaxSide = 65535;     // of a picture
 constexpr uint64_t kMaxFrame = 1 << 30;  // bytes
-const std::string kMagic = "YUV4MPEG2";
 
 // "30000:1001"; 0:0, which means unknown in this format, becomes `unknown`.
 Rational parseRatio(const std::string& text, Rational unknown) {
@@ -74,11 +75,13 @@ void parseField(char letter, const std::string& value, StreamInfo* stream) {
     }
 }
 
-StreamInfo parseHeader(const std::string& line) {
+}  // namespace
+
+StreamInfo y4mStream(const std::string& line) {
     std::istringstream fields(line);
     std::string field;
     fields >> field;
-    if (field != kMagic) throw Failure("expected 'YUV4MPEG2', got " + quote(line));
+    if (field != kY4mMagic) throw Failure("expected 'YUV4MPEG2', got " + quote(line));
     StreamInfo stream;
     stream.picture.pixels = *findPixelFormat("yuv420p");
     stream.timeBase = {1, 25};
@@ -98,7 +101,9 @@ StreamInfo parseHeader(const std::string& line) {
     throw Failure(concat("a frame of ", size, " bytes is larger than 1 GiB"));
 }
 
-}  // namespace
+bool isY4mFrame(const std::string& line) {
+    return line == "FRAME" || line.rfind("FRAME ", 0) == 0;
+}
 
 std::string y4mHeader(const StreamInfo& stream) {
     const PictureFormat& picture = stream.picture;
@@ -114,22 +119,22 @@ std::string y4mHeader(const StreamInfo& stream) {
     const uint64_t num =
         static_cast<uint64_t>(stream.timeBase.num) * std::max<uint64_t>(stream.duration, 1);
     const Rational sar = stream.sar.num == 0 ? Rational{0, 0} : stream.sar;
-    return concat(kMagic, " W", picture.width, " H", picture.height, " F", stream.timeBase.den, ":",
-                  num, " Ip A", sar.num, ":", sar.den, " C", space->first,
+    return concat(kY4mMagic, " W", picture.width, " H", picture.height, " F", stream.timeBase.den,
+                  ":", num, " Ip A", sar.num, ":", sar.den, " C", space->first,
                   full ? " XCOLORRANGE=FULL" : "", "\n");
 }
 
 Y4mReader::Y4mReader(const std::string& path) : mFile(path) {
     std::string line;
-    const bool complete = mFile.readLine(kMaxLine, &line);
+    const bool complete = mFile.readLine(kY4mLine, &line);
     if (!complete && line.empty()) mFile.fail("empty file");
     // A file of another kind is recognized by its first bytes, however long its first line is.
-    if (!complete && line.rfind(kMagic, 0) == 0) {
-        mFile.fail(line.size() == kMaxLine ? "header line longer than 4096 bytes"
+    if (!complete && line.rfind(kY4mMagic, 0) == 0) {
+        mFile.fail(line.size() == kY4mLine ? "header line longer than 4096 bytes"
                                            : "header line ends with the file");
     }
     try {
-        mStream = parseHeader(line);
+        mStream = y4mStream(line);
     } catch (const Failure& failure) {
         throw Failure(path + ": " + failure.what(), failure.verdict());
     }
@@ -139,8 +144,8 @@ bool Y4mReader::nextFrame() {
     if (mFile.atEnd()) return false;
     const uint64_t offset = mFile.offset();
     std::string line;
-    const bool complete = mFile.readLine(kMaxLine, &line);
-    if (line != "FRAME" && line.rfind("FRAME ", 0) != 0) {
+    const bool complete = mFile.readLine(kY4mLine, &line);
+    if (!isY4mFrame(line)) {
         failFrame(offset, "expected 'FRAME', got " + quote(line));
     }
     if (!complete) failFrame(offset, "the FRAME line is truncated or too long");

@@ -14,6 +14,15 @@ namespace vxrun {
 // Verdict::NotSupported, for those that Y4M does not have.
 std::string y4mHeader(const StreamInfo& stream);
 
+// The stream of such a header line, without its line feed. Throws Failure, Verdict::NotSupported,
+// for a color space that exists but is not handled.
+StreamInfo y4mStream(const std::string& header);
+// Whether `line` is that before a frame.
+bool isY4mFrame(const std::string& line);
+// What such a file begins with, and the longest line that is accepted.
+extern const std::string kY4mMagic;
+constexpr size_t kY4mLine = 4096;
+
 // Y4mReader: reads such a file. Failures name the file, the header field or the frame and its byte
 // offset, and what was expected.
 //

@@ -1,12 +1,12 @@
 // source/bitstream: the access units of the best video stream of a file, as libavformat demuxes
 // them.
 #include "Keys.h"
-#include "LibavFrames.h"
-#include "Text.h"
+#include "VideoFile.h"
 
 #include <vxkit/Source.h>
 
 #include <cstring>
+#include <optional>
 
 namespace vxrun {
 namespace {
@@ -16,83 +16,19 @@ public:
     using Source::Source;
 
 private:
-    void open() override {
-        CodecLog::takeOver();
-        mPath = requiredConfig(kFile);
-        openFile();
-        const int best = av_find_best_stream(mFile.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-        if (best < 0) throw Failure(mPath + ": no video stream in the file");
-        for (unsigned i = 0; i < mFile->nb_streams; ++i) {
-            if (static_cast<int>(i) != best) mFile->streams[i]->discard = AVDISCARD_ALL;
-        }
-        mVideo = mFile->streams[best];
-        describe();
-    }
-    std::string nothing() const override { return mPath + ": no access unit in the file"; }
-
-    void openFile() {
-        // The path is a file's, even if it looks like a URL, and a file must not fetch anything
-        // from elsewhere.
-        LibavOptions options(config(kOptions));
-        av_dict_set(options.get(), "protocol_whitelist", "file", 0);
-        AVFormatContext* file = nullptr;
-        const int result =
-            avformat_open_input(&file, ("file:" + mPath).c_str(), nullptr, options.get());
-        mFile.reset(file);
-        // "tty" accepts any text as a video, because of the file's name.
-        const bool unknown = result == AVERROR_INVALIDDATA ||
-                             (result == 0 && std::strcmp(file->iformat->name, "tty") == 0);
-        if (unknown) throw Failure(mPath + ": not a video file that libavformat can read");
-        check(result);
-        options.check(0, std::string("the demuxer ") + file->iformat->name);
-        check(avformat_find_stream_info(file, nullptr));
-    }
-
-    void describe() {
-        const AVCodecParameters& parameters = *mVideo->codecpar;
-        if (parameters.codec_id == AV_CODEC_ID_NONE) {
-            throw Failure(mPath + ": a video stream of an unknown codec", Verdict::NotSupported);
-        }
-        const int result = avcodec_parameters_copy(mStream->parameters.get(), &parameters);
-        if (result < 0) throw std::bad_alloc();
-        mStream->describe();
-        mStream->frameRate = fromLibav(av_guess_frame_rate(mFile.get(), mVideo, nullptr));
-        mStream->timeBase = fromLibav(mVideo->time_base);
-        mStream->sar = fromLibav(av_guess_sample_aspect_ratio(mFile.get(), mVideo, nullptr));
-    }
+    void open() override { mFile.emplace(requiredConfig(kFile), config(kOptions)); }
+    std::string nothing() const override { return mFile->path() + ": no access unit in the file"; }
 
     bool next() override {
         const std::shared_ptr<AVPacket> unit = made(av_packet_alloc());
-        do {
-            av_packet_unref(unit.get());
-            const int result = av_read_frame(mFile.get(), unit.get());
-            // Many demuxers treat a failing read as the end of the file.
-            if (result == AVERROR_EOF && mFile->pb != nullptr) check(mFile->pb->error);
-            if (result == AVERROR_EOF) return false;
-            check(result, ": access unit " + std::to_string(mUnits));
-        } while (unit->stream_index != mVideo->index || unit->size == 0);
-        ++mUnits;
-        // Time starts at 0, as it does in the lists of other programs.
-        const int64_t start = mVideo->start_time == AV_NOPTS_VALUE ? 0 : mVideo->start_time;
-        for (int64_t* time : {&unit->dts, &unit->pts}) {
-            if (*time != AV_NOPTS_VALUE) *time -= start;
-        }
-        giveUnit(mStream, std::make_shared<LibavUnitInfo>(*unit), static_cast<size_t>(unit->size),
+        if (!mFile->next(unit.get())) return false;
+        giveUnit(mFile->stream(), std::make_shared<LibavUnitInfo>(*unit),
+                 static_cast<size_t>(unit->size),
                  [unit](uint8_t* bytes) { std::memcpy(bytes, unit->data, unit->size); });
         return true;
     }
 
-    void check(int result, const std::string& at = "") const {
-        if (result < 0 && result != AVERROR_EOF) {
-            throw Failure(mPath + at + ": " + libavText(result));
-        }
-    }
-
-    std::string mPath;
-    Libav<AVFormatContext> mFile;
-    AVStream* mVideo = nullptr;  // of mFile
-    const std::shared_ptr<LibavStreamInfo> mStream = std::make_shared<LibavStreamInfo>();
-    uint64_t mUnits = 0;  // that were read
+    std::optional<VideoFile> mFile;
 };
 
 const Registered<BitstreamSource> kType("source/bitstream",

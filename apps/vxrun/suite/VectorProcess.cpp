@@ -122,10 +122,10 @@ void VectorProcess::judge(int status, bool negative) {
                    "ended after " + decimal(mVector.seconds, 1) + " s");
     }
     if (WIFSIGNALED(status)) {
-        return set(TestVector::ERROR, concat("SIGNAL_", WTERMSIG(status)),
-                   concat("ended by a signal: ", *mResult->message != '\0'
-                                                     ? mResult->message
-                                                     : strsignal(WTERMSIG(status))));
+        return set(
+            TestVector::ERROR, concat("SIGNAL_", WTERMSIG(status)),
+            concat("ended by a signal: ",
+                   *mResult->message != '\0' ? mResult->message : strsignal(WTERMSIG(status))));
     }
     if (!mResult->isComplete) {
         return set(TestVector::ERROR, verdictName(Verdict::UnknownError),

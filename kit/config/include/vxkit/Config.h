@@ -36,6 +36,8 @@ public:
     virtual std::string mistakeIn(const std::string& text) const = 0;
     // True when the value names a file or folder, relative to that of the graph file.
     virtual bool isPath() const { return false; }
+    // True when the value is a list of words, see splitWords(). A graph file may have an array.
+    virtual bool isList() const { return false; }
 
     // The value in a description; empty when it was not given.
     std::string textIn(const vexa::VXNodeDescriptor& node) const;
@@ -68,6 +70,16 @@ public:
     std::string mistakeIn(const std::string& text) const override;
     bool isPath() const override { return true; }
     Value valueOf(const std::string& text) const { return text; }
+};
+
+// WordsKey: the words of a command line. Life, threads and owns: as ConfigKey.
+class WordsKey final : public ConfigKey {
+public:
+    using Value = std::vector<std::string>;
+    WordsKey(const char* name, const char* help, Use use = FREE) : ConfigKey(name, help, use) {}
+    std::string mistakeIn(const std::string& text) const override;
+    bool isList() const override { return true; }
+    Value valueOf(const std::string& text) const;
 };
 
 // ChoiceKey: one of a few words. Life, threads and owns: as ConfigKey.

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace vxkit {
 
@@ -33,6 +34,11 @@ std::string quote(const std::string& text);
 
 // The system's message for an errno number.
 std::string errnoText(int number);
+
+// The words of a command line: separated by blanks, which '...' and "..." keep. Throws Failure for
+// a quote that does not end. joinedWords() is the reverse.
+std::vector<std::string> splitWords(const std::string& text);
+std::string joinedWords(const std::vector<std::string>& words);
 
 // The whole of `text` as a decimal number in [low, high]. Throws Failure with what was expected.
 uint64_t parseNumber(const std::string& text, uint64_t low, uint64_t high);

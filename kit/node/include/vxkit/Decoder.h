@@ -10,6 +10,10 @@
 
 namespace vxkit {
 
+// Configs of everything that decodes.
+extern const TextKey kFormat;
+extern const FlagKey kTolerateErrors;
+
 // What a decoder states about one of its pictures. A plain value.
 struct DecodedPicture {
     PictureFormat format;

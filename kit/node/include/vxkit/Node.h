@@ -63,6 +63,8 @@ protected:
     // process() of a node without outputs; one that has some may be processing already.
     virtual void begin() {}
     virtual void process(const SharedWorks& inputs) = 0;
+    // Whether each process() is a sign of life of the run, as frames that are sent are.
+    virtual bool movesByProcess() const { return true; }
     // The answer to wakeUp(). By default the oldest fence of fenced() fires.
     virtual void wake() { mFences.fireNext(); }
 

@@ -72,6 +72,7 @@ private:
     };
 
     void process(const SharedWorks& inputs) final;
+    bool movesByProcess() const final { return false; }
     void write();
     void advance();
     void sendWritten();
