@@ -2,9 +2,9 @@
 // not make.
 #include "support/Vxrun.h"
 
-#include <DecodeGraph.h>
 #include <LibavFrames.h>
 #include <Runner.h>
+#include <TestedDecoder.h>
 #include <vxkit/Source.h>
 #include <vxkit/Text.h>
 
@@ -176,7 +176,7 @@ TEST(Decoders, TakeAccessUnitsOfAnySource) {
                               .c_str()),
               0);
     const auto md5Of = [&](const char* type) {
-        vexa::VXGraphInfo graph = vxrun::decodeGraph({file, "", true, "", ""});
+        vexa::VXGraphInfo graph = vxrun::TestedDecoder().graphFor({file, "", true, "", ""});
         graph.nodes[0]->type = type;
         Evidence evidence;
         evidence.expectNoCheck();

@@ -105,6 +105,24 @@ const std::vector<std::unique_ptr<Command>>& commands() {
     return all();
 }
 
+void addDecoderOptions(CLI::App* command, DecoderOptions* options) {
+    addOption(command, "--decoder NAME|FILE", &options->names,
+              "The decoder to test: a description (.json), a name of --list-decoders, or a node "
+              "type; default libavcodec's")
+        ->allow_extra_args(false);
+    addOption(command, "--graph TEMPLATE.json", &options->graphs,
+              "Decode with this graph, with {input} and {format} in its configs")
+        ->allow_extra_args(false);
+}
+
+std::vector<TestedDecoder> DecoderOptions::find() const {
+    std::vector<TestedDecoder> found;
+    for (const std::string& name : names) found.push_back(TestedDecoder::find(name));
+    for (const std::string& file : graphs) found.push_back(TestedDecoder::ofGraph(file));
+    if (found.empty()) found.emplace_back();
+    return found;
+}
+
 void showOptions(const CLI::App& app, const std::vector<std::string>& names, CLI::App* command) {
     std::vector<const CLI::Option*> options;
     options.reserve(names.size());

@@ -3,6 +3,7 @@
 
 #include "GraphFile.h"
 #include "Runner.h"
+#include "TestedDecoder.h"
 
 #include <CLI/CLI.hpp>
 
@@ -64,6 +65,16 @@ CLI::Option* addOption(CLI::App* app, const std::string& usage, Value* value,
     return app->add_option(usage.substr(0, blank), *value, help)
         ->type_name(usage.substr(blank + 1));
 }
+
+// The options that choose what is tested.
+struct DecoderOptions {
+    // The decoders that they name; libavcodec's when they name none. Throws Failure.
+    std::vector<TestedDecoder> find() const;
+
+    std::vector<std::string> names;
+    std::vector<std::string> graphs;  // files, see TestedDecoder::ofGraph()
+};
+void addDecoderOptions(CLI::App* command, DecoderOptions* options);
 
 // Adds those options of `app` that apply to `command` to its help.
 void showOptions(const CLI::App& app, const std::vector<std::string>& names, CLI::App* command);

@@ -1,6 +1,7 @@
 // vxrun decode FILE: decodes a video file; prints the MD5 of all its pictures, or writes them.
 #include "Command.h"
-#include "DecodeGraph.h"
+#include "TestedDecoder.h"
+#include "Text.h"
 
 #include <unistd.h>
 
@@ -18,6 +19,7 @@ public:
         decode->add_flag("--md5", mDecode.md5, "Print the MD5; default without -o");
         addOption(decode, "--format FORMAT", &mDecode.format,
                   "The pixel format that the pictures must have; nothing is converted");
+        addDecoderOptions(decode, &mDecoders);
         addOption(decode, "--codec CODEC", &mDecode.codec,
                   "A codec (h264, hevc, av1, ...) or a decoder");
         addOption(decode, "--unsupported-exit CODE", &mUnsupportedExit,
@@ -32,7 +34,14 @@ public:
 
     int execute(const CommonOptions& options, Evidence* evidence) override {
         evidence->expectNoCheck();
-        return runToVerdict(*this, decodeGraph(mDecode), options, evidence);
+        auto decoders = mDecoders.find();
+        if (decoders.size() > 1) throw badOption("--decoder", "expected one");
+        TestedDecoder& decoder = decoders.front();
+        for (const std::string& reason : {decoder.probe(), decoder.refusal(mDecode.codec)}) {
+            if (!reason.empty()) throw Failure("vxrun: " + reason, Verdict::NotSupported);
+        }
+        decoder.setEnvironment();
+        return runToVerdict(*this, decoder.graphFor(mDecode), options, evidence);
     }
 
     // On standard error: the MD5 is the last line on standard output.
@@ -43,6 +52,7 @@ public:
 
 private:
     DecodeOptions mDecode;
+    DecoderOptions mDecoders;
     int mUnsupportedExit = 69;  // EX_UNAVAILABLE, as runners of conformance suites expect it
 };
 

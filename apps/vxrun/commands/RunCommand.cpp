@@ -22,22 +22,35 @@ int listNodes() {
     return console::exitWithResult(text);
 }
 
+int listDecoders() {
+    std::string text;
+    for (TestedDecoder& decoder : TestedDecoder::shipped()) {
+        const std::string missing = decoder.probe();
+        text += concat(std::left, std::setw(12), decoder.name(), " ", decoder.help(), "\n",
+                       std::setw(12), "", "   ",
+                       missing.empty() ? decoder.version() : "not here: " + missing, "\n");
+    }
+    return console::exitWithResult(text);
+}
+
 class RunCommand final : public Command {
 public:
     CLI::App* addTo(CLI::App* app) override {
         app->add_flag("--list-nodes", mListNodes, "List the node types and their configs");
+        app->add_flag("--list-decoders", mListDecoders, "List the decoders that vxrun describes");
         return app;
     }
 
-    bool readsGraph() const override { return !mListNodes; }
+    bool readsGraph() const override { return !mListNodes && !mListDecoders; }
 
     int execute(const CommonOptions& options, Evidence* evidence) override {
         if (mListNodes) return listNodes();
+        if (mListDecoders) return listDecoders();
         return runToVerdict(*this, readGraphFile(options.graph), options, evidence);
     }
 
 private:
-    bool mListNodes = false;
+    bool mListNodes = false, mListDecoders = false;
 };
 
 const bool kRegistered = registerCommand(std::make_unique<RunCommand>());

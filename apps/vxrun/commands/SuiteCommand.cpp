@@ -27,6 +27,7 @@ public:
             app->add_subcommand("suite", "Decodes the test vectors of a conformance suite");
         suite->fallthrough();
         addOption(suite, "FILE SUITE.json", &mFile, "The suite")->required();
+        addDecoderOptions(suite, &mDecoders);
         addOption(suite, "--resources DIR", &mRun.resources, "Where the vectors' files are");
         addOption(suite, "--output DIR", &mRun.output, "Keep the raw video of every vector here");
         addOption(suite, "--filter GLOBS", &mSelection.filter,
@@ -54,16 +55,32 @@ public:
         const bool anySelected = mSelection.applyTo(&suite);
         if (mList) return list(suite);
         if (mRun.resources.empty()) throw badOption("--resources", "missing");
-        prepareReports(suite);
+        auto decoders = mDecoders.find();
+        SuiteResults results;
+        for (TestedDecoder& decoder : decoders) {
+            results.push_back(suite);
+            prepareColumn(&decoder, &results.back());
+        }
+        prepareReports(results);
         if (!mRun.output.empty()) {
             makeFolder("--output", std::filesystem::path(mRun.output) / suite.name);
         }
         // Not the silence of --quiet: the logs of test vectors go into the reports.
         mRun.vectors = {options.run, options.edits()};
         if (options.run.timeout == 0) mRun.vectors.run.timeout = kVectorTimeout;
-        mRun.writeReports = [&] { writeReports(mReports, suite); };
-        const int signal = runVectors(mRun, &suite);
-        return reportVerdict(suite, verdictOf(suite.counts(), signal, anySelected));
+        mRun.writeReports = [&] { writeReports(mReports, results); };
+        int signal = 0;
+        for (size_t i = 0; i < decoders.size() && signal == 0; ++i) {
+            SuiteRunOptions run = mRun;
+            if (decoders.size() > 1) {
+                run.label = results[i].decoder + "/";
+                if (!run.output.empty()) run.output += "/" + results[i].decoder;
+            }
+            signal = runVectors(run, decoders[i], &results[i]);
+        }
+        Counts counts;
+        for (const Suite& column : results) counts.add(column.counts());
+        return reportVerdict(results, counts, verdictOf(counts, signal, anySelected));
     }
 
 private:
@@ -75,34 +92,48 @@ private:
         return console::exitWithResult(names);
     }
 
+    // What a decoder cannot do here is not run with it.
+    static void prepareColumn(TestedDecoder* decoder, Suite* suite) {
+        // libavcodec's decoders are many.
+        const bool isDefault = decoder->name() == TestedDecoder().name() && !suite->codec.empty();
+        suite->decoder = decoder->name() + (isDefault ? "-" + suite->codec : "");
+        std::string reason = decoder->probe();
+        if (reason.empty()) reason = decoder->refusal(suite->codec);
+        if (reason.empty()) return;
+        for (TestVector& vector : suite->vectors) {
+            vector.state = TestVector::NOT_SUPPORTED;
+            vector.message = reason;
+        }
+    }
+
     // The reports replace older ones before anything runs, or can fail to.
-    void prepareReports(const Suite& suite) {
+    void prepareReports(const SuiteResults& results) {
         // "xml:FILE" or "xml:FOLDER/"; other kinds are GoogleTest's own.
         const std::string output = variable("GTEST_OUTPUT");
         std::string& junit = mReports["junit"];
         if (junit.empty() && output.rfind("xml:", 0) == 0) {
-            junit = output.substr(4) + (output.back() == '/' ? suite.name + ".xml" : "");
+            junit = output.substr(4) + (output.back() == '/' ? results.front().name + ".xml" : "");
         }
         constexpr char kStatus[] = "GTEST_SHARD_STATUS_FILE";
         if (!variable(kStatus).empty()) writeTextFile(kStatus, variable(kStatus), "");
-        const auto failures = writeReports(mReports, suite);
+        const auto failures = writeReports(mReports, results);
         if (!failures.empty()) throw Failure(failures.front());
     }
 
-    int reportVerdict(const Suite& suite, Verdict verdict) const {
-        for (const Failure& failure : writeReports(mReports, suite)) {
+    int reportVerdict(const SuiteResults& results, const Counts& counts, Verdict verdict) const {
+        for (const Failure& failure : writeReports(mReports, results)) {
             console::line(failure.what());
             if (exitCode(verdict) == 0) verdict = Verdict::NotWritten;
         }
-        const Counts counts = suite.counts();
         const std::string line =
             concat("verdict: ", verdictName(verdict), " passed=", counts.of[TestVector::SUCCESS],
                    " failed=", counts.of[TestVector::FAIL], " errors=", counts.errors(),
                    " skipped=", counts.skipped(), "\n");
-        return console::exitWithResult(profileTable(suite) + line, exitCode(verdict));
+        return console::exitWithResult(countsTable(results) + line, exitCode(verdict));
     }
 
     std::string mFile;
+    DecoderOptions mDecoders;
     Selection mSelection;
     SuiteRunOptions mRun;
     ReportFiles mReports;

@@ -42,8 +42,10 @@ void setConfig(const std::string& assignment, const Nodes& nodes, DescriptorOf d
 // continues after it.
 class GraphReader {
 public:
-    explicit GraphReader(const std::string& path)
-        : mDocument(parse(path)), mFolder(std::filesystem::path(path).parent_path()) {}
+    explicit GraphReader(const std::string& path, GraphValues values = {})
+        : mDocument(parse(path)),
+          mFolder(std::filesystem::path(path).parent_path()),
+          mValues(std::move(values)) {}
 
     void read() {
         const JsonValue& root = mDocument.root();
@@ -201,8 +203,12 @@ private:
             const ConfigKey* const key =
                 read->type != nullptr ? read->type->findConfig(config.key) : nullptr;
             const bool isList = key != nullptr && key->isList() && config.kind == JsonValue::ARRAY;
-            const std::string value =
+            std::string value =
                 isList ? joinedWords(mDocument.strings(config)) : mDocument.scalar(config);
+            for (const auto& [placeholder, meant] : mValues) {
+                const size_t at = value.find(placeholder);
+                if (at != std::string::npos) value.replace(at, placeholder.size(), meant);
+            }
             const bool isPath = key != nullptr && key->isPath();
             node->configs[config.key] =
                 isPath && !value.empty() ? (mFolder / value).string() : value;
@@ -354,6 +360,7 @@ private:
 
     const JsonDocument mDocument;
     const std::filesystem::path mFolder;
+    const GraphValues mValues;
     VXGraphInfo mInfo;
     std::set<std::string> mNodeNames;
     Ports mInputs;
@@ -365,8 +372,8 @@ private:
 
 }  // namespace
 
-VXGraphInfo readGraphFile(const std::string& path) {
-    GraphReader reader(path);
+VXGraphInfo readGraphFile(const std::string& path, const GraphValues& values) {
+    GraphReader reader(path, values);
     reader.read();
     if (!reader.failures().empty()) throw Failure(reader.failures().front());
     return reader.release();

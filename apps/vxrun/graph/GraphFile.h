@@ -18,7 +18,10 @@ namespace vxrun {
 // Throws Failure "file:line:column: place: text" for the first mistake. Its verdict is NodeNotFound
 // for an unknown node type, GraphBuildFail for a connection between different formats, else none,
 // which is CorruptDescription to a run. Nothing has been built by then.
-vexa::VXGraphInfo readGraphFile(const std::string& path);
+//
+// `values`: of placeholders in the values of configs, such as {input}.
+using GraphValues = std::map<std::string, std::string>;
+vexa::VXGraphInfo readGraphFile(const std::string& path, const GraphValues& values = {});
 
 // GraphEdits: what options change in a graph.
 struct GraphEdits {

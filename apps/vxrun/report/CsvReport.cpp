@@ -12,11 +12,24 @@ std::string csvField(const std::string& name) {
     return concat(std::quoted(text, '"', '"'));
 }
 
-std::string csvReport(const Suite& suite) {
-    std::string report = "Vector Name,Result,Time (s),Profile\n";
-    for (const TestVector& vector : suite.vectors) {
-        report += concat(csvField(vector.name), ",", stateName(vector.state), ",",
-                         decimal(vector.seconds, 3), ",", csvField(vector.profile), "\n");
+// With several decoders, four columns of each, under its name.
+std::string csvReport(const SuiteResults& results) {
+    std::string report;
+    const auto addRow = [&](auto fieldsOf) {
+        for (const Suite& suite : results) {
+            report += (&suite == &results.front() ? "" : ",") + fieldsOf(suite);
+        }
+        report += "\n";
+    };
+    if (results.size() > 1)
+        addRow([](const Suite& suite) { return csvField(suite.decoder) + ",,,"; });
+    addRow([](const Suite&) { return std::string("Vector Name,Result,Time (s),Profile"); });
+    for (size_t i = 0; i < results.front().vectors.size(); ++i) {
+        addRow([&](const Suite& suite) {
+            const TestVector& vector = suite.vectors[i];
+            return concat(csvField(vector.name), ",", stateName(vector.state), ",",
+                          decimal(vector.seconds, 3), ",", csvField(vector.profile));
+        });
     }
     return report;
 }

@@ -10,12 +10,11 @@
 namespace vxrun {
 namespace {
 
-std::string jsonReport(const Suite& suite) {
-    using Json = nlohmann::ordered_json;
-    utsname system{};
-    uname(&system);
+using Json = nlohmann::ordered_json;
+
+Json resultsOf(const Suite& suite) {
     const Counts counts = suite.counts();
-    Json run = {{"decoder_name", decoderName(suite)},
+    Json run = {{"decoder_name", suite.decoder},
                 {"total_tests", counts.total},
                 {"passed", counts.of[TestVector::SUCCESS]},
                 {"not_run", counts.of[TestVector::NOT_RUN]},
@@ -36,13 +35,21 @@ std::string jsonReport(const Suite& suite) {
         if (!vector.profile.empty()) entry["profile"] = vector.profile;
         vectors.push_back({vector.name, std::move(entry)});
     }
+    return run;
+}
+
+std::string jsonReport(const SuiteResults& results) {
+    utsname system{};
+    uname(&system);
     Json report;
     report["system_info"] = {{"os", std::string(system.sysname) + " " + system.release},
                              {"cpu", system.machine},
                              {"gpu", Json::array()},
                              {"ram", sysconf(_SC_PHYS_PAGES) * sysconf(_SC_PAGE_SIZE)},
                              {"backends", Json::object()}};
-    report["test_suites"][suite.name]["decoders"][decoderName(suite)] = std::move(run);
+    for (const Suite& suite : results) {
+        report["test_suites"][suite.name]["decoders"][suite.decoder] = resultsOf(suite);
+    }
     return report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 

@@ -57,29 +57,38 @@ void addCase(pugi::xml_node parent, const Suite& suite, const TestVector& vector
     }
 }
 
-std::string junitReport(const Suite& suite) {
-    const Counts counts = suite.counts();
-    Attributes attributes = {{"name", "vxrun"},
-                             {"tests", std::to_string(counts.total)},
-                             {"failures", std::to_string(counts.of[TestVector::FAIL])},
-                             {"errors", std::to_string(counts.errors())},
-                             {"time", decimal(counts.seconds, 3)}};
-    pugi::xml_document document;
-    pugi::xml_node root = addNode(document, "testsuites", attributes);
+Attributes countsOf(const std::string& name, const Counts& counts) {
+    return {{"name", name},
+            {"tests", std::to_string(counts.total)},
+            {"failures", std::to_string(counts.of[TestVector::FAIL])},
+            {"errors", std::to_string(counts.errors())},
+            {"time", decimal(counts.seconds, 3)}};
+}
+
+void addSuite(pugi::xml_node root, const Suite& suite) {
     utsname system{};
     uname(&system);
     const time_t time = std::time(nullptr);
     std::tm now{};
     gmtime_r(&time, &now);
-    attributes.front().second = suite.name;
+    const Counts counts = suite.counts();
+    Attributes attributes = countsOf(suite.name, counts);
     attributes.insert(attributes.end(),
                       {{"skipped", std::to_string(counts.skipped())},
                        {"timestamp", concat(std::put_time(&now, "%Y-%m-%dT%H:%M:%S"))},
                        {"hostname", system.nodename}});
     pugi::xml_node node = addNode(root, "testsuite", attributes);
     addNode(node.append_child("properties"), "property",
-            {{"name", "decoder"}, {"value", decoderName(suite)}});
+            {{"name", "decoder"}, {"value", suite.decoder}});
     for (const TestVector& vector : suite.vectors) addCase(node, suite, vector);
+}
+
+std::string junitReport(const SuiteResults& results) {
+    Counts all;
+    for (const Suite& suite : results) all.add(suite.counts());
+    pugi::xml_document document;
+    const pugi::xml_node root = addNode(document, "testsuites", countsOf("vxrun", all));
+    for (const Suite& suite : results) addSuite(root, suite);
     // Not through a stream: pugixml was built for one standard library, and this may use another.
     struct Writer final : pugi::xml_writer {
         void write(const void* data, size_t size) override {

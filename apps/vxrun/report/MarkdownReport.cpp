@@ -5,36 +5,51 @@
 namespace vxrun {
 namespace {
 
-// A row of a table; what would end the cell or the row, or become markup, is escaped.
-std::string markdownRow(const std::string& first, const std::string& second) {
-    std::string row;
-    for (const std::string* cell : {&first, &second}) {
-        row += '|';
-        for (const char c : printable(*cell)) {
-            if (c == '|' || c == '<') row += '\\';
-            row += c;
-        }
+// A cell of a table; what would end the cell or the row, or become markup, is escaped.
+std::string cell(const std::string& text) {
+    std::string escaped = "|";
+    for (const char c : printable(text)) {
+        if (c == '|' || c == '<') escaped += '\\';
+        escaped += c;
     }
-    return row + "|\n";
+    return escaped;
 }
 
-std::string markdownReport(const Suite& suite) {
-    const std::string decoder = decoderName(suite);
-    std::string vectors = markdownRow("Test", decoder) + "|-|-|\n", table;
-    for (const TestVector& vector : suite.vectors) {
-        vectors += markdownRow(vector.name, stateName(vector.state));
-    }
-    const auto ratio = [](const Counts& part) {
-        return concat(part.of[TestVector::SUCCESS], "/", part.total);
+std::string ratio(const Counts& part) {
+    return concat(part.of[TestVector::SUCCESS], "/", part.total);
+}
+
+std::string markdownReport(const SuiteResults& results) {
+    std::string report;
+    const auto addRow = [&](const std::string& first, auto textOf) {
+        report += cell(first);
+        for (const Suite& suite : results) report += cell(textOf(suite));
+        report += "|\n";
     };
-    const Counts counts = suite.counts();
-    vectors += markdownRow("TOTAL", ratio(counts)) +
-               markdownRow("TOTAL TIME", decimal(counts.seconds, 3) + "s");
-    for (const auto& [profile, part] : countsByProfile(suite)) {
-        if (table.empty()) table = "\n" + markdownRow("Profile", decoder) + "|-|-|\n";
-        table += markdownRow(profile, ratio(part));
+    const auto addHeader = [&](const std::string& first) {
+        addRow(first, [](const Suite& suite) { return suite.decoder; });
+        report += "|-";
+        for (size_t i = 0; i < results.size(); ++i) report += "|-";
+        report += "|\n";
+    };
+    addHeader("Test");
+    const Suite& first = results.front();
+    for (size_t i = 0; i < first.vectors.size(); ++i) {
+        addRow(first.vectors[i].name,
+               [i](const Suite& suite) { return stateName(suite.vectors[i].state); });
     }
-    return vectors + table;
+    addRow("TOTAL", [](const Suite& suite) { return ratio(suite.counts()); });
+    addRow("TOTAL TIME",
+           [](const Suite& suite) { return decimal(suite.counts().seconds, 3) + "s"; });
+    const auto profiles = countsByProfile(first);
+    if (profiles.empty()) return report;
+    report += "\n";
+    addHeader("Profile");
+    for (const auto& entry : profiles) {
+        addRow(entry.first,
+               [&](const Suite& suite) { return ratio(countsByProfile(suite).at(entry.first)); });
+    }
+    return report;
 }
 
 const bool kRegistered = registerReportKind({"markdown", markdownReport});

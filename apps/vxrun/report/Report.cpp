@@ -22,13 +22,13 @@ const std::vector<ReportKind>& reportKinds() {
     return kinds();
 }
 
-std::vector<Failure> writeReports(const ReportFiles& files, const Suite& suite) {
+std::vector<Failure> writeReports(const ReportFiles& files, const SuiteResults& results) {
     std::vector<Failure> failures;
     for (const ReportKind& kind : kinds()) {
         const auto file = files.find(kind.name);
         if (file == files.end() || file->second.empty()) continue;
         try {
-            writeTextFile("--" + kind.name, file->second, kind.textOf(suite));
+            writeTextFile("--" + kind.name, file->second, kind.textOf(results));
         } catch (const Failure& failure) {
             failures.push_back(failure);
         }
@@ -43,8 +43,16 @@ std::map<std::string, Counts> countsByProfile(const Suite& suite) {
     return profiles;
 }
 
-std::string decoderName(const Suite& suite) {
-    return "libavcodec" + (suite.codec.empty() ? "" : "-" + suite.codec);
+std::vector<std::string> disagreements(const SuiteResults& results) {
+    std::vector<std::string> names;
+    for (size_t i = 0; i < results.front().vectors.size(); ++i) {
+        const TestVector& first = results.front().vectors[i];
+        const auto differs = [&](const Suite& other) {
+            return other.vectors[i].state != first.state;
+        };
+        if (std::any_of(results.begin(), results.end(), differs)) names.push_back(first.name);
+    }
+    return names;
 }
 
 }  // namespace vxrun

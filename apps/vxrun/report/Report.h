@@ -12,11 +12,14 @@
 
 namespace vxrun {
 
+// The same suite as each decoder has decoded it; at least one.
+using SuiteResults = std::vector<Suite>;
+
 // Life     static; registered before main().
 // Threads  any.
 struct ReportKind {
     std::string name;  // of the option: --name FILE
-    std::string (*textOf)(const Suite& suite);
+    std::string (*textOf)(const SuiteResults& results);
 };
 
 // Returns true, so that a static object of the kind's source file can call it.
@@ -27,17 +30,18 @@ const std::vector<ReportKind>& reportKinds();
 // The file of each report that is to be written, by the name of its kind; empty: none.
 using ReportFiles = std::map<std::string, std::string>;
 
-// Writes the reports of `suite` as it is now. Each appears whole, in place of the one before:
+// Writes the reports of `results` as they are now. Each appears whole, in place of the one before:
 // whenever a run is aborted, the files are valid. Those that cannot be written fail, the others do
 // not.
-std::vector<Failure> writeReports(const ReportFiles& files, const Suite& suite);
+std::vector<Failure> writeReports(const ReportFiles& files, const SuiteResults& results);
 
-// What several kinds contain: the counts of each profile, unless no test vector has one; what the
-// suite was decoded with.
+// What several kinds contain: the counts of each profile, unless no test vector has one; the test
+// vectors whose result is not the same with all decoders.
 std::map<std::string, Counts> countsByProfile(const Suite& suite);
-std::string decoderName(const Suite& suite);
+std::vector<std::string> disagreements(const SuiteResults& results);
 
-// The table of counts for each profile, as text for a terminal.
-std::string profileTable(const Suite& suite);
+// The counts as text for a terminal: of each profile, or of each decoder where there are several,
+// and what they disagree on.
+std::string countsTable(const SuiteResults& results);
 
 }  // namespace vxrun

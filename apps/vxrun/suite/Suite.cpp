@@ -118,6 +118,12 @@ void Counts::add(const TestVector& vector) {
     seconds += vector.seconds;
 }
 
+void Counts::add(const Counts& counts) {
+    for (size_t i = 0; i < TestVector::STATES; ++i) of[i] += counts.of[i];
+    total += counts.total;
+    seconds += counts.seconds;
+}
+
 Counts Suite::counts() const {
     Counts counts;
     for (const TestVector& vector : vectors) counts.add(vector);

@@ -30,6 +30,7 @@ struct TestVector {
 // How many test vectors there are in each state.
 struct Counts {
     void add(const TestVector& vector);
+    void add(const Counts& counts);
     size_t errors() const { return of[TestVector::ERROR] + of[TestVector::TIMEOUT]; }
     size_t skipped() const { return of[TestVector::NOT_RUN] + of[TestVector::NOT_SUPPORTED]; }
 
@@ -43,6 +44,7 @@ struct Suite {
 
     std::string name;
     std::string codec;       // libavcodec's name for it; empty: any
+    std::string decoder;     // that decodes the vectors, for reports
     std::string testMethod;  // other than md5: not supported
     bool negative = false;   // test vectors succeed when they would fail
     std::vector<TestVector> vectors;

@@ -43,7 +43,8 @@ void trimMemory() {
 
 class SuiteRun {
 public:
-    SuiteRun(const SuiteRunOptions& options, Suite* suite) : mOptions(options), mSuite(*suite) {
+    SuiteRun(const SuiteRunOptions& options, const TestedDecoder& decoder, Suite* suite)
+        : mOptions(options), mDecoder(decoder), mSuite(*suite) {
         sigemptyset(&mSignals);
         for (const int number : {SIGCHLD, SIGINT, SIGTERM}) sigaddset(&mSignals, number);
         std::signal(SIGCHLD, SIG_DFL);  // a process that ignores it gets no exit codes
@@ -94,7 +95,7 @@ private:
         child.deadline =
             child.start + kGrace +
             std::chrono::duration_cast<Clock::duration>(Seconds(mOptions.vectors.run.timeout));
-        const int error = child.process.start(options, mOptions.vectors, mOldSignals);
+        const int error = child.process.start(mDecoder, options, mOptions.vectors, mOldSignals);
         if (error != 0) {
             added.clear();  // reporting may need its descriptors
             if (mChildren.empty()) {
@@ -172,9 +173,10 @@ private:
 
     void report(const TestVector& vector) {
         mIsChanged = true;
-        console::line(concat("[", ++mReported, "/", mSuite.vectors.size(), "] ", vector.name, ": ",
-                             stateName(vector.state), " (", decimal(vector.seconds, 1), " s)",
-                             vector.message.empty() ? "" : ": ", vector.message));
+        console::line(concat("[", ++mReported, "/", mSuite.vectors.size(), "] ", mOptions.label,
+                             vector.name, ": ", stateName(vector.state), " (",
+                             decimal(vector.seconds, 1), " s)", vector.message.empty() ? "" : ": ",
+                             vector.message));
     }
 
     // What cannot be written now may be written at the end. The next reports come so late that they
@@ -189,6 +191,7 @@ private:
     }
 
     const SuiteRunOptions& mOptions;
+    const TestedDecoder& mDecoder;
     Suite& mSuite;
     std::deque<TestVector*> mWaiting;
     size_t mJobs = mOptions.jobs;  // that run at once, at most
@@ -204,8 +207,8 @@ private:
 
 }  // namespace
 
-int runVectors(const SuiteRunOptions& options, Suite* suite) {
-    return SuiteRun(options, suite).run();
+int runVectors(const SuiteRunOptions& options, const TestedDecoder& decoder, Suite* suite) {
+    return SuiteRun(options, decoder, suite).run();
 }
 
 }  // namespace vxrun

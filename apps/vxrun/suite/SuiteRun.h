@@ -18,15 +18,16 @@ struct SuiteRunOptions {
         output;  // the raw videos are kept as <output>/<suite>/<vector>.out; empty: not at all
     uint32_t jobs = std::max(std::thread::hardware_concurrency(), 1u);  // vectors at once
     VectorOptions vectors;
+    std::string label;                   // before the names of vectors in lines; may be empty
     std::function<void()> writeReports;  // those of the suite as it is now
 };
 
-// Runs the vectors that have no result yet and prints a line for each on standard error. Reports
+// Runs the vectors that have no result yet with `decoder` and prints a line for each on standard error. Reports
 // are written soon after a vector starts or ends ("soon" keeps them to a small share of the time).
 // A process that exceeds its time limit is sent SIGTERM, and then SIGKILL. At SIGINT or SIGTERM the
 // processes are ended, and their vectors stay unfinished. They end with this process in any case.
 //
 // The signal that ended it; else 0. Blocks the signals; on the main thread and before others start.
-int runVectors(const SuiteRunOptions& options, Suite* suite);
+int runVectors(const SuiteRunOptions& options, const TestedDecoder& decoder, Suite* suite);
 
 }  // namespace vxrun

@@ -53,8 +53,8 @@ VectorProcess::~VectorProcess() {
     if (mResult != nullptr) munmap(mResult, sizeof(Result));
 }
 
-int VectorProcess::start(const DecodeOptions& decode, const VectorOptions& options,
-                         const sigset_t& signals) {
+int VectorProcess::start(const TestedDecoder& decoder, const DecodeOptions& decode,
+                         const VectorOptions& options, const sigset_t& signals) {
     // A descriptor is left over, for the reports.
     if (mLog == nullptr || mResult == nullptr || memoryFile() == nullptr) return errno;
     const pid_t parent = getpid();
@@ -64,10 +64,11 @@ int VectorProcess::start(const DecodeOptions& decode, const VectorOptions& optio
     prctl(PR_SET_PDEATHSIG, SIGKILL);   // however the suite ends, this ends with it
     if (getppid() != parent) _exit(1);  // it ended before that
     pthread_sigmask(SIG_SETMASK, &signals, nullptr);
-    runChild(decode, options);
+    runChild(decoder, decode, options);
 }
 
-void VectorProcess::runChild(const DecodeOptions& decode, const VectorOptions& options) {
+void VectorProcess::runChild(const TestedDecoder& decoder, const DecodeOptions& decode,
+                             const VectorOptions& options) {
     dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);  // the MD5 goes into the result
     dup2(fileno(mLog.get()), STDERR_FILENO);
     console::configure(false, "never");
@@ -93,7 +94,8 @@ void VectorProcess::runChild(const DecodeOptions& decode, const VectorOptions& o
         return exitCode(mResult->verdict);
     };
     _exit(concluded(&evidence, handBack, [&] {
-        vexa::VXGraphInfo graph = decodeGraph(decode);
+        decoder.setEnvironment();
+        vexa::VXGraphInfo graph = decoder.graphFor(decode);
         options.edits.applyTo(&graph);
         runGraph(std::move(graph), options.run, &evidence, handBack);
         return handBack(evidence);

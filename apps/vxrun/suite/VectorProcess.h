@@ -1,11 +1,11 @@
 // VectorProcess: a process that decodes one test vector and hands its result back.
 #pragma once
 
-#include "DecodeGraph.h"
 #include "Files.h"
 #include "GraphFile.h"
 #include "Runner.h"
 #include "Suite.h"
+#include "TestedDecoder.h"
 
 #include <sys/types.h>
 
@@ -34,7 +34,8 @@ public:
 
     // Starts a copy of this process that decodes `decode` with the signals `signals` blocked. 0, or
     // an errno number.
-    int start(const DecodeOptions& decode, const VectorOptions& options, const sigset_t& signals);
+    int start(const TestedDecoder& decoder, const DecodeOptions& decode,
+              const VectorOptions& options, const sigset_t& signals);
 
     TestVector& vector() { return mVector; }
     void kill(int signal);
@@ -48,7 +49,8 @@ public:
 private:
     struct Result;
 
-    [[noreturn]] void runChild(const DecodeOptions& decode, const VectorOptions& options);
+    [[noreturn]] void runChild(const TestedDecoder& decoder, const DecodeOptions& decode,
+                               const VectorOptions& options);
     void judgePictures(bool negative);
 
     TestVector& mVector;

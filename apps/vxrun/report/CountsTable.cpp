@@ -6,16 +6,23 @@
 
 namespace vxrun {
 
-std::string profileTable(const Suite& suite) {
+std::string countsTable(const SuiteResults& results) {
+    const bool isOne = results.size() == 1;
     std::vector<std::pair<std::string, Counts>> rows;
-    for (const auto& [profile, counts] : countsByProfile(suite)) {
-        rows.emplace_back(profile.empty() ? "-" : printable(profile), counts);
+    if (isOne) {
+        for (const auto& [profile, counts] : countsByProfile(results.front())) {
+            rows.emplace_back(profile.empty() ? "-" : printable(profile), counts);
+        }
+        rows.emplace_back("all", results.front().counts());
+    } else {
+        for (const Suite& suite : results) {
+            rows.emplace_back(printable(suite.decoder), suite.counts());
+        }
     }
-    rows.emplace_back("all", suite.counts());
-    size_t width = 7;  // of "profile"
+    size_t width = 7;  // of "profile" and "decoder"
     for (const auto& row : rows) width = std::max(width, row.first.size());
     std::ostringstream table;
-    table << "profile" << std::string(width - 7, ' ')
+    table << (isOne ? "profile" : "decoder") << std::string(width - 7, ' ')
           << "     total    passed    failed    errors   skipped   seconds\n";
     for (const auto& [name, counts] : rows) {
         table << name << std::string(width - name.size(), ' ');
@@ -26,6 +33,8 @@ std::string profileTable(const Suite& suite) {
         }
         table << std::setw(10) << decimal(counts.seconds, 1) << "\n";
     }
+    const auto names = disagreements(results);
+    if (!names.empty()) table << "the decoders disagree on " << printable(joined(names)) << "\n";
     return table.str();
 }
 

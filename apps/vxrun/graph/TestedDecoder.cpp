@@ -1,0 +1,240 @@
+#include "TestedDecoder.h"
+
+#include "GraphFile.h"
+#include "Json.h"
+#include "Program.h"
+#include "Text.h"
+
+#include <vxkit/NodeLibrary.h>
+#include <vxkit/NodeType.h>
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+
+namespace vxrun {
+namespace {
+
+namespace fs = std::filesystem;
+using vexa::VXGraphInfo;
+using vexa::VXNodeDescriptor;
+
+constexpr char kLibav[] = "libavcodec", kCommandType[] = "codec/command";
+
+// Where shipped descriptions are: beside the program, or where it is installed.
+std::vector<fs::path> shippedFolders() {
+    std::error_code none;
+    const fs::path program = fs::read_symlink("/proc/self/exe", none).parent_path();
+    return {program / "decoders", program.parent_path() / "share/vxrun/decoders"};
+}
+
+// What a program prints, on either output, and how it ended; at most some seconds long.
+std::string outputOf(const Program::Setup& setup, int* status) {
+    constexpr std::chrono::seconds kLimit(10);
+    constexpr size_t kMost = 64 << 10;
+    const auto deadline = std::chrono::steady_clock::now() + kLimit;
+    Program program(setup);
+    std::string text;
+    pollfd files[] = {
+        {program.output(), POLLIN, 0}, {program.errors(), POLLIN, 0}, {program.end(), POLLIN, 0}};
+    for (bool isOver = false; !isOver;) {
+        isOver = program.status().has_value();
+        for (pollfd& file : files) {
+            char part[4096];
+            ssize_t size = 0;
+            while (file.fd != program.end() && (size = read(file.fd, part, sizeof part)) > 0) {
+                if (text.size() < kMost) text.append(part, static_cast<size_t>(size));
+            }
+            if (file.fd != program.end() && size == 0) file.fd = -1;  // closed
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (!isOver && (left.count() <= 0 || poll(files, 3, static_cast<int>(left.count())) == 0)) {
+            throw Failure(setup.command[0] + ": no answer within 10 s");
+        }
+    }
+    *status = *program.status();
+    return text;
+}
+
+// The first line with a number like 1.2 or 1.2.3 in it; empty when there is none.
+std::string versionIn(const std::string& text) {
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        for (size_t i = 1; i + 1 < line.size(); ++i) {
+            if (line[i] == '.' && std::isdigit(line[i - 1]) != 0 &&
+                std::isdigit(line[i + 1]) != 0) {
+                return printable(line);
+            }
+        }
+    }
+    return "";
+}
+
+}  // namespace
+
+TestedDecoder::TestedDecoder() : mName(kLibav), mNodeType("codec/decoder") {}
+
+TestedDecoder TestedDecoder::ofGraph(const std::string& path) {
+    TestedDecoder decoder;
+    decoder.mName = fs::path(path).stem();
+    decoder.mNodeType.clear();
+    decoder.mGraph = path;
+    return decoder;
+}
+
+TestedDecoder TestedDecoder::find(const std::string& name) {
+    TestedDecoder decoder;
+    std::error_code none;
+    if (name.size() > 5 && name.substr(name.size() - 5) == ".json") {
+        decoder.read(name);
+        return decoder;
+    }
+    if (name == kLibav) return decoder;
+    for (const fs::path& folder : shippedFolders()) {
+        const fs::path file = folder / (name + ".json");
+        if (name.find('/') == std::string::npos && fs::exists(file, none)) {
+            decoder.read(file);
+            return decoder;
+        }
+    }
+    const NodeType* const type = findNodeType(name);
+    if (type == nullptr || type->outputs != 1 || type->inputs > 1) {
+        throw badOption("--decoder", concat("no decoder ", quote(name), "; a description ends in ",
+                                            ".json, for the others see --list-decoders"));
+    }
+    decoder.mName = decoder.mNodeType = name;
+    return decoder;
+}
+
+void TestedDecoder::read(const std::string& path) {
+    const JsonDocument document(path, "decoder");
+    const JsonValue& root = document.expectObject(
+        document.root(), {"name", "help", "codecs", "environment", "probe", "nodes_from", "node",
+                          "configs", "command", "graph"});
+    const auto has = [&](const char* key) { return root.find(key) != nullptr; };
+    const auto stringsOf = [&](const char* key) {
+        return has(key) ? document.strings(*root.find(key)) : std::vector<std::string>();
+    };
+    const fs::path folder = fs::path(path).parent_path();
+    mName = document.name(root, "name");
+    mHelp = has("help") ? document.member(root, "help", JsonValue::STRING).text : "";
+    mCodecs = stringsOf("codecs");
+    mEnvironment = stringsOf("environment");
+    mProbe = stringsOf("probe");
+    for (const JsonValue& item : document.items(root, "nodes_from", JsonValue::ARRAY)) {
+        const std::string file = document.expect(item, JsonValue::STRING).text;
+        const bool isHere = file.find('/') != std::string::npos || fs::exists(folder / file);
+        try {
+            loadNodeLibrary(isHere ? (folder / file).string() : file);
+        } catch (const Failure& failure) {
+            document.fail(item, failure.what(), failure.verdict());
+        }
+    }
+    if (has("node") + has("command") + has("graph") != 1) {
+        document.fail(root, "expected one of 'node', 'command' and 'graph'");
+    }
+    mNodeType = has("command") ? kCommandType : has("node") ? document.name(root, "node") : "";
+    if (has("graph")) mGraph = folder / document.name(root, "graph");
+    if (has("node") && findNodeType(mNodeType) == nullptr) {
+        document.fail(*root.find("node"), "unknown node type " + quote(mNodeType));
+    }
+    for (const JsonValue& item : document.items(root, "configs", JsonValue::OBJECT)) {
+        mConfigs[item.key] = document.scalar(item);
+    }
+    if (has("command")) mConfigs["command"] = joinedWords(stringsOf("command"));
+}
+
+std::string TestedDecoder::probe() {
+    if (mProbe.empty()) return "";
+    try {
+        int status = 0;
+        const std::string text = outputOf({mProbe, mEnvironment, ""}, &status);
+        if (!endText(status).empty()) return mProbe[0] + ": " + endText(status);
+        mVersion = versionIn(text);
+    } catch (const Failure& failure) {
+        return failure.what();
+    }
+    return "";
+}
+
+void TestedDecoder::setEnvironment() const {
+    for (const std::string& text : mEnvironment) {
+        const size_t equals = text.find('=');
+        if (equals < text.size()) {
+            setenv(text.substr(0, equals).c_str(), text.c_str() + equals + 1, 1);
+        }
+    }
+}
+
+std::string TestedDecoder::refusal(const std::string& codec) const {
+    const bool isAny = codec.empty() || mCodecs.empty();
+    if (isAny || std::find(mCodecs.begin(), mCodecs.end(), codec) != mCodecs.end()) return "";
+    return mName + " does not decode " + codec;
+}
+
+VXGraphInfo TestedDecoder::graphFor(const DecodeOptions& options) const {
+    constexpr char kUnits[] = "video/bitstream", kPictures[] = "video/raw";
+    const bool anyFormat = options.format == "None" || options.format == "Unknown";
+    const std::string format = anyFormat ? "" : options.format;
+    if (!mGraph.empty()) {
+        const std::string input = fs::absolute(options.input);
+        return readGraphFile(mGraph, {{"{input}", input}, {"{format}", format}});
+    }
+    VXGraphInfo graph;
+    graph.name = "decode";
+    // Adds a node with an input and an output of these formats, null for none; returns its configs.
+    const auto addNode = [&](const std::string& type, const std::string& name, const char* input,
+                             const char* output) -> auto& {
+        auto node = std::make_unique<VXNodeDescriptor>();
+        node->type = type;
+        node->name = name;
+        if (input != nullptr) node->inputPorts.push_back({name + ".in", input});
+        if (output != nullptr) node->outputPorts.push_back({name + ".out", output});
+        return graph.nodes.emplace_back(std::move(node))->configs;
+    };
+    const NodeType* const type = findNodeType(mNodeType);
+    const bool readsFiles = type != nullptr && type->inputs == 0;
+    if (!readsFiles) {
+        addNode("source/bitstream", "reader", nullptr, kUnits)["file"] = options.input;
+        graph.connections["reader.out"] = {"decoder.in"};
+    }
+    auto& configs = addNode(mNodeType, "decoder", readsFiles ? nullptr : kUnits, kPictures);
+    configs = mConfigs;
+    if (readsFiles) configs["file"] = options.input;
+    if (!format.empty()) configs["format"] = format;
+    // A codec chooses among the decoders of libavcodec; others find it in the stream.
+    const bool takesCodec = type != nullptr && type->findConfig("codec") != nullptr;
+    if (takesCodec && !options.codec.empty()) configs["codec"] = options.codec;
+    auto& sinks = graph.connections["decoder.out"];
+    if (!options.output.empty()) {
+        addNode("sink/file", "writer", kPictures, nullptr)["file"] = options.output;
+        sinks.push_back("writer.in");
+    }
+    if (options.md5 || options.output.empty()) {
+        addNode("sink/checksum", "md5", kPictures, nullptr)["print_md5"] = "true";
+        sinks.push_back("md5.in");
+    }
+    return graph;
+}
+
+std::vector<TestedDecoder> TestedDecoder::shipped() {
+    std::map<std::string, TestedDecoder> found;
+    std::error_code none;
+    for (const fs::path& folder : shippedFolders()) {
+        for (const auto& entry : fs::directory_iterator(folder, none)) {
+            if (entry.path().extension() != ".json") continue;
+            TestedDecoder decoder;
+            decoder.read(entry.path());
+            found.emplace(decoder.mName, decoder);
+        }
+    }
+    std::vector<TestedDecoder> all;
+    for (auto& [name, decoder] : found) all.push_back(std::move(decoder));
+    return all;
+}
+
+}  // namespace vxrun
