@@ -4,6 +4,7 @@
 #include "Text.h"
 
 #include <algorithm>
+#include <set>
 
 namespace vxrun {
 
@@ -46,11 +47,11 @@ std::map<std::string, Counts> countsByProfile(const Suite& suite) {
 std::vector<std::string> disagreements(const SuiteResults& results) {
     std::vector<std::string> names;
     for (size_t i = 0; i < results.front().vectors.size(); ++i) {
-        const TestVector& first = results.front().vectors[i];
-        const auto differs = [&](const Suite& other) {
-            return other.vectors[i].state != first.state;
-        };
-        if (std::any_of(results.begin(), results.end(), differs)) names.push_back(first.name);
+        std::set<TestVector::State> states;
+        for (const Suite& suite : results) states.insert(suite.vectors[i].state);
+        states.erase(TestVector::NOT_SUPPORTED);
+        states.erase(TestVector::NOT_RUN);
+        if (states.size() > 1) names.push_back(results.front().vectors[i].name);
     }
     return names;
 }

@@ -36,7 +36,7 @@ using ReportFiles = std::map<std::string, std::string>;
 std::vector<Failure> writeReports(const ReportFiles& files, const SuiteResults& results);
 
 // What several kinds contain: the counts of each profile, unless no test vector has one; the test
-// vectors whose result is not the same with all decoders.
+// vectors whose result is not the same with all decoders that could run them.
 std::map<std::string, Counts> countsByProfile(const Suite& suite);
 std::vector<std::string> disagreements(const SuiteResults& results);
 
