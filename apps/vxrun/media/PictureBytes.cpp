@@ -72,6 +72,12 @@ void PictureBytes::takePicture(const FrameView& picture) {
     ++mPictures;
 }
 
+void PictureBytes::takeRest(uint8_t* to) {
+    std::memcpy(to, mBytes.data() + mAt, mEnd - mAt);
+    mAt = mEnd;
+    mIsInFrame = false;
+}
+
 void PictureBytes::finish() const {
     if (mEnd == mAt && !mIsInFrame) return;
     throw Failure(

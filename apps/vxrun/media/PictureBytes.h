@@ -34,6 +34,9 @@ public:
     // Copies it into `picture` and goes on behind it.
     void takePicture(const FrameView& picture);
 
+    // The number of bytes of raw video that make no whole picture; takeRest() copies them.
+    size_t rest() const { return mIsY4m ? 0 : mEnd - mAt; }
+    void takeRest(uint8_t* to);
     // At the end: throws Failure when there are bytes that make no whole picture.
     void finish() const;
 

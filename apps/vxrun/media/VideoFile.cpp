@@ -3,6 +3,7 @@
 #include "Text.h"
 
 #include <cstring>
+#include <set>
 
 namespace vxrun {
 
@@ -65,6 +66,26 @@ bool VideoFile::next(AVPacket* unit) {
         if (*time != AV_NOPTS_VALUE) *time -= start;
     }
     return true;
+}
+
+bool VideoFile::changesSize() {
+    const AVCodec* const codec = avcodec_find_decoder(mVideo->codecpar->codec_id);
+    const auto context = made(avcodec_alloc_context3(codec));
+    if (codec == nullptr || avcodec_parameters_to_context(context.get(), mVideo->codecpar) < 0 ||
+        avcodec_open2(context.get(), codec, nullptr) < 0) {
+        return false;
+    }
+    const auto unit = made(av_packet_alloc());
+    const auto picture = made(av_frame_alloc());
+    std::set<std::pair<int, int>> sizes;
+    for (bool hasMore = true; hasMore;) {
+        hasMore = next(unit.get());
+        avcodec_send_packet(context.get(), hasMore ? unit.get() : nullptr);
+        while (avcodec_receive_frame(context.get(), picture.get()) == 0) {
+            sizes.insert({picture->width, picture->height});
+        }
+    }
+    return sizes.size() > 1;
 }
 
 void VideoFile::check(int result, const std::string& at) const {

@@ -20,6 +20,9 @@ public:
 
     const std::string& path() const { return mPath; }
     const std::shared_ptr<LibavStreamInfo>& stream() const { return mStream; }
+    // Whether libavcodec, which decodes the rest of the file for this, finds pictures of several
+    // sizes.
+    bool changesSize();
     // Reads the next access unit; false at the end of the file.
     bool next(AVPacket* unit);
 

@@ -174,10 +174,7 @@ private:
         // What came before the program's end is there by now.
         while (!mPictures.hasPicture()) {
             if (readOutput()) continue;
-            if (hasEnded) {
-                finishProgram();
-                return false;
-            }
+            if (hasEnded) return giveRest();
             pause();
             mPoller->watch({{mHasOutput ? outputFile() : -1, POLLIN, 0},
                             {mHasErrors ? mProgram->errors() : -1, POLLIN, 0},
@@ -218,10 +215,21 @@ private:
         }
     }
 
-    void finishProgram() {
+    // After the program's end: gives what makes no picture, if that may be; false for nothing.
+    bool giveRest() {
         readErrors();
         mEnd = endText(*mProgram->status());
-        mPictures.finish();
+        const size_t size = mPictures.rest();
+        // Raw video does not show where a picture of another size begins: only the whole counts.
+        if (size == 0 || size > INT_MAX || !VideoFile(mInput, "").changesSize()) {
+            mPictures.finish();
+            return false;
+        }
+        auto stream = std::make_shared<StreamInfo>(*mPictures.stream());
+        stream->picture = PictureFormat::block(static_cast<int>(size));
+        givePicture(stream, mGiven++,
+                    [this](const FrameView& block) { mPictures.takeRest(block.plane(0)); });
+        return true;
     }
 
     void checkFormat(const PixelFormat& pixels) {
