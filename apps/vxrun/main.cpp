@@ -3,6 +3,7 @@
 #include "Command.h"
 #include "Console.h"
 #include "Text.h"
+#include "Version.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -16,8 +17,9 @@ namespace {
 
 int start(int argc, char** argv) {
     CLI::App app("Runs a graph of nodes and reports whether the test passed.", "vxrun");
-    app.set_version_flag("--version", "vxrun " VXRUN_VERSION);
+    app.set_version_flag("--version", "vxrun " + programVersion());
     CommonOptions options;
+    options.commandLine = joinedWords({argv, argv + argc});
     options.addTo(&app);
     std::vector<CLI::App*> apps;
     for (const auto& command : commands()) apps.push_back(command->addTo(&app));

@@ -22,6 +22,7 @@ struct CommonOptions {
     // Loads the node libraries of the options and of the environment, VXRUN_NODES. Throws Failure.
     void loadNodes() const;
 
+    std::string commandLine;  // all of it
     std::string graph;
     std::vector<std::string> nodes;  // libraries
     std::vector<std::string> assignments;

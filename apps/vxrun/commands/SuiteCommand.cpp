@@ -5,6 +5,7 @@
 #include "Selection.h"
 #include "SuiteRun.h"
 #include "Text.h"
+#include "Version.h"
 
 #include <csignal>
 #include <filesystem>
@@ -58,9 +59,11 @@ public:
         auto decoders = mDecoders.find();
         SuiteResults results;
         for (TestedDecoder& decoder : decoders) {
-            results.push_back(suite);
-            prepareColumn(&decoder, &results.back());
+            results.columns.push_back(suite);
+            prepareColumn(&decoder, &results.columns.back());
         }
+        results.facts = environmentFacts();
+        results.facts.emplace_back("command_line", options.commandLine);
         prepareReports(results);
         if (!mRun.output.empty()) {
             makeFolder("--output", std::filesystem::path(mRun.output) / suite.name);
@@ -73,13 +76,13 @@ public:
         for (size_t i = 0; i < decoders.size() && signal == 0; ++i) {
             SuiteRunOptions run = mRun;
             if (decoders.size() > 1) {
-                run.label = results[i].decoder + "/";
-                if (!run.output.empty()) run.output += "/" + results[i].decoder;
+                run.label = results.columns[i].decoder + "/";
+                if (!run.output.empty()) run.output += "/" + results.columns[i].decoder;
             }
-            signal = runVectors(run, decoders[i], &results[i]);
+            signal = runVectors(run, decoders[i], &results.columns[i]);
         }
         Counts counts;
-        for (const Suite& column : results) counts.add(column.counts());
+        for (const Suite& column : results.columns) counts.add(column.counts());
         return reportVerdict(results, counts, verdictOf(counts, signal, anySelected));
     }
 
@@ -98,6 +101,7 @@ private:
         const bool isDefault = decoder->name() == TestedDecoder().name() && !suite->codec.empty();
         suite->decoder = decoder->name() + (isDefault ? "-" + suite->codec : "");
         std::string reason = decoder->probe();
+        suite->decoderVersion = decoder->version();
         if (reason.empty()) reason = decoder->refusal(suite->codec);
         if (reason.empty()) return;
         for (TestVector& vector : suite->vectors) {
@@ -112,7 +116,8 @@ private:
         const std::string output = variable("GTEST_OUTPUT");
         std::string& junit = mReports["junit"];
         if (junit.empty() && output.rfind("xml:", 0) == 0) {
-            junit = output.substr(4) + (output.back() == '/' ? results.front().name + ".xml" : "");
+            junit = output.substr(4) +
+                    (output.back() == '/' ? results.columns.front().name + ".xml" : "");
         }
         constexpr char kStatus[] = "GTEST_SHARD_STATUS_FILE";
         if (!variable(kStatus).empty()) writeTextFile(kStatus, variable(kStatus), "");

@@ -7,8 +7,8 @@
 #include <VXGraph.h>
 
 #include <map>
-#include <unordered_map>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace vxrun {
@@ -59,11 +59,11 @@ private:
     void read(const std::string& path);
 
     std::string mName, mHelp, mVersion;
-    std::vector<std::string> mCodecs;             // empty: any
-    std::string mNodeType;                        // empty: a graph
+    std::vector<std::string> mCodecs;                       // empty: any
+    std::string mNodeType;                                  // empty: a graph
     std::unordered_map<std::string, std::string> mConfigs;  // of the node
-    std::string mGraph;                           // the template's path
-    std::vector<std::string> mProbe;              // a command; empty: none
+    std::string mGraph;                                     // the template's path
+    std::vector<std::string> mProbe;                        // a command; empty: none
     std::vector<std::string> mEnvironment;
 };
 

@@ -7,15 +7,15 @@
 namespace vxrun {
 
 std::string countsTable(const SuiteResults& results) {
-    const bool isOne = results.size() == 1;
+    const bool isOne = results.columns.size() == 1;
     std::vector<std::pair<std::string, Counts>> rows;
     if (isOne) {
-        for (const auto& [profile, counts] : countsByProfile(results.front())) {
+        for (const auto& [profile, counts] : countsByProfile(results.columns.front())) {
             rows.emplace_back(profile.empty() ? "-" : printable(profile), counts);
         }
-        rows.emplace_back("all", results.front().counts());
+        rows.emplace_back("all", results.columns.front().counts());
     } else {
-        for (const Suite& suite : results) {
+        for (const Suite& suite : results.columns) {
             rows.emplace_back(printable(suite.decoder), suite.counts());
         }
     }

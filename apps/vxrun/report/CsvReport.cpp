@@ -16,15 +16,15 @@ std::string csvField(const std::string& name) {
 std::string csvReport(const SuiteResults& results) {
     std::string report;
     const auto addRow = [&](auto fieldsOf) {
-        for (const Suite& suite : results) {
-            report += (&suite == &results.front() ? "" : ",") + fieldsOf(suite);
+        for (const Suite& suite : results.columns) {
+            report += (&suite == &results.columns.front() ? "" : ",") + fieldsOf(suite);
         }
         report += "\n";
     };
-    if (results.size() > 1)
+    if (results.columns.size() > 1)
         addRow([](const Suite& suite) { return csvField(suite.decoder) + ",,,"; });
     addRow([](const Suite&) { return std::string("Vector Name,Result,Time (s),Profile"); });
-    for (size_t i = 0; i < results.front().vectors.size(); ++i) {
+    for (size_t i = 0; i < results.columns.front().vectors.size(); ++i) {
         addRow([&](const Suite& suite) {
             const TestVector& vector = suite.vectors[i];
             return concat(csvField(vector.name), ",", stateName(vector.state), ",",

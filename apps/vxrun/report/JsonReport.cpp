@@ -15,6 +15,7 @@ using Json = nlohmann::ordered_json;
 Json resultsOf(const Suite& suite) {
     const Counts counts = suite.counts();
     Json run = {{"decoder_name", suite.decoder},
+                {"decoder_version", suite.decoderVersion},
                 {"total_tests", counts.total},
                 {"passed", counts.of[TestVector::SUCCESS]},
                 {"not_run", counts.of[TestVector::NOT_RUN]},
@@ -47,7 +48,8 @@ std::string jsonReport(const SuiteResults& results) {
                              {"gpu", Json::array()},
                              {"ram", sysconf(_SC_PHYS_PAGES) * sysconf(_SC_PAGE_SIZE)},
                              {"backends", Json::object()}};
-    for (const Suite& suite : results) {
+    for (const auto& [name, value] : results.facts) report["system_info"][name] = value;
+    for (const Suite& suite : results.columns) {
         report["test_suites"][suite.name]["decoders"][suite.decoder] = resultsOf(suite);
     }
     return report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";

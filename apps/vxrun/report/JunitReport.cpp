@@ -67,7 +67,8 @@ Attributes countsOf(const std::string& name, const Counts& counts) {
             {"time", decimal(counts.seconds, 3)}};
 }
 
-void addSuite(pugi::xml_node root, const std::string& name, const Suite& suite) {
+void addSuite(pugi::xml_node root, const std::string& name, const Suite& suite,
+              const SuiteResults& results) {
     utsname system{};
     uname(&system);
     const time_t time = std::time(nullptr);
@@ -80,19 +81,25 @@ void addSuite(pugi::xml_node root, const std::string& name, const Suite& suite) 
                        {"timestamp", concat(std::put_time(&now, "%Y-%m-%dT%H:%M:%S"))},
                        {"hostname", system.nodename}});
     pugi::xml_node node = addNode(root, "testsuite", attributes);
-    addNode(node.append_child("properties"), "property",
-            {{"name", "decoder"}, {"value", suite.decoder}});
+    pugi::xml_node properties = node.append_child("properties");
+    const auto addProperty = [&](const std::string& property, const std::string& value) {
+        addNode(properties, "property", {{"name", property}, {"value", value}});
+    };
+    addProperty("decoder", suite.decoder);
+    if (!suite.decoderVersion.empty()) addProperty("decoder_version", suite.decoderVersion);
+    for (const auto& [fact, value] : results.facts) addProperty(fact, value);
     for (const TestVector& vector : suite.vectors) addCase(node, name, suite, vector);
 }
 
 std::string junitReport(const SuiteResults& results) {
     Counts all;
-    for (const Suite& suite : results) all.add(suite.counts());
+    for (const Suite& suite : results.columns) all.add(suite.counts());
     pugi::xml_document document;
     const pugi::xml_node root = addNode(document, "testsuites", countsOf("vxrun", all));
     // Readers drop a second test of the same name.
-    for (const Suite& suite : results) {
-        addSuite(root, suite.name + (results.size() > 1 ? "." + suite.decoder : ""), suite);
+    for (const Suite& suite : results.columns) {
+        const bool isOne = results.columns.size() == 1;
+        addSuite(root, suite.name + (isOne ? "" : "." + suite.decoder), suite, results);
     }
     // Not through a stream: pugixml was built for one standard library, and this may use another.
     struct Writer final : pugi::xml_writer {

@@ -46,12 +46,12 @@ std::map<std::string, Counts> countsByProfile(const Suite& suite) {
 
 std::vector<std::string> disagreements(const SuiteResults& results) {
     std::vector<std::string> names;
-    for (size_t i = 0; i < results.front().vectors.size(); ++i) {
+    for (size_t i = 0; i < results.columns.front().vectors.size(); ++i) {
         std::set<TestVector::State> states;
-        for (const Suite& suite : results) states.insert(suite.vectors[i].state);
+        for (const Suite& suite : results.columns) states.insert(suite.vectors[i].state);
         states.erase(TestVector::NOT_SUPPORTED);
         states.erase(TestVector::NOT_RUN);
-        if (states.size() > 1) names.push_back(results.front().vectors[i].name);
+        if (states.size() > 1) names.push_back(results.columns.front().vectors[i].name);
     }
     return names;
 }

@@ -12,8 +12,12 @@
 
 namespace vxrun {
 
-// The same suite as each decoder has decoded it; at least one.
-using SuiteResults = std::vector<Suite>;
+struct SuiteResults {
+    // The same suite as each decoder has decoded it; at least one.
+    std::vector<Suite> columns;
+    // What the results depend on besides the decoders, name and value.
+    std::vector<std::pair<std::string, std::string>> facts;
+};
 
 // Life     static; registered before main().
 // Threads  any.

@@ -43,8 +43,9 @@ struct Suite {
     Counts counts() const;
 
     std::string name;
-    std::string codec;       // libavcodec's name for it; empty: any
-    std::string decoder;     // that decodes the vectors, for reports
+    std::string codec;    // libavcodec's name for it; empty: any
+    std::string decoder;  // that decodes the vectors, for reports, and its version if known
+    std::string decoderVersion;
     std::string testMethod;  // other than md5: not supported
     bool negative = false;   // test vectors succeed when they would fail
     std::vector<TestVector> vectors;

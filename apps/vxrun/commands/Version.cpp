@@ -1,0 +1,26 @@
+#include "Version.h"
+
+#include "Libav.h"
+#include "Text.h"
+
+#include <sys/utsname.h>
+
+#include <Commit.h>
+
+namespace vxrun {
+
+std::string programVersion() {
+    const std::string commit = VXRUN_COMMIT;
+    return VXRUN_VERSION + (commit.empty() ? "" : " (commit " + commit + ")");
+}
+
+std::vector<std::pair<std::string, std::string>> environmentFacts() {
+    utsname system{};
+    uname(&system);
+    return {{"vxrun", programVersion()},
+            {"libraries", libavVersions()},
+            {"kernel", concat(system.sysname, " ", system.release)},
+            {"machine", system.machine}};
+}
+
+}  // namespace vxrun
