@@ -56,8 +56,10 @@ class VxrunDecoder(Decoder):
         return ended.stdout.split()[-1]
 
 
-for codec in NAMES:
-    register_decoder(type(f"Vxrun{codec.name}", (VxrunDecoder,), {"codec": codec}))
+for codec in NAMES:  # as attributes of this module, so that Fluster's processes find them
+    name = f"Vxrun{codec.name}"
+    globals()[name] = type(name, (VxrunDecoder,), {"codec": codec, "__module__": __name__})
+    register_decoder(globals()[name])
 
 if __name__ == "__main__":
     from fluster.main import fluster_main
