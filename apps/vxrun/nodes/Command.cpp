@@ -169,6 +169,12 @@ private:
     }
 
     bool next() override {
+        // The first call is open()'s. However fast the program is, what it does belongs to the run.
+        if (!std::exchange(mHasBegun, true)) {
+            pause();
+            resume();
+            return false;
+        }
         readErrors();
         const bool hasEnded = mProgram->status().has_value();
         // What came before the program's end is there by now.
@@ -262,6 +268,7 @@ private:
     std::optional<OutputPath> mPath;               // where the command names {output}
     std::optional<Program> mProgram;
     // [event thread]
+    bool mHasBegun = false;
     PictureBytes mPictures{[this] { return rawStream(); }};
     uint64_t mGiven = 0;
     bool mHasOutput = true, mHasErrors = true;  // they have not been closed
