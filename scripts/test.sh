@@ -10,6 +10,11 @@ preset=${1:-debug}
 shift || true
 need "${build_packages[@]}"
 case $preset in
+    # The decoders that the shipped descriptions name, and that of examples/.
+    debug) need libde265-dev dav1d aom-tools vpx-tools libde265-examples gstreamer1.0-tools gstreamer1.0-libav \
+        gstreamer1.0-plugins-base gstreamer1.0-plugins-bad ;;
+esac
+case $preset in
     release) need libbenchmark-dev ;;
     libcxx) need clang libc++-14-dev libc++abi-14-dev ;;
     aarch64) need g++-aarch64-linux-gnu qemu-user-static ;;

@@ -197,6 +197,37 @@ TEST_F(VxrunDecoders, DescriptionsAreDecoders) {
     EXPECT_EQ(vxrun(command).exit, 77);
 }
 
+// Catches: a shipped description whose program does not do what it says.
+TEST_F(VxrunDecoders, ShippedOnesAgreeOnRealStreams) {
+    const std::string streams = VXRUN_STREAMS_DIR "/";
+    if (!std::filesystem::exists(streams)) GTEST_SKIP() << "no " << streams;
+    const std::string listed = vxrun({"--list-decoders"}).out;
+    const std::string any = "ffmpeg gstreamer ", av1 = any + "dav1d aomdec", vpx = any + "vpxdec";
+    const std::pair<std::string, std::string> cases[] = {
+        {"h264/Static.264", any},
+        {"h264/clip-c.h264", any},
+        {"hevc/bear.h265", any + "dec265"},
+        {"vp8/test-25fps.vp8", vpx},
+        {"vp9/vp90-2-10-show-existing-frame2.vp9.ivf", vpx},
+        {"av1/av1-176x144-main-basic-10.ivf", av1},
+        {"av1/av1-sizeup-fluster.ivf", av1},
+    };
+    for (const auto& [stream, names] : cases) {
+        const std::string expected = vxrun({"decode", streams + stream}).out;
+        EXPECT_EQ(expected.size(), 33u);
+        std::istringstream decoders(names);
+        for (std::string name; decoders >> name;) {
+            SCOPED_TRACE(name + " " + stream);
+            const size_t at = listed.find("\n" + name + " ") + 1;
+            ASSERT_LT(listed.find(name + " "), listed.size());
+            const size_t next = listed.find('\n', at) + 1;
+            if (listed.find("not here: ", next) < listed.find('\n', next)) continue;
+            const Result result = vxrun({"decode", streams + stream, "--decoder", name});
+            EXPECT_EQ(result.out, expected) << result.err;
+        }
+    }
+}
+
 // Catches: a library that cannot be used and is, or whose reason is not named; a crash that is not
 // its node's.
 TEST_F(VxrunDecoders, NodesComeFromLibraries) {

@@ -51,3 +51,14 @@ for program in hello nodes kit; do
 done
 check "$work"
 echo "pkg-config: ok"
+
+# The decoder in a repository of its own.
+if pkg-config --exists libde265; then
+    cmake -S "$here/../../examples/acme-decoder" -B "$work/acme" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" \
+        -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >/dev/null
+    cmake --build "$work/acme" >/dev/null
+    ctest --test-dir "$work/acme" --output-on-failure >"$work/log" || { cat "$work/log"; exit 1; }
+    echo "acme-decoder: ok"
+else
+    echo "acme-decoder: skipped, no libde265"
+fi
