@@ -25,6 +25,7 @@ struct TestVector {
     std::string message;  // about it, one line
     std::string log;      // the last that its process wrote to standard error
     double seconds = 0;
+    std::string actualMd5;  // of the pictures, if the stream ended well; empty: none is known
 };
 
 // How many test vectors there are in each state.
@@ -51,10 +52,14 @@ struct Suite {
     std::vector<TestVector> vectors;
 };
 
+// The largest suite file, in bytes: several 100,000 vectors.
+constexpr size_t kMaxSuiteFile = 256 << 20;
+
 // Reads a suite file. Throws Failure "file:line:column: place: text" for what is wrong with it as a
 // whole. A test vector with a mistake of its own is an error from the start, under its place in the
-// file where it has no name; the MD5 of no data as a result is such a mistake.
-Suite readSuite(const std::string& path);
+// file where it has no name; the MD5 of no data as a result is such a mistake, and none at all
+// unless `acceptsNone`.
+Suite readSuite(const std::string& path, bool acceptsNone = false);
 
 // The name of a state as reports have it: "Success", "Not supported", ...
 const char* stateName(TestVector::State state);

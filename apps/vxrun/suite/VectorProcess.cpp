@@ -149,6 +149,7 @@ void VectorProcess::judge(int status, bool negative) {
 // stream is not a failure.
 void VectorProcess::judgePictures(bool negative) {
     const std::string md5 = mResult->md5;
+    mVector.actualMd5 = md5;
     const bool isRight = mVector.md5.empty() ? exitCode(mResult->verdict) == 0 : md5 == mVector.md5;
     if (isRight != negative) {
         mVector.state = TestVector::SUCCESS;
