@@ -29,6 +29,17 @@ constexpr Family kFamilies[] = {{"gray", 1, 0, 0, kUpTo16},    {"gbrp", 3, 0, 0,
                                 {"yuv420p", 3, 1, 1, kUpTo16}, {"yuv422p", 3, 1, 0, kUpTo16},
                                 {"yuv440p", 3, 0, 1, kUpTo12}, {"yuv444p", 3, 0, 0, kUpTo16}};
 
+struct SemiPlanar {
+    const char *name, *planar;
+    int shift;
+    bool crFirst;
+};
+constexpr SemiPlanar kSemiPlanar[] = {{"nv12", "yuv420p", 0, false},
+                                      {"nv21", "yuv420p", 0, true},
+                                      {"nv16", "yuv422p", 0, false},
+                                      {"p010le", "yuv420p10le", 6, false},
+                                      {"p016le", "yuv420p16le", 0, false}};
+
 std::string withoutRange(std::string name) {
     return name.rfind("yuvj", 0) == 0 ? name.erase(3, 1) : name;
 }
@@ -40,6 +51,15 @@ std::string PixelFormat::rangelessName() const {
 }
 
 std::optional<PixelFormat> findPixelFormat(const std::string& name) {
+    for (const SemiPlanar& layout : kSemiPlanar) {
+        if (name != layout.name) continue;
+        PixelFormat format = *findPixelFormat(layout.planar);
+        format.name = name;
+        format.planes = 2;
+        format.shift = layout.shift;
+        format.crFirst = layout.crFirst;
+        return format;
+    }
     const std::string plain = withoutRange(name);
     for (const Family& family : kFamilies) {
         for (int depth = 8; depth <= 16; ++depth) {
@@ -55,8 +75,21 @@ std::optional<PixelFormat> findPixelFormat(const std::string& name) {
     return std::nullopt;
 }
 
+uint32_t poolFormatOf(const PixelFormat& pixels) {
+    constexpr uint32_t kNv12 = 0x7FA30C04, kP010 = 0x36;
+    return pixels.name == "nv12" ? kNv12 : pixels.name == "p010le" ? kP010 : kSurfaceFormat;
+}
+
+PixelFormat PixelFormat::planar() const {
+    for (const SemiPlanar& layout : kSemiPlanar) {
+        if (name == layout.name) return *findPixelFormat(layout.planar);
+    }
+    return *this;
+}
+
 int PictureFormat::columns(int plane) const {
-    return plane == 0 ? width : shiftedUp(width, pixels.chromaShiftX);
+    if (plane == 0) return width;
+    return shiftedUp(width, pixels.chromaShiftX) * (pixels.isSemiPlanar() ? 2 : 1);
 }
 
 int PictureFormat::rows(int plane) const {
@@ -83,7 +116,8 @@ bool PictureFormat::operator!=(const PictureFormat& other) const {
 }
 
 uint32_t PictureFormat::surfaceWidth() const {
-    return static_cast<uint32_t>((rowBytes(0) + kPixelBytes - 1) / kPixelBytes);
+    const size_t bytes = std::max(rowBytes(0), rowBytes(1));  // of odd sizes and two planes
+    return static_cast<uint32_t>((bytes + kPixelBytes - 1) / kPixelBytes);
 }
 
 uint32_t PictureFormat::surfaceHeight() const {

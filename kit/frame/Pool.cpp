@@ -5,8 +5,6 @@ namespace vxkit {
 
 using namespace vexa;
 
-constexpr uint32_t kSurfaceFormat = 0x1;  // RGBA 8888, see FrameView
-
 // The right to a buffer that is out. Its end gives the buffer back.
 struct Pool::Lease {
     ~Lease() {
@@ -44,8 +42,13 @@ std::shared_ptr<Pool> Pool::make(const std::string& allocator, const PictureForm
     bool good = false;
     if (format.isPicture()) {
         const auto pictures = VXGraphicBufferPool::Create(allocator.c_str(), DEFAULT);
-        good = pictures != nullptr && pictures->setPixelFormat(kSurfaceFormat) == VX_OK &&
-               pictures->setResolution(format.surfaceWidth(), format.surfaceHeight()) == VX_OK;
+        const uint32_t code = poolFormatOf(format.pixels);
+        const bool isStored = code != kSurfaceFormat;
+        const auto width = static_cast<uint32_t>(format.width);
+        const auto height = static_cast<uint32_t>(format.height);
+        good = pictures != nullptr && pictures->setPixelFormat(code) == VX_OK &&
+               pictures->setResolution(isStored ? width : format.surfaceWidth(),
+                                       isStored ? height : format.surfaceHeight()) == VX_OK;
         pool->mBuffers = pictures;
     } else {
         const auto blocks = VXLinearBufferPool::Create(allocator.c_str(), DEFAULT);

@@ -16,26 +16,39 @@ struct Rational {
     int num, den;
 };
 
-// PixelFormat: the planes of a picture: one, or three of which the last two may be subsampled. All
-// samples have the same depth; above 8 bits they are two bytes, little endian, value in the low
-// bits. A format without a name is that of a block of bytes. A plain value.
+// PixelFormat: the planes of a picture: one, or three of which the last two may be subsampled, or
+// two (semi-planar), of which the second has the samples of both in turn. All samples have the same
+// depth; above 8 bits they are two bytes, little endian, value in the low bits unless `shift` is
+// set. A format without a name is that of a block of bytes. A plain value.
 struct PixelFormat {
     bool operator==(const PixelFormat& other) const { return name == other.name; }
     bool operator!=(const PixelFormat& other) const { return !(*this == other); }
 
     int bytesPerSample() const { return depth > 8 ? 2 : 1; }
+    bool isSemiPlanar() const { return planes == 2; }
+    // The format with the same samples in planes of their own: "yuv420p10le" for "p010le".
+    PixelFormat planar() const;
     // The name of the format with the same planes in limited range: "yuv420p" for "yuvj420p".
     std::string rangelessName() const;
 
     std::string name;  // as FFmpeg spells it: "yuv420p", "gray10le", "gbrp"
     int planes = 1;
     int depth = 8;                           // bits of a sample's value
-    int chromaShiftX = 0, chromaShiftY = 0;  // log2 of the subsampling of planes 1 and 2
+    int chromaShiftX = 0, chromaShiftY = 0;  // log2 of the subsampling of chroma
+    // Of semi-planar formats: the bits below a value, and whether Cr comes before Cb.
+    int shift = 0;
+    bool crFirst = false;
 };
 
 // The format with this name, such as "yuv422p10le": gray, yuv4xxp, yuvj4xxp (full range) and gbrp,
-// of 8 or, as "NNle", 9, 10, 12, 14 and 16 bits if FFmpeg has it. Empty for any other name.
+// of 8 or, as "NNle", 9, 10, 12, 14 and 16 bits if FFmpeg has it; nv12, nv21, nv16, p010le, p016le.
+// Empty for any other name.
 std::optional<PixelFormat> findPixelFormat(const std::string& name);
+
+// The system's code of the pools' pixel format that holds such pictures as they are; else that of
+// RGBA 8888, see FrameView.
+uint32_t poolFormatOf(const PixelFormat& pixels);
+constexpr uint32_t kSurfaceFormat = 0x1;
 
 // PictureFormat: pixel format and size of a picture. A block of bytes is one plane of a single row.
 // A plain value.

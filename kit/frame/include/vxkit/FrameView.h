@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 namespace vxkit {
 
@@ -23,11 +24,12 @@ void attach(vexa::VXWork* work, std::shared_ptr<vexa::VXBuffer> buffer);
 //
 // The pools have no format for planar pictures of any depth and sampling, so a picture is stored in
 // an RGBA 8888 surface as plain bytes: each row of each plane in a row of the surface of its own,
-// plane after plane. Stride and height of the surface are the allocator's.
+// plane after plane. Stride and height of the surface are the allocator's. Where the pools have the
+// layout, of nv12 and p010le, the picture is stored in it.
 //
 // Life     a view: the buffer outlives it. Pictures are written before their work is sent, and only
 //          read from then on.
-// Threads  any, for reading.
+// Threads  one at a time.
 // Owns     a share of the buffer's mapping.
 class FrameView {
 public:
@@ -41,8 +43,14 @@ public:
     size_t size() const { return mFormat.size(); }  // visible bytes
 
     // The first byte of a plane, and the bytes from the start of one of its rows to the next.
-    uint8_t* plane(int number) const { return mPlanes[static_cast<size_t>(number)]; }
-    size_t stride() const { return mStride; }
+    uint8_t* plane(int number) const {
+        if (mNeedsPlanes) makePlanes();
+        return mPlanes[static_cast<size_t>(number)];
+    }
+    size_t stride() const {
+        if (mNeedsPlanes) makePlanes();
+        return mStride;
+    }
     uint8_t* row(int number, int y) const {
         return plane(number) + static_cast<size_t>(y) * mStride;
     }
@@ -60,15 +68,24 @@ public:
 protected:
     FrameView(const vexa::VXBuffer* buffer, std::shared_ptr<vexa::VXBuffer::Mapping> mapping,
               const StreamInfo& stream);
+    // From now on a semi-planar picture is one with three planes, which are copies: whoever reads
+    // samples needs to know no layout.
+    void readAsPlanes();
 
 private:
+    void makePlanes() const;
+
     const std::shared_ptr<vexa::VXBuffer::Mapping> mMapping;
     PictureFormat mFormat;
-    std::array<uint8_t*, 3> mPlanes{};
-    size_t mStride = 0;
+    PixelFormat mStored;  // where mNeedsPlanes
+    // Made at the first access; a view has one reader.
+    mutable bool mNeedsPlanes = false;
+    mutable std::shared_ptr<std::vector<uint8_t>> mCopies;
+    mutable std::array<uint8_t*, 3> mPlanes{};
+    mutable size_t mStride = 0;
 };
 
-// Frame: the content of a work, for reading.
+// Frame: the content of a work, for reading: a semi-planar picture as three planes.
 //
 // Life     a view: the work outlives it.
 // Threads  any.
