@@ -50,7 +50,8 @@ void Decoder::flush() {
     while (next()) drop();
 }
 
-void Decoder::give(const DecodedPicture& picture, std::function<void(const FrameView&)> fill) {
+// Checks a picture and brings the time up to it.
+std::shared_ptr<StreamInfo> Decoder::nextStream(const DecodedPicture& picture) {
     const std::string actual = picture.format.pixels.rangelessName();
     const std::string expected = PixelFormat{config(kFormat)}.rangelessName();
     // Whatever the layout, the samples are those of the planar format.
@@ -69,7 +70,19 @@ void Decoder::give(const DecodedPicture& picture, std::function<void(const Frame
                 ? mTime + 1
                 : std::max<int64_t>(rescaled(picture.pts, mTimeBase, stream->timeBase), 0);
     ++mPictures;
+    return stream;
+}
+
+void Decoder::give(const DecodedPicture& picture, std::function<void(const FrameView&)> fill) {
+    const auto stream = nextStream(picture);
     givePicture(stream, static_cast<uint64_t>(mTime), std::move(fill));
+}
+
+void Decoder::give(const DecodedPicture& picture, std::shared_ptr<PoolBuffer> buffer) {
+    vexa::VXFrameInfo frame;
+    frame.mInfos = {nextStream(picture)};
+    frame.timestamp = static_cast<uint64_t>(mTime);
+    giveFilled(std::move(buffer), std::move(frame));
 }
 
 void Decoder::noteError(const std::string& text) {

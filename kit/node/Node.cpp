@@ -76,8 +76,12 @@ void Node::wakeUp(unsigned delay) {
     if (to != nullptr) to->postAsyncDelayed(std::make_shared<xc2::Event>(EVENT_FENCE), delay);
 }
 
-void Node::scheduleSelf() {
-    if (const auto to = handler()) to->postAsync(std::make_shared<xc2::Event>(EVENT_SCHEDULE));
+std::function<void()> Node::scheduler() {
+    return [weakHandler = std::weak_ptr<Handler>(handler())] {
+        if (const auto handler = weakHandler.lock()) {
+            handler->postAsync(std::make_shared<xc2::Event>(EVENT_SCHEDULE));
+        }
+    };
 }
 
 void Node::send(std::unique_ptr<VXWork> work) {
@@ -207,15 +211,10 @@ void Node::countMismatch(uint64_t number) {
 
 // Works are released before their buffers are, so the release of a work does not mean a free
 // buffer: the pool reports that itself.
-std::shared_ptr<Pool> Node::newPool(const PictureFormat& format) {
-    const auto scheduleSelf = [weakHandler = std::weak_ptr<Handler>(handler())] {
-        if (const auto handler = weakHandler.lock()) {
-            handler->postAsync(std::make_shared<xc2::Event>(EVENT_SCHEDULE));
-        }
-    };
+std::shared_ptr<Pool> Node::newPool(const PictureFormat& format, std::function<void()> onFree) {
     const size_t slots = config(kSlots);
     return Pool::make(allocatorType(), format, slots, mRun.evidence.addPool(mRecord.name, slots),
-                      mRun.trace, scheduleSelf);
+                      mRun.trace, std::move(onFree));
 }
 
 }  // namespace vxkit

@@ -10,14 +10,14 @@ using namespace vexa;
 
 VXError Producer::countAvailablePendingInputWorks(unsigned long maxCount,
                                                   unsigned long* actualCount, bool* hasEOS) {
-    if (!mNext && !mPaused && !mResumed) {
+    if (!mNext && !mPaused && !*mIsDue) {
         return Node::countAvailablePendingInputWorks(maxCount, actualCount, hasEOS);
     }
     if (actualCount == nullptr || hasEOS == nullptr || maxCount == 0) return VX_BAD_VALUE;
     *hasEOS = false;
     // Without memory a step is offered all the same: process() reports what is wrong.
     const bool wait =
-        mNext ? mBuffer == nullptr && mPool->fetch(&mBuffer) == VX_NO_FREE_SLOT : !mResumed;
+        mNext ? mBuffer == nullptr && mPool->fetch(&mBuffer) == VX_NO_FREE_SLOT : !*mIsDue;
     *actualCount = wait ? 0 : 1;
     return VX_OK;
 }
@@ -27,7 +27,7 @@ VXError Producer::getPendingInputWorks(unsigned long requestedCount, SharedWorks
     // The regulator gets one step for one output, whatever the number of inputs it takes to make
     // it.
     *works = {mStep};
-    if (mNext || mPaused || mResumed) return VX_OK;
+    if (mNext || mPaused || *mIsDue) return VX_OK;
     SharedWorks inputs;
     const VXError ret = Node::getPendingInputWorks(requestedCount, &inputs);
     if (ret == VX_OK) ++record().moved;
@@ -37,6 +37,7 @@ VXError Producer::getPendingInputWorks(unsigned long requestedCount, SharedWorks
 }
 
 void Producer::process(const SharedWorks&) {
+    if (mEnded) return;  // a step that was due when the end was found
     if (mNext) write();
     try {
         advance();
@@ -53,7 +54,7 @@ void Producer::process(const SharedWorks&) {
 void Producer::write() {
     const Output output = *std::exchange(mNext, {});  // gone also if something is thrown below
     if (mBuffer == nullptr) throw Failure("no memory for a buffer");
-    output.fill(*mBuffer);
+    if (output.fill) output.fill(*mBuffer);
     const auto sent = fenced(std::move(mBuffer), output.frame);
     mWritten = std::make_unique<VXWork>();
     mWritten->frameInfo() = output.frame;
@@ -61,14 +62,16 @@ void Producer::write() {
     attach(mWritten.get(), PoolBuffer::payload(sent));
 }
 
-void Producer::resume() {
-    mResumed = true;
-    scheduleSelf();
+std::function<void()> Producer::resumer() {
+    return [isDue = mIsDue, schedule = scheduler()] {
+        *isDue = true;
+        schedule();
+    };
 }
 
 // Goes on until the next frame or the end is known, the next input is missing, or a hook pauses.
 void Producer::advance() {
-    mResumed = false;  // first, so that what resumes it from now on counts
+    *mIsDue = false;  // first, so that what resumes it from now on counts
     mPaused = false;
     while (!mNext && !next()) {
         if (mPaused) return;
@@ -105,6 +108,11 @@ void Producer::give(const PictureFormat& format, VXFrameInfo frame, Fill fill) {
     // A pool makes buffers of one format. The one before lives until its last buffer is back.
     if (mPool == nullptr || mPool->format() != format) mPool = newPool(format);
     mNext = {std::move(frame), std::move(fill)};
+}
+
+void Producer::giveFilled(std::shared_ptr<PoolBuffer> buffer, VXFrameInfo frame) {
+    mBuffer = std::move(buffer);
+    mNext = {std::move(frame), {}};
 }
 
 void Producer::givePicture(std::shared_ptr<StreamInfo> stream, uint64_t timestamp,

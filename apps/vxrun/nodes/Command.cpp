@@ -103,7 +103,7 @@ private:
         setup.environment = config(kEnvironment);
         mName = setup.command[0];
         mProgram.emplace(setup);
-        mPoller.emplace([this] { resume(); });
+        mPoller.emplace(resumer());
     }
     // What is wrong with the program, where it gave no picture or did not end well.
     std::string nothing() const override {
@@ -172,7 +172,7 @@ private:
         // The first call is open()'s. However fast the program is, what it does belongs to the run.
         if (!std::exchange(mHasBegun, true)) {
             pause();
-            resume();
+            resumer()();
             return false;
         }
         readErrors();

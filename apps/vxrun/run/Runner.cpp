@@ -246,7 +246,8 @@ void closePools(Evidence* evidence, bool stats) {
     for (const PoolRecord* pool : evidence->pools()) {
         const std::string line = concat("vxrun: pool of '", pool->name, "': made=", pool->made,
                                         " recycled=", pool->recycled,
-                                        " high_water=", pool->highWater, " left_out=", pool->out);
+                                        " high_water=", pool->highWater, " left_out=", pool->out,
+                                        pool->copied > 0 ? concat(" copied=", pool->copied) : "");
         if (pool->out != 0) {
             console::line(line);
             evidence->setFailure(Verdict::NodeFailFatal);

@@ -102,6 +102,8 @@ struct PoolRecord {
     std::atomic<uint64_t> recycled{0};   // buffers handed out again
     std::atomic<uint64_t> highWater{0};  // the most that were out at once
     std::atomic<uint64_t> out{0};        // that have not come back
+    // Pictures of a device that had to be copied out of it: its layout is not that of the graph.
+    std::atomic<uint64_t> copied{0};
 
 private:
     mutable std::mutex mLock;

@@ -50,6 +50,8 @@ protected:
     // Gives a picture; `fill` copies its samples as soon as a buffer is free, and before any other
     // hook is called.
     void give(const DecodedPicture& picture, std::function<void(const FrameView& output)> fill);
+    // The same for one that is in a buffer of newPool() already.
+    void give(const DecodedPicture& picture, std::shared_ptr<PoolBuffer> buffer);
     // Reports an error in the stream: the run fails at its end, unless "tolerate_errors" is set.
     void noteError(const std::string& text);
     const std::string& firstError() const { return mFirstError; }
@@ -59,6 +61,7 @@ private:
     void feedEnd() final { drain(); }
     void finish(bool nothing) final;
     bool obeyCommands(uint64_t number);
+    std::shared_ptr<StreamInfo> nextStream(const DecodedPicture& picture);
 
     // [event thread]
     std::deque<std::string> mCommands;  // still to be obeyed

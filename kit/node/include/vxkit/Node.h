@@ -71,8 +71,9 @@ protected:
     // Calls wake() once on the event thread, `delay` milliseconds from now, unless the node has
     // stopped by then.  [any thread]
     void wakeUp(unsigned delay);
-    // Has the node scheduled once more; does nothing when it does not run.  [any thread]
-    void scheduleSelf();
+    // A function that has the node scheduled once more, as long as it runs. It may outlive the node.
+    // [any thread]
+    std::function<void()> scheduler();
     // Counts and sends a finished work. It leaves after the events that are waiting now.
     void send(std::unique_ptr<vexa::VXWork> work);
     // The same within process(), once per input or not at all: the work leaves as soon as process()
@@ -123,7 +124,12 @@ protected:
 
     // A new pool for the node, of "slots" buffers. The node is scheduled again when a buffer comes
     // back after none was free.
-    std::shared_ptr<Pool> newPool(const PictureFormat& format);
+    std::shared_ptr<Pool> newPool(const PictureFormat& format) {
+        return newPool(format, scheduler());
+    }
+    // The same for a node that fetches buffers by itself. `onFree` may outlive the node, see
+    // Pool::make().
+    std::shared_ptr<Pool> newPool(const PictureFormat& format, std::function<void()> onFree);
 
 private:
     vexa::VXError onSetup(bool beforeFence) final;

@@ -67,6 +67,17 @@ void registerNodeType(NodeType type);
 // The names that were registered again.
 const std::vector<std::string>& clashingNodeTypes();
 
+// A node of the class `Author`, derived from Node.
+template <typename Author>
+std::unique_ptr<vexa::VXNode> makeNode(NodeArguments arguments) {
+    // The most derived class has to end the node's life.
+    struct Made final : public Author {
+        using Author::Author;
+        ~Made() override { this->teardown(); }
+    };
+    return std::make_unique<Made>(std::move(arguments));
+}
+
 // Registered: a node type whose nodes are of the class `Author`, derived from Node. Each source of
 // a node type defines one, a static object without state:
 //
@@ -77,18 +88,11 @@ class Registered {
 public:
     Registered(const char* name, const char* help, size_t inputs, size_t outputs,
                std::vector<const ConfigKey*> configs = {}, std::vector<EntryKey> entries = {}) {
-        // The most derived class has to end the node's life.
-        struct Made final : public Author {
-            using Author::Author;
-            ~Made() override { this->teardown(); }
-        };
-        const auto make = [](NodeArguments arguments) -> std::unique_ptr<vexa::VXNode> {
-            return std::make_unique<Made>(std::move(arguments));
-        };
         for (const ConfigKey* key : Author::commonConfigs()) configs.push_back(key);
         for (const EntryKey& entry : Author::commonEntries()) entries.push_back(entry);
         registerNodeType({name, help, inputs, outputs, std::move(configs), std::move(entries),
-                          Author::kHasPool, Author::checks, Author::leastFramesHeld, make});
+                          Author::kHasPool, Author::checks, Author::leastFramesHeld,
+                          makeNode<Author>});
     }
 };
 

@@ -38,12 +38,12 @@ protected:
     // after pause().
     virtual bool next() { return false; }
     // For hooks that have to wait for something outside the graph, which they must not do on the
-    // event thread: they call this and return. After resume() they are called again.
+    // event thread: they call this and return. They are called again after resumer()().
     void pause() { mPaused = true; }
     bool isPaused() const { return mPaused; }
-    // Has next() called once more: what the node waits for outside the graph may have come.
-    // [any thread]
-    void resume();
+    // A function that has next() called once more: what the node waits for outside the graph may
+    // have come. It may outlive the node.  [any thread]
+    std::function<void()> resumer();
     // The last frame is about to be sent, or, with `nothing`, there was none.
     virtual void finish(bool nothing);
 
@@ -53,6 +53,8 @@ protected:
     // The same for a picture of the stream's format. `timestamp`: in units of its time base.
     void givePicture(std::shared_ptr<StreamInfo> stream, uint64_t timestamp,
                      std::function<void(const FrameView& picture)> fill);
+    // Gives a frame that is in a buffer already.
+    void giveFilled(std::shared_ptr<PoolBuffer> buffer, vexa::VXFrameInfo frame);
     // Gives the frame that was given last, and is not yet written, to no one.
     void drop() { mNext.reset(); }
     // The same for an access unit of `size` bytes.
@@ -89,8 +91,9 @@ private:
     std::unique_ptr<vexa::VXWork> mWritten;   // the one before, to be sent
     bool mEnding = inputPortInfos().empty();  // all inputs are fed
     bool mEnded = false;                      // no more frames come
-    bool mPaused = false;                     // until resume()
-    std::atomic<bool> mResumed{false};        // a step is due  [any thread]
+    bool mPaused = false;                     // until mIsDue
+    // A step is due.  [any thread]
+    const std::shared_ptr<std::atomic<bool>> mIsDue = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace vxkit
