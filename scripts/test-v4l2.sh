@@ -73,7 +73,9 @@ rm -rf $root && mkdir -p $root/{bin,dev,proc,sys,tmp,modules,data}
 cp /bin/busybox build/debug/apps/vxrun/vxrun $root/bin
 cp "$modules"/*.ko $root/modules
 cp tests/v4l2/* $root/data
-ffmpeg -v error -f lavfi -i testsrc2=size=640x360:rate=25:duration=0.64 -pix_fmt yuv420p $root/data/clip.y4m
+for clip in clip=640x360 large=1280x720; do
+    ffmpeg -v error -f lavfi -i testsrc2=size=${clip#*=}:rate=25:duration=0.64 -pix_fmt yuv420p "$root/data/${clip%=*}.y4m"
+done
 ldd build/debug/apps/vxrun/vxrun | grep -o '/[^ ]*' | sort -u | while read -r library; do
     mkdir -p "$root$(dirname "$library")"
     strip -o "$root$library" "$library" 2>/dev/null || cp -L "$library" "$root$library"
