@@ -204,10 +204,15 @@ private:
         return true;
     }
 
+    // As if the stream began here. Drivers differ in what is left of a layout after a seek; none
+    // does after its device was opened.
     void flush() override {
         mTimes.clear();
-        if (mUnits->isOn()) mUnits->stream(false);
-        if (mPictures->isOn()) restartQueue();
+        mPoller.reset();
+        mUnits.reset();
+        mPictures.reset();
+        mDevice.reset();
+        mHasNewSource = mHasLast = mIsDraining = false;
     }
 
     // Starts pictures anew: not all drivers have a command for it.
