@@ -342,7 +342,7 @@ TEST_F(VxrunObserved, ChecksFindEverything) {
 "connections": { "a.out": ["b.in", "f"], "c.out": ["c.in", "b.in"], "g": [], "d.out": "e.in" } }
 )");
     const char* const mistakes[] = {
-        ":1:24: speed: unknown key, expected one of name, nodes, connections",
+        ":1:24: speed: unknown key, expected one of name, nodes_from, nodes, connections",
         ":1:11: name: expected a name, got ''",
         ":3:59: nodes[0].configs.file: expected a string, a number or a boolean, got an array",
         ":4:60: nodes[0].outputs[1]: missing key 'format'",

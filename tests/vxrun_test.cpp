@@ -140,7 +140,7 @@ TEST_F(VxrunDecoding, ReportsConcealedDamage) {
     EXPECT_EQ(decode(file, {expect, "decoder.tolerate_errors=true"}).exit, 0);
 }
 
-// Catches: a plane that is lost, cut or in a wrong place for a format, depth or odd size; wrong
+// Catches: a plane that is lost, cut or in a wrong place for a format, layout, depth or odd size; wrong
 // times in a list; frames lost at the end with one buffer, threads or reordering; a large access
 // unit that does not fit into the source's buffers; a picture that the graph cannot carry and that
 // passes or crashes.
@@ -148,15 +148,24 @@ TEST_F(VxrunDecoding, AgreesWithFfmpegOnEveryFormat) {
     enum Kind { TEST, GROWS, UNSUPPORTED };
     const struct {
         const char *name, *pixels, *codec;
-        Kind kind;
+        Kind kind = TEST;
+        const char* planar = pixels;  // what the same samples are called, plane by plane
     } cases[] = {
-        {"a.mkv", "yuv420p", "ffv1", TEST},         {"b.mkv", "yuv422p10le", "ffv1", TEST},
-        {"c.mkv", "yuv444p16le", "ffv1", TEST},     {"d.mkv", "gray", "ffv1", TEST},
-        {"e.mkv", "gray12le", "ffv1", TEST},        {"f.mkv", "gbrp10le", "ffv1", TEST},
-        {"g.mp4", "yuv420p", "mpeg4", TEST},        {"h.m2v", "yuv420p", "mpeg2video", TEST},
-        {"i.nut", "yuv411p", "rawvideo", TEST},     {"j.nut", "nv12", "rawvideo", UNSUPPORTED},
-        {"k.mkv", "yuva420p", "ffv1", UNSUPPORTED}, {"l.mkv", "bgr0", "ffv1", UNSUPPORTED},
+        {"a.mkv", "yuv420p", "ffv1"},
+        {"b.mkv", "yuv422p10le", "ffv1"},
+        {"c.mkv", "yuv444p16le", "ffv1"},
+        {"d.mkv", "gray", "ffv1"},
+        {"e.mkv", "gray12le", "ffv1"},
+        {"f.mkv", "gbrp10le", "ffv1"},
+        {"g.mp4", "yuv420p", "mpeg4"},
+        {"h.m2v", "yuv420p", "mpeg2video"},
+        {"i.nut", "yuv411p", "rawvideo"},
+        {"j.nut", "bgr24", "rawvideo", UNSUPPORTED},
+        {"k.mkv", "yuva420p", "ffv1", UNSUPPORTED},
+        {"l.mkv", "bgr0", "ffv1", UNSUPPORTED},
         {"m.mkv", "yuv444p", "ffv1", GROWS},
+        {"n.nut", "nv12", "rawvideo", TEST, "yuv420p"},
+        {"o.nut", "nv21", "rawvideo", TEST, "yuv420p"},
     };
     const std::string sources[] = {
         // GROWS: plain pictures, and after them noise
@@ -172,7 +181,8 @@ TEST_F(VxrunDecoding, AgreesWithFfmpegOnEveryFormat) {
                           std::string("the pixel format ") + c.pixels + " is not supported");
             continue;
         }
-        makeList({"-flags", "unaligned", "-i", path(c.name), "-fps_mode", "passthrough"},
+        makeList({"-flags", "unaligned", "-i", path(c.name), "-fps_mode", "passthrough", "-pix_fmt",
+                  c.planar},
                  "framemd5");
         for (const std::string slots : {"1", "8"}) {
             expectPass(decode(path(c.name), {"check.expect=" + path("framemd5"),

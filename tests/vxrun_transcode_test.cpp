@@ -269,7 +269,7 @@ TEST_F(VxrunTranscode, RefusesWhatItCannotDo) {
         {encode, ffv1 + "encoder@3.force_key_frame=1", 1, "ffv1 made no key frame of the picture"},
         {decode, change + "file.container=y4m", 3, "a frame of 80x64 yuv420p after 64x48 yuv420p"},
         {decode, "file.container=mp4", 3, "a work without an access unit"},
-        {convert, "convert.format=nv12", 77, "the pixel format nv12 is not supported"},
+        {convert, "convert.format=bgr24", 77, "the pixel format bgr24 is not supported"},
         {convert, "convert.format=nosuch", 3, "config 'format': no pixel format 'nosuch'"},
         {convert, "convert.flags=nosuch", 3, "config 'flags': libswscale does not know all of"},
         {convert, "convert.format=gbrp file.container=y4m", 77,
