@@ -197,6 +197,34 @@ TEST_F(VxrunDecoders, DescriptionsAreDecoders) {
     EXPECT_EQ(vxrun(command).exit, 77);
 }
 
+// Catches: a device that is not there, and fails every vector.
+TEST_F(VxrunDecoders, MissingDevicesFailNoVector) {
+    const std::string vector = R"("source":"","source_checksum":"","input_file":"a","result":""})";
+    writeFile(path("s.json"), R"({"name":"S","codec":"H.264","test_vectors":[{"name":"v",)" +
+                                  vector + R"(,{"name":"w",)" + vector + "]}");
+    const struct {
+        std::string decoder, setting, line;
+    } cases[] = {
+        {"libavcodec", "hwaccel=vdpau:nosuch:9", "no device 'vdpau:nosuch:9': "},
+        {"libavcodec", "hwaccel=warp", "config 'hwaccel': no kind 'warp', libavutil has "},
+        {"codec/v4l2", "device=nosuch", "no V4L2 decoder of h264"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        const Words device = {"--decoder", c.decoder, "--set", "decoder." + c.setting};
+        Words suite = {"suite", path("s.json"), "--resources", path(".")};
+        suite.insert(suite.end(), device.begin(), device.end());
+        const Result result = vxrun(suite);
+        EXPECT_EQ(result.exit, 77);
+        expectHas(result.out, "verdict: SKIPPED passed=0 failed=0 errors=0 skipped=2\n");
+        expectHas(result.err, "v: Not supported (0.0 s): " + c.line);
+        if (c.decoder != "libavcodec") continue;
+        const Result decoded = vxrun({"decode", path("clip.y4m"), "--set", device.back()});
+        EXPECT_EQ(decoded.exit, 69);
+        expectHas(decoded.err, "vxrun: node 'decoder': " + c.line);
+    }
+}
+
 // Catches: a shipped description whose program does not do what it says.
 TEST_F(VxrunDecoders, ShippedOnesAgreeOnRealStreams) {
     const std::string streams = VXRUN_STREAMS_DIR "/";

@@ -39,7 +39,7 @@ public:
         for (TestVector& vector : vectors) vector.md5.clear();
         auto decoders = mSuite.decoders.find();
         if (decoders.size() > 1) throw badOption("--decoder", "expected one");
-        SuiteOptions::prepare(&decoders.front(), &suite);
+        SuiteOptions::prepare(&decoders.front(), options.edits(), &suite);
         SuiteRunOptions run = mSuite.runOptions(options);
         run.writeReports = [] {};
         const int signal = runVectors(run, decoders.front(), &suite);

@@ -43,7 +43,7 @@ public:
         SuiteResults results;
         for (TestedDecoder& decoder : decoders) {
             results.columns.push_back(suite);
-            SuiteOptions::prepare(&decoder, &results.columns.back());
+            SuiteOptions::prepare(&decoder, options.edits(), &results.columns.back());
         }
         results.facts = environmentFacts();
         results.facts.emplace_back("command_line", options.commandLine);

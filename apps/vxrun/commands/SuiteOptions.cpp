@@ -29,13 +29,20 @@ SuiteRunOptions SuiteOptions::runOptions(const CommonOptions& options) const {
     return run;
 }
 
-void SuiteOptions::prepare(TestedDecoder* decoder, Suite* suite) {
+void SuiteOptions::prepare(TestedDecoder* decoder, const GraphEdits& edits, Suite* suite) {
     // libavcodec's decoders are many.
     const bool isDefault = decoder->name() == TestedDecoder().name() && !suite->codec.empty();
     suite->decoder = decoder->name() + (isDefault ? "-" + suite->codec : "");
     std::string reason = decoder->probe();
     suite->decoderVersion = decoder->version();
     if (reason.empty()) reason = decoder->refusal(suite->codec);
+    if (reason.empty()) {
+        DecodeOptions decode;
+        decode.codec = suite->codec;
+        vexa::VXGraphInfo graph = decoder->graphFor(decode);
+        edits.applyTo(&graph);
+        reason = TestedDecoder::probe(graph);
+    }
     if (reason.empty()) return;
     for (TestVector& vector : suite->vectors) {
         vector.state = TestVector::NOT_SUPPORTED;

@@ -11,9 +11,9 @@ struct SuiteOptions {
     void addTo(CLI::App* command);
     // How to run each vector: these options with those of every run. Throws Failure.
     SuiteRunOptions runOptions(const CommonOptions& options) const;
-    // The decoder's name and version become those of `suite`. What it cannot do here is not run
-    // with it.
-    static void prepare(TestedDecoder* decoder, Suite* suite);
+    // The decoder's name and version become those of `suite`. `edits` are those of its
+    // graphs. What it cannot do here is not run with it.
+    static void prepare(TestedDecoder* decoder, const GraphEdits& edits, Suite* suite);
 
     std::string file;
     std::string resources;

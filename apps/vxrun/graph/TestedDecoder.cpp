@@ -8,12 +8,17 @@
 #include <vxkit/NodeLibrary.h>
 #include <vxkit/NodeType.h>
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
+#include <functional>
 
 namespace vxrun {
 namespace {
@@ -31,11 +36,12 @@ std::vector<fs::path> shippedFolders() {
     return {program / "decoders", program.parent_path() / "share/vxrun/decoders"};
 }
 
+constexpr std::chrono::seconds kProbeLimit(10);
+
 // What a program prints, on either output, and how it ended; at most some seconds long.
 std::string outputOf(const Program::Setup& setup, int* status) {
-    constexpr std::chrono::seconds kLimit(10);
     constexpr size_t kMost = 64 << 10;
-    const auto deadline = std::chrono::steady_clock::now() + kLimit;
+    const auto deadline = std::chrono::steady_clock::now() + kProbeLimit;
     Program program(setup);
     std::string text;
     pollfd files[] = {
@@ -53,7 +59,8 @@ std::string outputOf(const Program::Setup& setup, int* status) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
         if (!isOver && (left.count() <= 0 || poll(files, 3, static_cast<int>(left.count())) == 0)) {
-            throw Failure(setup.command[0] + ": no answer within 10 s");
+            throw Failure(
+                concat(setup.command[0], ": no answer within ", kProbeLimit.count(), " s"));
         }
     }
     *status = *program.status();
@@ -72,6 +79,29 @@ std::string versionIn(const std::string& text) {
         }
     }
     return "";
+}
+
+// What `ask` returns in a process of its own: devices' libraries start threads, or crash.
+std::string answerOf(const std::function<std::string()>& ask) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) throw Failure("a pipe: " + errnoText(errno));
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(static_cast<unsigned>(kProbeLimit.count()));
+        dprintf(ends[1], "%s", ask().c_str());
+        _exit(0);
+    }
+    close(ends[1]);
+    std::string answer;
+    char part[4096];
+    for (ssize_t size; (size = read(ends[0], part, sizeof part)) > 0;) {
+        answer.append(part, static_cast<size_t>(size));
+    }
+    close(ends[0]);
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) < 0)
+        throw Failure("a process: " + errnoText(errno));
+    return status == 0 ? answer : "the probe: " + endText(status);
 }
 
 }  // namespace
@@ -159,6 +189,20 @@ std::string TestedDecoder::probe() {
         return failure.what();
     }
     return "";
+}
+
+std::string TestedDecoder::probe(const VXGraphInfo& graph) {
+    return answerOf([&]() -> std::string {
+        for (const auto& node : graph.nodes) {
+            const NodeType* const type = findNodeType(node->type);
+            try {
+                if (type != nullptr) type->probe(*node);
+            } catch (const Failure& failure) {
+                return failure.what();
+            }
+        }
+        return "";
+    });
 }
 
 void TestedDecoder::setEnvironment() const {

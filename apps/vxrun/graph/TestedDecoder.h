@@ -48,6 +48,10 @@ public:
     // Why it is not made for streams of `codec`; empty when it is.
     std::string refusal(const std::string& codec) const;
 
+    // What this machine lacks for `graph`, one of the decoder's, as its nodes find out in a process
+    // of their own; empty when it lacks nothing.
+    static std::string probe(const vexa::VXGraphInfo& graph);
+
     // source/bitstream -> decoder -> sink/file, sink/checksum or both: the nodes reader, decoder,
     // writer and md5. A decoder that reads files itself has no reader.
     vexa::VXGraphInfo graphFor(const DecodeOptions& options) const;

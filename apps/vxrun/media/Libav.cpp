@@ -91,12 +91,24 @@ std::string CodecLog::takeFirstError(const std::string& otherwise) {
     return mFirst.empty() ? otherwise : std::exchange(mFirst, {});
 }
 
+static thread_local CodecLog* tListener = nullptr;
+
+void CodecLog::listenHere() {
+    tListener = this;
+}
+
+CodecLog::~CodecLog() {
+    if (tListener == this) tListener = nullptr;
+}
+
 void CodecLog::write(void* object, int level, const char* format, va_list arguments) {
+    if (level > AV_LOG_ERROR) return;
     // What logs is an object that begins with a pointer to its class.
-    if (level > AV_LOG_ERROR || object == nullptr) return;
-    if (*static_cast<const AVClass**>(object) != avcodec_get_class()) return;
-    auto* const log = static_cast<CodecLog*>(static_cast<AVCodecContext*>(object)->opaque);
-    if (log == nullptr) return;  // a codec of the demuxer's
+    const bool isCodec =
+        object != nullptr && *static_cast<const AVClass**>(object) == avcodec_get_class();
+    auto* const log =
+        isCodec ? static_cast<CodecLog*>(static_cast<AVCodecContext*>(object)->opaque) : tListener;
+    if (log == nullptr) return;  // a codec of the demuxer's, or what no one listens to
     char text[256];
     std::vsnprintf(text, sizeof text, format, arguments);
     std::string line = text;

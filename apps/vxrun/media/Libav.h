@@ -84,10 +84,18 @@ private:
 // Threads  any: codecs log on threads of their own.
 class CodecLog {
 public:
+    CodecLog() = default;
+    ~CodecLog();
+    CodecLog(const CodecLog&) = delete;
+    CodecLog& operator=(const CodecLog&) = delete;
+
     // Listens to `codec`, which has not been opened.
     void attach(AVCodecContext* codec);
     // The first error since the last call; `otherwise` when there was none.
     std::string takeFirstError(const std::string& otherwise = {});
+
+    // Listens to everything else that the calling thread logs, until it ends.
+    void listenHere();
 
     // Replaces the libraries' own log.
     static void takeOver();

@@ -39,11 +39,11 @@ const std::pair<uint32_t, const char*> kLayouts[] = {
 
 }  // namespace
 
-uint32_t v4l2CodeOf(const std::string& codec) {
+static uint32_t codeOf(const std::string& codec) {
     for (const auto& [name, code] : kCodecs) {
         if (codec == name) return code;
     }
-    return 0;
+    throw Failure("V4L2 has no codec " + quote(codec), Verdict::NotSupported);
 }
 
 std::optional<PixelFormat> pixelsOfV4l2(uint32_t code) {
@@ -96,39 +96,32 @@ std::string fourccText(uint32_t code) {
 
 // ---- Finding -----------------------------------------------------------------------------------
 
-// Why the device `file` is not the one; empty when it is.
-std::string V4l2Device::refusal(int file, const Search& search, bool* isMultiPlanar,
-                                std::string* driver) {
+// Why the open device is not the one; empty when it is.
+std::string V4l2Device::refusal(const Search& search) {
     v4l2_capability capability{};
-    const int error = tryCall(file, VIDIOC_QUERYCAP, &capability);
+    const int error = tryCall(mFile, VIDIOC_QUERYCAP, &capability);
     if (error != 0) return errnoText(error);
     const auto textOf = [](const auto& field) {
         const auto* const text = reinterpret_cast<const char*>(field);
         return printable(std::string(text, strnlen(text, sizeof field)));
     };
-    *driver = textOf(capability.driver) + ", " + textOf(capability.card);
+    mDriver = textOf(capability.driver) + ", " + textOf(capability.card);
     const bool isPath = search.name.find('/') != std::string::npos;
-    if (!isPath && driver->find(search.name) == std::string::npos) return *driver;
+    if (!isPath && mDriver.find(search.name) == std::string::npos) return mDriver;
     const uint32_t caps = (capability.capabilities & V4L2_CAP_DEVICE_CAPS) != 0
                               ? capability.device_caps
                               : capability.capabilities;
-    *isMultiPlanar = (caps & V4L2_CAP_VIDEO_M2M_MPLANE) != 0;
+    mIsMultiPlanar = (caps & V4L2_CAP_VIDEO_M2M_MPLANE) != 0;
     if ((caps & (V4L2_CAP_VIDEO_M2M | V4L2_CAP_VIDEO_M2M_MPLANE)) == 0) {
-        return *driver + ": not a codec";
+        return mDriver + ": not a codec";
     }
-    v4l2_fmtdesc format{};
-    format.type =
-        search.isDecoder == *isMultiPlanar
-            ? (*isMultiPlanar ? V4L2_BUF_TYPE_VIDEO_OUTPUT_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE)
-            : (*isMultiPlanar ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_OUTPUT);
-    for (; tryCall(file, VIDIOC_ENUM_FMT, &format) == 0; ++format.index) {
-        if (format.pixelformat == search.code) return "";
-    }
-    return concat(*driver, ": no ", search.isDecoder ? "decoder" : "encoder", " of ",
-                  fourccText(search.code));
+    const auto codes = formatCodes(mIsDecoder ? OUTPUT : CAPTURE);
+    if (std::find(codes.begin(), codes.end(), mCode) != codes.end()) return "";
+    return concat(mDriver, ": no ", mIsDecoder ? "decoder" : "encoder", " of ", search.codec);
 }
 
-V4l2Device::V4l2Device(const Search& search) : mIsDecoder(search.isDecoder) {
+V4l2Device::V4l2Device(const Search& search)
+    : mCode(codeOf(search.codec)), mIsDecoder(search.isDecoder) {
     namespace fs = std::filesystem;
     std::vector<std::string> paths;
     if (search.name.find('/') != std::string::npos) {
@@ -145,8 +138,7 @@ V4l2Device::V4l2Device(const Search& search) : mIsDecoder(search.isDecoder) {
     std::string seen;
     for (const std::string& path : paths) {
         mFile = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-        const std::string reason =
-            mFile < 0 ? errnoText(errno) : refusal(mFile, search, &mIsMultiPlanar, &mDriver);
+        const std::string reason = mFile < 0 ? errnoText(errno) : refusal(search);
         if (reason.empty()) {
             mPath = path;
             return;
@@ -154,8 +146,8 @@ V4l2Device::V4l2Device(const Search& search) : mIsDecoder(search.isDecoder) {
         if (mFile >= 0) close(mFile);
         seen += (seen.empty() ? " (" : "; ") + path + ": " + reason;
     }
-    throw Failure(concat("no V4L2 ", search.isDecoder ? "decoder" : "encoder", " of ",
-                         fourccText(search.code), seen, seen.empty() ? "" : ")"),
+    throw Failure(concat("no V4L2 ", mIsDecoder ? "decoder" : "encoder", " of ", search.codec, seen,
+                         seen.empty() ? "" : ")"),
                   Verdict::NotSupported);
 }
 

@@ -37,7 +37,7 @@ public:
     // What the device is to do, and how it is found.
     struct Search {
         bool isDecoder = true;
-        uint32_t code = 0;  // V4L2_PIX_FMT_... of the access units
+        std::string codec;  // libavcodec's name, or "fwht"
         std::string name;   // a path, or a part of the driver's or the card's name; empty: any
     };
     // The first device that fits. Verdict::NotSupported when there is none, with what was seen.
@@ -47,6 +47,7 @@ public:
     V4l2Device& operator=(const V4l2Device&) = delete;
 
     int file() const { return mFile; }
+    uint32_t code() const { return mCode; }  // V4L2_PIX_FMT_... of the access units
     const std::string& path() const { return mPath; }
     const std::string& driver() const { return mDriver; }
 
@@ -90,20 +91,18 @@ public:
     bool startDrain() const;
 
 private:
-    static std::string refusal(int file, const Search& search, bool* isMultiPlanar,
-                               std::string* driver);
+    std::string refusal(const Search& search);
     uint32_t typeOf(Side side) const;
     void call(unsigned long request, void* argument, const char* what) const;
 
     std::string mPath, mDriver;
+    uint32_t mCode;
     int mFile = -1;
     bool mIsDecoder;
     bool mIsMultiPlanar = false;
 };
 
-// V4L2_PIX_FMT_... of libavcodec's name for a codec, or "fwht"; 0 for an unknown one.
-uint32_t v4l2CodeOf(const std::string& codec);
-// The same for a layout of pictures.
+// V4L2_PIX_FMT_... of a layout of pictures; 0 for an unknown one.
 uint32_t v4l2CodeOf(const PixelFormat& pixels);
 // The layout of pictures with such a code; empty for those that FrameView does not know.
 std::optional<PixelFormat> pixelsOfV4l2(uint32_t code);

@@ -14,6 +14,16 @@ void V4l2Queue::stream(bool on) {
     if (!on) mInside.clear();
 }
 
+pollfd V4l2Queue::fencesOf(const vexa::VXBuffer& memory) const {
+    return {memory.fd(), static_cast<short>(mSide == V4l2Device::OUTPUT ? POLLIN : POLLOUT), 0};
+}
+
+bool V4l2Queue::isReady(const vexa::VXBuffer& memory) const {
+    if (memory.isFenceValid() && !memory.isFenceReady()) return false;
+    pollfd fences = fencesOf(memory);
+    return poll(&fences, 1, 0) == 1;
+}
+
 void V4l2Queue::queue(std::shared_ptr<vxkit::PoolBuffer> buffer, size_t bytes, uint64_t timestamp) {
     const vexa::VXBuffer& memory = buffer->buffer();
     auto index = mIndices.find(memory.uid());

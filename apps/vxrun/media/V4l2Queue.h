@@ -9,6 +9,8 @@
 #include <memory>
 #include <optional>
 
+#include <poll.h>
+
 namespace vxrun {
 
 // Life     the device outlives it.
@@ -31,6 +33,12 @@ public:
     void request(unsigned count);
     // Off: the device lets go of all buffers.
     void stream(bool on);
+    // What to wait for before a buffer may be given to the device, which knows no fences: those that
+    // the kernel keeps for its memory (dma-buf.rst, "Implicit Fence Poll Support"). Of writers where
+    // the device reads, else of all.
+    pollfd fencesOf(const vexa::VXBuffer& memory) const;
+    // Whether these, and the buffer's own, have fired.
+    bool isReady(const vexa::VXBuffer& memory) const;
     // Gives the device a buffer, of which `bytes` are filled.
     void queue(std::shared_ptr<vxkit::PoolBuffer> buffer, size_t bytes, uint64_t timestamp);
     // A buffer that the device is done with; empty when there is none.

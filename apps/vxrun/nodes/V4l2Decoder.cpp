@@ -24,13 +24,6 @@ public:
 private:
     using Side = V4l2Device::Side;
 
-    void open() override {
-        if (isGiven(kV4l2Codec) && v4l2CodeOf(config(kV4l2Codec)) == 0) {
-            throw Failure("config 'codec': V4L2 has no " + quote(config(kV4l2Codec)),
-                          Verdict::NotSupported);
-        }
-    }
-
     // ---- Access units ----
 
     void decode(const AccessUnit& unit) override {
@@ -54,15 +47,11 @@ private:
 
     void openDevice(const BitstreamInfo& stream) {
         const std::string codec = isGiven(kV4l2Codec) ? config(kV4l2Codec) : stream.codec;
-        V4l2Device::Search search;
-        search.code = v4l2CodeOf(codec);
-        search.name = config(kV4l2Device);
-        if (search.code == 0) throw Failure("V4L2 has no " + quote(codec), Verdict::NotSupported);
-        mDevice.emplace(search);
+        mDevice.emplace(V4l2Device::Search{true, codec, config(kV4l2Device)});
         mDevice->setControls(config(kV4l2Controls));
         mDevice->subscribe();
         V4l2Format format;
-        format.code = search.code;
+        format.code = mDevice->code();
         format.width = static_cast<uint32_t>(stream.picture.width);
         format.height = static_cast<uint32_t>(stream.picture.height);
         format.size = kUnitSize;
@@ -123,11 +112,12 @@ private:
         return true;
     }
 
-    // Gives the device every free buffer.
+    // Gives the device every free buffer that no one uses any more.
     void refill() {
-        std::shared_ptr<PoolBuffer> buffer;
-        while (!mHasLast && !mPictures->isFull() && mPicturePool->fetch(&buffer) == vexa::VX_OK) {
-            mPictures->queue(std::move(buffer), 0, 0);
+        while (!mHasLast && !mPictures->isFull()) {
+            if (mAwaited == nullptr && mPicturePool->fetch(&mAwaited) != vexa::VX_OK) return;
+            if (!mPictures->isReady(mAwaited->buffer())) return;
+            mPictures->queue(std::move(mAwaited), 0, 0);
         }
     }
 
@@ -135,6 +125,7 @@ private:
     void restartPictures() {
         if (mPictures->isOn()) mPictures->stream(false);
         mPictures->request(0);
+        mAwaited.reset();
         V4l2Format format = mDevice->format(Side::CAPTURE);
         format.code = bestCode(format.code);
         uint32_t width = format.width, height = format.height;
@@ -209,6 +200,7 @@ private:
     void flush() override {
         mTimes.clear();
         mPoller.reset();
+        mAwaited.reset();
         mUnits.reset();
         mPictures.reset();
         mDevice.reset();
@@ -230,7 +222,9 @@ private:
         if (mUnits->isOn() && !mUnits->isEmpty()) events |= POLLOUT;
         if (mPictures->isOn() && !mPictures->isEmpty() && !mHasLast) events |= POLLIN;
         const bool hasBuffers = events != POLLPRI;
-        mPoller->watch({{hasBuffers ? mDevice->file() : -1, events, 0}});
+        std::vector<pollfd> files = {{hasBuffers ? mDevice->file() : -1, events, 0}};
+        if (mAwaited != nullptr) files.push_back(mPictures->fencesOf(mAwaited->buffer()));
+        mPoller->watch(std::move(files));
     }
 
     static constexpr uint32_t kUnitSize = 2 << 20;  // bytes of an access unit that fit
@@ -239,13 +233,14 @@ private:
     std::optional<V4l2Device> mDevice;  // from the first access unit on
     std::shared_ptr<Pool> mUnitPool, mPicturePool;
     std::optional<V4l2Queue> mUnits, mPictures;
-    uint64_t mNumber = 0;                // of the next access unit, its timestamp in the device
-    std::map<uint64_t, int64_t> mTimes;  // by number: of pictures that are to come
-    PictureFormat mFormat;               // of the pictures
-    V4l2Format mStored;                  // in the device's buffers
-    bool mCopies = false;                // pictures: the driver's layout is not the pool's
-    bool mHasNewSource = false;          // the pictures' format has changed
-    bool mHasLast = false;               // no more pictures until restartQueue()
+    std::shared_ptr<PoolBuffer> mAwaited;  // for the device, as soon as its fences have fired
+    uint64_t mNumber = 0;                  // of the next access unit, its timestamp in the device
+    std::map<uint64_t, int64_t> mTimes;    // by number: of pictures that are to come
+    PictureFormat mFormat;                 // of the pictures
+    V4l2Format mStored;                    // in the device's buffers
+    bool mCopies = false;                  // pictures: the driver's layout is not the pool's
+    bool mHasNewSource = false;            // the pictures' format has changed
+    bool mHasLast = false;                 // no more pictures until restartQueue()
     bool mIsDraining = false;
     // Last, so that it ends first.
     std::optional<Poller> mPoller;

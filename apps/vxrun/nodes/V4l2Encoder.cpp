@@ -25,20 +25,10 @@ private:
     using Side = V4l2Device::Side;
 
     void open() override {
-        V4l2Device::Search search;
-        search.isDecoder = false;
-        search.code = v4l2CodeOf(requiredConfig(kV4l2Codec));
-        search.name = config(kV4l2Device);
-        if (search.code == 0) {
-            throw Failure("config 'codec': V4L2 has no " + quote(config(kV4l2Codec)),
-                          Verdict::NotSupported);
-        }
-        mDevice.emplace(search);
+        mDevice.emplace(V4l2Device::Search{false, requiredConfig(kV4l2Codec), config(kV4l2Device)});
         mDevice->setControls(config(kV4l2Controls));
         mDevice->subscribe();
-        V4l2Format format;
-        format.code = search.code;
-        mUnitFormat = format;
+        mUnitFormat.code = mDevice->code();
         mPoller.emplace(resumer());
     }
 
@@ -47,12 +37,11 @@ private:
     void encode(const Frame& picture, uint64_t number) override {
         if (!mPictures) begin(picture);
         collectPictures();
-        // A device knows no fences.
         auto buffer = bufferOf(picture.info);
-        if (buffer != nullptr && buffer->buffer().isFenceValid() &&
-            !buffer->buffer().isFenceReady()) {
+        if (buffer != nullptr && !mPictures->isReady(buffer->buffer())) {
             pause();
-            wakeUp(1);
+            mPoller->watch({mPictures->fencesOf(buffer->buffer())});
+            if (buffer->buffer().isFenceValid()) wakeUp(1);  // it has no handle to wait on
             return;
         }
         if (!mPictures->isFull() && mCopies) buffer = copied(picture);

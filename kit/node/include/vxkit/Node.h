@@ -46,6 +46,9 @@ public:
     // The least number of frames that a node with this description holds back before it sends the
     // first.
     static uint64_t leastFramesHeld(const vexa::VXNodeDescriptor&) { return 0; }
+    // Throws Failure when this machine lacks what a node with this description needs, such as a
+    // device. A suite asks before its first vector, in a process of its own.
+    static void probe(const vexa::VXNodeDescriptor&) {}
 
     explicit Node(NodeArguments arguments);
     ~Node() override { mRun.evidence.removeNode(mRecord); }

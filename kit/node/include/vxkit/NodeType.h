@@ -52,6 +52,7 @@ struct NodeType {
     bool hasPool;
     bool (*checks)(const vexa::VXNodeDescriptor& node);
     uint64_t (*leastFramesHeld)(const vexa::VXNodeDescriptor& node);
+    void (*probe)(const vexa::VXNodeDescriptor& node);
     std::unique_ptr<vexa::VXNode> (*make)(NodeArguments arguments);
 };
 
@@ -91,7 +92,7 @@ public:
         for (const ConfigKey* key : Author::commonConfigs()) configs.push_back(key);
         for (const EntryKey& entry : Author::commonEntries()) entries.push_back(entry);
         registerNodeType({name, help, inputs, outputs, std::move(configs), std::move(entries),
-                          Author::kHasPool, Author::checks, Author::leastFramesHeld,
+                          Author::kHasPool, Author::checks, Author::leastFramesHeld, Author::probe,
                           makeNode<Author>});
     }
 };
