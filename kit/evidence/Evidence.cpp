@@ -125,7 +125,11 @@ std::string Evidence::textOfNodes(TextOf textOf) const {
 }
 
 std::string Evidence::unfinished() const {
-    return textOfNodes([](const auto& node) { return node.endOfStream ? "" : node.name; });
+    return textOfNodes([](const auto& node) -> std::string {
+        if (node.endOfStream) return "";
+        const std::string what = node.waitsFor();
+        return node.name + (what.empty() ? "" : " (waits for " + what + ")");
+    });
 }
 
 size_t Evidence::stopped() const {

@@ -72,7 +72,7 @@ std::function<void()> Producer::resumer() {
 // Goes on until the next frame or the end is known, the next input is missing, or a hook pauses.
 void Producer::advance() {
     *mIsDue = false;  // first, so that what resumes it from now on counts
-    mPaused = false;
+    if (std::exchange(mPaused, false)) record().setWaitsFor("");
     while (!mNext && !next()) {
         if (mPaused) return;
         if (mEnding) {

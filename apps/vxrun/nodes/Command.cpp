@@ -171,7 +171,7 @@ private:
     bool next() override {
         // The first call is open()'s. However fast the program is, what it does belongs to the run.
         if (!std::exchange(mHasBegun, true)) {
-            pause();
+            pause(config(kCommand).front());
             resumer()();
             return false;
         }
@@ -181,7 +181,7 @@ private:
         while (!mPictures.hasPicture()) {
             if (readOutput()) continue;
             if (hasEnded) return giveRest();
-            pause();
+            pause(config(kCommand).front());
             mPoller->watch({{mHasOutput ? outputFile() : -1, POLLIN, 0},
                             {mHasErrors ? mProgram->errors() : -1, POLLIN, 0},
                             {mProgram->end(), POLLIN, 0}});

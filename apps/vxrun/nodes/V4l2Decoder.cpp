@@ -31,7 +31,7 @@ private:
         collectUnits();
         std::shared_ptr<PoolBuffer> block;
         if (mUnits->isFull() || mUnitPool->fetch(&block) != vexa::VX_OK) {
-            pause();
+            pause(mDevice->path());
             watch();
             return;
         }
@@ -84,7 +84,7 @@ private:
             if (!mHasNewSource || (mPictures->isOn() && !mHasLast)) break;
             restartPictures();
         }
-        if (mIsDraining && !endDrain()) pause();
+        if (mIsDraining && !endDrain()) pause(mDevice->path());
         watch();
         return false;
     }

@@ -39,14 +39,14 @@ private:
         collectPictures();
         auto buffer = bufferOf(picture.info);
         if (buffer != nullptr && !mPictures->isReady(buffer->buffer())) {
-            pause();
+            pause("the fence of picture " + std::to_string(number));
             mPoller->watch({mPictures->fencesOf(buffer->buffer())});
             if (buffer->buffer().isFenceValid()) wakeUp(1);  // it has no handle to wait on
             return;
         }
         if (!mPictures->isFull() && mCopies) buffer = copied(picture);
         if (mPictures->isFull() || buffer == nullptr) {
-            pause();
+            pause(mDevice->path());
             watch();
             return;
         }
@@ -147,7 +147,7 @@ private:
             giveUnit(done->result, done->buffer);
             return true;
         }
-        if (mIsDraining && !mHasLast) pause();
+        if (mIsDraining && !mHasLast) pause(mDevice->path());
         watch();
         return false;
     }

@@ -46,6 +46,20 @@ struct NodeRecord {
     std::atomic<uint64_t> moved{0};         // batches received or sent: a sign of life
     std::atomic<bool> busy{false};          // one of its hooks runs, see AtWork
     std::atomic<bool> endOfStream{false};   // the node has handled the last frame
+
+    // What the node waits for outside the graph, such as a device; empty for nothing.
+    std::string waitsFor() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mWaitsFor;
+    }
+    void setWaitsFor(const std::string& what) {
+        std::lock_guard<std::mutex> lock(mLock);
+        mWaitsFor = what;
+    }
+
+private:
+    mutable std::mutex mLock;
+    std::string mWaitsFor;  // guarded by mLock
 };
 
 // AtWork: this thread runs a hook of a node.
@@ -170,7 +184,8 @@ public:
             if (record.busy) visit(record);
         }
     }
-    // The names of the nodes that have not handled their last frame, separated by commas.
+    // The names of the nodes that have not handled their last frame, separated by commas, each with
+    // what it waits for.
     std::string unfinished() const;
     // The number of nodes that have stopped or are gone.
     size_t stopped() const;

@@ -38,8 +38,12 @@ protected:
     // after pause().
     virtual bool next() { return false; }
     // For hooks that have to wait for something outside the graph, which they must not do on the
-    // event thread: they call this and return. They are called again after resumer()().
-    void pause() { mPaused = true; }
+    // event thread: they call this and return. They are called again after resumer()(). A run that
+    // stalls meanwhile names `what` they wait for.
+    void pause(const std::string& what) {
+        mPaused = true;
+        record().setWaitsFor(what);
+    }
     bool isPaused() const { return mPaused; }
     // A function that has next() called once more: what the node waits for outside the graph may
     // have come. It may outlive the node.  [any thread]
