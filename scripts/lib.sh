@@ -17,13 +17,13 @@ need() {
         "${missing[@]}" >/dev/null
 }
 
-# build PRESET [TARGET]: configures it and builds the target, or all. A compiler cache is used where
+# build PRESET [TARGET...]: configures it and builds the targets, or all. A compiler cache is used where
 # there is one.
 build() {
     local launcher=()
     command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
     cmake --preset "$1" "${launcher[@]}" >/dev/null
-    cmake --build --preset "$1" ${2:+--target "$2"}
+    cmake --build --preset "$1" ${2:+--target "${@:2}"}
 }
 
 build_packages=(g++ cmake ninja-build pkg-config googletest libcli11-dev nlohmann-json3-dev libpugixml-dev libavformat-dev
