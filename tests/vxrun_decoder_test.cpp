@@ -131,6 +131,7 @@ TEST_F(VxrunDecoders, DescriptionsAreDecoders) {
     const std::string wrong = describe("wrong", R"("command":["head","-c","150","{input}"])");
     const std::string missing =
         describe("missing", R"("probe":["nosuch"],"command":["cat","{input}"])");
+    const std::string absent = describe("absent", R"("command":["nosuch","{input}"])");
     const std::string other = describe("other", R"("codecs":["h264"],"command":["cat"])");
     const std::string node = describe(
         "node", R"("node":"codec/decoder","configs":{"threads":2,"tolerate_errors":true})");
@@ -180,15 +181,17 @@ TEST_F(VxrunDecoders, DescriptionsAreDecoders) {
                                   md5 + "\"}]}");
     Words command = {"suite",   path("s.json"), "--resources", path("."), "--json",
                      path("r"), "--markdown",   path("m"),     "--junit", path("j")};
-    for (const std::string& decoder : {good, wrong, missing, other, std::string("libavcodec")}) {
+    for (const std::string& decoder :
+         {good, wrong, missing, absent, other, std::string("libavcodec")}) {
         command.insert(command.end(), {"--decoder", decoder});
     }
     const Result suite = vxrun(command);
     EXPECT_EQ(suite.exit, 1) << suite.err;
     expectHas(suite.out,
               "\nthe decoders disagree on v\n"
-              "verdict: FAIL passed=2 failed=0 errors=1 skipped=2\n");
-    expectHas(contentOf(path("m")), "|v|Success|Error|Not supported|Not supported|Success|\n");
+              "verdict: FAIL passed=2 failed=0 errors=1 skipped=3\n");
+    expectHas(contentOf(path("m")),
+              "|v|Success|Error|Not supported|Not supported|Not supported|Success|\n");
     expectHas(contentOf(path("m")), "\n- good: good 1.2.3\n- vxrun: 1.");
     expectHas(contentOf(path("r")), "\"decoder_version\": \"good 1.2.3\"");
     expectHas(contentOf(path("j")), "classname=\"S.good.rawvideo\" name=\"v\"");

@@ -11,7 +11,9 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <sstream>
 
 namespace vxrun {
 namespace {
@@ -85,6 +87,17 @@ struct Launch {
 }
 
 }  // namespace
+
+bool Program::exists(const std::string& name) {
+    if (name.find('/') != std::string::npos) return access(name.c_str(), X_OK) == 0;
+    const char* const path = std::getenv("PATH");
+    std::istringstream folders(path != nullptr ? path : "/bin:/usr/bin");  // as execvp(3)
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        const std::string file = (folder.empty() ? "." : folder) + "/" + name;
+        if (access(file.c_str(), X_OK) == 0) return true;
+    }
+    return false;
+}
 
 Program::Program(const Setup& setup) {
     std::vector<std::string> environment = setup.environment;

@@ -20,6 +20,9 @@ public:
         std::string input;                     // a file for standard input; empty: nothing
     };
 
+    // Whether there is a program of that name, a path or one that is searched for in PATH.
+    static bool exists(const std::string& name);
+
     // Throws Failure when the program cannot be started. There is no shell in between.
     explicit Program(const Setup& setup);
     ~Program() { finish(); }

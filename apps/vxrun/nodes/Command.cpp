@@ -89,6 +89,12 @@ class CommandSource : public Source {
 public:
     using Source::Source;
 
+    static void probe(const vexa::VXNodeDescriptor& node) {
+        const auto words = kCommand.valueOf(kCommand.textIn(node));
+        if (!words.empty() && !Program::exists(words[0]))
+            throw Failure("no program " + quote(words[0]), Verdict::NotSupported);
+    }
+
 private:
     void open() override {
         mInput = requiredConfig(kFile);
@@ -171,7 +177,7 @@ private:
     bool next() override {
         // The first call is open()'s. However fast the program is, what it does belongs to the run.
         if (!std::exchange(mHasBegun, true)) {
-            pause(config(kCommand).front());
+            pause(mName);
             resumer()();
             return false;
         }
@@ -181,7 +187,7 @@ private:
         while (!mPictures.hasPicture()) {
             if (readOutput()) continue;
             if (hasEnded) return giveRest();
-            pause(config(kCommand).front());
+            pause(mName);
             mPoller->watch({{mHasOutput ? outputFile() : -1, POLLIN, 0},
                             {mHasErrors ? mProgram->errors() : -1, POLLIN, 0},
                             {mProgram->end(), POLLIN, 0}});
