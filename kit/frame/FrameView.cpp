@@ -73,7 +73,8 @@ static void copyRow(const uint8_t* stored, uint8_t* to, size_t columns, size_t s
 void FrameView::makePlanes() const {
     const auto bytes = static_cast<size_t>(mStored.bytesPerSample());
     const size_t stride = mFormat.rowBytes(0);
-    const auto rows = static_cast<size_t>(mFormat.rows(0) + 2 * mFormat.rows(1));
+    const auto rows =
+        static_cast<size_t>(mFormat.rows(0)) + 2 * static_cast<size_t>(mFormat.rows(1));
     mCopies = std::make_shared<std::vector<uint8_t>>(stride * rows);
     uint8_t* to = mCopies->data();
     std::array<uint8_t*, 3> planes{};

@@ -60,7 +60,7 @@ std::shared_ptr<StreamInfo> Decoder::nextStream(const DecodedPicture& picture) {
         throw Failure("the pictures are " + actual + ", not " + quote(expected),
                       Verdict::NotSupported);
     }
-    const auto stream = std::make_shared<StreamInfo>();
+    auto stream = std::make_shared<StreamInfo>();
     stream->picture = picture.format;
     stream->profile = picture.profile;
     stream->sar = picture.sar.num > 0 ? picture.sar : mSar;

@@ -277,6 +277,7 @@ std::vector<TestedDecoder> TestedDecoder::shipped() {
         }
     }
     std::vector<TestedDecoder> all;
+    all.reserve(found.size());
     for (auto& [name, decoder] : found) all.push_back(std::move(decoder));
     return all;
 }

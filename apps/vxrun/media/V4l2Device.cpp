@@ -144,7 +144,7 @@ V4l2Device::V4l2Device(const Search& search)
             return;
         }
         if (mFile >= 0) close(mFile);
-        seen += (seen.empty() ? " (" : "; ") + path + ": " + reason;
+        seen += concat(seen.empty() ? " (" : "; ", path, ": ", reason);
     }
     throw Failure(concat("no V4L2 ", mIsDecoder ? "decoder" : "encoder", " of ", search.codec, seen,
                          seen.empty() ? "" : ")"),

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <utility>
 
 namespace vxrun {
 namespace {
@@ -117,7 +118,7 @@ private:
         while (!mHasLast && !mPictures->isFull()) {
             if (mAwaited == nullptr && mPicturePool->fetch(&mAwaited) != vexa::VX_OK) return;
             if (!mPictures->isReady(mAwaited->buffer())) return;
-            mPictures->queue(std::move(mAwaited), 0, 0);
+            mPictures->queue(std::exchange(mAwaited, nullptr), 0, 0);
         }
     }
 
