@@ -1,18 +1,19 @@
 // vxkit beside FFmpeg's libraries: the same pixel formats, and access units that libavformat did
-// not make.
+// not make. What the driver of a single node shows.
 #include "support/Vxrun.h"
 
 #include <LibavFrames.h>
-#include <Runner.h>
-#include <TestedDecoder.h>
+#include <vexa_testing/NodeDriver.h>
 #include <vxkit/Source.h>
 #include <vxkit/Text.h>
 
 #include <cctype>
 #include <cstring>
+#include <future>
 #include <map>
 
 using namespace vxkit;
+using vexa_testing::NodeDriver;
 
 namespace {
 
@@ -177,18 +178,90 @@ TEST(Decoders, TakeAccessUnitsOfAnySource) {
                               .c_str()),
               0);
     const auto md5Of = [&](const char* type) {
-        vexa::VXGraphInfo graph = vxrun::TestedDecoder().graphFor({file, "", true, "", ""});
-        graph.nodes[0]->type = type;
-        Evidence evidence;
-        evidence.expectNoCheck();
-        vxrun::runGraph(std::move(graph), {}, &evidence,
-                        [](const Evidence& shown) { return exitCode(shown.verdict()); });
-        EXPECT_STREQ(verdictName(evidence.verdict()), "DONE");
-        EXPECT_EQ(evidence.totals().frames, 25u);
-        return evidence.streamMd5();
+        NodeDriver source(type, {{"file", file}, {"slots", "50"}}), decoder("codec/decoder"),
+            sink("sink/checksum", {{"print_md5", "true"}});
+        while (const auto unit = source.receive()) decoder.give(unit);
+        while (const auto picture = decoder.receive()) sink.give(picture);
+        EXPECT_EQ(sink.receive(), nullptr);
+        EXPECT_EQ(sink.evidence().totals().frames, 25u);
+        for (NodeDriver* const node : {&sink, &decoder, &source}) {
+            EXPECT_EQ(node->stop(), Verdict::Done) << node->lines();
+        }
+        return sink.evidence().streamMd5();
     };
     EXPECT_EQ(md5Of("test/foreign"), md5Of("source/bitstream"));
     std::filesystem::remove_all(folder);
+}
+
+const ChoiceKey kFault{"fault", {"open", "throw", "buffer", "work", "lazy", "hang"}, ""};
+std::shared_ptr<PoolBuffer> sKeptBuffer;
+std::shared_ptr<vexa::VXSharedWork> sKeptWork;
+
+// Passes pictures on, if it does not have the fault in question with the second one.
+class Faulty : public Node {
+public:
+    using Node::Node;
+    static std::vector<const ConfigKey*> commonConfigs() { return {&kSlots, &kAllocator, &kFault}; }
+
+private:
+    bool has(const char* fault) { return config(kFault) == fault; }
+    void open() override {
+        if (has("open")) throw Failure("no codec");
+    }
+    void process(const SharedWorks& inputs) override {
+        const bool isFirst = mCount++ == 0;
+        if (!isFirst && has("throw")) throw Failure("bad frame");
+        if (!isFirst && has("work")) sKeptWork = inputs.front();
+        if (!isFirst && has("buffer")) {
+            newPool(Frame(*inputs.front()).format())->fetch(&sKeptBuffer);
+        }
+        if (!isFirst && has("hang")) std::promise<void>().get_future().wait();
+        if (isFirst || !has("lazy")) sendOutput(shareOf(*inputs.front()));
+    }
+    int mCount = 0;
+};
+const Registered<Faulty> kFaulty("test/faulty", "", 1, 1);
+
+// Catches: a node's fault that its author's test would not see, or wait for without end.
+TEST(NodeDrivers, ShowWhatIsWrongWithANode) {
+    const auto stream = std::make_shared<StreamInfo>();
+    stream->picture = {*findPixelFormat("nv12"), 6, 4};
+    const auto drive = [&](const std::string& fault) {
+        NodeDriver node("test/faulty", {{"fault", fault}}, {}, std::chrono::milliseconds(500));
+        const auto fill = [](const FrameView& picture) { *picture.plane(1) = 7; };
+        node.givePicture(stream, 8, fill);
+        node.givePicture(stream, 9, fill, NodeDriver::LAST);
+        std::string seen;
+        while (const auto work = node.receive()) {
+            const Frame frame(*work);
+            seen += concat(frame.info.timestamp, *frame.plane(1), " ");
+            EXPECT_GE(node.living().buffers, 1u);
+        }
+        seen += verdictName(node.stop());
+        return seen + " " + node.lines();
+    };
+    const std::string ended = "; given 2, received ", left = "; not released: inputs ";
+    const std::pair<const char*, std::string> cases[] = {
+        {"", "8\x7 9\x7 DONE "},
+        {"open", "vxrun: node 'test/faulty': no codec\n"},
+        {"none", "config 'fault': expected "},
+        {"throw", "8\x7 NODE_FAIL_FATAL vxrun: node 'test/faulty': bad frame\n"},
+        {"work", "NODE_FAIL_FATAL test/faulty: a leak" + ended + "2" + left + "1, outputs "},
+        {"buffer", "test/faulty: a leak" + ended + "2" + left + "0, outputs 0, buffers 1"},
+        {"lazy", "no frame and no end within 500 ms" + ended + "1" + left + "0, outputs 0, "}};
+    for (const auto& [fault, line] : cases) {
+        std::string seen;
+        try {
+            seen = drive(fault);
+        } catch (const Failure& failure) {
+            seen = failure.what();
+        }
+        vxrun_test::expectHas(seen, line);
+        sKeptWork.reset();
+        sKeptBuffer.reset();
+    }
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    EXPECT_EXIT(drive("hang"), testing::KilledBySignal(SIGABRT), "stop did not return within 500");
 }
 
 }  // namespace

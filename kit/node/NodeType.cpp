@@ -120,18 +120,23 @@ std::vector<std::pair<std::string, std::string>> mistakesIn(const VXNodeDescript
     return mistakes;
 }
 
+std::unique_ptr<VXNode> newNode(const NodeType& type, const std::string& fullName,
+                                std::unique_ptr<VXNodeDescriptor> descriptor,
+                                const RunContext& run) {
+    const auto mistakes = mistakesIn(*descriptor, type);
+    // Copies, since the library takes the descriptor apart.
+    const std::string nodeName = descriptor->name;
+    auto entries = descriptor->entries;
+    return type.make({type, fullName, nodeName, std::move(entries),
+                      mistakes.empty() ? "" : mistakes.front().second, std::move(descriptor), run});
+}
+
 NodeFactory::NodeFactory(const NodeType& type, const RunContext& run)
     : VXNodeBaseFactory(type.name), mType(type), mRun(run) {}
 
 void NodeFactory::createNode(const std::string& name, std::unique_ptr<VXNodeDescriptor> descriptor,
                              std::unique_ptr<VXNode>* node) {
-    const auto mistakes = mistakesIn(*descriptor, mType);
-    // Copies, since the library takes the descriptor apart.
-    const std::string nodeName = descriptor->name;
-    auto entries = descriptor->entries;
-    *node =
-        mType.make({mType, name, nodeName, std::move(entries),
-                    mistakes.empty() ? "" : mistakes.front().second, std::move(descriptor), mRun});
+    *node = newNode(mType, name, std::move(descriptor), mRun);
 }
 
 }  // namespace vxkit

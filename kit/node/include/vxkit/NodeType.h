@@ -102,6 +102,12 @@ public:
 std::vector<std::pair<std::string, std::string>> mistakesIn(const vexa::VXNodeDescriptor& node,
                                                             const NodeType& type);
 
+// A node of `type` called `fullName` that reports to `run`. Its set-up refuses a description with
+// mistakes.
+std::unique_ptr<vexa::VXNode> newNode(const NodeType& type, const std::string& fullName,
+                                      std::unique_ptr<vexa::VXNodeDescriptor> descriptor,
+                                      const RunContext& run);
+
 // NodeFactory: makes the nodes of one type for one run.
 //
 // Life     registered with the library as long as it lives; `run` outlives it.
