@@ -12,9 +12,12 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
-sourceOf() { sed -n '/^```cpp$/,/^```$/{/^```/d;p}' "$here/../../$1"; }
-sourceOf README.md >"$work/hello.cpp"
-sourceOf docs/writing-a-node.md >"$work/nodes.cpp"
+sourceOf() { # FILE N: the n-th program of a document
+    awk -v n="$2" '/^```$/ { inside = 0 } inside && count == n; /^```cpp$/ { inside = 1; ++count }' "$here/../../$1"
+}
+sourceOf README.md 1 >"$work/hello.cpp"
+sourceOf docs/writing-a-node.md 1 >"$work/flat.cpp"
+sourceOf docs/writing-a-node.md 2 >"$work/nodes.cpp"
 cp "$here/kit.cpp" "$work"
 
 check() {  # DIR: of the built programs
@@ -40,6 +43,9 @@ cmake --install "$build" --component testing --prefix "$work/prefix" >/dev/null
 configure testing >/dev/null
 cmake --build "$work/build" >/dev/null
 "$work/build/fault" 2>"$work/log" || { echo "fault failed"; cat "$work/log"; exit 1; }
+said=$("$work/build/flat")
+[ "$said" = "$(sed -n '/^    10 at /,/^$/s/^    //p' "$here/../../docs/writing-a-node.md")" ] ||
+    { echo "flat printed '$said'"; exit 1; }
 echo "find_package, testing: ok"
 
 libdir=$(dirname "$(find "$work/prefix" -name vxbase.pc)")/..
