@@ -1,7 +1,8 @@
 #!/bin/sh
-# Decodes clips of 8 and 10 bits with libavcodec and with acme/decoder: both give the same pictures.
+# Decodes clips of 8 and 10 bits with libavcodec and with acme/decoder: both give the same pictures. Then
+# acme_test has the decoder alone.
 #
-#   test.sh VXRUN LIBRARY
+#   test.sh VXRUN LIBRARY ACME_TEST
 set -eu
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -13,3 +14,4 @@ for format in yuv420p yuv420p10le; do
     echo "$format: expected $expected, actual $actual"
     [ "$actual" = "$expected" ]
 done
+"$3" "$2" "$work/yuv420p.h265"
