@@ -13,8 +13,7 @@ const std::string kY4mMagic = "YUV4MPEG2";
 
 namespace {
 
-constexpr uint64_t kMaxSide = 65535;     // of a picture
-constexpr uint64_t kMaxFrame = 1 << 30;  // bytes
+constexpr uint64_t kMaxSide = 65535;  // of a picture
 
 // "30000:1001"; 0:0, which means unknown in this format, becomes `unknown`.
 Rational parseRatio(const std::string& text, Rational unknown) {
@@ -96,9 +95,8 @@ StreamInfo y4mStream(const std::string& line) {
     }
     if (stream.picture.width == 0) throw Failure("header has no width (W)");
     if (stream.picture.height == 0) throw Failure("header has no height (H)");
-    const size_t size = stream.picture.size();
-    if (size <= kMaxFrame) return stream;
-    throw Failure(concat("a frame of ", size, " bytes is larger than 1 GiB"));
+    checkSize(stream.picture);
+    return stream;
 }
 
 bool isY4mFrame(const std::string& line) {
@@ -124,7 +122,7 @@ std::string y4mHeader(const StreamInfo& stream) {
                   full ? " XCOLORRANGE=FULL" : "", "\n");
 }
 
-Y4mReader::Y4mReader(const std::string& path) : mFile(path) {
+Y4mReader::Y4mReader(const std::string& path) : PictureReader(path) {
     std::string line;
     const bool complete = mFile.readLine(kY4mLine, &line);
     if (!complete && line.empty()) mFile.fail("empty file");
@@ -150,21 +148,6 @@ bool Y4mReader::nextFrame() {
     }
     if (!complete) failFrame(offset, "the FRAME line is truncated or too long");
     return true;
-}
-
-void Y4mReader::readFrame(const FrameView& picture) {
-    const uint64_t offset = mFile.offset();
-    size_t actual = 0;
-    picture.forEachRow([&](uint8_t* row, size_t bytes) { actual += mFile.read(row, bytes); });
-    if (actual != picture.size()) {
-        failFrame(offset,
-                  concat("truncated: expected ", picture.size(), " bytes, actual ", actual));
-    }
-    ++mFrame;
-}
-
-void Y4mReader::failFrame(uint64_t offset, const std::string& text) const {
-    mFile.fail(concat("frame ", mFrame, " at byte ", offset, ": ", text));
 }
 
 }  // namespace vxrun

@@ -1,10 +1,7 @@
 // Y4m: YUV4MPEG2 files: a header line, then per frame a line and the planes, without padding.
 #pragma once
 
-#include "Files.h"
-#include "Vxkit.h"
-
-#include <vxkit/FrameView.h>
+#include "PictureReader.h"
 
 #include <string>
 
@@ -23,31 +20,16 @@ bool isY4mFrame(const std::string& line);
 extern const std::string kY4mMagic;
 constexpr size_t kY4mLine = 4096;
 
-// Y4mReader: reads such a file. Failures name the file, the header field or the frame and its byte
-// offset, and what was expected.
+// Y4mReader: reads such a file. Failures of the header name its field.
 //
-// Life     nextFrame(), and while it is true readFrame().
-// Threads  one at a time.
-// Owns     the open file.
-class Y4mReader {
+// Life, threads and owns: as PictureReader.
+class Y4mReader final : public PictureReader {
 public:
     // Opens `path` and reads its header. Verdict::NotSupported: a color space that exists but is
     // not handled.
     explicit Y4mReader(const std::string& path);
 
-    const std::string& path() const { return mFile.path(); }
-    const StreamInfo& stream() const { return mStream; }
-    // Reads the line before a frame; false at the end of the file.
-    bool nextFrame();
-    // Reads the planes of that frame into `picture`, which has the stream's format.
-    void readFrame(const FrameView& picture);
-
-private:
-    [[noreturn]] void failFrame(uint64_t offset, const std::string& text) const;
-
-    InputFile mFile;
-    StreamInfo mStream;
-    uint64_t mFrame = 0;  // the one that comes next
+    bool nextFrame() override;
 };
 
 }  // namespace vxrun

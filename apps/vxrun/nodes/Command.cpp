@@ -1,6 +1,7 @@
 // codec/command: the pictures that a program decodes, as they arrive.
 #include "Keys.h"
 #include "PictureBytes.h"
+#include "PictureReader.h"
 #include "Program.h"
 #include "Text.h"
 #include "VideoFile.h"
@@ -140,9 +141,9 @@ private:
         if (placeholder == "threads") return std::to_string(config(kThreads));
         if (placeholder == "codec")
             return isGiven(kCodecName) ? config(kCodecName) : probed().codec;
-        if (placeholder == "width") return std::to_string(rawStream().picture.width);
-        if (placeholder == "height") return std::to_string(rawStream().picture.height);
-        if (placeholder == "format") return rawStream().picture.pixels.name;
+        if (placeholder == "width") return std::to_string(rawPicture().width);
+        if (placeholder == "height") return std::to_string(rawPicture().height);
+        if (placeholder == "format") return rawPicture().pixels.name;
         throw Failure("config 'command': unknown placeholder {" + placeholder + "}");
     }
 
@@ -152,20 +153,13 @@ private:
     }
 
     // What raw video holds: what the configs state, else what the stream does.
-    StreamInfo rawStream() {
-        StreamInfo stream;
+    PictureFormat rawPicture() {
         const bool isKnown = isGiven(kWidth) && isGiven(kHeight) && isGiven(kFormat);
-        if (!isKnown) stream.picture = probedPicture();
-        if (isGiven(kWidth)) stream.picture.width = static_cast<int>(config(kWidth));
-        if (isGiven(kHeight)) stream.picture.height = static_cast<int>(config(kHeight));
-        if (isGiven(kFormat)) {
-            const auto pixels = findPixelFormat(config(kFormat));
-            if (!pixels) throw Failure("config 'format': unknown format " + quote(config(kFormat)));
-            stream.picture.pixels = *pixels;
-        }
-        stream.timeBase = {1, 25};
-        stream.duration = 1;
-        return stream;
+        PictureFormat picture = isKnown ? PictureFormat() : probedPicture();
+        if (isGiven(kWidth)) picture.width = static_cast<int>(config(kWidth));
+        if (isGiven(kHeight)) picture.height = static_cast<int>(config(kHeight));
+        if (isGiven(kFormat)) picture.pixels = pixelFormatOf(config(kFormat));
+        return picture;
     }
 
     PictureFormat probedPicture() {
@@ -275,7 +269,7 @@ private:
     std::optional<Program> mProgram;
     // [event thread]
     bool mHasBegun = false;
-    PictureBytes mPictures{[this] { return rawStream(); }};
+    PictureBytes mPictures{[this] { return rawStream(rawPicture()); }};
     uint64_t mGiven = 0;
     bool mHasOutput = true, mHasErrors = true;  // they have not been closed
     std::string mErrors;
