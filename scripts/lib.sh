@@ -27,4 +27,4 @@ build() {
 }
 
 build_packages=(g++ cmake ninja-build pkg-config googletest libcli11-dev nlohmann-json3-dev libpugixml-dev libavformat-dev
-    libavcodec-dev libavutil-dev libswscale-dev ffmpeg)
+    libavcodec-dev libavutil-dev libswscale-dev ffmpeg python3)

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <map>
+#include <nlohmann/json.hpp>
 #include <pugixml.hpp>
 
 namespace {
@@ -599,6 +600,73 @@ TEST_F(VxrunSuite, EndsWhatDoesNotEnd) {
         pollfd readers = {open(path("S/stuck/pipe").c_str(), O_WRONLY | O_NONBLOCK), 0, 0};
         EXPECT_TRUE(readers.fd < 0 || poll(&readers, 1, 20000) == 1) << "its processes live on";
         close(readers.fd);
+    }
+}
+
+// Catches: a reference that is of other pictures, of none or of a failed decoder; a result that was
+// there and goes.
+TEST_F(VxrunSuite, ReferenceFillsInWhatIsMissing) {
+    std::vector<Entry> entries = {
+        {"avc", "h264/Static.264", "yuv420p", "", ""},
+        {"deep", "av1/av1-176x144-main-basic-10.ivf", "yuv420p10le", "", ""},
+        {"sizes", "av1/av1-sizeup-fluster.ivf", "None", "", ""},
+        {"gray", "h264/Static.264", "gray", "", ""},
+        {"kept", "h264/Static.264", "", "", std::string(32, '1')}};
+    const std::filesystem::path streams = VXRUN_STREAMS_DIR;
+    if (!std::filesystem::exists(streams)) GTEST_SKIP() << "no " << streams;
+    const auto written = [&] {
+        makeSuite(entries);
+        const std::string text = replaced(contentOf(path("s.json")), "MPEG2_VIDEO", "None");
+        writeFile(path("s.json"),
+                  replaced(text, ":\"S\"", ":\"" + streams.filename().string() + "\""));
+        return contentOf(path("s.json"));
+    };
+    const std::string before = written();
+    const Words command = {"reference", path("s.json"), "--resources", streams.parent_path(),
+                           "--decoder"};
+    writeFile(path("bad.json"),
+              R"({"name":"bad","command":["sh","-c","head -c 99999 {input}; exit 3"]})");
+    EXPECT_EQ(vxrun(command + Words{path("bad.json")}).exit, 1);
+    EXPECT_EQ(contentOf(path("s.json")), before);
+    const Result result = vxrun(command + Words{"libavcodec"});
+    EXPECT_EQ(result.out, "verdict: PASS passed=3 failed=0 errors=0 skipped=1\n") << result.err;
+    const auto filled = nlohmann::json::parse(contentOf(path("s.json")));
+    for (size_t i = 0; i < 3; ++i) {
+        entries[i].md5 =
+            run({"ffmpeg", "-v", "error", "-flags", "unaligned", "-i", streams / entries[i].file,
+                 "-fps_mode", "passthrough", "-autoscale", "0", "-f", "md5", "-"})
+                .out.substr(4, 32);
+    }
+    EXPECT_EQ(filled, nlohmann::json::parse(written()));
+}
+
+// Catches: a class that Fluster cannot load or run, and an outcome that becomes another.
+TEST_F(VxrunSuite, RunsWithinFluster) {
+    const std::string fluster = VXRUN_STREAMS_DIR "/../fluster";
+    if (!std::filesystem::exists(fluster)) GTEST_SKIP() << "no " << fluster;
+    makeSuite({{"good", "clip.m2v", "yuv420p", "", mMd5},
+               {"any", "clip.m2v", "None", "", mMd5},
+               {"wrong", "clip.m2v", "yuv420p", "", std::string(32, '1')},
+               {"gray", "clip.m2v", "gray", "", mMd5}});
+    std::filesystem::create_directory(path("suites"));
+    writeFile(path("suites/s.json"),
+              replaced(contentOf(path("s.json")), "\"failing_test_vectors\":[{}],", ""));
+    const auto flusterRun = [&](const std::string& options) {
+        return run({"sh", "-c",
+                    "PYTHONDONTWRITEBYTECODE=1 VXRUN=" VXRUN_BINARY " python3 " VXRUN_GRAPHS_DIR
+                    "/../../../integrations/fluster/vxrun.py " +
+                        fluster + " -ne -r " + mFolder + " -o " + path("out") + " -tsd " +
+                        path("suites") + " run -ts S -d vxrun-MPEG2_VIDEO -f csv -so " +
+                        path("summary") + options});
+    };
+    const Result passed = flusterRun(" -tv good any");
+    EXPECT_EQ(passed.exit, 0) << passed.err;
+    expectHas(passed.out, "Ran 2/2 tests successfully");
+    EXPECT_EQ(flusterRun("").exit, 1);
+    const std::string summary = contentOf(path("summary"));
+    for (const char* const row :
+         {"good,Success,", "any,Success,", "wrong,Fail,", "gray,Not supp"}) {
+        expectHas(summary, row);
     }
 }
 

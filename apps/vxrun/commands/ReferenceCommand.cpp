@@ -49,12 +49,13 @@ public:
     }
 
 private:
-    // The rest of the file stays as it is, but for its spaces.
+    // The rest of the file stays as it is, but for its spaces; all of it when there is no result.
     void write(const Suite& suite) const {
         std::map<std::string, std::string> results;
         for (const TestVector& vector : suite.vectors) {
             if (vector.state == TestVector::SUCCESS) results[vector.name] = vector.actualMd5;
         }
+        if (results.empty()) return;
         auto json = nlohmann::ordered_json::parse(readTextFile(mSuite.file, kMaxSuiteFile));
         for (auto& vector : json["test_vectors"]) {
             const auto result = results.find(vector.value("name", ""));
