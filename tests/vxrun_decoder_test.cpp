@@ -116,6 +116,37 @@ TEST_F(VxrunDecoders, ProgramsFailInEveryWay) {
     }
 }
 
+// Catches: pictures that are lost or waited for in a pipe, half a picture that passes, a size that
+// is not known and is assumed.
+TEST_F(VxrunDecoders, PicturesComeFromFilesAndPipes) {
+    const Words size = {"decoder.width=6", "decoder.height=4", "decoder.format=yuv420p"};
+    const std::string clip = path("clip.yuv"), in = "/dev/stdin", fifo = path("fifo");
+    const std::string big = "decoder.width=65535", bad = "decoder.format=nv13";
+    const struct {
+        std::string type, setup, file;
+        Words configs;
+        std::string line;  // of the error
+    } cases[] = {
+        {"y4m", "cat " + path("clip.y4m") + " | ", in, {}, ""},
+        {"rawvideo", "", clip, size, ""},
+        {"rawvideo", "mkfifo " + fifo + "; cat " + clip + " >" + fifo + " & ", fifo, size, ""},
+        {"rawvideo", "head -c 107 " + clip + " | ", in, size, in + ": frame 2 at byte 72: trunc"},
+        {"rawvideo", "", clip, {"decoder.width=6"}, "config 'format' is missing"},
+        {"rawvideo", "", clip, size + Words{bad}, "config 'format': unknown format 'nv13'"},
+        {"rawvideo", "", clip, size + Words{big, "decoder.height=65535"}, "larger than 1 GiB"},
+    };
+    const std::string text = contentOf(path("graph.json"));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.setup + c.line);
+        writeFile(path("graph.json"), replaced(text, "codec/command", "source/" + c.type));
+        const Result result = vxrunIn(
+            c.setup + "\"$@\"", Words{path("graph.json"), "decoder.file=" + c.file} + c.configs);
+        EXPECT_EQ(result.exit, c.line.empty() ? 0 : 3);
+        expectHas(c.line.empty() ? result.out : result.err,
+                  c.line.empty() ? "verdict: PASS frames=4 checked=4 " : c.line);
+    }
+}
+
 // Catches: a description that is misread, or whose mistake is not named; a decoder that cannot run
 // here and fails the vectors; columns that are mixed up.
 TEST_F(VxrunDecoders, DescriptionsAreDecoders) {

@@ -244,6 +244,24 @@ TEST_F(VxrunDecoding, RefusesBadFilesAndConfigs) {
     }
 }
 
+// Catches: files of a list that are lost, or whose size is taken for that of the first; a list that
+// reads what is outside of its folder.
+TEST_F(VxrunDecoding, DecodesFilesOneAfterAnother) {
+    if (!makeVideo("a.ivf", "yuv420p", "libvpx") ||
+        !makeVideo("b.ivf", "yuv420p", "libvpx", "testsrc2=size=64x48:rate=30:duration=1")) {
+        GTEST_SKIP() << "no ffmpeg with VP8";
+    }
+    const std::string list = path("list.ffconcat"), head = "ffconcat version 1.0\nfile a.ivf\n";
+    writeFile(list, head + "file b.ivf\n");
+    makeList({"-flags", "unaligned", "-i", list, "-fps_mode", "passthrough", "-autoscale", "0"},
+             "framemd5");
+    const std::string expect = "check.expect=" + path("framemd5");
+    expectPass(decode(list, {expect}), "60");
+    writeFile(list, head + "file " + path("b.ivf") + "\n");
+    expectFailure(decode(list, {expect}), 3, "NODE_FAIL_INIT", "list.ffconcat: Operation not perm");
+    expectPass(decode(list, {expect, "reader.options=safe=0"}), "60");
+}
+
 // ---- Failing checks ---------------------------------------------------------------------------
 
 // Catches: a difference that passes, is blamed on another frame, counted wrongly or not shown at
