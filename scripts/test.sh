@@ -17,7 +17,10 @@ esac
 case $preset in
     release) need libbenchmark-dev ;;
     libcxx) need clang libc++-14-dev libc++abi-14-dev ;;
-    aarch64) need g++-aarch64-linux-gnu qemu-user-static ;;
+    aarch64)
+        need g++-aarch64-linux-gnu qemu-user-static
+        arm64Root
+        ;;
 esac
 
 # A build with VX_TEST_SCALE unset runs everything at full count, but for those that run slowly.
