@@ -1,8 +1,9 @@
-// The manual of the node types against the program.
+// The manual of the node types and the man page against the program.
 #include "support/Vxrun.h"
 
 #include <algorithm>
 #include <map>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -59,6 +60,28 @@ TEST_F(Vxrun, ListsTheNodesThatItsManualDescribes) {
     EXPECT_EQ(
         describedNodes(std::istringstream(contentOf(VXRUN_GRAPHS_DIR "/../../../docs/nodes.md"))),
         listed);
+}
+
+// The first groups of all matches.
+std::set<std::string> matchesIn(const std::string& text, const std::string& pattern) {
+    std::set<std::string> found;
+    const std::regex regex(pattern);
+    for (std::sregex_iterator match(text.begin(), text.end(), regex), end; match != end; ++match) {
+        found.insert(match->str(1));
+    }
+    return found;
+}
+
+// Catches: a command or an option that the man page lacks or still has.
+TEST_F(Vxrun, HasTheCommandsAndOptionsOfItsManPage) {
+    std::string help = vxrun({"--help"}).out;
+    const auto commands =
+        matchesIn(help.substr(std::min(help.find("\nSubcommands:"), help.size())), "\n  ([a-z]+) ");
+    EXPECT_FALSE(commands.empty());
+    for (const std::string& command : commands) help += vxrun({command, "--help"}).out;
+    const std::string page = contentOf(VXRUN_GRAPHS_DIR "/../vxrun.1");
+    EXPECT_EQ(matchesIn(page, "\n\\.It Cm ([a-z]+)\n"), commands);
+    EXPECT_EQ(matchesIn(page, "(?:Fl|,|\\|) -([a-z][a-z-]+)"), matchesIn(help, "--([a-z][a-z-]+)"));
 }
 
 }  // namespace
