@@ -14,7 +14,7 @@ skip() {
     echo "packages: SKIPPED, $*"
     exit 77
 }
-trap '[ $? != 1 ] || echo "packages: FAILED"' EXIT
+trap 'case $? in 0 | 77) ;; *) echo "packages: FAILED" && exit 1 ;; esac' EXIT
 inRoot() {
     unshare --mount --pid --fork --kill-child --root="$root" --mount-proc \
         env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin DEBIAN_FRONTEND=noninteractive "$@"

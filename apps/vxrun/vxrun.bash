@@ -7,7 +7,10 @@ _vxrun() {
         [[ $'\n'$commands$'\n' == *$'\n'"$words"$'\n'* ]] && command=$words
     done
     case $before in
-        --decoder) words=$({ $program --list-decoders && $program --list-nodes; } | grep -o '^[^ ]*' | grep -v '^[^c].*/') ;;
+        --decoder)
+            words=$($program --list-decoders | grep -o '^[^ ]*')
+            words+=" $($program --list-nodes | grep -o '^codec/[^ ]*')"
+            ;;
         --color) words='always auto never' ;;
         *)
             case $word in
