@@ -574,7 +574,9 @@ TEST_F(VxrunSuite, EndsWhatDoesNotEnd) {
     expectMatch(late.out, "^profile [^\n]*\nall [^\n]*\nverdict: FAIL");  // of no profile
     EXPECT_EQ(junit(), "S.mpeg2video/stuck error TIMEOUT log;");
     // One that cannot end itself: it is stopped.
+    std::filesystem::remove(path("j.xml"));
     Process frozen(suite({"--timeout", "2", "--filter", "stuck"}));
+    ASSERT_TRUE(waitForReport("errors=\"1\"")) << "it has not begun";
     const std::string id = std::to_string(frozen.id());
     pid_t child = 0;
     for (const auto end = Clock::now() + kLimit; child == 0 && Clock::now() < end;) {

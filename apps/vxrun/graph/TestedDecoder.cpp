@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
@@ -24,6 +25,7 @@ namespace vxrun {
 namespace {
 
 namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
 using vexa::VXGraphInfo;
 using vexa::VXNodeDescriptor;
 
@@ -38,10 +40,16 @@ std::vector<fs::path> shippedFolders() {
 
 constexpr std::chrono::seconds kProbeLimit(10);
 
+int millisecondsUntil(Clock::time_point deadline) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    return static_cast<int>(std::max<int64_t>(left.count(), 0));
+}
+
 // What a program prints, on either output, and how it ended; at most some seconds long.
 std::string outputOf(const Program::Setup& setup, int* status) {
     constexpr size_t kMost = 64 << 10;
-    const auto deadline = std::chrono::steady_clock::now() + kProbeLimit;
+    const auto deadline = Clock::now() + kProbeLimit;
     Program program(setup);
     std::string text;
     pollfd files[] = {
@@ -56,9 +64,7 @@ std::string outputOf(const Program::Setup& setup, int* status) {
             }
             if (file.fd != program.end() && size == 0) file.fd = -1;  // closed
         }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        if (!isOver && (left.count() <= 0 || poll(files, 3, static_cast<int>(left.count())) == 0)) {
+        if (!isOver && poll(files, 3, millisecondsUntil(deadline)) == 0) {
             throw Failure(
                 concat(setup.command[0], ": no answer within ", kProbeLimit.count(), " s"));
         }
@@ -87,17 +93,21 @@ std::string answerOf(const std::function<std::string()>& ask) {
     if (pipe2(ends, O_CLOEXEC) != 0) throw Failure("a pipe: " + errnoText(errno));
     const pid_t child = fork();
     if (child == 0) {
-        alarm(static_cast<unsigned>(kProbeLimit.count()));
         dprintf(ends[1], "%s", ask().c_str());
         _exit(0);
     }
     close(ends[1]);
+    const auto deadline = Clock::now() + kProbeLimit;
     std::string answer;
     char part[4096];
-    for (ssize_t size; (size = read(ends[0], part, sizeof part)) > 0;) {
+    ssize_t size = -1;
+    pollfd end = {ends[0], POLLIN, 0};
+    while (poll(&end, 1, millisecondsUntil(deadline)) == 1 &&
+           (size = read(ends[0], part, sizeof part)) > 0) {
         answer.append(part, static_cast<size_t>(size));
     }
     close(ends[0]);
+    if (child > 0 && size != 0) kill(child, SIGKILL);  // no answer in time
     int status = 0;
     if (child < 0 || waitpid(child, &status, 0) < 0)
         throw Failure("a process: " + errnoText(errno));
