@@ -118,6 +118,14 @@ NodeDriver::~NodeDriver() {
     stop();
 }
 
+// Keeps what a leaked buffer reports to when it ends, be it after main().
+void NodeDriver::keep(const std::shared_ptr<State>& state) {
+    static std::mutex& lock = *new std::mutex;
+    static auto& kept = *new std::vector<std::shared_ptr<State>>;
+    std::lock_guard<std::mutex> guard(lock);
+    kept.push_back(state);
+}
+
 // Runs `action`, in which hooks of the node are called or waited for.
 template <typename Action>
 void NodeDriver::within(const char* step, Action action) {
@@ -239,6 +247,7 @@ Verdict NodeDriver::stop() {
     if (left.inputs + left.outputs + left.buffers > 0) {
         mState->print(mType + ": a leak" + counts());
         mState->evidence.setFailure(Verdict::NodeFailFatal);
+        keep(mState);
     }
     return evidence().verdict();
 }

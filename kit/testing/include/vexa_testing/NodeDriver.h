@@ -86,6 +86,7 @@ private:
     class Listener;
     class OutputHandler;
 
+    static void keep(const std::shared_ptr<State>& state);
     template <typename Action>
     void within(const char* step, Action action);
     void giveNew(std::shared_ptr<vxkit::StreamInfo> stream, std::shared_ptr<vxkit::UnitInfo> unit,
