@@ -320,6 +320,39 @@ TEST_F(VxrunCompare, WritesWrongFrames) {
                   "a.y4m' cannot be created: ");
 }
 
+// Catches: colors that are swapped, of another range or depth, or in the wrong place.
+TEST_F(VxrunCompare, ShowsWrongFramesInColor) {
+    // Two columns red, two white.
+    const std::string luma = "\x51\x51\xeb\xeb", cb = "\x5a\x80", cr = "\xf0\x80";
+    const auto in10Bits = [](const std::string& samples) {
+        std::string deep;
+        for (const unsigned char c : samples) deep += {static_cast<char>(c << 2), char(c >> 6)};
+        return deep;
+    };
+    const std::string red = std::string("\xfe\0\0", 3),
+                      deepRed = std::string("\xff\x6f\0\0\0\0", 6);
+    const struct {
+        const char* fields;
+        std::string planes, png;
+    } cases[] = {
+        {"W4 H2 F25:1 C420", luma + luma + cb + cr, red + red + std::string(6, '\xff')},
+        {"W4 H2 F25:1 C422p10", in10Bits(luma + luma + cb + cb + cr + cr),
+         deepRed + deepRed + std::string(12, '\xff')},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fields);
+        Clip actual(1, c.fields, c.planes.size());
+        Clip expected = actual;
+        actual.frames[0] = c.planes;
+        expected.frames[0].assign(c.planes.size(), 0);
+        EXPECT_EQ(compare(actual, expected, {"--dump-bad", path("bad")}).exit, 1);
+        const std::string file = path("bad/cmp.frame000000.actual.png");
+        if (!ffmpeg({"-i", file, "-f", "rawvideo", path("png")}))
+            GTEST_SKIP() << "no ffmpeg program";
+        EXPECT_EQ(contentOf(path("png")), c.png + c.png);
+    }
+}
+
 // Catches: a comparison that waits forever when one input is far ahead, frames lost or out of order
 // behind a delay, a last frame that does not end the stream.
 TEST_F(VxrunCompare, UnevenBranchesDoNotStall) {

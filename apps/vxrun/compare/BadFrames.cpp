@@ -2,12 +2,8 @@
 
 #include "Files.h"
 #include "FrameDiff.h"
-#include "LibavFrames.h"
+#include "Png.h"
 #include "Text.h"
-
-extern "C" {
-#include <libavutil/imgutils.h>
-}
 
 #include <algorithm>
 #include <cctype>
@@ -28,43 +24,17 @@ std::string fileNameOf(std::string name) {
     return name;
 }
 
-void writeFile(const std::string& path, const void* data, size_t size) {
+void writeFile(const std::string& path, const std::vector<uint8_t>& bytes) {
     OutputFile file(path);
-    file.write(data, size);
+    file.write(bytes.data(), bytes.size());
     file.commit();
-}
-
-// Nothing is written where libswscale does not know the format.
-void writePng(const std::string& path, const AVFrame& picture) {
-    const auto pixels = static_cast<AVPixelFormat>(picture.format);
-    if (sws_isSupportedInput(pixels) == 0) return;
-    const AVPixFmtDescriptor& format = *av_pix_fmt_desc_get(pixels);
-    const bool deep = format.comp[0].depth > 8;
-    const AVPixelFormat gray = deep ? AV_PIX_FMT_GRAY16BE : AV_PIX_FMT_GRAY8;
-    const AVPixelFormat rgb = deep ? AV_PIX_FMT_RGB48BE : AV_PIX_FMT_RGB24;
-    const auto shown =
-        newPicture(format.nb_components == 1 ? gray : rgb, picture.width, picture.height);
-    const auto scaler = newScaler(picture, *shown, "bilinear+accurate_rnd");
-    const AVCodec* const png = avcodec_find_encoder(AV_CODEC_ID_PNG);
-    const auto context = made(avcodec_alloc_context3(png));
-    context->width = shown->width;
-    context->height = shown->height;
-    context->pix_fmt = static_cast<AVPixelFormat>(shown->format);
-    context->time_base = {1, 1};
-    const auto packet = made(av_packet_alloc());
-    int result = sws_scale_frame(scaler.get(), shown.get(), &picture);
-    if (result >= 0) result = avcodec_open2(context.get(), png, nullptr);
-    if (result >= 0) result = avcodec_send_frame(context.get(), shown.get());
-    if (result >= 0) result = avcodec_receive_packet(context.get(), packet.get());
-    if (result < 0) throw Failure(path + ": cannot make a PNG: " + libavText(result));
-    writeFile(path, packet->data, static_cast<size_t>(packet->size));
 }
 
 void writeFrame(const std::string& path, const FrameView& frame) {
     OutputFile raw(path + ".raw");
     frame.forEachRow([&](const uint8_t* row, size_t bytes) { raw.write(row, bytes); });
     raw.commit();
-    if (frame.isPicture()) writePng(path + ".png", *copyOf(frame));
+    if (frame.isPicture()) writeFile(path + ".png", pngOf(frame));
 }
 
 }  // namespace
@@ -84,7 +54,6 @@ BadFrames::BadFrames(const std::string& folder, uint64_t limit, const std::strin
         throw Failure("config 'dump_bad': the folder " + quote(folder) +
                       " cannot be created: " + error.message());
     }
-    CodecLog::takeOver();
 }
 
 void BadFrames::dump(uint64_t frame, const FrameView& actual, const FrameView* expected) {
@@ -106,12 +75,9 @@ void BadFrames::write(uint64_t frame, const FrameView& actual, const FrameView* 
     writeFrame(mStem + number + "expected", *expected);
     const std::vector<uint8_t> difference = FrameDiff(actual, *expected, 0).picture();
     if (difference.empty() || !actual.isPicture()) return;
-    writeFile(mStem + number + "diff.raw", difference.data(), difference.size());
-    const int width = actual.format().width, height = actual.format().height;
-    const auto picture = newPicture(AV_PIX_FMT_GRAY8, width, height);
-    av_image_copy_plane(picture->data[0], picture->linesize[0], difference.data(), width, width,
-                        height);
-    writePng(mStem + number + "diff.png", *picture);
+    writeFile(mStem + number + "diff.raw", difference);
+    const PictureFormat& format = actual.format();
+    writeFile(mStem + number + "diff.png", pngOf(difference, format.width, format.height));
 }
 
 }  // namespace vxrun

@@ -20,8 +20,7 @@ extern const NumberKey kDumpLimit;
 // plane; those of the difference one byte per sample of the first plane: 0 where all planes are
 // equal, else 64 + 8 times the largest difference of any plane there, at most 255.
 //
-// Pictures of more than 8 bits become PNGs of 16. Where libswscale cannot show a format, and for
-// what is not a picture, there is no PNG.
+// Pictures of more than 8 bits become PNGs of 16. For what is not a picture there is no PNG.
 //
 // Life     held by its node.
 // Threads  one at a time.

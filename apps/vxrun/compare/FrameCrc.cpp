@@ -2,18 +2,15 @@
 #include "TableList.h"
 #include "Text.h"
 
-extern "C" {
-#include <libavutil/adler32.h>
-}
+#include <zlib.h>
 
 namespace vxrun {
 namespace {
 
 // The Adler-32 with both sums started at 0, as framecrc (and not zlib) has it, as "0x........".
 std::string crcOf(const FrameView& frame) {
-    AVAdler sum = 0;
-    frame.forEachRow(
-        [&](const uint8_t* row, size_t bytes) { sum = av_adler32_update(sum, row, bytes); });
+    uLong sum = 0;
+    frame.forEachRow([&](const uint8_t* row, size_t bytes) { sum = adler32_z(sum, row, bytes); });
     return concat("0x", std::hex, std::setfill('0'), std::setw(8), sum);
 }
 

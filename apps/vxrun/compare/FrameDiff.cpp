@@ -25,6 +25,8 @@ bool comparable(const PictureFormat& actual, const PictureFormat& expected) {
            actual.width == expected.width && actual.height == expected.height;
 }
 
+}  // namespace
+
 std::vector<uint16_t> samplesOf(const FrameView& frame, int plane) {
     const PictureFormat& format = frame.format();
     std::vector<uint16_t> samples;
@@ -39,8 +41,6 @@ std::vector<uint16_t> samplesOf(const FrameView& frame, int plane) {
     }
     return samples;
 }
-
-}  // namespace
 
 uint32_t FrameDiff::Plane::difference(size_t at) const {
     return actual.empty() ? 0 : static_cast<uint32_t>(std::abs(actual[at] - expected[at]));

@@ -10,6 +10,9 @@
 
 namespace vxrun {
 
+// The samples of a plane, row by row.
+std::vector<uint16_t> samplesOf(const FrameView& frame, int plane);
+
 // Compares at construction. A block of bytes is one plane of 8-bit samples in one row. Frames of
 // different sizes or formats differ, and have no planes here.
 //

@@ -2,13 +2,6 @@
 
 #include "Text.h"
 
-extern "C" {
-#include <libavutil/md5.h>
-#include <libavutil/mem.h>
-}
-
-#include <new>
-
 namespace vxrun {
 
 // Whether `word`, in lower case, was meant to be a hash: half an MD5 or more in hexadecimal, but
@@ -24,19 +17,20 @@ static bool looksLikeHash(const std::string& word) {
 
 const char kMd5OfNothing[] = "d41d8cd98f00b204e9800998ecf8427e";
 
-Md5::Md5() : mState(av_md5_alloc(), av_free) {
-    if (mState == nullptr) throw std::bad_alloc();
-    av_md5_init(mState.get());
+Md5::Md5() : mState(EVP_MD_CTX_new(), EVP_MD_CTX_free) {
+    if (EVP_DigestInit_ex(mState.get(), EVP_md5(), nullptr) != 1) {
+        throw Failure("libcrypto has no MD5 here");
+    }
 }
 
 void Md5::addFrame(const FrameView& frame) {
     frame.forEachRow(
-        [&](const uint8_t* row, size_t bytes) { av_md5_update(mState.get(), row, bytes); });
+        [&](const uint8_t* row, size_t bytes) { EVP_DigestUpdate(mState.get(), row, bytes); });
 }
 
 std::string Md5::hex() {
     uint8_t digest[kMd5Digits / 2];
-    av_md5_final(mState.get(), digest);
+    EVP_DigestFinal_ex(mState.get(), digest, nullptr);
     std::ostringstream hex;
     for (const unsigned byte : digest) hex << std::hex << std::setfill('0') << std::setw(2) << byte;
     return hex.str();

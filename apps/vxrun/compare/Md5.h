@@ -3,12 +3,11 @@
 
 #include "Vxkit.h"
 
+#include <openssl/evp.h>
 #include <vxkit/FrameView.h>
 
 #include <memory>
 #include <string>
-
-struct AVMD5;
 
 namespace vxrun {
 
@@ -27,7 +26,7 @@ public:
     std::string hex();                      // ends it
 
 private:
-    std::unique_ptr<AVMD5, void (*)(void*)> mState;
+    const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> mState;
 };
 
 // The MD5 of one frame's visible bytes, in hexadecimal.
