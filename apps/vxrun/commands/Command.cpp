@@ -107,8 +107,9 @@ const std::vector<std::unique_ptr<Command>>& commands() {
 
 void addDecoderOptions(CLI::App* command, DecoderOptions* options) {
     addOption(command, "--decoder NAME|FILE", &options->names,
-              "The decoder to test: a description (.json), a name of --list-decoders, or a node "
-              "type; default libavcodec's")
+              concat("The decoder to test: a description (.json), a name of --list-decoders, or a "
+                     "node type",
+                     TestedDecoder::hasDefault() ? "; default libavcodec's" : ""))
         ->allow_extra_args(false);
     addOption(command, "--graph TEMPLATE.json", &options->graphs,
               "Decode with this graph, with {input} and {format} in its configs")
@@ -119,6 +120,9 @@ std::vector<TestedDecoder> DecoderOptions::find() const {
     std::vector<TestedDecoder> found;
     for (const std::string& name : names) found.push_back(TestedDecoder::find(name));
     for (const std::string& file : graphs) found.push_back(TestedDecoder::ofGraph(file));
+    if (found.empty() && !TestedDecoder::hasDefault()) {
+        throw badOption("--decoder", "missing; this vxrun is built without libavcodec");
+    }
     if (found.empty()) found.emplace_back();
     return found;
 }

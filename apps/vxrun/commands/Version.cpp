@@ -1,6 +1,6 @@
 #include "Version.h"
 
-#include "Libav.h"
+#include "MediaLibraries.h"
 #include "Text.h"
 
 #include <sys/utsname.h>
@@ -18,7 +18,7 @@ std::vector<std::pair<std::string, std::string>> environmentFacts() {
     utsname system{};
     uname(&system);
     return {{"vxrun", programVersion()},
-            {"libraries", libavVersions()},
+            {"libraries", mediaLibraries()},
             {"kernel", concat(system.sysname, " ", system.release)},
             {"machine", system.machine}};
 }

@@ -29,7 +29,8 @@ using Clock = std::chrono::steady_clock;
 using vexa::VXGraphInfo;
 using vexa::VXNodeDescriptor;
 
-constexpr char kLibav[] = "libavcodec", kCommandType[] = "codec/command";
+constexpr char kLibav[] = "libavcodec", kLibavType[] = "codec/decoder";
+constexpr char kCommandType[] = "codec/command";
 
 // Where shipped descriptions are: beside the program, or where it is installed.
 std::vector<fs::path> shippedFolders() {
@@ -116,7 +117,11 @@ std::string answerOf(const std::function<std::string()>& ask) {
 
 }  // namespace
 
-TestedDecoder::TestedDecoder() : mName(kLibav), mNodeType("codec/decoder") {}
+TestedDecoder::TestedDecoder() : mName(kLibav), mNodeType(kLibavType) {}
+
+bool TestedDecoder::hasDefault() {
+    return findNodeType(kLibavType) != nullptr;
+}
 
 TestedDecoder TestedDecoder::ofGraph(const std::string& path) {
     TestedDecoder decoder;
@@ -133,7 +138,7 @@ TestedDecoder TestedDecoder::find(const std::string& name) {
         decoder.read(name);
         return decoder;
     }
-    if (name == kLibav) return decoder;
+    if (name == kLibav && hasDefault()) return decoder;
     for (const fs::path& folder : shippedFolders()) {
         const fs::path file = folder / (name + ".json");
         if (name.find('/') == std::string::npos && fs::exists(file, none)) {
@@ -253,7 +258,9 @@ VXGraphInfo TestedDecoder::graphFor(const DecodeOptions& options) const {
     const NodeType* const type = findNodeType(mNodeType);
     const bool readsFiles = type != nullptr && type->inputs == 0;
     if (!readsFiles) {
-        addNode("source/bitstream", "reader", nullptr, kUnits)["file"] = options.input;
+        constexpr char kAnyFile[] = "source/bitstream", kIvfFile[] = "source/ivf";
+        const bool readsAny = findNodeType(kAnyFile) != nullptr;  // not without libavformat
+        addNode(readsAny ? kAnyFile : kIvfFile, "reader", nullptr, kUnits)["file"] = options.input;
         graph.connections["reader.out"] = {"decoder.in"};
     }
     auto& configs = addNode(mNodeType, "decoder", readsFiles ? nullptr : kUnits, kPictures);

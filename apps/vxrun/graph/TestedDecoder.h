@@ -25,8 +25,9 @@ struct DecodeOptions {
 // Threads  one at a time.
 class TestedDecoder {
 public:
-    // libavcodec's.
+    // libavcodec's, if this program has it.
     TestedDecoder();
+    static bool hasDefault();
     // The decoder `name`: a description, as a file or as the name of a shipped one, or a node type.
     // Throws Failure, Verdict::BadOption, for an unknown one, and for a description with a mistake
     // what JsonDocument throws.
@@ -53,7 +54,8 @@ public:
     static std::string probe(const vexa::VXGraphInfo& graph);
 
     // source/bitstream -> decoder -> sink/file, sink/checksum or both: the nodes reader, decoder,
-    // writer and md5. A decoder that reads files itself has no reader.
+    // writer and md5. A decoder that reads files itself has no reader; without libavformat it is a
+    // source/ivf.
     vexa::VXGraphInfo graphFor(const DecodeOptions& options) const;
 
     // Those of the shipped descriptions.

@@ -1,10 +1,10 @@
 // codec/command: the pictures that a program decodes, as they arrive.
 #include "Keys.h"
+#include "MediaLibraries.h"
 #include "PictureBytes.h"
 #include "PictureReader.h"
 #include "Program.h"
 #include "Text.h"
-#include "VideoFile.h"
 
 #include <vxkit/Decoder.h>
 #include <vxkit/Poller.h>
@@ -140,32 +140,26 @@ private:
         }
         if (placeholder == "threads") return std::to_string(config(kThreads));
         if (placeholder == "codec")
-            return isGiven(kCodecName) ? config(kCodecName) : probed().codec;
+            return isGiven(kCodecName) ? config(kCodecName) : probed().codec();
         if (placeholder == "width") return std::to_string(rawPicture().width);
         if (placeholder == "height") return std::to_string(rawPicture().height);
         if (placeholder == "format") return rawPicture().pixels.name;
         throw Failure("config 'command': unknown placeholder {" + placeholder + "}");
     }
 
-    const BitstreamInfo& probed() {
-        if (mProbed == nullptr) mProbed = VideoFile(mInput, "").stream();
+    VideoProbe& probed() {
+        if (mProbed == nullptr) mProbed = probeVideo(mInput);
         return *mProbed;
     }
 
     // What raw video holds: what the configs state, else what the stream does.
     PictureFormat rawPicture() {
         const bool isKnown = isGiven(kWidth) && isGiven(kHeight) && isGiven(kFormat);
-        PictureFormat picture = isKnown ? PictureFormat() : probedPicture();
+        PictureFormat picture = isKnown ? PictureFormat() : probed().picture();
         if (isGiven(kWidth)) picture.width = static_cast<int>(config(kWidth));
         if (isGiven(kHeight)) picture.height = static_cast<int>(config(kHeight));
         if (isGiven(kFormat)) picture.pixels = pixelFormatOf(config(kFormat));
         return picture;
-    }
-
-    PictureFormat probedPicture() {
-        const auto& stream = dynamic_cast<const LibavStreamInfo&>(probed());
-        const AVCodecParameters& codec = *stream.parameters;
-        return formatOf(static_cast<AVPixelFormat>(codec.format), codec.width, codec.height);
     }
 
     bool next() override {
@@ -227,7 +221,7 @@ private:
         mEnd = endText(*mProgram->status());
         const size_t size = mPictures.rest();
         // Raw video does not show where a picture of another size begins: only the whole counts.
-        if (size == 0 || size > INT_MAX || !VideoFile(mInput, "").changesSize()) {
+        if (size == 0 || size > INT_MAX || !probed().changesSize()) {
             mPictures.finish();
             return false;
         }
@@ -264,8 +258,8 @@ private:
     }
 
     std::string mInput, mName;
-    std::shared_ptr<const BitstreamInfo> mProbed;  // null as long as it is not needed
-    std::optional<OutputPath> mPath;               // where the command names {output}
+    std::unique_ptr<VideoProbe> mProbed;  // null as long as it is not needed
+    std::optional<OutputPath> mPath;      // where the command names {output}
     std::optional<Program> mProgram;
     // [event thread]
     bool mHasBegun = false;

@@ -12,16 +12,6 @@ extern "C" {
 
 namespace vxrun {
 
-std::string libavVersions() {
-    const auto text = [](const char* name, unsigned version) {
-        return concat(name, " ", AV_VERSION_MAJOR(version), ".", AV_VERSION_MINOR(version), ".",
-                      AV_VERSION_MICRO(version));
-    };
-    return joined(
-        std::vector{text("libavcodec", avcodec_version()), text("libavformat", avformat_version()),
-                    text("libavutil", avutil_version()), text("libswscale", swscale_version())});
-}
-
 std::string libavText(int error) {
     char text[AV_ERROR_MAX_STRING_SIZE] = "";
     av_strerror(error, text, sizeof text);

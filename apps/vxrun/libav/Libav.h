@@ -35,9 +35,6 @@ Libav<Object> made(Object* object) {
     return Libav<Object>(object);
 }
 
-// "libavcodec 59.37.100, libavformat ...": those that this program runs with.
-std::string libavVersions();
-
 // The text of an error that the libraries returned.
 std::string libavText(int error);
 

@@ -68,6 +68,11 @@ bool VideoFile::next(AVPacket* unit) {
     return true;
 }
 
+PictureFormat VideoFile::picture() const {
+    const AVCodecParameters& codec = *mVideo->codecpar;
+    return formatOf(static_cast<AVPixelFormat>(codec.format), codec.width, codec.height);
+}
+
 bool VideoFile::changesSize() {
     const AVCodec* const codec = avcodec_find_decoder(mVideo->codecpar->codec_id);
     const auto context = made(avcodec_alloc_context3(codec));

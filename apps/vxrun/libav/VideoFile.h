@@ -2,6 +2,7 @@
 #pragma once
 
 #include "LibavFrames.h"
+#include "MediaLibraries.h"
 
 #include <memory>
 #include <string>
@@ -12,7 +13,7 @@ namespace vxrun {
 //
 // Threads  one at a time.
 // Owns     the open file.
-class VideoFile {
+class VideoFile final : public VideoProbe {
 public:
     // Opens `path` with options of the demuxer, key=value:key=value. Verdict::NotSupported: the
     // codec is not known.
@@ -20,9 +21,9 @@ public:
 
     const std::string& path() const { return mPath; }
     const std::shared_ptr<LibavStreamInfo>& stream() const { return mStream; }
-    // Whether libavcodec, which decodes the rest of the file for this, finds pictures of several
-    // sizes.
-    bool changesSize();
+    std::string codec() const override { return mStream->codec; }
+    PictureFormat picture() const override;
+    bool changesSize() override;
     // Reads the next access unit; false at the end of the file.
     bool next(AVPacket* unit);
 
