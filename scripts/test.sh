@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds one preset and runs its tests.
 #
-#   scripts/test.sh [PRESET [CTEST OPTION...]]    PRESET: debug (default), release, asan, tsan, libcxx, aarch64
+#   scripts/test.sh [PRESET [CTEST OPTION...]]    PRESET: debug (default), release, asan, tsan, libcxx, nolibav,
+#                                         aarch64
 #
 # VX_TEST_SCALE=PERCENT turns the counts of the thread-heavy tests down (or up).
 source "$(dirname "$0")/lib.sh"
@@ -16,6 +17,7 @@ case $preset in
 esac
 case $preset in
     release) need libbenchmark-dev ;;
+    nolibav) need dav1d ;;
     libcxx) need clang libc++-14-dev libc++abi-14-dev ;;
     aarch64)
         need g++-aarch64-linux-gnu qemu-user-static

@@ -1,7 +1,10 @@
-// The manual of the node types and the man page against the program.
+// The manuals of the node types and verdicts, and the man page, against the program.
 #include "support/Vxrun.h"
 
+#include <vxkit/Verdict.h>
+
 #include <algorithm>
+#include <cctype>
 #include <map>
 #include <regex>
 #include <set>
@@ -10,6 +13,7 @@
 namespace {
 
 using namespace vxrun_test;
+using namespace vxkit;
 
 // The rows "name | help" of the configs and entries of each node type; those of entries begin with
 // "entry ".
@@ -82,6 +86,31 @@ TEST_F(Vxrun, HasTheCommandsAndOptionsOfItsManPage) {
     const std::string page = contentOf(VXRUN_GRAPHS_DIR "/../vxrun.1");
     EXPECT_EQ(matchesIn(page, "\n\\.It Cm ([a-z]+)\n"), commands);
     EXPECT_EQ(matchesIn(page, "(?:Fl|,|\\|) -([a-z][a-z-]+)"), matchesIn(help, "--([a-z][a-z-]+)"));
+}
+
+// Catches: a verdict that its manual lacks, or gives another exit code.
+TEST_F(Vxrun, HasTheExitCodesOfItsManual) {
+    std::map<std::string, int> manual;
+    std::istringstream lines(contentOf(VXRUN_GRAPHS_DIR "/../../../docs/commands.md"));
+    for (std::string line; std::getline(lines, line);) {
+        const size_t end = line.find(" | ", line.find(" | ") + 1);
+        if (line.rfind("| ", 0) != 0 || std::isdigit(line[2]) == 0 || end > line.size()) continue;
+        std::replace_if(
+            line.begin(), line.end(), [](char c) { return c == '`' || c == ','; }, ' ');
+        std::istringstream codes(line.substr(2)), names(line.substr(line.find(" | ") + 3));
+        int code = 0, next = 0;
+        for (std::string name; names >> name && name != "|";) {
+            if (codes >> next) code = next;
+            manual[name] = code;
+        }
+    }
+    const auto last = static_cast<int>(Verdict::UnknownError);
+    for (int i = 0; i <= last; ++i) {
+        const auto verdict = static_cast<Verdict>(i);
+        ASSERT_EQ(manual.count(verdictName(verdict)), 1u) << verdictName(verdict);
+        EXPECT_EQ(manual[verdictName(verdict)], exitCode(verdict)) << verdictName(verdict);
+    }
+    EXPECT_EQ(manual.size(), static_cast<size_t>(last) + 1);
 }
 
 }  // namespace
