@@ -5,7 +5,11 @@
 
 #include <sys/utsname.h>
 
+#if __has_include(<Commit.h>)
 #include <Commit.h>
+#else  // the build is not CMake's
+#define VXRUN_COMMIT ""
+#endif
 
 namespace vxrun {
 
