@@ -44,6 +44,7 @@ arm64Root() {
     local link deb name kind database=$root/var/lib/dpkg
     rm -rf "$root"/{dev,etc,tmp} # the emulator would take them for the machine's
     find "$root"/{lib,usr/lib} -lname '/*' | while read -r link; do ln -sfr "$root$(readlink "$link")" "$link"; done
+    mkdir -p "$database/info"
     printf '%s\n' amd64 arm64 >"$database/arch"
     echo 1 >"$database/info/format"
     for deb in "$root"/var/cache/apt/archives/*.deb; do
