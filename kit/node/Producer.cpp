@@ -69,10 +69,16 @@ std::function<void()> Producer::resumer() {
     };
 }
 
-// Goes on until the next frame or the end is known, the next input is missing, or a hook pauses.
 void Producer::advance() {
     *mIsDue = false;  // first, so that what resumes it from now on counts
-    if (std::exchange(mPaused, false)) record().setWaitsFor("");
+    const bool wasPaused = std::exchange(mPaused, false);
+    seekNext();
+    // Not before: who is resumed all the time, and pauses again, still waits.
+    if (wasPaused && !mPaused) record().setWaitsFor("");
+}
+
+// Goes on until the next frame or the end is known, the next input is missing, or a hook pauses.
+void Producer::seekNext() {
     while (!mNext && !next()) {
         if (mPaused) return;
         if (mEnding) {

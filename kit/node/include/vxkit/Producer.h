@@ -81,6 +81,7 @@ private:
     bool movesByProcess() const final { return false; }
     void write();
     void advance();
+    void seekNext();
     void sendWritten();
 
     const std::shared_ptr<vexa::VXSharedWork> mStep =
