@@ -35,7 +35,7 @@ private:
     // ---- Pictures ----
 
     void encode(const Frame& picture, uint64_t number) override {
-        if (!mPictures) begin(picture);
+        if (!mPictures) openQueues(picture);
         collectPictures();
         auto buffer = bufferOf(picture.info);
         if (buffer != nullptr && !mPictures->isReady(buffer->buffer())) {
@@ -64,7 +64,7 @@ private:
         return nullptr;
     }
 
-    void begin(const Frame& first) {
+    void openQueues(const Frame& first) {
         const StreamInfo& stream = first.stream;
         const auto* const origin = infoOf<PoolBuffer>(first.info);
         const auto* const surface =
