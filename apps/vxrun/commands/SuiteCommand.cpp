@@ -60,7 +60,7 @@ public:
             run.output = isOne || mOutput.empty() ? mOutput : mOutput + "/" + column.decoder;
             signal = runVectors(run, decoders[i], &column);
         }
-        return conclude(results, signal, anySelected);
+        return concludeSuite(results, signal, anySelected);
     }
 
 private:
@@ -85,7 +85,7 @@ private:
         if (!failures.empty()) throw Failure(failures.front());
     }
 
-    int conclude(const SuiteResults& results, int signal, bool anySelected) const {
+    int concludeSuite(const SuiteResults& results, int signal, bool anySelected) const {
         Counts counts;
         for (const Suite& column : results.columns) counts.add(column.counts());
         Verdict verdict = verdictOf(counts, signal, anySelected);
