@@ -6,6 +6,6 @@
 
 void readFile(const std::string& path) {
     vxrun::Suite suite = vxrun::readSuite(path);
-    vxrun::profileTable(suite);
+    vxrun::countsTable({{suite}, {}});
     vxrun::filterVectors(&suite, suite.name);
 }
