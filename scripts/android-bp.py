@@ -109,8 +109,8 @@ for blueprint in sys.argv[1:]:
     read(blueprint)
 ccache = "ccache " if os.path.exists("/usr/bin/ccache") else ""
 sys.stdout = open("build.ninja", "w")
-print(f"rule cxx\n  command = {ccache}g++ $flags -MMD -MF $out.d -c $in -o $out\n  depfile = $out.d\n  description = $out\n"
-      "rule link\n  command = g++ -Wl,--no-undefined -Wl,-rpath-link,. -Wl,-rpath,'$$ORIGIN' $flags $in -o $out $libs\n  description = $out\n"
+print(f"rule cxx\n  command = {ccache}clang++ $flags -MMD -MF $out.d -c $in -o $out\n  depfile = $out.d\n  description = $out\n"
+      "rule link\n  command = clang++ -Wl,--no-undefined -Wl,-rpath-link,. -Wl,-rpath,'$$ORIGIN' $flags $in -o $out $libs\n  description = $out\n"
       "rule run\n  command = ./$in\n  pool = console")
 for each in [resolve(module) for module in modules.values() if module["kind"] != "cc_defaults"]:
     if "srcs" in each:

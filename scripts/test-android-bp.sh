@@ -3,7 +3,7 @@
 # runs its tests. No device is needed, and no Android tree.
 source "$(dirname "$0")/lib.sh"
 
-need blueprint-tools mini-soong g++ ninja-build googletest libcli11-dev nlohmann-json3-dev libpugixml-dev libssl-dev zlib1g-dev
+need blueprint-tools mini-soong clang ninja-build googletest libcli11-dev nlohmann-json3-dev libpugixml-dev libssl-dev zlib1g-dev
 [ -z "$(bpfmt -d Android.bp platform/host.bp 2>&1 | tee /dev/stderr)" ]
 root=$PWD
 mkdir -p build/android-bp
