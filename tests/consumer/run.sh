@@ -64,6 +64,10 @@ if pkg-config --exists libde265; then
         -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$flags" >/dev/null
     cmake --build "$work/acme" >/dev/null
     ctest --test-dir "$work/acme" --output-on-failure >"$work/log" || { cat "$work/log"; exit 1; }
+    streams=("$here"/../../../shared/streams/hevc/*.h265)
+    [ ! -e "${streams[0]}" ] ||
+        "$here/../../examples/acme-decoder/test.sh" "$work/prefix/bin/vxrun" "$work/acme/libacme.so" "$work/acme/acme_test" \
+            "${streams[@]}" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }
     echo "acme-decoder: ok"
 else
     echo "acme-decoder: skipped, no libde265"
