@@ -73,7 +73,7 @@ void Producer::advance() {
     *mIsDue = false;  // first, so that what resumes it from now on counts
     const bool wasPaused = std::exchange(mPaused, false);
     seekNext();
-    // Not before: who is resumed all the time, and pauses again, still waits.
+    // Only now: a node that is resumed all the time, and pauses again, still waits.
     if (wasPaused && !mPaused) record().setWaitsFor("");
 }
 

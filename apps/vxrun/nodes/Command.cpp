@@ -205,7 +205,7 @@ private:
     void readErrors() {
         constexpr size_t kKept = 4096;
         char text[4096];
-        // Not for ever: a program may write faster than this reads.
+        // Not without end: a program may write faster than this reads.
         for (int i = 0; i < 64 && mHasErrors; ++i) {
             const ssize_t size = read(mProgram->errors(), text, sizeof text);
             if (size == 0) mHasErrors = false;
