@@ -70,6 +70,10 @@ for device in nosuch /dev/video9; do
     report "no device $device"
 done
 
+run encode.json --set reader.file=clip.y4m --set writer.file=/tmp/x.ivf --set encoder.format=nv12
+has "config 'format': an encoder has none"
+report "an encoder has nothing of a decoder"
+
 # Of a device that fails, the line names the device or the node; and it does for the next run.
 decodesAll() {
     run decode.json --set reader.file=/tmp/clip.ivf --set writer.file=/tmp/x.yuv

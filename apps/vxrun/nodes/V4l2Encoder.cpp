@@ -4,12 +4,14 @@
 #include "V4l2Codec.h"
 #include "V4l2Queue.h"
 
+#include <vxkit/Decoder.h>
 #include <vxkit/Encoder.h>
 #include <vxkit/Poller.h>
 
 #include <linux/videodev2.h>
 
 #include <cstring>
+#include <initializer_list>
 #include <map>
 #include <optional>
 
@@ -25,6 +27,15 @@ private:
     using Side = V4l2Device::Side;
 
     void open() override {
+        // The type's description is that of both halves.
+        for (const ConfigKey* const key :
+             std::initializer_list<const ConfigKey*>{&kFormat, &kTolerateErrors}) {
+            if (isGiven(*key)) throw Failure("config '" + key->name + "': an encoder has none");
+        }
+        if (!entries().empty()) {
+            throw Failure("entry '" + entries().front().key + "': an encoder has none",
+                          Verdict::NotSupported);
+        }
         mDevice.emplace(V4l2Device::Search{false, requiredConfig(kV4l2Codec), config(kV4l2Device)});
         mDevice->setControls(config(kV4l2Controls));
         mDevice->subscribe();
