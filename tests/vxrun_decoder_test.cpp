@@ -324,14 +324,16 @@ TEST_F(VxrunDecoders, NodesComeFromLibraries) {
     const struct {
         std::string how, line;
         int signal;
-    } ways[] = {{"signal", "SIGSEGV in node 'decoder'", SIGSEGV},
-                {"abort", "SIGABRT in node 'decoder'", SIGABRT},
-                {"thread", "SIGSEGV in no node's thread; at work: 'decoder'", SIGSEGV}};
+    } ways[] = {
+        {"signal", "SIGSEGV in node 'decoder'", SIGSEGV},
+        {"abort", "SIGABRT in node 'decoder'", SIGABRT},
+        // The source may read ahead at that moment.
+        {"thread", "SIGSEGV in no node's thread; at work: ('reader', )?'decoder'", SIGSEGV}};
     for (const auto& c : ways) {
         const Result result = vxrun(
             {"decode", file, "--nodes", crash, "--decoder", "test/crash", "decoder.how=" + c.how});
         EXPECT_EQ(result.exit, -c.signal);
-        expectHas(result.err, "vxrun: crashed: " + c.line + "\n");
+        expectMatch(result.err, "vxrun: crashed: " + c.line + "\n");
     }
 }
 

@@ -69,7 +69,7 @@ struct Launch {
     std::signal(SIGPIPE, SIG_IGN);
     const pid_t program = fork();
     if (program == 0) runProgram(launch);
-    if (program > 0) setpgid(program, program);  // whoever is first: it is killed by its group
+    if (program > 0) setpgid(program, program);  // here and in the child, whichever runs first
     // Only what it uses: the program's end has to be that of its pipes.
     for (int file = 0; file < 3; ++file) close(file);
     dup2(launch.life, 0);
