@@ -57,9 +57,21 @@ struct NodeRecord {
         mWaitsFor = what;
     }
 
+    // What the node has measured, for reports: by names such as "psnr_mean", in the unit that the
+    // name ends with, if any.
+    std::map<std::string, double> figures() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mFigures;
+    }
+    void setFigure(const std::string& figure, double value) {
+        std::lock_guard<std::mutex> lock(mLock);
+        mFigures[figure] = value;
+    }
+
 private:
     mutable std::mutex mLock;
-    std::string mWaitsFor;  // guarded by mLock
+    std::string mWaitsFor;                   // guarded by mLock
+    std::map<std::string, double> mFigures;  // guarded by mLock
 };
 
 // AtWork: this thread runs a hook of a node.
