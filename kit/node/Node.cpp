@@ -42,6 +42,11 @@ VXError Node::onStart() {
     return guarded(NODE_FAIL_START, [this] { begin(); });
 }
 
+VXError Node::onStop() {
+    if (mBroken) return VX_OK;
+    return guarded(NODE_FAIL_STOP, [this] { end(); });
+}
+
 VXError Node::onProcess(SharedWorks inputs, Works* outputs) {
     if (mBroken) return VX_OK;  // the run is ending; what still arrives is not worth another line
     if (movesByProcess()) ++mRecord.moved;

@@ -66,6 +66,10 @@ protected:
     // process() of a node without outputs; one that has some may be processing already.
     virtual void begin() {}
     virtual void process(const SharedWorks& inputs) = 0;
+    // The node has stopped, whatever the reason: no other hook is called from now on. For what a
+    // node that holds works back can still find out about them; they go nowhere. Not after a hook
+    // has thrown.  [the thread that stops the graph]
+    virtual void end() {}
     // Whether each process() is a sign of life of the run, as frames that are sent are.
     virtual bool movesByProcess() const { return true; }
     // The answer to wakeUp(). By default the oldest fence of fenced() fires.
@@ -137,7 +141,7 @@ protected:
 private:
     vexa::VXError onSetup(bool beforeFence) final;
     vexa::VXError onStart() final;
-    vexa::VXError onStop() final { return vexa::VX_OK; }
+    vexa::VXError onStop() final;
     vexa::VXError onProcess(SharedWorks inputs, Works* outputs) final;
     vexa::VXError onBufferFilled(int fd) final;
     void onDrain() final {}
