@@ -39,7 +39,7 @@ bool Decoder::feed(const vexa::VXSharedWork& work, uint64_t number) {
     mTimeBase = unit.stream.timeBase;
     mFrameRate = unit.stream.frameRate;
     mSar = unit.stream.sar;
-    if (unit.info.isCorrupt) noteError("a damaged access unit");
+    if (unit.info.isCorrupt) noteError(concat("access unit ", number, " is damaged"));
     decode(unit);
     mIsStarted = true;
     return true;

@@ -9,8 +9,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <optional>
+#include <thread>
 
 namespace vxrun {
 namespace {
@@ -134,9 +136,26 @@ void showOptions(const CLI::App& app, const std::vector<std::string>& names, CLI
     command->footer(CLI::Formatter().make_group("Options of every run", false, options));
 }
 
+// Has a graph's only decoder use all processors; the vectors of a suite use them as processes. One
+// thread more than processors, since a decoder's are not always at work. Not where commands flush
+// it: what it holds back depends on its threads.
+static void useProcessors(vexa::VXGraphInfo* graph) {
+    constexpr unsigned kMost = 16;  // libavcodec advises against more
+    vexa::VXNodeDescriptor* decoder = nullptr;
+    for (const auto& node : graph->nodes) {
+        if (node->type != "codec/decoder") continue;
+        if (decoder != nullptr) return;
+        decoder = node.get();
+    }
+    const unsigned threads = std::min(std::thread::hardware_concurrency() + 1, kMost);
+    if (decoder == nullptr || !decoder->entries.empty()) return;
+    decoder->configs.try_emplace("threads", std::to_string(threads));
+}
+
 int runToVerdict(const Command& command, vexa::VXGraphInfo graph, const CommonOptions& options,
                  Evidence* evidence) {
     options.edits().applyTo(&graph);
+    useProcessors(&graph);
     std::optional<Recording> recording;
     if (!options.record.empty()) {
         recording.emplace(options.record, options.force, &graph);
