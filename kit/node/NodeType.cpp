@@ -12,7 +12,7 @@ using vexa::VXNodeDescriptor;
 const ChoiceKey kAllocator{"allocator",
                            {"dmabuf", "xcodec2"},
                            "the buffer allocator that the node requires: dmabuf or xcodec2"};
-const NumberKey kSlots{"slots", 1, 1000, 8, "buffers in the node's pool, default 8"};
+const NumberKey kSlots{"slots", 1, 1000, 16, "buffers in the node's pool, default 16"};
 const NumberKey kFenceMs{"fence_ms", 0, 3600000, 1,
                          "before a transform/fence: milliseconds until a fence fires, default 1"};
 

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -226,6 +227,14 @@ protected:
                    const std::string& source = "testsrc2=size=35x27:rate=30:duration=1") const {
         return ffmpeg({"-f", "lavfi", "-i", source, "-pix_fmt", pixels, "-strict", "-1", "-c:v",
                        codec, path(name)});
+    }
+
+    // A pipe that holds `content` and never ends, as long as the test has it open.
+    int makePipe(const std::string& content) const {
+        EXPECT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+        const int writer = open(path("pipe").c_str(), O_RDWR | O_CLOEXEC);
+        EXPECT_EQ(write(writer, content.data(), content.size()), ssize_t(content.size()));
+        return writer;
     }
 
     // A clip of 4 frames and vxrun's own list of it; the shipped graphs find both by their names.

@@ -57,10 +57,10 @@ ChecksumList readChecksumList(const std::string& path) {
     throw Failure(path + ": no row in the list");
 }
 
-void ChecksumWriter::writeFrame(const Frame& frame) {
+void ChecksumWriter::writeFrame(const Frame& frame, const std::string& hash) {
     if (frame.size() == 0) throw Failure("an empty frame, which no checksum can identify");
     ++mFrames;
-    addFrame(frame);
+    addFrame(frame, hash);
 }
 
 void ChecksumWriter::commit() {

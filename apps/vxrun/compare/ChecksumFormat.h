@@ -40,12 +40,12 @@ public:
     ChecksumWriter(const ChecksumWriter&) = delete;
     ChecksumWriter& operator=(const ChecksumWriter&) = delete;
 
-    // Adds a frame. Throws Failure when it is empty.
-    void writeFrame(const Frame& frame);
+    // Adds a frame with its checksum of the writer's format. Throws Failure when it is empty.
+    void writeFrame(const Frame& frame, const std::string& hash);
     void commit();
 
 protected:
-    virtual void addFrame(const Frame& frame) = 0;
+    virtual void addFrame(const Frame& frame, const std::string& hash) = 0;
     // What follows the last frame.
     virtual void addEnd() {}
 
@@ -57,14 +57,19 @@ private:
     uint64_t mFrames = 0;
 };
 
+// The checksum of each frame's visible bytes.
+using Checksums = std::vector<std::string> (*)(const std::vector<const FrameView*>& frames);
+
 // Life     static; registered before main().
 // Threads  any.
 struct ChecksumFormat {
+    bool isOfWholeStream() const { return hashes == nullptr; }
+
     std::string name;       // in the config "format" of a sink/checksum
     std::string extension;  // of files that are written in this format; empty: none
-    bool isOfWholeStream;   // one row stands for all frames
-    // The checksum of a frame's visible bytes as rows of this format spell it.
-    std::string (*hash)(const FrameView& frame);
+    // Those of rows, as they spell them; null where one row stands for all frames.
+    Checksums hashes;
+    size_t atOnce;  // of how many frames it pays to ask together
     // The rows of the file `path`, whose content is `text`; empty when that is of another format.
     // Throws Failure with the file and line of what is malformed.
     std::optional<ChecksumRows> (*read)(const std::string& path, const std::string& text);

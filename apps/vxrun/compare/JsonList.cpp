@@ -3,6 +3,7 @@
 #include "Json.h"
 #include "ListLines.h"
 #include "Md5.h"
+#include "Md5Lanes.h"
 #include "Text.h"
 
 #include <nlohmann/json.hpp>
@@ -33,9 +34,9 @@ public:
     using ChecksumWriter::ChecksumWriter;
 
 private:
-    void addFrame(const Frame& frame) override {
+    void addFrame(const Frame& frame, const std::string& hash) override {
         if (frames() == 1) mFirst = frame.stream;
-        mHashes.push_back(md5Of(frame));
+        mHashes.push_back(hash);
     }
 
     void addEnd() override {
@@ -56,7 +57,7 @@ private:
 };
 
 const bool kRegistered =
-    registerChecksumFormat({"json", ".json", false, md5Of, readRows,
+    registerChecksumFormat({"json", ".json", md5sOf, kMd5Lanes, readRows,
                             [](const std::string& path) -> std::unique_ptr<ChecksumWriter> {
                                 return std::make_unique<Writer>(path);
                             }});

@@ -31,8 +31,14 @@ void Md5::addFrame(const FrameView& frame) {
 std::string Md5::hex() {
     uint8_t digest[kMd5Digits / 2];
     EVP_DigestFinal_ex(mState.get(), digest, nullptr);
+    return hexOfMd5(digest);
+}
+
+std::string hexOfMd5(const uint8_t* digest) {
     std::ostringstream hex;
-    for (const unsigned byte : digest) hex << std::hex << std::setfill('0') << std::setw(2) << byte;
+    for (size_t i = 0; i < kMd5Digits / 2; ++i) {
+        hex << std::hex << std::setfill('0') << std::setw(2) << unsigned{digest[i]};
+    }
     return hex.str();
 }
 

@@ -29,8 +29,11 @@ private:
     const std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> mState;
 };
 
-// The MD5 of one frame's visible bytes, in hexadecimal.
+// The MD5 of one frame's visible bytes, in hexadecimal. Of several: md5sOf() in Md5Lanes.h.
 std::string md5Of(const FrameView& frame);
+
+// An MD5 in hexadecimal; `digest` has 16 bytes.
+std::string hexOfMd5(const uint8_t* digest);
 
 // Whether `word`, in lower case, is an MD5, with one digit too many at most (see ChecksumRow).
 bool isMd5(const std::string& word);

@@ -1,5 +1,5 @@
 // md5-list: a line "hash  name" per frame.
-#include "Md5.h"
+#include "Md5Lanes.h"
 #include "RemarkList.h"
 #include "Text.h"
 
@@ -11,15 +11,15 @@ public:
     using ChecksumWriter::ChecksumWriter;
 
 private:
-    void addFrame(const Frame& frame) override {
+    void addFrame(const Frame& frame, const std::string& hash) override {
         const PictureFormat& picture = frame.stream.picture;
-        write(concat(md5Of(frame), "  frame-", picture.width, "x", picture.height, "-",
-                     std::setfill('0'), std::setw(4), frames(), "\n"));
+        write(concat(hash, "  frame-", picture.width, "x", picture.height, "-", std::setfill('0'),
+                     std::setw(4), frames(), "\n"));
     }
 };
 
 const bool kRegistered =
-    registerChecksumFormat({"md5-list", ".md5", false, md5Of,
+    registerChecksumFormat({"md5-list", ".md5", md5sOf, kMd5Lanes,
                             [](const std::string& path, const std::string& text) {
                                 auto rows = readMd5s(path, text);
                                 if (rows && rows->size() == 1)

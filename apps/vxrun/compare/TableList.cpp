@@ -70,13 +70,12 @@ std::optional<ChecksumRows> readTable(TableHash hash, const std::string& path,
     return rows;
 }
 
-void TableWriter::addFrame(const Frame& frame) {
+void TableWriter::addFrame(const Frame& frame, const std::string& hash) {
     if (frames() == 1) write(header(mHash, frame.stream));
     const auto ten = std::setw(10);
     const auto eight = std::setw(8);
     write(concat("0, ", ten, frame.info.timestamp, ", ", ten, frame.info.timestamp, ", ", eight,
-                 frame.stream.duration, ", ", eight, frame.size(), ", ", mFormat.hash(frame),
-                 "\n"));
+                 frame.stream.duration, ", ", eight, frame.size(), ", ", hash, "\n"));
 }
 
 }  // namespace vxrun

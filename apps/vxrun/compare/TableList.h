@@ -19,14 +19,12 @@ std::optional<ChecksumRows> readTable(TableHash hash, const std::string& path,
 // Life, threads and owns: as ChecksumWriter.
 class TableWriter final : public ChecksumWriter {
 public:
-    TableWriter(TableHash hash, const ChecksumFormat& format, const std::string& path)
-        : ChecksumWriter(path), mHash(hash), mFormat(format) {}
+    TableWriter(TableHash hash, const std::string& path) : ChecksumWriter(path), mHash(hash) {}
 
 private:
-    void addFrame(const Frame& frame) override;
+    void addFrame(const Frame& frame, const std::string& hash) override;
 
     const TableHash mHash;
-    const ChecksumFormat& mFormat;
 };
 
 }  // namespace vxrun

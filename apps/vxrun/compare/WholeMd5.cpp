@@ -10,14 +10,14 @@ public:
     using ChecksumWriter::ChecksumWriter;
 
 private:
-    void addFrame(const Frame& frame) override { mMd5.addFrame(frame); }
+    void addFrame(const Frame& frame, const std::string&) override { mMd5.addFrame(frame); }
     void addEnd() override { write("MD5=" + mMd5.hex() + "\n"); }
 
     Md5 mMd5;
 };
 
 const bool kRegistered =
-    registerChecksumFormat({"md5", "", true, md5Of,
+    registerChecksumFormat({"md5", "", nullptr, 1,
                             [](const std::string& path, const std::string& text) {
                                 auto rows = readMd5s(path, text);
                                 if (rows && rows->size() != 1) rows.reset();

@@ -6,9 +6,12 @@
 #include "Md5.h"
 #include "Text.h"
 
-#include <vxkit/Sink.h>
+#include <vxkit/Node.h>
 
+#include <algorithm>
+#include <list>
 #include <optional>
+#include <utility>
 
 namespace vxrun {
 namespace {
@@ -18,13 +21,23 @@ const PathKey kWrite{"write", "the list to write"};
 const TextKey kFormat{"format", "the format of the written list, default framemd5"};
 const FlagKey kPrintMd5{"print_md5", "true: print the MD5 of the whole stream on standard output"};
 
-class ChecksumSink : public Sink {
+// Frames are kept until it is worth to hash them, see ChecksumFormat::atOnce.
+class ChecksumSink : public Node {
 public:
     static bool checks(const vexa::VXNodeDescriptor& node) { return kExpect.isGivenIn(node); }
 
-    using Sink::Sink;
+    using Node::Node;
 
 private:
+    // A frame that waits to be hashed with others.
+    struct Kept {
+        explicit Kept(std::shared_ptr<vexa::VXSharedWork> kept)
+            : work(std::move(kept)), frame(*work) {}
+
+        std::shared_ptr<vexa::VXSharedWork> work;
+        Frame frame;
+    };
+
     void open() override {
         mExpectPath = config(kExpect);
         if (!mExpectPath.empty()) mExpected = readChecksumList(mExpectPath);
@@ -38,24 +51,84 @@ private:
         } catch (const Failure& failure) {
             throw Failure(std::string("config 'format': ") + failure.what());
         }
+        if (mExpected) mMost = mExpected->format->atOnce;
+        if (isGiven(kWrite)) mMost = std::max(mMost, mWritten->atOnce);
+        if (mMost > 1) setTotalDelay(mMost);
     }
 
     void begin() override {
         if (isGiven(kWrite)) mList = mWritten->newWriter(config(kWrite));
     }
 
-    void consume(const Frame& frame) override {
-        if (mExpected && !expectsWhole()) compare(frame);
-        if (needsWhole()) mWhole.addFrame(frame);
-        if (mList != nullptr) mList->writeFrame(frame);
-        ++mFrames;
+    void process(const SharedWorks& inputs) override {
+        for (const auto& work : inputs) keep(work);
+        mPauses = 0;
+        if (!mKept.empty() && !std::exchange(mIsWatching, true)) wakeUp(kLook);
     }
 
-    bool expectsWhole() const { return mExpected && mExpected->format->isOfWholeStream; }
+    // Frames that nothing follows are hashed, too: after a while, and at once when nothing can
+    // follow since they are the last free buffers of their pool. Then fewer are kept from now on.
+    void wake() override {
+        mIsWatching = false;
+        if (mKept.empty()) return;
+        const auto* const buffer = infoOf<PoolBuffer>(mKept.back().frame.info);
+        const bool isStarved = buffer != nullptr && buffer->record().out == buffer->record().slots;
+        if (isStarved && mPauses > 0) mMost = mKept.size();
+        if (mPauses++ > (isStarved ? 0 : kPause / kLook)) return hashKept();
+        mIsWatching = true;
+        wakeUp(kLook);
+    }
+
+    void end() override { hashKept(); }
+
+    void keep(const std::shared_ptr<vexa::VXSharedWork>& work) {
+        try {
+            mKept.emplace_back(work);
+        } catch (...) {  // no frame: those before it are evidence all the same
+            hashKept();
+            throw;
+        }
+        const auto& info = mKept.back().frame.info;
+        const bool isLast = (info.flags & vexa::VXFrameInfo::FLAG_END_OF_STREAM) != 0;
+        // The node that fills the buffers needs as many again, to go on meanwhile.
+        const auto* const buffer = infoOf<PoolBuffer>(info);
+        const size_t half = buffer != nullptr ? buffer->record().slots / 2 : 0;
+        if (isLast || mKept.size() >= std::min(mMost, half)) hashKept();
+        if (isLast) signalComplete();
+    }
+
+    void hashKept() {
+        const std::list<Kept> kept = std::move(mKept);
+        mKept.clear();
+        std::vector<const FrameView*> frames;
+        for (const Kept& one : kept) frames.push_back(&one.frame);
+        const auto hashesOf = [&](const ChecksumFormat& format) {
+            return format.isOfWholeStream() ? std::vector<std::string>(frames.size())
+                                            : format.hashes(frames);
+        };
+        std::vector<std::string> actual, written;
+        if (mExpected) actual = hashesOf(*mExpected->format);
+        if (mList != nullptr) {
+            const bool isSame = mExpected && mExpected->format == mWritten;
+            written = isSame ? actual : hashesOf(*mWritten);
+        }
+        size_t i = 0;
+        for (const auto& [work, frame] : kept) {
+            if (mExpected && !expectsWhole()) compare(frame, actual[i]);
+            if (needsWhole()) mWhole.addFrame(frame);
+            if (mList != nullptr) mList->writeFrame(frame, written[i]);
+            ++i;
+            ++mFrames;
+            if ((frame.info.flags & vexa::VXFrameInfo::FLAG_END_OF_STREAM) != 0) finish();
+            countFrame(frame.info);
+        }
+    }
+
+    bool expectsWhole() const { return mExpected && mExpected->format->isOfWholeStream(); }
     bool needsWhole() { return config(kPrintMd5) || expectsWhole(); }
 
-    void compare(const Frame& frame) {
-        const ChecksumRow actual = {frame.size(), mExpected->format->hash(frame)};
+    void compare(const Frame& frame, const std::string& hash) {
+        const ChecksumRow actual = {frame.size(), hash};
         const bool surplus = mFrames >= mExpected->rows.size();
         const ChecksumRow expected = surplus ? ChecksumRow() : mExpected->rows[mFrames];
         if (!surplus) ++record().checked;
@@ -82,7 +155,7 @@ private:
         return withSize ? std::to_string(row.size) + " bytes " + row.hash : row.hash;
     }
 
-    void finish() override {
+    void finish() {
         if (mList != nullptr) mList->commit();
         const std::string md5 = needsWhole() ? mWhole.hex() : "";
         evidence().setStreamMd5(md5);
@@ -120,14 +193,21 @@ private:
                          ", actual ", md5));
     }
 
+    static constexpr unsigned kLook = 20, kPause = 300;  // milliseconds
+
     std::optional<ChecksumList> mExpected;
     std::string mExpectPath;
     FrameOffset mOffset;
     std::optional<BadFrames> mBadFrames;
     const ChecksumFormat* mWritten = nullptr;  // of mList
     std::unique_ptr<ChecksumWriter> mList;     // null: none is written
-    Md5 mWhole;                                // where it is printed or expected
-    uint64_t mFrames = 0;                      // that were consumed
+    // [event thread]
+    size_t mMost = 1;  // frames that are kept
+    std::list<Kept> mKept;
+    bool mIsWatching = false;  // wake() will be called
+    unsigned mPauses = 0;      // calls of it since the last frame came
+    Md5 mWhole;                // where it is printed or expected
+    uint64_t mFrames = 0;      // that were consumed
     uint64_t mDiffering = 0;
     uint64_t mFirstBad = 0;
 };
