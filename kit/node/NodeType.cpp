@@ -40,7 +40,14 @@ const std::vector<std::string>& clashingNodeTypes() {
     return clashes();
 }
 
+static void (*sLoad)() = [] {};
+
+void loadNodeTypesWith(void (*load)()) {
+    sLoad = load;
+}
+
 const NodeType* findNodeType(const std::string& name) {
+    if (types().count(name) == 0) sLoad();
     const auto found = types().find(name);
     return found != types().end() ? &found->second : nullptr;
 }

@@ -2,10 +2,12 @@
 
 #include "BadFrames.h"
 #include "Crash.h"
+#include "MediaLibraries.h"
 #include "Recording.h"
 #include "Text.h"
 
 #include <vxkit/NodeLibrary.h>
+#include <vxkit/NodeType.h>
 
 #include <unistd.h>
 
@@ -75,7 +77,10 @@ void CommonOptions::addTo(CLI::App* app) {
 }
 
 void CommonOptions::loadNodes() const {
-    std::istringstream list(variable("VXRUN_NODES"));
+    const std::string others = variable("VXRUN_NODES");
+    vxkit::loadNodeTypesWith(loadMediaLibraries);
+    if (!others.empty() || !nodes.empty()) loadMediaLibraries();  // whose names are taken
+    std::istringstream list(others);
     for (std::string file; std::getline(list, file, ':');) {
         if (!file.empty()) loadNodeLibrary(file);
     }

@@ -2,6 +2,7 @@
 // --list-nodes, too.
 #include "Command.h"
 #include "Console.h"
+#include "MediaLibraries.h"
 #include "Text.h"
 
 #include <vxkit/NodeType.h>
@@ -10,6 +11,7 @@ namespace vxrun {
 namespace {
 
 int listNodes() {
+    loadMediaLibraries();
     std::string text;
     const auto addLine = [&](const char* indent, int width, const auto& item) {
         text += concat(indent, std::left, std::setw(width), item.name, " ", item.help, "\n");

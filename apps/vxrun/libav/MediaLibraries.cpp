@@ -77,9 +77,7 @@ private:
     const Libav<AVFormatContext> mContext;
 };
 
-}  // namespace
-
-std::string mediaLibraries() {
+std::string versions() {
     const auto text = [](const char* name, unsigned version) {
         return concat(name, " ", AV_VERSION_MAJOR(version), ".", AV_VERSION_MINOR(version), ".",
                       AV_VERSION_MICRO(version));
@@ -89,11 +87,11 @@ std::string mediaLibraries() {
                     text("libavutil", avutil_version()), text("libswscale", swscale_version())});
 }
 
-std::unique_ptr<VideoProbe> probeVideo(const std::string& path) {
+std::unique_ptr<VideoProbe> probe(const std::string& path) {
     return std::make_unique<VideoFile>(path, "");
 }
 
-std::unique_ptr<Muxer> newMuxer(const std::string& container) {
+std::unique_ptr<Muxer> muxerFor(const std::string& container) {
     CodecLog::takeOver();
     // The name of a muxer, or else an extension that it has.
     const AVOutputFormat* const format =
@@ -105,4 +103,8 @@ std::unique_ptr<Muxer> newMuxer(const std::string& container) {
     return std::make_unique<LibavMuxer>(*format);
 }
 
+const MediaLibraries kLibraries = {versions, probe, muxerFor};
+const bool kRegistered = registerMediaLibraries(kLibraries);
+
+}  // namespace
 }  // namespace vxrun

@@ -1,5 +1,6 @@
-// MediaLibraries: what the other rooms ask of FFmpeg's libraries. The room libav/ answers; a build
-// without it has WithoutLibav.cpp instead.
+// MediaLibraries: what the other rooms ask of FFmpeg's libraries. The room libav/ answers. It is a
+// file beside the program, vxrun-libav.so, that is loaded by the first question; where it is not
+// there, nothing is known.
 #pragma once
 
 #include "Vxkit.h"
@@ -49,5 +50,16 @@ public:
 // One for `container`: a name of libavformat's, or an extension of such files. Throws Failure for
 // an unknown one.
 std::unique_ptr<Muxer> newMuxer(const std::string& container);
+
+// The answers of the room libav/, which registers them when it is loaded, as it does its node types.
+struct MediaLibraries {
+    decltype(&mediaLibraries) versions;
+    decltype(&vxrun::probeVideo) probeVideo;
+    decltype(&vxrun::newMuxer) newMuxer;
+};
+bool registerMediaLibraries(const MediaLibraries& libraries);
+// Loads the room, unless it is there already, or this vxrun comes without it. Throws Failure when it
+// cannot be loaded.  [any thread]
+void loadMediaLibraries();
 
 }  // namespace vxrun

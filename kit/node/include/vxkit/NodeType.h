@@ -63,6 +63,9 @@ extern const NumberKey kSlots, kFenceMs;
 // The types of this program by name; null for an unknown one.
 const std::map<std::string, NodeType>& nodeTypes();
 const NodeType* findNodeType(const std::string& name);
+// From now on findNodeType() calls `load` for a name that is not registered, then looks again: for
+// types that are dear to load. `load` is called often, and does its work once.  [before other threads]
+void loadNodeTypesWith(void (*load)());
 // Adds a type. The first of a name stays.
 void registerNodeType(NodeType type);
 // The names that were registered again.
