@@ -44,12 +44,7 @@ void trimMemory() {
 class SuiteRun {
 public:
     SuiteRun(const SuiteRunOptions& options, const TestedDecoder& decoder, Suite* suite)
-        : mOptions(options), mDecoder(decoder), mSuite(*suite) {
-        sigemptyset(&mSignals);
-        for (const int number : {SIGCHLD, SIGINT, SIGTERM}) sigaddset(&mSignals, number);
-        std::signal(SIGCHLD, SIG_DFL);  // a process that ignores it gets no exit codes
-        pthread_sigmask(SIG_BLOCK, &mSignals, &mOldSignals);
-    }
+        : mOptions(options), mDecoder(decoder), mSuite(*suite) {}
 
     // The signal that ended it; else 0. What it changed since the last mid-run reports is not in
     // them.
@@ -95,7 +90,7 @@ private:
         child.deadline =
             child.start + kGrace +
             std::chrono::duration_cast<Clock::duration>(Seconds(mOptions.vectors.run.timeout));
-        const int error = child.process.start(mDecoder, options, mOptions.vectors, mOldSignals);
+        const int error = child.process.start(mDecoder, options, mOptions.vectors, mSignals);
         if (error != 0) {
             added.clear();  // reporting may need its descriptors
             if (mChildren.empty()) {
@@ -128,7 +123,7 @@ private:
         constexpr std::chrono::nanoseconds kStep = std::chrono::milliseconds(200), kShortest(1);
         const std::chrono::nanoseconds due = mIsChanged ? mReportDue - Clock::now() : kStep;
         const timespec step = {0, std::clamp(due, kShortest, kStep).count()};
-        const int number = sigtimedwait(&mSignals, nullptr, &step);
+        const int number = sigtimedwait(&mSignals.waited, nullptr, &step);
         if (number == SIGINT || number == SIGTERM) {
             mSignal = number;
             console::line("vxrun: ending the running vectors; a second signal kills them");
@@ -140,11 +135,10 @@ private:
     // that has not is sent SIGTERM, the next time SIGKILL, when its time is over or if it
     // `shallEnd`.
     bool hasEnded(Child* child, bool shallEnd) {
-        int status = 0;
-        if (child->process.hasEnded(&status)) {
+        if (child->process.hasEnded()) {
             TestVector* const vector = &child->process.vector();
             vector->seconds = Seconds(Clock::now() - child->start).count();
-            if (mSignal == 0) child->process.judge(status, mSuite.negative);
+            if (mSignal == 0) child->process.judge(mSuite.negative);
             if (mSignal == 0 && mIsShort && !child->isAlone && vector->state == TestVector::ERROR) {
                 // There may have been no room for its threads. If fewer run, there is.
                 vector->state = TestVector::NOT_RUN;
@@ -201,8 +195,7 @@ private:
     bool mIsChanged = false;       // since the last reports
     Clock::time_point mReportDue;  // not before that
     int mSignal = 0;               // that ends the run
-    sigset_t mSignals;
-    sigset_t mOldSignals;
+    const ProcessSignals mSignals;
 };
 
 }  // namespace

@@ -1,16 +1,10 @@
 // VectorProcess: a process that decodes one test vector and hands its result back.
 #pragma once
 
-#include "Files.h"
 #include "GraphFile.h"
-#include "Runner.h"
+#include "RunProcess.h"
 #include "Suite.h"
 #include "TestedDecoder.h"
-
-#include <sys/types.h>
-
-#include <csignal>
-#include <memory>
 
 namespace vxrun {
 
@@ -20,44 +14,30 @@ struct VectorOptions {
     GraphEdits edits;
 };
 
-// Life     start(), then hasEnded() until it is true, then judge(). The process ends with this one
-//          in any case.
+// Life     start(), then hasEnded() until it is true, then judge(). See RunProcess.
 // Threads  the main one, and no other runs when start() is called.
-// Owns     the log of the process, and memory that it shares with the process.
+// Owns     the process.
 class VectorProcess {
 public:
-    // If no descriptor or memory is left for it, start() fails.
-    explicit VectorProcess(TestVector* vector);
-    ~VectorProcess();
-    VectorProcess(const VectorProcess&) = delete;
-    VectorProcess& operator=(const VectorProcess&) = delete;
+    explicit VectorProcess(TestVector* vector) : mVector(*vector) {}
 
-    // Starts a copy of this process that decodes `decode` with the signals `signals` blocked. 0, or
-    // an errno number.
+    // Starts a copy of this process that decodes `decode`. 0, or an errno number.
     int start(const TestedDecoder& decoder, const DecodeOptions& decode,
-              const VectorOptions& options, const sigset_t& signals);
+              const VectorOptions& options, const ProcessSignals& signals);
 
     TestVector& vector() { return mVector; }
     void kill(int signal);
-
-    // True when it has ended; `*status` is that of waitpid().
-    bool hasEnded(int* status) const;
-    // The result of the test vector after the process has ended with `status`. `negative`: see
-    // Suite.
-    void judge(int status, bool negative);
+    // True when it has ended.
+    bool hasEnded() { return mProcess.hasEnded(); }
+    // The result of the test vector after the process has ended. `negative`: see Suite.
+    void judge(bool negative);
 
 private:
-    struct Result;
-
-    [[noreturn]] void runChild(const TestedDecoder& decoder, const DecodeOptions& decode,
-                               const VectorOptions& options);
-    void judgePictures(bool negative);
+    void judgePictures(const RunResult& result, bool negative);
 
     TestVector& mVector;
-    FileHandle mLog;  // what the process writes to standard error
-    Result* mResult;  // shared with the process; null without memory
-    pid_t mPid = -1;
-    int mSent = 0;  // the last signal
+    RunProcess mProcess;
+    bool mWasSignaled = false;
 };
 
 }  // namespace vxrun

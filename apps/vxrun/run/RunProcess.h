@@ -1,0 +1,83 @@
+// RunProcess: a process that runs one graph and hands its result back.
+#pragma once
+
+#include "Files.h"
+#include "Runner.h"
+
+#include <sys/types.h>
+
+#include <csignal>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace vxrun {
+
+// What one run took, as its process has measured it.
+struct RunFigures {
+    double seconds = 0;      // from before the graph was built until it was gone
+    uint64_t frames = 0;     // the most that any one sink consumed
+    double cpuSeconds = 0;   // of the process and of the programs that it ran
+    double peakBytes = 0;    // resident; of the largest one of these processes
+    double preemptions = 0;  // involuntary switches to other threads, of all these processes
+};
+
+// How a run ended. A plain value.
+struct RunResult {
+    Verdict verdict = Verdict::UnknownError;  // also of a process that crashed
+    std::string type;                         // the verdict's word, or such as SIGNAL_11
+    std::string message;                      // the first error line, or what is known of its end
+    std::string md5;  // of all pictures; empty if the stream did not end well
+    RunFigures figures;
+};
+
+// The signals that a program with such processes waits for: SIGCHLD, and SIGINT and SIGTERM, which
+// end it. Made before other threads start; blocks them.
+struct ProcessSignals {
+    ProcessSignals();
+
+    sigset_t waited;
+    sigset_t before;  // that were blocked before
+};
+
+// Life     start(), then hasEnded() until it is true, or wait(); then result(). The process ends
+//          with this one in any case.
+// Threads  the main one, and no other runs when start() is called.
+// Owns     the log of the process, and memory that it shares with the process.
+class RunProcess {
+public:
+    // If no descriptor or memory is left for it, start() fails.
+    RunProcess();
+    ~RunProcess();
+    RunProcess(const RunProcess&) = delete;
+    RunProcess& operator=(const RunProcess&) = delete;
+
+    // Starts a copy of this process that calls `makeGraph` and runs its graph; to compare is not
+    // expected of it. 0, or an errno number.
+    int start(const std::function<vexa::VXGraphInfo()>& makeGraph, const RunOptions& options,
+              const ProcessSignals& signals);
+    void kill(int signal) const;
+    // True when it has ended.
+    bool hasEnded();
+    // Waits for its end. The signal that has ended it before its time, the second one by force;
+    // else 0.
+    int wait(const ProcessSignals& signals);
+
+    // After its end.
+    RunResult result() const;
+    // The last that it wrote to standard error.
+    std::string log() const;
+
+private:
+    struct Shared;
+
+    [[noreturn]] void runChild(const std::function<vexa::VXGraphInfo()>& makeGraph,
+                               const RunOptions& options);
+
+    FileHandle mLog;
+    Shared* mShared;  // null without memory
+    pid_t mPid = -1;
+    int mStatus = 0;  // of waitpid()
+};
+
+}  // namespace vxrun
