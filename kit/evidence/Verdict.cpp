@@ -19,6 +19,7 @@ constexpr Row kRows[] = {
     {Verdict::Done, 0, "DONE"},
     {Verdict::Fail, 1, "FAIL"},
     {Verdict::NoEndOfStream, 1, "NO_END_OF_STREAM"},
+    {Verdict::Performance, 1, "PERFORMANCE"},
     {Verdict::NothingChecked, 4, "NOTHING_CHECKED"},
     {Verdict::NotSupported, 77, "NOT_SUPPORTED"},
     {Verdict::Skipped, 77, "SKIPPED"},
