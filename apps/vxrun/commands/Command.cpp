@@ -30,20 +30,6 @@ std::string checkMask(const std::string& mask) {
     return hex ? "" : "expected a hexadecimal mask, got " + quote(mask);
 }
 
-// A time in seconds, `least` or more. (A range of CLI11's would accept "nan", too.)
-CLI::Validator seconds(double least) {
-    return {[least](const std::string& text) {
-                constexpr double kMost = 1e9;
-                try {
-                    parseReal(text, least, kMost);
-                    return std::string();
-                } catch (const Failure& failure) {
-                    return std::string(failure.what());
-                }
-            },
-            ""};
-}
-
 }  // namespace
 
 void CommonOptions::addTo(CLI::App* app) {
@@ -62,11 +48,11 @@ void CommonOptions::addTo(CLI::App* app) {
         ->check(checkMask);
     addOption(app, "--timeout SECONDS", &run.timeout,
               "End the run after this time, with exit 124; the vectors of a suite: 60")
-        ->check(seconds(0.001));
+        ->check(realFrom(0.001));
     addOption(
         app, "--stall SECONDS", &run.stall,
         "End the run when nothing has moved for this time, with exit 124; default 30, 0: never")
-        ->check(seconds(0));
+        ->check(realFrom(0));
     addOption(app, "--progress FILE|FD", &run.progress, "Write progress as key=value blocks");
     addOption(app, "--trace FILE", &run.trace, "Write a trace of the run for trace viewers");
     addOption(app, "--dot DIR", &run.dot, "Draw the graph at the start and with every snapshot");
@@ -110,6 +96,19 @@ bool registerCommand(std::unique_ptr<Command> command) {
 
 const std::vector<std::unique_ptr<Command>>& commands() {
     return all();
+}
+
+CLI::Validator realFrom(double least) {
+    return {[least](const std::string& text) {
+                constexpr double kMost = 1e9;
+                try {
+                    parseReal(text, least, kMost);
+                    return std::string();
+                } catch (const Failure& failure) {
+                    return std::string(failure.what());
+                }
+            },
+            ""};
 }
 
 void addDecoderOptions(CLI::App* command, DecoderOptions* options) {

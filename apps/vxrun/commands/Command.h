@@ -67,6 +67,9 @@ CLI::Option* addOption(CLI::App* app, const std::string& usage, Value* value,
         ->type_name(usage.substr(blank + 1));
 }
 
+// A decimal number, `least` or more. (A range of CLI11's would accept "nan", too.)
+CLI::Validator realFrom(double least);
+
 // The options that choose what is tested.
 struct DecoderOptions {
     // The decoders that they name; libavcodec's when they name none. Throws Failure.
