@@ -96,7 +96,7 @@ std::vector<std::pair<std::string, std::string>> mistakesIn(const VXNodeDescript
     };
     checkCount("input", type.inputs, node.inputPorts.size());
     checkCount("output", type.outputs, node.outputPorts.size());
-    std::string exclusive;  // the config that excludes others
+    const ConfigKey* other = nullptr;  // the one before that is not free
     for (const auto& [name, value] : node.configs) {
         const ConfigKey* const key = type.findConfig(name);
         if (key == nullptr) {
@@ -107,13 +107,14 @@ std::vector<std::pair<std::string, std::string>> mistakesIn(const VXNodeDescript
             continue;
         }
         // An empty value counts as not given, so it excludes nothing.
-        if (key->exclusive && !value.empty()) {
-            if (!exclusive.empty()) {
-                const auto& [first, second] = std::minmax(exclusive, name);
+        if (key->use != ConfigKey::FREE && !value.empty()) {
+            if (other != nullptr &&
+                (key->use == ConfigKey::EXCLUSIVE || other->use == ConfigKey::EXCLUSIVE)) {
+                const auto& [first, second] = std::minmax(other->name, name);
                 mistakes.emplace_back(
                     name, concat("configs '", first, "' and '", second, "' exclude each other"));
             }
-            exclusive = name;
+            other = key;
         }
         const std::string mistake = key->mistakeIn(value);
         if (!mistake.empty()) {

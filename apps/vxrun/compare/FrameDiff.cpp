@@ -1,9 +1,9 @@
 #include "FrameDiff.h"
 
+#include "FrameFigures.h"
 #include "Text.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -14,18 +14,40 @@ std::string point(int64_t x, int64_t y) {
     return concat("(", x, ",", y, ")");
 }
 
-double peakOf(const PictureFormat& format) {
-    return (1 << format.pixels.depth) - 1;
+template <typename Sample>
+bool isAnyBeyond(uint32_t tolerance, const Sample* actual, const Sample* expected, size_t count) {
+    uint32_t largest = 0;
+    for (size_t x = 0; x < count; ++x) {
+        largest = std::max(largest, static_cast<uint32_t>(std::abs(actual[x] - expected[x])));
+    }
+    return largest > tolerance;
 }
 
-// Whether frames have the same planes. What their samples mean is ignored: full range is no
-// difference.
-bool comparable(const PictureFormat& actual, const PictureFormat& expected) {
+}  // namespace
+
+bool haveSamePlanes(const PictureFormat& actual, const PictureFormat& expected) {
     return actual.pixels.rangelessName() == expected.pixels.rangelessName() &&
            actual.width == expected.width && actual.height == expected.height;
 }
 
-}  // namespace
+bool differ(const FrameView& actual, const FrameView& expected, uint32_t tolerance) {
+    const PictureFormat& format = actual.format();
+    if (!haveSamePlanes(format, expected.format())) return true;
+    for (int p = 0; p < format.pixels.planes; ++p) {
+        const size_t bytes = format.rowBytes(p);
+        for (int y = 0; y < format.rows(p); ++y) {
+            const uint8_t* const a = actual.row(p, y);
+            const uint8_t* const b = expected.row(p, y);
+            if (std::memcmp(a, b, bytes) == 0) continue;
+            const bool isWide = format.pixels.bytesPerSample() > 1;
+            if (isWide ? isAnyBeyond(tolerance, reinterpret_cast<const uint16_t*>(a),
+                                     reinterpret_cast<const uint16_t*>(b), bytes / 2)
+                       : isAnyBeyond(tolerance, a, b, bytes))
+                return true;
+        }
+    }
+    return false;
+}
 
 std::vector<uint16_t> samplesOf(const FrameView& frame, int plane) {
     const PictureFormat& format = frame.format();
@@ -48,15 +70,14 @@ uint32_t FrameDiff::Plane::difference(size_t at) const {
 
 FrameDiff::FrameDiff(const FrameView& actual, const FrameView& expected, uint32_t tolerance)
     : mFormat(actual.format()), mTolerance(tolerance) {
-    if (!comparable(actual.format(), expected.format())) {
+    if (!haveSamePlanes(actual.format(), expected.format())) {
         mFormats =
             "actual " + mFormat.description() + ", expected " + expected.format().description();
         return;
     }
-    static constexpr const char* kNames[] = {"Y", "Cb", "Cr"};
     for (int p = 0; p < mFormat.pixels.planes; ++p) {
         Plane& plane = mPlanes.emplace_back();
-        plane.name = mFormat.isPicture() ? kNames[p] : "byte";
+        plane.name = planeName(mFormat, p);
         plane.columns = static_cast<size_t>(mFormat.columns(p));
         plane.rows = static_cast<size_t>(mFormat.rows(p));
         int y = 0;
@@ -74,7 +95,6 @@ void FrameDiff::compare(Plane* plane) const {
     for (size_t y = 0; y < plane->rows; ++y) {
         for (size_t x = 0; x < plane->columns; ++x) {
             const uint32_t difference = plane->difference(plane->at(x, y));
-            plane->squares += uint64_t{difference} * difference;
             plane->largest = std::max(plane->largest, difference);
             if (difference <= mTolerance) continue;
             if (plane->wrong++ == 0) {
@@ -88,85 +108,8 @@ void FrameDiff::compare(Plane* plane) const {
     }
 }
 
-bool FrameDiff::anyWrong() const {
-    const auto isWrong = [](const Plane& plane) { return plane.wrong > 0; };
-    return !sameFormat() || std::any_of(mPlanes.begin(), mPlanes.end(), isWrong);
-}
-
-// ---- Figures ----------------------------------------------------------------------------------
-
-std::vector<double> FrameDiff::psnr() const {
-    const double peak = peakOf(mFormat);
-    const auto figure = [&](uint64_t squares, uint64_t samples) {
-        constexpr double kLeast = 1e-16;
-        const double mse = static_cast<double>(squares) / static_cast<double>(samples);
-        return std::min(10 * std::log10(peak * peak / std::max(mse, kLeast)),
-                        6.0 * mFormat.pixels.depth + 12);
-    };
-    std::vector<double> figures;
-    uint64_t squares = 0, samples = 0;
-    for (const Plane& plane : mPlanes) {
-        figures.push_back(figure(plane.squares, plane.columns * plane.rows));
-        squares += plane.squares;
-        samples += plane.columns * plane.rows;
-    }
-    figures.push_back(figure(squares, samples));
-    return figures;
-}
-
-std::vector<double> FrameDiff::ssim() const {
-    std::vector<double> figures;
-    for (const Plane& plane : mPlanes) figures.push_back(similarity(plane));
-    figures.push_back(*std::min_element(figures.begin(), figures.end()));
-    return figures;
-}
-
-double FrameDiff::similarity(const Plane& plane) const {
-    if (plane.actual.empty()) return 1;
-    constexpr size_t kWindow = 8;
-    constexpr size_t kStep = 4;
-    const double c1 = std::pow(0.01 * peakOf(mFormat), 2);
-    const double c2 = std::pow(0.03 * peakOf(mFormat), 2);
-    const size_t height = std::min(plane.rows, kWindow);
-    const size_t width = std::min(plane.columns, kWindow);
-    const double count = static_cast<double>(width * height);
-    const auto ofWindow = [&](size_t left, size_t top) {
-        double a = 0, b = 0, squares = 0, products = 0;
-        for (size_t y = top; y < top + height; ++y) {
-            for (size_t x = left; x < left + width; ++x) {
-                const double actual = plane.actual[plane.at(x, y)];
-                const double expected = plane.expected[plane.at(x, y)];
-                a += actual / count;
-                b += expected / count;
-                squares += (actual * actual + expected * expected) / count;
-                products += actual * expected / count;
-            }
-        }
-        return (2 * a * b + c1) * (2 * (products - a * b) + c2) /
-               ((a * a + b * b + c1) * (squares - a * a - b * b + c2));
-    };
-    double sum = 0;
-    size_t windows = 0;
-    for (size_t y = 0; y < plane.rows - height + kStep; y += kStep) {
-        for (size_t x = 0; x < plane.columns - width + kStep; x += kStep, ++windows) {
-            sum += ofWindow(std::min(x, plane.columns - width), std::min(y, plane.rows - height));
-        }
-    }
-    return sum / static_cast<double>(windows);
-}
-
-std::string FrameDiff::figuresText(const std::vector<double>& figures) const {
-    std::string planes;
-    for (size_t p = 0; p < mPlanes.size(); ++p) {
-        planes += concat(p == 0 ? "" : " ", mPlanes[p].name, " ", figures[p]);
-    }
-    return concat(figures.back(), " (", planes, ")");
-}
-
-// ---- Evidence ---------------------------------------------------------------------------------
-
 std::string FrameDiff::evidence() const {
-    if (!sameFormat()) return mFormats;
+    if (!mFormats.empty()) return mFormats;
     std::string counts;
     const Plane* found = &mPlanes.front();
     uint32_t largest = 0;
@@ -253,7 +196,7 @@ std::vector<uint8_t> FrameDiff::picture() const {
     constexpr uint32_t kVisible = 64;
     constexpr uint32_t kFactor = 8;
     std::vector<uint8_t> picture;
-    if (!sameFormat()) return picture;
+    if (!mFormats.empty()) return picture;
     for (size_t y = 0; y < mPlanes[0].rows; ++y) {
         for (size_t x = 0; x < mPlanes[0].columns; ++x) {
             uint32_t largest = 0;

@@ -13,8 +13,15 @@ namespace vxrun {
 // The samples of a plane, row by row.
 std::vector<uint16_t> samplesOf(const FrameView& frame, int plane);
 
-// Compares at construction. A block of bytes is one plane of 8-bit samples in one row. Frames of
-// different sizes or formats differ, and have no planes here.
+// Whether frames have the same planes. What their samples mean is ignored: full range is no
+// difference.
+bool haveSamePlanes(const PictureFormat& actual, const PictureFormat& expected);
+
+// Whether any sample differs by more than `tolerance`, or the planes do.
+bool differ(const FrameView& actual, const FrameView& expected, uint32_t tolerance);
+
+// The evidence of that. Compares at construction, and slowly. A block of bytes is one plane of
+// 8-bit samples in one row. Frames of different sizes or formats have no planes here.
 //
 // Threads  one at a time.
 // Owns     copies of the samples of planes that differ.
@@ -22,19 +29,6 @@ class FrameDiff {
 public:
     // `tolerance`: the largest difference of a sample that is not wrong.
     FrameDiff(const FrameView& actual, const FrameView& expected, uint32_t tolerance);
-
-    bool sameFormat() const { return mFormats.empty(); }
-    bool anyWrong() const;
-
-    // A figure for each plane, in dB: 10 log10(peak^2 / mse), at most 6 * bits + 12, which equal
-    // planes have. Last that of all samples together.
-    std::vector<double> psnr() const;
-    // The mean structural similarity of each plane over windows of 8x8 samples, 4 apart; the last
-    // ones end with the row or column, and a smaller plane is one window. 1 for equal planes.
-    // Constants (0.01 peak)^2 and (0.03 peak)^2, population variances. Last the lowest of them.
-    std::vector<double> ssim() const;
-    // Such figures: "41.2 (Y 40 Cb 44 Cr 43.81)".
-    std::string figuresText(const std::vector<double>& figures) const;
 
     // The evidence in one line; for frames that differ.
     std::string evidence() const;
@@ -51,7 +45,6 @@ private:
         size_t columns, rows;
         std::vector<uint16_t> actual, expected;  // samples; none where all are equal
         uint64_t wrong = 0;                      // samples
-        uint64_t squares = 0;                    // the sum of all differences squared
         uint32_t largest = 0;                    // difference
         // The first wrong sample in reading order, and what all of them lie in, both ends included.
         size_t x = 0, y = 0;
@@ -59,7 +52,6 @@ private:
     };
 
     void compare(Plane* plane) const;
-    double similarity(const Plane& plane) const;
     std::string shape(const Plane& first) const;
     static std::string shift(const Plane& plane);
     static bool isShifted(const Plane& plane, int dx, int dy);

@@ -6,7 +6,8 @@
 
 namespace vxrun {
 
-std::string frameHash(const FrameView& frame) {
+// For the frames of one run.
+static std::string hashOf(const FrameView& frame) {
     size_t hash = frame.size();
     frame.forEachRow([&](const uint8_t* row, size_t bytes) {
         const std::string_view text(reinterpret_cast<const char*>(row), bytes);
@@ -16,7 +17,6 @@ std::string frameHash(const FrameView& frame) {
 }
 
 void FrameOffset::addPair(const std::string& actual, const std::string& expected, bool differs) {
-    constexpr size_t kMostPairs = 1000;
     if (mPairs.size() == kMostPairs) return;
     mPairs.push_back({actual, expected});
     if (!mDiffers && !differs && mPairs.size() > kReach) {
@@ -25,6 +25,14 @@ void FrameOffset::addPair(const std::string& actual, const std::string& expected
     }
     if (differs && !mDiffers) mFirstBad = mPairs.size() - 1;
     mDiffers = mDiffers || differs;
+}
+
+void FrameOffset::addFrames(const FrameView* actual, const FrameView* expected, bool differs) {
+    if (mPairs.size() == kMostPairs) return;
+    // Before the first pair that differs, only the expected frame may turn up elsewhere.
+    const bool needsActual = actual != nullptr && (differs || mDiffers);
+    addPair(needsActual ? hashOf(*actual) : "", expected != nullptr ? hashOf(*expected) : "",
+            differs);
 }
 
 std::string FrameOffset::finding() const {

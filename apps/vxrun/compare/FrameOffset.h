@@ -10,9 +10,6 @@
 
 namespace vxrun {
 
-// A hash for the frames of one run.
-std::string frameHash(const FrameView& frame);
-
 // Collects the hashes of both streams frame by frame. Keeps those from shortly before the first
 // frame that differs on, a thousand at most, which is evidence enough.
 //
@@ -21,6 +18,8 @@ class FrameOffset {
 public:
     // The next frame of both, or of the one that is longer; the other's hash is empty then.
     void addPair(const std::string& actual, const std::string& expected, bool differs);
+    // The same of frames, either of which may be null. Hashes no more of them than may be needed.
+    void addFrames(const FrameView* actual, const FrameView* expected, bool differs);
 
     // What was found: "shifted by -1: ...", "frame 3 is the expected frame 2"; empty when nothing
     // was.
@@ -28,6 +27,7 @@ public:
 
 private:
     static constexpr int kReach = 2;  // offsets that are tried, both ways
+    static constexpr size_t kMostPairs = 1000;
 
     struct Pair {
         std::string actual, expected;

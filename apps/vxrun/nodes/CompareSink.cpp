@@ -1,14 +1,16 @@
 // sink/compare: compares two streams frame by frame: that of the first input is tested, that of the
 // second is the expected one.
 #include "BadFrames.h"
+#include "FigureSeries.h"
+#include "Files.h"
 #include "FrameDiff.h"
+#include "FrameFigures.h"
 #include "FrameOffset.h"
 #include "Text.h"
 
 #include <vxkit/Node.h>
 
 #include <algorithm>
-#include <limits>
 #include <optional>
 
 namespace vxrun {
@@ -27,16 +29,25 @@ const NumberKey kTolerance{
     ConfigKey::EXCLUSIVE};
 const RealKey kPsnr{"psnr", kLeastPsnr, kMostPsnr,
                     "in place of tolerance: the lowest PSNR allowed for a frame, in dB, 1 to 108",
-                    ConfigKey::EXCLUSIVE};
+                    ConfigKey::NOT_BESIDE_EXCLUSIVE};
 const RealKey kSsim{"ssim", kLeastSsim, 1,
                     "in place of tolerance: the lowest SSIM allowed for a plane, 0.01 to 1",
-                    ConfigKey::EXCLUSIVE};
+                    ConfigKey::NOT_BESIDE_EXCLUSIVE};
+const FlagKey kMeasure{
+    "measure", "true: measure PSNR and SSIM; without tolerance, psnr or ssim no sample is checked"};
+const PathKey kCsv{"csv", "the file for the PSNR and SSIM of each frame"};
 const NumberKey kAhead{"ahead", 1, 10000, 16,
                        "frames by which one input may be ahead of the other, default 16"};
 
+// The planes that have columns in a CSV file; the last one is that of all.
+constexpr const char* kCsvPlanes[] = {"Y", "Cb", "Cr", ""};
+
 class CompareSink : public Node {
 public:
-    static bool checks(const vexa::VXNodeDescriptor&) { return true; }
+    static bool checks(const vexa::VXNodeDescriptor& node) {
+        return kTolerance.isGivenIn(node) || kPsnr.isGivenIn(node) || kSsim.isGivenIn(node) ||
+               !kMeasure.valueOf(kMeasure.textIn(node));
+    }
 
     using Node::Node;
 
@@ -63,15 +74,28 @@ private:
     };
 
     void open() override {
-        if (isGiven(kPsnr)) mMeasure = &kPsnr;
-        if (isGiven(kSsim)) mMeasure = &kSsim;
-        if (mMeasure != nullptr) mFloor = config(*mMeasure);
-        if (mMeasure != nullptr || isGiven(kTolerance)) mError = vexa::INFO_VALIDATION_FAIL;
+        const bool hasFloor = isGiven(kPsnr) || isGiven(kSsim);
+        const bool measuresAll = config(kMeasure) || isGiven(kCsv);
+        mHasPsnr = measuresAll || isGiven(kPsnr);
+        mHasSsim = measuresAll || isGiven(kSsim);
+        const bool isExact = !hasFloor && !isGiven(kTolerance);
+        record().checking = !isExact || !config(kMeasure);
+        mComparesSamples = record().checking && !hasFloor;
+        mError = isExact ? vexa::CRC_MISMATCH : vexa::INFO_VALIDATION_FAIL;
         mTolerance = static_cast<uint32_t>(config(kTolerance));
         mBadFrames.emplace(config(kDumpBad), config(kDumpLimit), record().name,
                            [this](const std::string& text) { print(text); });
-        record().checking = true;
         setTotalDelay(config(kAhead));
+    }
+
+    void begin() override {
+        if (!isGiven(kCsv)) return;
+        mCsv.emplace(config(kCsv));
+        std::string header = "frame,timestamp";
+        for (const char* kind : {"psnr", "ssim"}) {
+            for (const char* plane : kCsvPlanes) header += "," + figureName(kind, plane);
+        }
+        mCsv->write(header + "\n");
     }
 
     void process(const SharedWorks& inputs) override {
@@ -104,58 +128,123 @@ private:
         const bool isBad =
             actual == nullptr || expected == nullptr || differ(frame, *actual, *expected);
         if (actual != nullptr) ++record().frames;
-        mOffset.addPair(actual != nullptr ? frameHash(*actual) : "",
-                        expected != nullptr ? frameHash(*expected) : "", isBad);
+        mOffset.addFrames(actual, expected, isBad);
         if (!isBad) return;
         countMismatch(frame);
         if (actual != nullptr) mBadFrames->dump(frame, *actual, expected);
     }
 
     bool differ(uint64_t frame, const Frame& actual, const Frame& expected) {
-        ++record().checked;
+        if (record().checking) ++record().checked;
         const int peak = (1 << actual.format().pixels.depth) - 1;
         if (mTolerance >= static_cast<uint32_t>(peak)) {
             throw Failure(concat("config 'tolerance': no samples of ", actual.format().pixels.depth,
                                  " bits differ by more than ", mTolerance),
                           Verdict::NodeFailConfig);
         }
-        const FrameDiff difference(actual, expected, mTolerance);
-        const bool measured = mMeasure != nullptr && difference.sameFormat();
-        bool isBad = difference.anyWrong();
-        std::string text;
-        if (measured) {
-            const auto figures = mMeasure == &kPsnr ? difference.psnr() : difference.ssim();
-            isBad = figures.back() < mFloor;
-            text = mMeasure->name + " " + difference.figuresText(figures);
-            if (figures.back() < mLowest) mLowestText = text + " in frame " + std::to_string(frame);
-            mLowest = std::min(mLowest, figures.back());
+        const bool measured = (mHasPsnr || mHasSsim) && actual.size() > 0 &&
+                              haveSamePlanes(actual.format(), expected.format());
+        std::string text = measured ? measure(frame, actual, expected) : "";
+        if (mComparesSamples || !measured) {
+            if (!vxrun::differ(actual, expected, mTolerance)) return false;
+            if (mBad == 0) text = FrameDiff(actual, expected, mTolerance).evidence();
+        } else if (text.empty()) {
+            return false;
         }
-        if (isBad && mBad++ == 0) {  // only the first one is shown
-            text = measured ? text + " is below " + configText(*mMeasure) : difference.evidence();
+        if (mBad++ == 0) {  // only the first one is shown
             failCheck(mError,
                       concat("frame ", frame, " (timestamp ", actual.info.timestamp, "): ", text));
         }
-        return isBad;
+        return true;
+    }
+
+    // Returns what is below its floor; empty when nothing is.
+    std::string measure(uint64_t frame, const Frame& actual, const Frame& expected) {
+        Figures psnr, ssim;
+        std::string text;
+        if (mHasPsnr) {
+            mDepth = actual.format().pixels.depth;
+            const Figures errors = errorsOf(actual, expected);
+            psnr = psnrOf(errors, mDepth);
+            mErrors.add(frame, errors);
+            mPsnr.add(frame, psnr);
+            text = shortfall(kPsnr, psnr.back().value, psnr);
+        }
+        if (mHasSsim) {
+            ssim = ssimOf(actual, expected);
+            mSsim.add(frame, ssim);
+            // The lowest plane counts: a small one must not hide behind a large one.
+            const auto isLower = [](const Figure& a, const Figure& b) { return a.value < b.value; };
+            const auto lowest = std::min_element(ssim.begin(), ssim.end() - 1, isLower);
+            const std::string below = shortfall(kSsim, lowest->value, ssim);
+            text += (text.empty() || below.empty() ? "" : "; ") + below;
+        }
+        if (mCsv) {
+            mCsv->write(concat(frame, ",", actual.info.timestamp, csvOf(psnr), csvOf(ssim), "\n"));
+        }
+        return text;
+    }
+
+    std::string shortfall(const RealKey& floor, double value, const Figures& figures) {
+        if (!isGiven(floor) || value >= config(floor)) return "";
+        return concat(floor.name, " ", value, " ", planesText(figures), " is below ",
+                      configText(floor));
+    }
+
+    static std::string csvOf(const Figures& figures) {
+        constexpr int kDigits = 6;
+        std::string text;
+        for (const char* plane : kCsvPlanes) {
+            const auto isSame = [&](const Figure& figure) { return figure.plane == plane; };
+            const auto found = std::find_if(figures.begin(), figures.end(), isSame);
+            text += "," + (found != figures.end() ? decimal(found->value, kDigits) : "");
+        }
+        return text;
     }
 
     void finish() {
         const uint64_t actual = mStreams[ACTUAL].frames;
         const uint64_t expected = mStreams[EXPECTED].frames;
-        if (!mLowestText.empty()) {
-            print("the lowest is " + mLowestText);
-        }
+        report();
+        if (mCsv) mCsv->commit();
         if (mBad > 0 || actual != expected) {
             const std::string offset = mOffset.finding();
             failCheck(mError,
-                      concat(mBad, " of ", record().checked, " frames are wrong, actual ", actual,
-                             ", expected ", expected, offset.empty() ? "" : "; ", offset));
+                      concat(mBad, " of ", std::min(actual, expected), " frames are wrong, actual ",
+                             actual, ", expected ", expected, offset.empty() ? "" : "; ", offset));
         }
         record().endOfStream = true;
         signalComplete();
     }
 
-    const RealKey* mMeasure = nullptr;  // the figure that is compared; null: all samples
-    double mFloor = 0;                  // of the figure
+    // The figures of the whole run, for people and for reports.
+    void report() {
+        std::vector<double> averages;
+        for (const auto& errors : mErrors.summaries()) {
+            averages.push_back(psnrOf(errors.mean, mDepth));
+        }
+        for (const FigureSeries* series : {&mPsnr, &mSsim}) {
+            const auto summaries = series->summaries();
+            for (size_t i = 0; i < summaries.size(); ++i) {
+                const auto& summary = summaries[i];
+                std::string text = summary.name + ":";
+                const auto add = [&](const std::string& name, double value) {
+                    record().setFigure(summary.name + "_" + name, value);
+                    text += concat(" ", name, " ", value);
+                };
+                add("mean", summary.mean);
+                if (series == &mPsnr) add("average", averages[i]);
+                for (const size_t percent : {50, 5, 1}) {
+                    add("p" + std::to_string(percent), summary.percentile(percent));
+                }
+                add("min", summary.sorted.front());
+                print(concat(text, " in frame ", summary.lowestFrame));
+            }
+        }
+    }
+
+    bool mHasPsnr = false, mHasSsim = false;  // are measured
+    bool mComparesSamples = false;
     uint32_t mTolerance = 0;
     vexa::VexaError mError = vexa::CRC_MISMATCH;
     std::optional<BadFrames> mBadFrames;
@@ -163,13 +252,14 @@ private:
     Stream mStreams[2];  // by Input
     FrameOffset mOffset;
     uint64_t mBad = 0;
-    double mLowest = std::numeric_limits<double>::infinity();
-    std::string mLowestText;
+    int mDepth = 8;  // of the samples that were measured
+    FigureSeries mErrors{"error"}, mPsnr{"psnr"}, mSsim{"ssim"};
+    std::optional<OutputFile> mCsv;
 };
 
 const Registered<CompareSink> kType(
     "sink/compare", "compares the frames of the first input with those of the second", 2, 0,
-    {&kTolerance, &kPsnr, &kSsim, &kAhead, &kDumpBad, &kDumpLimit});
+    {&kTolerance, &kPsnr, &kSsim, &kMeasure, &kCsv, &kAhead, &kDumpBad, &kDumpLimit});
 
 }  // namespace
 }  // namespace vxrun

@@ -25,8 +25,9 @@ namespace vxkit {
 // Owns     its name and help.
 class ConfigKey {
 public:
-    // Whether a node may have this config beside another exclusive one.
-    enum Use { FREE, EXCLUSIVE };
+    // Beside which others a node may have this config: any; no other but free ones; any but
+    // exclusive ones.
+    enum Use { FREE, EXCLUSIVE, NOT_BESIDE_EXCLUSIVE };
 
     virtual ~ConfigKey() = default;
     ConfigKey(const ConfigKey&) = delete;
@@ -45,11 +46,11 @@ public:
 
     const std::string name;
     const std::string help;
-    const bool exclusive;
+    const Use use;
 
 protected:
-    ConfigKey(const char* keyName, const char* helpText, Use use)
-        : name(keyName), help(helpText), exclusive(use == EXCLUSIVE) {}
+    ConfigKey(const char* keyName, const char* helpText, Use keyUse)
+        : name(keyName), help(helpText), use(keyUse) {}
 };
 
 // TextKey: any text. Life, threads and owns: as ConfigKey.

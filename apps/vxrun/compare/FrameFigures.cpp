@@ -1,0 +1,209 @@
+#include "FrameFigures.h"
+
+#include "Text.h"
+
+#include <algorithm>
+#include <cmath>
+#include <type_traits>
+
+// The loops over samples are written so that compilers vectorize them: no branches, whole numbers
+// of the smallest type that holds the sums.
+namespace vxrun {
+namespace {
+
+double peakOf(const PictureFormat& format) {
+    return (1 << format.pixels.depth) - 1;
+}
+
+// One plane of both frames, as samples of 8 bits or more.
+template <typename Sample>
+struct PlanePair {
+    PlanePair(const FrameView& actualFrame, const FrameView& expectedFrame, int plane)
+        : actual(reinterpret_cast<const Sample*>(actualFrame.plane(plane))),
+          expected(reinterpret_cast<const Sample*>(expectedFrame.plane(plane))),
+          actualStride(actualFrame.stride() / sizeof(Sample)),
+          expectedStride(expectedFrame.stride() / sizeof(Sample)),
+          columns(static_cast<size_t>(actualFrame.format().columns(plane))),
+          rows(static_cast<size_t>(actualFrame.format().rows(plane))) {}
+
+    const Sample *const actual, *const expected;
+    const size_t actualStride, expectedStride;
+    const size_t columns, rows;
+};
+
+// What `measure` returns for each plane, and the mean of that, weighted by samples.
+template <typename Measure>
+Figures measured(const FrameView& actual, const FrameView& expected, Measure measure) {
+    const PictureFormat& format = actual.format();
+    Figures figures;
+    double sum = 0, samples = 0;
+    for (int p = 0; p < format.pixels.planes; ++p) {
+        const double value = format.pixels.bytesPerSample() == 1
+                                 ? measure(PlanePair<uint8_t>(actual, expected, p))
+                                 : measure(PlanePair<uint16_t>(actual, expected, p));
+        const double size = double(format.columns(p)) * format.rows(p);
+        figures.push_back({planeName(format, p), value});
+        sum += value * size;
+        samples += size;
+    }
+    figures.push_back({"", sum / samples});
+    return figures;
+}
+
+template <typename Sample>
+uint64_t sumOfSquares(const Sample* actual, const Sample* expected, size_t count) {
+    constexpr size_t kChunk = 1 << 14;  // its squares of 8-bit samples fit into an int32_t
+    using Difference = std::conditional_t<sizeof(Sample) == 1, int16_t, uint16_t>;
+    using Square = std::conditional_t<sizeof(Sample) == 1, int32_t, uint32_t>;
+    using Sum = std::conditional_t<sizeof(Sample) == 1, int32_t, uint64_t>;
+    uint64_t all = 0;
+    for (size_t start = 0; start < count; start += kChunk) {
+        Sum sum = 0;
+        const size_t end = std::min(start + kChunk, count);
+        for (size_t x = start; x < end; ++x) {
+            const int32_t signedDifference = actual[x] - expected[x];
+            const auto difference = static_cast<Difference>(std::abs(signedDifference));
+            sum += Square{difference} * Square{difference};
+        }
+        all += static_cast<uint64_t>(sum);
+    }
+    return all;
+}
+
+template <typename Sample>
+double meanOfSquares(const PlanePair<Sample>& planes) {
+    uint64_t sum = 0;
+    for (size_t y = 0; y < planes.rows; ++y) {
+        sum += sumOfSquares(planes.actual + y * planes.actualStride,
+                            planes.expected + y * planes.expectedStride, planes.columns);
+    }
+    return static_cast<double>(sum) / static_cast<double>(planes.columns * planes.rows);
+}
+
+constexpr size_t kWindow = 8;
+constexpr size_t kStep = 4;
+
+// Similarity: the SSIM of a plane, by sums over the columns of a row of windows.
+//
+// Life     of one plane.
+// Threads  one.
+// Owns     the sums.
+template <typename Sample>
+class Similarity {
+public:
+    Similarity(const PlanePair<Sample>& planes, double peak)
+        : mPlanes(planes),
+          mWidth(std::min(planes.columns, kWindow)),
+          mHeight(std::min(planes.rows, kWindow)),
+          mC1(std::pow(0.01 * peak * count(), 2)),
+          mC2(std::pow(0.03 * peak * count(), 2)),
+          mActual(planes.columns),
+          mExpected(planes.columns),
+          mSquares(planes.columns),
+          mProducts(planes.columns) {}
+
+    double mean() {
+        const size_t right = mPlanes.columns - mWidth, bottom = mPlanes.rows - mHeight;
+        double sum = 0;
+        size_t windows = 0;
+        for (size_t y = 0; y < bottom + kStep; y += kStep) {
+            const size_t top = std::min(y, bottom);
+            mHeight == kWindow ? sumColumns(top, std::integral_constant<size_t, kWindow>())
+                               : sumColumns(top, mHeight);
+            for (size_t x = 0; x < right + kStep; x += kStep, ++windows) {
+                sum += ofWindow(std::min(x, right));
+            }
+        }
+        return sum / static_cast<double>(windows);
+    }
+
+private:
+    // Holds 8 squares, or 64 of 8-bit samples.
+    using Sum = std::conditional_t<sizeof(Sample) == 1, uint32_t, uint64_t>;
+
+    double count() const { return static_cast<double>(mWidth * mHeight); }
+
+    // `rows` is a number, or a constant: that loop is unrolled.
+    template <typename Rows>
+    void sumColumns(size_t top, Rows rows) {
+        const Sample* const actual = mPlanes.actual + top * mPlanes.actualStride;
+        const Sample* const expected = mPlanes.expected + top * mPlanes.expectedStride;
+        Sum* const __restrict sumsOfActual = mActual.data();
+        Sum* const __restrict sumsOfExpected = mExpected.data();
+        Sum* const __restrict sumsOfSquares = mSquares.data();
+        Sum* const __restrict sumsOfProducts = mProducts.data();
+        for (size_t x = 0; x < mPlanes.columns; ++x) {
+            Sum ofActual = 0, ofExpected = 0, squares = 0, products = 0;
+            for (size_t y = 0; y < rows; ++y) {
+                const uint32_t a = actual[y * mPlanes.actualStride + x];
+                const uint32_t b = expected[y * mPlanes.expectedStride + x];
+                ofActual += a;
+                ofExpected += b;
+                squares += Sum(a * a) + Sum(b * b);
+                products += Sum(a * b);
+            }
+            sumsOfActual[x] = ofActual;
+            sumsOfExpected[x] = ofExpected;
+            sumsOfSquares[x] = squares;
+            sumsOfProducts[x] = products;
+        }
+    }
+
+    // In whole numbers as far as possible, so that equal windows have exactly 1.
+    double ofWindow(size_t left) const {
+        const auto sum = [&](const std::vector<Sum>& columns) {
+            Sum all = 0;
+            for (size_t x = left; x < left + mWidth; ++x) all += columns[x];
+            return static_cast<int64_t>(all);
+        };
+        const int64_t a = sum(mActual), b = sum(mExpected);
+        const int64_t means = a * a + b * b, samples = static_cast<int64_t>(mWidth * mHeight);
+        return (double(2 * a * b) + mC1) * (double(2 * (samples * sum(mProducts) - a * b)) + mC2) /
+               ((double(means) + mC1) * (double(samples * sum(mSquares) - means) + mC2));
+    }
+
+    const PlanePair<Sample>& mPlanes;
+    const size_t mWidth, mHeight;                              // of a window
+    const double mC1, mC2;                                     // for sums in place of means
+    std::vector<Sum> mActual, mExpected, mSquares, mProducts;  // of each column
+};
+
+}  // namespace
+
+std::string planeName(const PictureFormat& format, int plane) {
+    static constexpr const char* kNames[] = {"Y", "Cb", "Cr"};
+    return format.isPicture() ? kNames[plane] : "byte";
+}
+
+Figures errorsOf(const FrameView& actual, const FrameView& expected) {
+    const double peak = peakOf(actual.format());
+    return measured(actual, expected,
+                    [&](const auto& planes) { return meanOfSquares(planes) / (peak * peak); });
+}
+
+double psnrOf(double error, int depth) {
+    constexpr double kLeast = 1e-30;
+    return std::min(-10 * std::log10(std::max(error, kLeast)), 6.0 * depth + 12);
+}
+
+Figures psnrOf(Figures errors, int depth) {
+    for (Figure& figure : errors) figure.value = psnrOf(figure.value, depth);
+    return errors;
+}
+
+Figures ssimOf(const FrameView& actual, const FrameView& expected) {
+    const double peak = peakOf(actual.format());
+    return measured(actual, expected,
+                    [&](const auto& planes) { return Similarity(planes, peak).mean(); });
+}
+
+std::string planesText(const Figures& figures) {
+    std::string text;
+    for (const Figure& figure : figures) {
+        if (figure.plane.empty()) continue;
+        text += concat(text.empty() ? "(" : " ", figure.plane, " ", figure.value);
+    }
+    return text + ")";
+}
+
+}  // namespace vxrun
