@@ -8,8 +8,11 @@
 
 namespace vxrun {
 
+// Closes a file. Owns its buffer: setvbuf() would ignore the size of one that it is to allocate.
 struct FileCloser {
     void operator()(std::FILE* file) const { std::fclose(file); }
+
+    std::unique_ptr<char[]> buffer;
 };
 using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
 
