@@ -107,11 +107,11 @@ public:
         double sum = 0;
         size_t windows = 0;
         for (size_t y = 0; y < bottom + kStep; y += kStep) {
-            const size_t top = std::min(y, bottom);
-            mHeight == kWindow ? sumColumns(top, std::integral_constant<size_t, kWindow>())
-                               : sumColumns(top, mHeight);
+            sumColumns(std::min(y, bottom));
             for (size_t x = 0; x < right + kStep; x += kStep, ++windows) {
-                sum += ofWindow(std::min(x, right));
+                const size_t left = std::min(x, right);
+                sum += mWidth == kWindow ? ofWindow(left, std::integral_constant<size_t, kWindow>())
+                                         : ofWindow(left, mWidth);
             }
         }
         return sum / static_cast<double>(windows);
@@ -123,37 +123,37 @@ private:
 
     double count() const { return static_cast<double>(mWidth * mHeight); }
 
-    // `rows` is a number, or a constant: that loop is unrolled.
-    template <typename Rows>
-    void sumColumns(size_t top, Rows rows) {
-        const Sample* const actual = mPlanes.actual + top * mPlanes.actualStride;
-        const Sample* const expected = mPlanes.expected + top * mPlanes.expectedStride;
-        Sum* const __restrict sumsOfActual = mActual.data();
-        Sum* const __restrict sumsOfExpected = mExpected.data();
-        Sum* const __restrict sumsOfSquares = mSquares.data();
-        Sum* const __restrict sumsOfProducts = mProducts.data();
-        for (size_t x = 0; x < mPlanes.columns; ++x) {
-            Sum ofActual = 0, ofExpected = 0, squares = 0, products = 0;
-            for (size_t y = 0; y < rows; ++y) {
-                const uint32_t a = actual[y * mPlanes.actualStride + x];
-                const uint32_t b = expected[y * mPlanes.expectedStride + x];
-                ofActual += a;
-                ofExpected += b;
-                squares += Sum(a * a) + Sum(b * b);
-                products += Sum(a * b);
-            }
-            sumsOfActual[x] = ofActual;
-            sumsOfExpected[x] = ofExpected;
-            sumsOfSquares[x] = squares;
-            sumsOfProducts[x] = products;
+    void sumColumns(size_t top) {
+        for (auto* const sums : {&mActual, &mExpected, &mSquares, &mProducts}) {
+            std::fill(sums->begin(), sums->end(), 0);
+        }
+        for (size_t y = top; y < top + mHeight; ++y) {
+            addRow(mPlanes.actual + y * mPlanes.actualStride,
+                   mPlanes.expected + y * mPlanes.expectedStride, mPlanes.columns, mActual.data(),
+                   mExpected.data(), mSquares.data(), mProducts.data());
         }
     }
 
-    // In whole numbers as far as possible, so that equal windows have exactly 1.
-    double ofWindow(size_t left) const {
+    static void addRow(const Sample* actual, const Sample* expected, size_t columns,
+                       Sum* __restrict sumsOfActual, Sum* __restrict sumsOfExpected,
+                       Sum* __restrict squares, Sum* __restrict products) {
+        for (size_t x = 0; x < columns; ++x) {
+            const uint32_t a = actual[x], b = expected[x];
+            sumsOfActual[x] += a;
+            sumsOfExpected[x] += b;
+            squares[x] += Sum{a * a} + Sum{b * b};
+            products[x] += Sum{a * b};
+        }
+    }
+
+    // In whole numbers as far as possible, so that equal windows have exactly 1. `width` is a
+    // number, or a constant: the loop is unrolled.
+    template <typename Width>
+    double ofWindow(size_t left, Width width) const {
         const auto sum = [&](const std::vector<Sum>& columns) {
+            const Sum* const first = &columns[left];
             Sum all = 0;
-            for (size_t x = left; x < left + mWidth; ++x) all += columns[x];
+            for (size_t x = 0; x < width; ++x) all += first[x];
             return static_cast<int64_t>(all);
         };
         const int64_t a = sum(mActual), b = sum(mExpected);
