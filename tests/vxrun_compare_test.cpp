@@ -1,6 +1,7 @@
 // Two streams compared, the evidence of a difference, and the nodes that hold frames back.
 #include "support/Vxrun.h"
 
+#include <cmath>
 #include <map>
 #include <nlohmann/json.hpp>
 
@@ -218,14 +219,21 @@ TEST_F(VxrunCompare, JudgesByTolerancePsnrAndSsim) {
         {sample, flat, "tolerance=47", 1, "plane Y x=5 y=0 actual 148 expected 100"},
         {deepSample, deep, "tolerance=512", 0, ""},
         {deepSample, deep, "tolerance=511", 1, "x=4 y=0 actual "},
-        {sample, flat, "psnr=31.3183", 0, "psnr 31.3184 (Y 29.5575 Cb 60 Cr 60) in frame 1\n"},
+        {sample, flat, "psnr=31.3183", 0,
+         "psnr: mean 45.6592 average 34.3287 p50 31.3184 p5 31.3184 p1 31.3184 min 31.3184 in "
+         "frame "
+         "1\n"},
+        {sample, flat, "measure=true", 4, "psnr_y: mean 44.7787 average 32.5678 "},
+        {deep, flat, "measure=true", 1, "actual 7x5 yuv444p10le, expected "},
+
         {sample, flat, "psnr=31.3185", 1, "frame 1 (timestamp 1): psnr 31.3184 (Y 29.5575 Cb 60"},
-        {flat, flat, "psnr=60", 0, "the lowest is psnr 60 "},
+        {flat, flat, "psnr=60", 0, "psnr: mean 60 average 60 p50 60 "},
         {flat, flat, "psnr=60.1", 1, "psnr 60 (Y 60 Cb 60 Cr 60) is below 60.1"},
-        {deep, deep, "psnr=72", 0, "the lowest is psnr 72 "},
-        {lighter, flat, "ssim=0.9836", 0, "ssim 0.983611 (Y 0.983611 Cb 0.983611"},
-        {lighter, flat, "ssim=0.98362", 1, "is below 0.98362"},
-        {flat, flat, "ssim=1", 0, "the lowest is ssim 1 "},
+        {deep, deep, "psnr=72", 0, "psnr: mean 72 average 72 "},
+        {lighter, flat, "ssim=0.9836", 0, "ssim: mean 0.991805 p50 0.983611 "},
+        {lighter, flat, "ssim=0.98362", 1,
+         "ssim 0.983611 (Y 0.983611 Cb 0.983611 Cr 0.983611) is below 0.98362"},
+        {flat, flat, "ssim=1", 0, "ssim: mean 1 p50 1 "},
         {deep, flat, "psnr=1", 1, "actual 7x5 yuv444p10le, expected "},
         {flat, flat, "psnr=3x", 3, "expected a number from 1 to 108, got '3x'"},
         {flat, flat, "ssim=1.1", 3, "expected a number from 0.01 to 1, got '1.1'"},
@@ -235,7 +243,7 @@ TEST_F(VxrunCompare, JudgesByTolerancePsnrAndSsim) {
         {flat, flat, "tolerance=-1", 3, "config 'tolerance': "},
     };
     const std::map<int, std::string> verdicts = {
-        {0, "PASS"}, {1, "INFO_VALIDATION_FAIL"}, {3, "NODE_FAIL_"}};
+        {0, "PASS"}, {1, "INFO_VALIDATION_FAIL"}, {3, "NODE_FAIL_"}, {4, "NOTHING_CHECKED "}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.config);
         const Result result = compare(c.actual, c.expected, {"cmp." + std::string(c.config)});
@@ -245,30 +253,140 @@ TEST_F(VxrunCompare, JudgesByTolerancePsnrAndSsim) {
     }
 }
 
+// The PSNR and SSIM of two planes, computed as they are defined.
+std::pair<double, double> figuresOf(const std::vector<int>& a, const std::vector<int>& b,
+                                    size_t columns, double peak) {
+    const size_t rows = a.size() / columns, width = std::min<size_t>(columns, 8),
+                 height = std::min<size_t>(rows, 8);
+    double squares = 0, sum = 0, windows = 0;
+    for (size_t i = 0; i < a.size(); ++i) squares += std::pow(a[i] - b[i], 2);
+    for (size_t top = 0; top < rows - height + 4; top += 4) {
+        for (size_t left = 0; left < columns - width + 4; left += 4, ++windows) {
+            double meanA = 0, meanB = 0, squaresA = 0, squaresB = 0, products = 0;
+            for (size_t i = 0; i < width * height; ++i) {
+                const size_t at = (std::min(top, rows - height) + i / width) * columns +
+                                  std::min(left, columns - width) + i % width;
+                const double n = double(width * height), x = a[at], y = b[at];
+                meanA += x / n;
+                meanB += y / n;
+                squaresA += x * x / n;
+                squaresB += y * y / n;
+                products += x * y / n;
+            }
+            const double c1 = std::pow(0.01 * peak, 2), c2 = std::pow(0.03 * peak, 2);
+            sum += (2 * meanA * meanB + c1) * (2 * (products - meanA * meanB) + c2) /
+                   (meanA * meanA + meanB * meanB + c1) /
+                   (squaresA - meanA * meanA + squaresB - meanB * meanB + c2);
+        }
+    }
+    return {10 * std::log10(peak * peak / (squares / double(a.size()))), sum / windows};
+}
+
+// The numbers in the lines of a table or CSV file.
+std::vector<std::vector<double>> numbersOf(std::string text, const std::string& separators) {
+    std::vector<std::vector<double>> rows;
+    for (char& c : text) c = separators.find(c) < separators.size() ? ' ' : c;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        rows.emplace_back();
+        for (std::string word; words >> word;) {
+            if (std::isdigit(word[0]) != 0) rows.back().push_back(std::stod(word));
+        }
+    }
+    return rows;
+}
+
 // Catches: a window of samples that is lost, counted twice or misplaced at the end of a row or
-// column, or in a plane smaller than a window. The figures come from another program: a plane of
-// 100, one sample 148.
-TEST_F(VxrunCompare, MeasuresSsimInEveryWindow) {
+// column, or in a plane smaller than a window; sums that overflow in deep samples, samples lost where a vector ends, planes whose
+// strides or columns are mixed up, figures of all planes that are weighted wrongly.
+TEST_F(VxrunCompare, FiguresAreThoseOfTheDefinition) {
     const struct {
-        size_t width, height, x, y;
-        const char* ssim;
+        const char* fields;
+        int depth;
+        size_t columns, rows, chromaColumns, chromaRows;
     } cases[] = {
-        {13, 8, 12, 0, "0.874276"},    // the last of 3 windows
-        {8, 13, 0, 12, "0.874276"},    // the same in a column
-        {13, 13, 12, 12, "0.958092"},  // the last of 9
-        {13, 13, 6, 6, "0.622827"},    // all 9
-        {12, 8, 3, 0, "0.811414"},     // the first of 2
-        {5, 3, 4, 2, "0.28974"},       // one, smaller
-    };
+        {"W37 H21 F25:1 C420", 8, 37, 21, 19, 11},    {"W35 H19 F25:1 C422p9", 9, 35, 19, 18, 19},
+        {"W50 H11 F25:1 C420p12", 12, 50, 11, 25, 6}, {"W7 H29 F25:1 C444p14", 14, 7, 29, 7, 29},
+        {"W41 H9 F25:1 C444p16", 16, 41, 9, 41, 9},   {"W67 H3 F25:1 Cmono", 8, 67, 3, 0, 0}};
+    uint32_t noise = 1;
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.ssim);
-        const std::string size = "W" + std::to_string(c.width) + " H" + std::to_string(c.height);
-        Clip flat(1, size + " Cmono", c.width * c.height);
-        flat.frames[0].assign(c.width * c.height, 100);
-        Clip sample = flat;
-        sample.frames[0][c.y * c.width + c.x] = static_cast<char>(148);
-        expectHas(compare(sample, flat, {"cmp.ssim=0.01"}).err,
-                  std::string("the lowest is ssim ") + c.ssim + " (Y " + c.ssim + ") in frame 0\n");
+        SCOPED_TRACE(c.fields);
+        Clip actual(0, c.fields), expected(0, c.fields);
+        std::string* const files[] = {&actual.frames.emplace_back(),
+                                      &expected.frames.emplace_back()};
+        std::vector<double> psnr, ssim, sizes;
+        for (int plane = 0; plane < (c.chromaRows > 0 ? 3 : 1); ++plane) {
+            const size_t columns = plane == 0 ? c.columns : c.chromaColumns;
+            std::vector<int> samples[2];
+            for (size_t i = 0; i < columns * (plane == 0 ? c.rows : c.chromaRows); ++i) {
+                for (size_t s : {0, 1}) {  // alike in half of the samples, and at the peak in a few
+                    noise = noise * 1664525 + 1013904223;
+                    const int value = static_cast<int>(noise >> (32 - c.depth));
+                    const bool isPeak = i < 2 * columns;
+                    samples[s].push_back(s == 1 && i % 2 == 0 ? samples[0].back()
+                                         : isPeak             ? (1 << c.depth) - 1 - int(s)
+                                                              : value);
+                    *files[s] += static_cast<char>(samples[s].back());
+                    if (c.depth > 8) *files[s] += static_cast<char>(samples[s].back() >> 8);
+                }
+            }
+            const auto figures = figuresOf(samples[0], samples[1], columns, (1 << c.depth) - 1);
+            psnr.push_back(figures.first);
+            ssim.push_back(figures.second);
+            sizes.push_back(double(samples[0].size()));
+        }
+        double samples = 0, error = 0, similarity = 0;
+        for (size_t p = 0; p < sizes.size(); ++p) {
+            samples += sizes[p];
+            error += sizes[p] * std::pow(10, -psnr[p] / 10);
+            similarity += sizes[p] * ssim[p];
+        }
+        psnr.push_back(-10 * std::log10(error / samples));
+        ssim.push_back(similarity / samples);
+        compare(actual, expected, {"cmp.measure=true", "cmp.csv=" + path("csv")});
+        std::vector<double> row = {0, 0};
+        for (const auto* figures : {&psnr, &ssim}) {
+            row.insert(row.end(), figures->begin(), figures->end());
+        }
+        const auto rows = numbersOf(contentOf(path("csv")), ",");
+        ASSERT_EQ(rows.size(), 2u);
+        ASSERT_EQ(rows[1].size(), row.size());
+        for (size_t i = 0; i < row.size(); ++i) EXPECT_NEAR(rows[1][i], row[i], 1e-6) << i;
+    }
+}
+
+// Catches: figures that those of the ffmpeg program cannot be compared with. Its SSIM has slightly
+// other constants, and leaves out what does not fill a window.
+TEST_F(VxrunCompare, FiguresAreNearThoseOfFfmpeg) {
+    for (const std::string pixels : {"yuv420p", "yuv444p", "yuv420p10le"}) {
+        for (const std::string size : {"64x48", "37x27"}) {
+            SCOPED_TRACE(pixels + " " + size);
+            const std::string source = "testsrc2=rate=30:duration=0.2:size=" + size;
+            if (!makeVideo("a.y4m", pixels, "wrapped_avframe", source + ",noise=alls=20:allf=t")) {
+                GTEST_SKIP() << "no ffmpeg program";
+            }
+            makeVideo("b.y4m", pixels, "wrapped_avframe", source);
+            for (const std::string filter : {"psnr", "ssim"}) {
+                ffmpeg({"-i", path("a.y4m"), "-i", path("b.y4m"), "-lavfi",
+                        filter + "=stats_file=" + path(filter), "-f", "null", "-"});
+            }
+            vxrun({graphOf("b source/y4m cmp.1; a source/y4m cmp.0; cmp sink/compare"),
+                   "a.file=" + path("a.y4m"), "b.file=" + path("b.y4m"), "cmp.csv=" + path("csv")});
+            const auto ours = numbersOf(contentOf(path("csv")), ","),
+                       psnr = numbersOf(contentOf(path("psnr")), ":"),
+                       ssim = numbersOf(contentOf(path("ssim")), ":");
+            ASSERT_EQ(ours.size(), 7u);
+            for (size_t frame = 0; frame < 6; ++frame) {
+                ASSERT_EQ(ours[frame + 1].size(), 10u);
+                for (size_t i = 0; i < 4; ++i) {  // Y, Cb, Cr, all; of PSNR theirs has all first
+                    const auto& row = ours[frame + 1];
+                    EXPECT_NEAR(row[2 + i], psnr[frame][i == 3 ? 5 : 6 + i], 0.00501);
+                    if (size != "64x48") continue;
+                    EXPECT_NEAR(row[6 + i], ssim[frame][1 + i], 0.002);
+                }
+            }
+        }
     }
 }
 

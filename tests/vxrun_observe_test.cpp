@@ -395,7 +395,10 @@ TEST_F(VxrunObserved, ChecksFindEverything) {
         {"compare", {"compare.psnr=1e-300"}, "expected a number from 1 to 108, got '1e-300'"},
         {"compare", {"compare.ssim=nan"}, "expected a number from 0.01 to 1, got 'nan'"},
         {"compare", {"compare.psnr=30"}, ""},
-        {"compare", {"compare.psnr=30", "compare.ssim=1"}, "'psnr' and 'ssim' exclude each other"},
+        {"compare", {"compare.psnr=30", "compare.ssim=1", "compare.measure=true"}, ""},
+        {"compare",
+         {"compare.psnr=30", "compare.ssim=1", "compare.tolerance=1"},
+         "'ssim' and 'tolerance' exclude each other"},
         {"linear", {"check.expect="}, "config 'expect': expected the name of a file, got ''"},
         {"linear", {"nosuch.key=1"}, "the graph has no node 'nosuch'"},
     };

@@ -81,7 +81,7 @@ private:
         const bool isExact = !hasFloor && !isGiven(kTolerance);
         record().checking = !isExact || !config(kMeasure);
         mComparesSamples = record().checking && !hasFloor;
-        mError = isExact ? vexa::CRC_MISMATCH : vexa::INFO_VALIDATION_FAIL;
+        if (isExact && record().checking) mError = vexa::CRC_MISMATCH;
         mTolerance = static_cast<uint32_t>(config(kTolerance));
         mBadFrames.emplace(config(kDumpBad), config(kDumpLimit), record().name,
                            [this](const std::string& text) { print(text); });
@@ -246,7 +246,7 @@ private:
     bool mHasPsnr = false, mHasSsim = false;  // are measured
     bool mComparesSamples = false;
     uint32_t mTolerance = 0;
-    vexa::VexaError mError = vexa::CRC_MISMATCH;
+    vexa::VexaError mError = vexa::INFO_VALIDATION_FAIL;
     std::optional<BadFrames> mBadFrames;
     // [event thread]
     Stream mStreams[2];  // by Input
