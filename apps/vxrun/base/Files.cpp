@@ -10,7 +10,8 @@
 namespace vxrun {
 namespace {
 
-constexpr size_t kBufferSize = 1 << 17;  // rows of pictures: few calls to the kernel, within a cache
+// Pictures are read row by row: few calls to the kernel, and the buffer stays in a cache.
+constexpr size_t kBufferSize = 1 << 17;
 
 FileHandle withBuffer(std::FILE* file, const std::string& path) {
     if (file == nullptr) throw Failure(path + ": " + errnoText(errno));

@@ -171,8 +171,8 @@ private:
 }  // namespace
 
 std::string planeName(const PictureFormat& format, int plane) {
-    static constexpr const char* kNames[] = {"Y", "Cb", "Cr"};
-    return format.isPicture() ? kNames[plane] : "byte";
+    if (!format.isPicture()) return "byte";
+    return plane == 0 ? "Y" : plane == 1 ? "Cb" : "Cr";
 }
 
 Figures errorsOf(const FrameView& actual, const FrameView& expected) {
