@@ -155,7 +155,8 @@ private:
         return mInput.size() > 5 && mInput.substr(mInput.size() - 5) == ".json";
     }
 
-    // What speed depends on, besides what is measured.
+    // What speed depends on, besides what is measured. FFmpeg's libraries are loaded with the first
+    // question about them, this one: before the runs, which then do not wait for them.
     static std::vector<std::pair<std::string, std::string>> facts(const CommonOptions& options) {
         auto facts = environmentFacts();
         facts.emplace_back("processor", processorModel());
