@@ -63,6 +63,18 @@ void LibavStreamInfo::describe() {
     headers.assign(extra, extra + parameters->extradata_size);
 }
 
+// As libavcodec's encoders state it in a packet's side data: 4 bytes of quality, then the type.
+static char pictureTypeOf(const AVPacket& packet) {
+    constexpr size_t kType = 4;
+    size_t size = 0;
+    const uint8_t* const stats = av_packet_get_side_data(&packet, AV_PKT_DATA_QUALITY_STATS, &size);
+    if (stats == nullptr || size <= kType) return 0;
+    const auto type = static_cast<AVPictureType>(stats[kType]);
+    const bool isKnown =
+        type == AV_PICTURE_TYPE_I || type == AV_PICTURE_TYPE_P || type == AV_PICTURE_TYPE_B;
+    return isKnown ? av_get_picture_type_char(type) : '\0';
+}
+
 LibavUnitInfo::LibavUnitInfo(const AVPacket& packet) {
     if (av_packet_copy_props(properties.get(), &packet) < 0) throw std::bad_alloc();
     static_assert(kNoTime == AV_NOPTS_VALUE, "times are copied as they are");
@@ -71,6 +83,7 @@ LibavUnitInfo::LibavUnitInfo(const AVPacket& packet) {
     duration = packet.duration;
     isKey = (packet.flags & AV_PKT_FLAG_KEY) != 0;
     isCorrupt = (packet.flags & AV_PKT_FLAG_CORRUPT) != 0;
+    pictureType = pictureTypeOf(packet);
 }
 
 Libav<AVPacket> packetOf(const AccessUnit& unit) {

@@ -109,6 +109,7 @@ struct UnitInfo : public vexa::VXInfo {
     int64_t duration = 0;
     bool isKey = false;
     bool isCorrupt = false;  // the container knows it to be damaged
+    char pictureType = 0;    // 'I', 'P' or 'B'; 0 when the maker does not state it
 };
 
 // The info of the type `Info` that `frame` carries, as long as the frame lives; null without one.
