@@ -112,6 +112,15 @@ std::vector<const PoolRecord*> Evidence::pools() const {
     return pools;
 }
 
+std::map<std::string, double> Evidence::figures() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    std::map<std::string, double> figures;
+    for (const NodeRecord& node : mNodes) {
+        for (const auto& [name, value] : node.figures()) figures[node.name + "." + name] = value;
+    }
+    return figures;
+}
+
 // The texts that `textOf` returns for the nodes; those that are empty are left out.
 template <typename TextOf>
 std::string Evidence::textOfNodes(TextOf textOf) const {

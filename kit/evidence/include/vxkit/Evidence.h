@@ -188,6 +188,8 @@ public:
     // The nodes that live, in the order of the description.
     std::vector<Moment> nodes() const;
     std::vector<const PoolRecord*> pools() const;
+    // The figures of all nodes, by names such as "compare.psnr_mean".
+    std::map<std::string, double> figures() const;
     // Calls `visit` with the record of each node of which a hook runs. Without a lock, for signal
     // handlers; no node may be added meanwhile.
     template <typename Visitor>
