@@ -42,7 +42,7 @@ public:
         SuiteOptions::prepare(&decoders.front(), options.edits(), &suite);
         SuiteRunOptions run = mSuite.runOptions(options);
         run.writeReports = [] {};
-        const int signal = runVectors(run, decoders.front(), &suite);
+        const int signal = decodeVectors(run, decoders.front(), &suite);
         write(suite);
         const Counts counts = suite.counts();
         return reportCounts("", counts, verdictOf(counts, signal, !vectors.empty()));

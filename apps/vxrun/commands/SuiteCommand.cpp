@@ -58,7 +58,7 @@ public:
             const bool isOne = decoders.size() == 1;
             run.label = isOne ? "" : column.decoder + "/";
             run.output = isOne || mOutput.empty() ? mOutput : mOutput + "/" + column.decoder;
-            signal = runVectors(run, decoders[i], &column);
+            signal = decodeVectors(run, decoders[i], &column);
         }
         return concludeSuite(results, signal, anySelected);
     }

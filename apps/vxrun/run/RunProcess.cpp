@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <iterator>
 #include <new>
 
 namespace vxrun {
@@ -26,6 +27,12 @@ struct RunProcess::Shared {
     char md5[64] = "";        // of all pictures; empty when the stream did not end well
     char message[2048] = "";  // the first error line, or what is known about a crash
     RunFigures figures;
+    struct NodeFigure {
+        char name[64];  // "node.figure"
+        double value;
+    };
+    NodeFigure nodeFigures[256] = {};
+    size_t nodeFigureCount = 0;
 };
 
 // An empty file in memory; null, with errno set, where no descriptor is left for it.
@@ -69,8 +76,8 @@ RunProcess::~RunProcess() {
     if (mShared != nullptr) munmap(mShared, sizeof(Shared));
 }
 
-int RunProcess::start(const std::function<vexa::VXGraphInfo()>& makeGraph,
-                      const RunOptions& options, const ProcessSignals& signals) {
+int RunProcess::start(const GraphMaker& makeGraph, const RunOptions& options,
+                      const ProcessSignals& signals) {
     // A descriptor is left over, for the reports.
     if (mLog == nullptr || mShared == nullptr || memoryFile() == nullptr) return errno;
     const pid_t parent = getpid();
@@ -83,8 +90,7 @@ int RunProcess::start(const std::function<vexa::VXGraphInfo()>& makeGraph,
     runChild(makeGraph, options);
 }
 
-void RunProcess::runChild(const std::function<vexa::VXGraphInfo()>& makeGraph,
-                          const RunOptions& options) {
+void RunProcess::runChild(const GraphMaker& makeGraph, const RunOptions& options) {
     dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);  // the MD5 goes into the result
     dup2(fileno(mLog.get()), STDERR_FILENO);
     console::configure(false, "never");
@@ -112,6 +118,12 @@ void RunProcess::runChild(const std::function<vexa::VXGraphInfo()>& makeGraph,
         mShared->verdict = shown.verdict();
         copy(shown.streamMd5(), mShared->md5);
         copy(message, mShared->message);
+        for (const auto& [name, value] : shown.figures()) {
+            if (mShared->nodeFigureCount == std::size(mShared->nodeFigures)) break;
+            Shared::NodeFigure& figure = mShared->nodeFigures[mShared->nodeFigureCount++];
+            copy(name, figure.name);
+            figure.value = value;
+        }
         mShared->isComplete = true;
         return exitCode(mShared->verdict);
     };
@@ -153,8 +165,12 @@ RunResult RunProcess::result() const {
     } else if (!mShared->isComplete) {
         result.message = concat("ended without a verdict, with exit code ", WEXITSTATUS(mStatus));
     } else {
-        result = {mShared->verdict, verdictName(mShared->verdict), mShared->message, mShared->md5,
-                  mShared->figures};
+        result = {mShared->verdict, verdictName(mShared->verdict),
+                  mShared->message, mShared->md5,
+                  mShared->figures, {}};
+        for (size_t i = 0; i < mShared->nodeFigureCount; ++i) {
+            result.nodeFigures[mShared->nodeFigures[i].name] = mShared->nodeFigures[i].value;
+        }
     }
     return result;
 }

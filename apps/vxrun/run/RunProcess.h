@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 
 namespace vxrun {
@@ -22,6 +23,9 @@ struct RunFigures {
     double preemptions = 0;  // involuntary switches to other threads, of all these processes
 };
 
+// Makes the graph of a run, in the process of the run. Throws Failure.
+using GraphMaker = std::function<vexa::VXGraphInfo()>;
+
 // How a run ended. A plain value.
 struct RunResult {
     Verdict verdict = Verdict::UnknownError;  // also of a process that crashed
@@ -29,6 +33,7 @@ struct RunResult {
     std::string message;                      // the first error line, or what is known of its end
     std::string md5;  // of all pictures; empty if the stream did not end well
     RunFigures figures;
+    std::map<std::string, double> nodeFigures;  // that nodes have measured: "node.figure"
 };
 
 // The signals that a program with such processes waits for: SIGCHLD, and SIGINT and SIGTERM, which
@@ -54,7 +59,7 @@ public:
 
     // Starts a copy of this process that calls `makeGraph` and runs its graph; to compare is not
     // expected of it. 0, or an errno number.
-    int start(const std::function<vexa::VXGraphInfo()>& makeGraph, const RunOptions& options,
+    int start(const GraphMaker& makeGraph, const RunOptions& options,
               const ProcessSignals& signals);
     void kill(int signal) const;
     // True when it has ended.
@@ -71,8 +76,7 @@ public:
 private:
     struct Shared;
 
-    [[noreturn]] void runChild(const std::function<vexa::VXGraphInfo()>& makeGraph,
-                               const RunOptions& options);
+    [[noreturn]] void runChild(const GraphMaker& makeGraph, const RunOptions& options);
 
     FileHandle mLog;
     Shared* mShared;  // null without memory

@@ -4,6 +4,7 @@
 #include "Vxkit.h"
 
 #include <cstddef>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@ struct TestVector {
     std::string message;  // about it, one line
     std::string log;      // the last that its process wrote to standard error
     double seconds = 0;
+    std::map<std::string, double> figures;  // that nodes have measured: "node.figure"
     std::string actualMd5;  // of the pictures, if the stream ended well; empty: none is known
 };
 

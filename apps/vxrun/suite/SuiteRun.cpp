@@ -28,7 +28,7 @@ struct Child {
 
     VectorProcess process;
     Clock::time_point start = Clock::now();
-    Clock::time_point deadline;
+    Clock::time_point deadline = Clock::time_point::max();
     bool wasSignaled = false;  // by SIGTERM
     bool isAlone = false;      // no other runs beside it
 };
@@ -43,8 +43,8 @@ void trimMemory() {
 
 class SuiteRun {
 public:
-    SuiteRun(const SuiteRunOptions& options, const TestedDecoder& decoder, Suite* suite)
-        : mOptions(options), mDecoder(decoder), mSuite(*suite) {}
+    SuiteRun(const SuiteRunOptions& options, const PrepareVector& prepare, Suite* suite)
+        : mOptions(options), mPrepare(prepare), mSuite(*suite) {}
 
     // The signal that ended it; else 0. What it changed since the last mid-run reports is not in
     // them.
@@ -66,31 +66,26 @@ private:
     // Starts the process of `vector`, if it needs one. False when there is no room beside those
     // that run.
     bool start(TestVector* vector) {
-        if (vector->state == TestVector::NOT_RUN && mSuite.testMethod != "md5") {
-            vector->state = TestVector::NOT_SUPPORTED;
-            vector->message = "test method " + mSuite.testMethod;
-        }
         if (vector->state != TestVector::NOT_RUN) {
             report(*vector);
             return true;
         }
-        DecodeOptions options = {inputOf(*vector), "", true, vector->format, mSuite.codec};
-        if (!mOptions.output.empty()) {
-            options.output = fs::path(mOptions.output) / mSuite.name / (vector->name + ".out");
-            try {
-                makeFolder("--output", fs::path(options.output).parent_path());
-            } catch (const Failure& failure) {
-                setError(vector, failure.what());
-                return true;
-            }
+        GraphMaker makeGraph;
+        try {
+            makeGraph = mPrepare(*vector);
+        } catch (const Failure& failure) {
+            setError(vector, failure.what());
+            return true;
         }
         std::list<Child> added;
         Child& child = added.emplace_back(vector);
         child.isAlone = mJobs == 1;
-        child.deadline =
-            child.start + kGrace +
-            std::chrono::duration_cast<Clock::duration>(Seconds(mOptions.vectors.run.timeout));
-        const int error = child.process.start(mDecoder, options, mOptions.vectors, mSignals);
+        const double timeout = mOptions.vectors.run.timeout;
+        if (timeout > 0) {
+            child.deadline = child.start + kGrace +
+                             std::chrono::duration_cast<Clock::duration>(Seconds(timeout));
+        }
+        const int error = child.process.start(makeGraph, mOptions.vectors, mSignals);
         if (error != 0) {
             added.clear();  // reporting may need its descriptors
             if (mChildren.empty()) {
@@ -107,15 +102,6 @@ private:
         mIsChanged = true;
         mChildren.splice(mChildren.end(), added);
         return true;
-    }
-
-    std::string inputOf(const TestVector& vector) const {
-        const fs::path folder = fs::path(mOptions.resources) / mSuite.name;
-        const bool hasFolder = vector.inputFile.find('/') != std::string::npos;
-        const fs::path file = folder / vector.inputFile;
-        std::error_code ignored;
-        return hasFolder && fs::exists(file, ignored) ? file
-                                                      : folder / vector.name / vector.inputFile;
     }
 
     // Until a process has ended, or some time has passed.
@@ -185,7 +171,7 @@ private:
     }
 
     const SuiteRunOptions& mOptions;
-    const TestedDecoder& mDecoder;
+    const PrepareVector& mPrepare;
     Suite& mSuite;
     std::deque<TestVector*> mWaiting;
     size_t mJobs = mOptions.jobs;  // that run at once, at most
@@ -198,10 +184,38 @@ private:
     const ProcessSignals mSignals;
 };
 
+std::string inputOf(const TestVector& vector, const fs::path& folder) {
+    const bool hasFolder = vector.inputFile.find('/') != std::string::npos;
+    const fs::path file = folder / vector.inputFile;
+    std::error_code ignored;
+    return hasFolder && fs::exists(file, ignored) ? file : folder / vector.name / vector.inputFile;
+}
+
 }  // namespace
 
-int runVectors(const SuiteRunOptions& options, const TestedDecoder& decoder, Suite* suite) {
-    return SuiteRun(options, decoder, suite).run();
+int runVectors(const SuiteRunOptions& options, const PrepareVector& prepare, Suite* suite) {
+    return SuiteRun(options, prepare, suite).run();
+}
+
+int decodeVectors(const SuiteRunOptions& options, const TestedDecoder& decoder, Suite* suite) {
+    for (TestVector& vector : suite->vectors) {
+        if (vector.state != TestVector::NOT_RUN || suite->testMethod == "md5") continue;
+        vector.state = TestVector::NOT_SUPPORTED;
+        vector.message = "test method " + suite->testMethod;
+    }
+    const auto prepare = [&](const TestVector& vector) -> GraphMaker {
+        DecodeOptions decode = {inputOf(vector, fs::path(options.resources) / suite->name), "",
+                                true, vector.format, suite->codec};
+        if (!options.output.empty()) {
+            decode.output = fs::path(options.output) / suite->name / (vector.name + ".out");
+            makeFolder("--output", fs::path(decode.output).parent_path());
+        }
+        return [&decoder, decode] {
+            decoder.setEnvironment();
+            return decoder.graphFor(decode);
+        };
+    };
+    return runVectors(options, prepare, suite);
 }
 
 }  // namespace vxrun

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "Suite.h"
+#include "TestedDecoder.h"
 #include "VectorProcess.h"
 
 #include <algorithm>
@@ -22,12 +23,18 @@ struct SuiteRunOptions {
     std::function<void()> writeReports;  // those of the suite as it is now
 };
 
-// Runs the vectors that have no result yet with `decoder` and prints a line for each on standard error. Reports
+// Decides how a vector's graph is made, before its process starts. The vector is an error when it
+// throws Failure.
+using PrepareVector = std::function<GraphMaker(const TestVector& vector)>;
+
+// Runs the vectors that have no result yet and prints a line for each on standard error. Reports
 // are written soon after a vector starts or ends ("soon" keeps them to a small share of the time).
 // A process that exceeds its time limit is sent SIGTERM, and then SIGKILL. At SIGINT or SIGTERM the
 // processes are ended, and their vectors stay unfinished. They end with this process in any case.
 //
 // The signal that ended it; else 0. Blocks the signals; on the main thread and before others start.
-int runVectors(const SuiteRunOptions& options, const TestedDecoder& decoder, Suite* suite);
+int runVectors(const SuiteRunOptions& options, const PrepareVector& prepare, Suite* suite);
+// The same with `decoder`, which decodes the vectors.
+int decodeVectors(const SuiteRunOptions& options, const TestedDecoder& decoder, Suite* suite);
 
 }  // namespace vxrun

@@ -4,15 +4,14 @@
 
 namespace vxrun {
 
-int VectorProcess::start(const TestedDecoder& decoder, const DecodeOptions& decode,
-                         const VectorOptions& options, const ProcessSignals& signals) {
-    const auto makeGraph = [&] {
-        decoder.setEnvironment();
-        vexa::VXGraphInfo graph = decoder.graphFor(decode);
+int VectorProcess::start(const GraphMaker& makeGraph, const VectorOptions& options,
+                         const ProcessSignals& signals) {
+    const auto makeEdited = [&] {
+        vexa::VXGraphInfo graph = makeGraph();
         options.edits.applyTo(&graph);
         return graph;
     };
-    return mProcess.start(makeGraph, options.run, signals);
+    return mProcess.start(makeEdited, options.run, signals);
 }
 
 void VectorProcess::kill(int signal) {
@@ -26,6 +25,7 @@ void VectorProcess::judge(bool negative) {
     mVector.state = TestVector::ERROR;
     mVector.type = result.type;
     mVector.message = result.message;
+    mVector.figures = result.nodeFigures;
     const int code = exitCode(result.verdict);
     if (mWasSignaled) {
         mVector.state = TestVector::TIMEOUT;

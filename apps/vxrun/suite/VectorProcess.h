@@ -1,14 +1,13 @@
-// VectorProcess: a process that decodes one test vector and hands its result back.
+// VectorProcess: a process that runs the graph of one test vector and hands its result back.
 #pragma once
 
 #include "GraphFile.h"
 #include "RunProcess.h"
 #include "Suite.h"
-#include "TestedDecoder.h"
 
 namespace vxrun {
 
-// How every test vector of a suite is decoded.
+// How every test vector of a suite is run.
 struct VectorOptions {
     RunOptions run;  // its timeout is the limit of each
     GraphEdits edits;
@@ -21,9 +20,9 @@ class VectorProcess {
 public:
     explicit VectorProcess(TestVector* vector) : mVector(*vector) {}
 
-    // Starts a copy of this process that decodes `decode`. 0, or an errno number.
-    int start(const TestedDecoder& decoder, const DecodeOptions& decode,
-              const VectorOptions& options, const ProcessSignals& signals);
+    // Starts a copy of this process that runs the graph. 0, or an errno number.
+    int start(const GraphMaker& makeGraph, const VectorOptions& options,
+              const ProcessSignals& signals);
 
     TestVector& vector() { return mVector; }
     void kill(int signal);
