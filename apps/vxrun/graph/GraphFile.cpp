@@ -392,6 +392,16 @@ std::vector<Failure> checkGraphFile(const std::string& path,
     }
 }
 
+VXNodeDescriptor& addNode(VXGraphInfo* graph, const std::string& type, const std::string& name,
+                          const char* input, const char* output) {
+    auto node = std::make_unique<VXNodeDescriptor>();
+    node->type = type;
+    node->name = name;
+    if (input != nullptr) node->inputPorts.push_back({name + ".in", input});
+    if (output != nullptr) node->outputPorts.push_back({name + ".out", output});
+    return *graph->nodes.emplace_back(std::move(node));
+}
+
 void GraphEdits::applyTo(VXGraphInfo* graph) const {
     for (const std::string& assignment : assignments) {
         setConfig(assignment, graph->nodes, [](const auto& node) { return node.get(); });

@@ -23,6 +23,13 @@ namespace vxrun {
 using GraphValues = std::map<std::string, std::string>;
 vexa::VXGraphInfo readGraphFile(const std::string& path, const GraphValues& values = {});
 
+// The formats of ports for access units and pictures.
+constexpr char kUnits[] = "video/bitstream", kPictures[] = "video/raw";
+
+// Adds a node with an input NAME.in and an output NAME.out of these formats, null for none.
+vexa::VXNodeDescriptor& addNode(vexa::VXGraphInfo* graph, const std::string& type,
+                                const std::string& name, const char* input, const char* output);
+
 // GraphEdits: what options change in a graph.
 struct GraphEdits {
     // Throws Failure when an assignment is malformed or names no node of the graph.

@@ -236,7 +236,6 @@ std::string TestedDecoder::refusal(const std::string& codec) const {
 }
 
 VXGraphInfo TestedDecoder::graphFor(const DecodeOptions& options) const {
-    constexpr char kUnits[] = "video/bitstream", kPictures[] = "video/raw";
     const bool anyFormat = options.format == "None" || options.format == "Unknown";
     const std::string format = anyFormat ? "" : options.format;
     if (!mGraph.empty()) {
@@ -245,25 +244,17 @@ VXGraphInfo TestedDecoder::graphFor(const DecodeOptions& options) const {
     }
     VXGraphInfo graph;
     graph.name = "decode";
-    // Adds a node with an input and an output of these formats, null for none; returns its configs.
-    const auto addNode = [&](const std::string& type, const std::string& name, const char* input,
-                             const char* output) -> auto& {
-        auto node = std::make_unique<VXNodeDescriptor>();
-        node->type = type;
-        node->name = name;
-        if (input != nullptr) node->inputPorts.push_back({name + ".in", input});
-        if (output != nullptr) node->outputPorts.push_back({name + ".out", output});
-        return graph.nodes.emplace_back(std::move(node))->configs;
-    };
     const NodeType* const type = findNodeType(mNodeType);
     const bool readsFiles = type != nullptr && type->inputs == 0;
     if (!readsFiles) {
         constexpr char kAnyFile[] = "source/bitstream", kIvfFile[] = "source/ivf";
         const bool readsAny = findNodeType(kAnyFile) != nullptr;  // not without libavformat
-        addNode(readsAny ? kAnyFile : kIvfFile, "reader", nullptr, kUnits)["file"] = options.input;
+        addNode(&graph, readsAny ? kAnyFile : kIvfFile, "reader", nullptr, kUnits).configs["file"] =
+            options.input;
         graph.connections["reader.out"] = {"decoder.in"};
     }
-    auto& configs = addNode(mNodeType, "decoder", readsFiles ? nullptr : kUnits, kPictures);
+    auto& configs =
+        addNode(&graph, mNodeType, "decoder", readsFiles ? nullptr : kUnits, kPictures).configs;
     configs = mConfigs;
     if (readsFiles) configs["file"] = options.input;
     if (!format.empty()) configs["format"] = format;
@@ -272,11 +263,11 @@ VXGraphInfo TestedDecoder::graphFor(const DecodeOptions& options) const {
     if (takesCodec && !options.codec.empty()) configs["codec"] = options.codec;
     auto& sinks = graph.connections["decoder.out"];
     if (!options.output.empty()) {
-        addNode("sink/file", "writer", kPictures, nullptr)["file"] = options.output;
+        addNode(&graph, "sink/file", "writer", kPictures, nullptr).configs["file"] = options.output;
         sinks.push_back("writer.in");
     }
     if (options.md5 || options.output.empty()) {
-        addNode("sink/checksum", "md5", kPictures, nullptr)["print_md5"] = "true";
+        addNode(&graph, "sink/checksum", "md5", kPictures, nullptr).configs["print_md5"] = "true";
         sinks.push_back("md5.in");
     }
     return graph;

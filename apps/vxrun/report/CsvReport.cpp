@@ -3,14 +3,15 @@
 #include "Text.h"
 
 namespace vxrun {
-namespace {
 
-// Spreadsheets would run a field that begins like a formula; the quote in front has them show it.
 std::string csvField(const std::string& name) {
+    // Spreadsheets would run a field that begins like a formula; the quote in front has them show it.
     std::string text = (name.find_first_of("=+-@") == 0 ? "'" : "") + printable(name);
     if (text.find_first_of(",\"") == text.npos) return text;
     return concat(std::quoted(text, '"', '"'));
 }
+
+namespace {
 
 // With several decoders, four columns of each, under its name.
 std::string csvReport(const SuiteResults& results) {

@@ -43,6 +43,8 @@ std::vector<Failure> writeReports(const ReportFiles& files, const SuiteResults& 
 // vectors whose result is not the same with all decoders that could run them.
 std::map<std::string, Counts> countsByProfile(const Suite& suite);
 std::vector<std::string> disagreements(const SuiteResults& results);
+// A field of a CSV file.
+std::string csvField(const std::string& name);
 
 // The counts as text for a terminal: of each profile, or of each decoder where there are several,
 // and what they disagree on.
