@@ -156,11 +156,13 @@ protected:
 // Catches: a rung that is lost, of another rate or encoder; figures that do not come back from its
 // process; files that programs cannot read; a gain without the points that it needs.
 TEST_F(VxrunRd, MeasuresEncodersAtSeveralRates) {
-    const Result result = rd({"--encoder", "libx264,preset=veryfast", "--encoder", "mpeg2video",
-                              "--rates", "800k,100k,400k,0.2M", "--csv", path("rd.csv"), "--json",
-                              path("rd.json"), "--svg", path("rd.svg")});
+    const Result result =
+        rd({"--encoder", "libx264,preset=veryfast", "--encoder", "mpeg2video,options=b={rate}",
+            "--rates", "800k,100k,400k,0.2M", "--csv", path("rd.csv"), "--json", path("rd.json"),
+            "--svg", path("rd.svg")});
     EXPECT_EQ(result.exit, 0) << result.err;
-    expectHas(result.out, "\nmpeg2video against libx264,preset=veryfast: BD-rate +");
+    expectHas(result.out,
+              "\nmpeg2video,options=b={rate} against libx264,preset=veryfast: BD-rate +");
     expectHas(result.out, "verdict: PASS passed=8 failed=0 errors=0 skipped=0\n");
     const Json report = Json::parse(contentOf(path("rd.json")));
     for (const Json& encoder : report["encoders"]) {
@@ -199,7 +201,8 @@ TEST_F(VxrunRd, ShowsWhatFails) {
     } cases[] = {{{"--encoder", "libx264", "--rates", "1M,,2M"}, "expected a bit rate such as"},
                  {{"--encoder", "libx264", "--rates", "1000k,1M"}, "a bit rate is given twice"},
                  {{"--encoder", "libx264,crf=3", "--rates", "1M"}, "'crf=3': expected KEY=VALUE"},
-                 {{"--encoder", "codec/decoder", "--rates", "1M"}, "is no encoder with a bit rate"},
+                 {{"--encoder", "codec/decoder", "--rates", "1M"}, "has no config 'bitrate'"},
+                 {{"--encoder", "sink/null", "--rates", "1M"}, "no encoder 'sink/null'"},
                  {{"--rates", "1M"}, "--encoder: missing"},
                  {{"--encoder", "libx264", "--rates", "1M", "--svg", path("no/rd.svg")}, "--svg"}};
     for (const auto& c : cases) {

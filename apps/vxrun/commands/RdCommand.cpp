@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <map>
 #include <sstream>
 
@@ -17,6 +18,7 @@ namespace vxrun {
 namespace {
 
 constexpr char kEncoderType[] = "codec/encoder", kDecoderType[] = "codec/decoder";
+constexpr char kRate[] = "{rate}";  // in a config of an encoder: the bit rate
 
 std::vector<std::string> partsOf(const std::string& list) {
     std::vector<std::string> parts;
@@ -34,8 +36,8 @@ public:
         const bool isType = parts[0].find('/') != std::string::npos;
         mType = isType ? parts[0] : kEncoderType;
         const NodeType* const type = findNodeType(mType);
-        if (type == nullptr || type->inputs != 1 || type->outputs != 1 || !has(*type, "bitrate")) {
-            throw badOption("--encoder", concat(quote(mType), " is no encoder with a bit rate"));
+        if (type == nullptr || type->inputs != 1 || type->outputs != 1) {
+            throw badOption("--encoder", "no encoder " + quote(mType));
         }
         if (!isType) mConfigs["codec"] = parts[0];
         for (size_t i = 1; i < parts.size(); ++i) {
@@ -47,6 +49,15 @@ public:
             }
             mConfigs[key] = parts[i].substr(equals + 1);
         }
+        const bool placesRate = std::any_of(
+            mConfigs.begin(), mConfigs.end(),
+            [](const auto& config) { return config.second.find(kRate) < config.second.size(); });
+        if (placesRate) return;
+        if (!has(*type, "bitrate")) {
+            throw badOption("--encoder", concat(mType, " has no config 'bitrate': expected ", kRate,
+                                                " in another one"));
+        }
+        mConfigs["bitrate"] = kRate;
     }
 
     // Source -> encoder -> decoder -> comparison with the source. In the process of the run: the
@@ -57,8 +68,11 @@ public:
         addNode(&graph, "source/bitstream", "reader", nullptr, kUnits).configs["file"] = source;
         auto& pictures = addNode(&graph, kDecoderType, "decoder", kUnits, kPictures);
         auto& encoder = addNode(&graph, mType, "encoder", kPictures, kUnits);
-        for (const auto& [key, value] : mConfigs) encoder.configs[key] = value;
-        encoder.configs["bitrate"] = std::to_string(rate);
+        for (auto [key, value] : mConfigs) {
+            const size_t at = value.find(kRate);
+            if (at < value.size()) value.replace(at, std::strlen(kRate), std::to_string(rate));
+            encoder.configs[key] = value;
+        }
         auto& sink = addNode(&graph, "sink/bitrate", kRateNode, kUnits, nullptr);
         sink.configs["target"] = std::to_string(rate);
         addNode(&graph, kDecoderType, "again", kUnits, kPictures);

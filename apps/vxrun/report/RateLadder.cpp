@@ -242,11 +242,13 @@ private:
         constexpr int kMostSteps = 10;
         double step = 0.01;
         for (int i = 0; (mY.high - mY.low) / step > kMostSteps; ++i) step *= i % 3 == 1 ? 2.5 : 2;
-        for (double psnr = std::ceil(mY.low / step) * step; psnr <= mY.high; psnr += step) {
+        const auto last = static_cast<int>(std::floor(mY.high / step));
+        for (auto i = static_cast<int>(std::ceil(mY.low / step)); i <= last; ++i) {
+            const double psnr = step * i;
             addLine(mX.from, mY.at(psnr), mX.to, mY.at(psnr));
             addText(mX.from - 8, mY.at(psnr) + 4, "end", decimal(psnr, step < 1 ? 2 : 0));
         }
-        for (double decade = std::floor(mX.low); decade <= mX.high; ++decade) {
+        for (auto decade = static_cast<int>(std::floor(mX.low)); decade <= mX.high; ++decade) {
             for (const int digit : {1, 2, 5}) {
                 const double rate = digit * std::pow(10, decade), x = mX.at(std::log10(rate));
                 if (x < mX.from || x > mX.to) continue;
@@ -262,7 +264,7 @@ private:
         for (const RatePoint& point : mCurves[encoder]) {
             const std::string x = decimal(mX.at(std::log10(point.bitrate)), 1);
             const std::string y = decimal(mY.at(point.psnr), 1);
-            path += x + "," + y + " ";
+            path.append(x).append(",").append(y).append(" ");
             set(mSvg.append_child("circle"), {{"cx", x}, {"cy", y}, {"r", "4"}, {"fill", color}});
         }
         set(mSvg.append_child("polyline"),
