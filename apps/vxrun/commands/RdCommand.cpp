@@ -20,6 +20,10 @@ namespace {
 constexpr char kEncoderType[] = "codec/encoder", kDecoderType[] = "codec/decoder";
 constexpr char kRate[] = "{rate}";  // in a config of an encoder: the bit rate
 
+// What is written, by the names of the options.
+constexpr std::pair<const char*, std::string (*)(const RateLadder&)> kFiles[] = {
+    {"csv", ladderCsv}, {"json", ladderJson}, {"svg", ladderSvg}};
+
 std::vector<std::string> partsOf(const std::string& list) {
     std::vector<std::string> parts;
     std::istringstream stream(list);
@@ -207,8 +211,7 @@ private:
     // Each appears whole, in place of the one before; why those that do not appear cannot.
     std::vector<Failure> writeFiles() {
         std::vector<Failure> failures;
-        for (const auto& [kind, textOf] :
-             {std::pair("csv", ladderCsv), {"json", ladderJson}, {"svg", ladderSvg}}) {
+        for (const auto& [kind, textOf] : kFiles) {
             if (mFiles[kind].empty()) continue;
             try {
                 writeTextFile(concat("--", kind), mFiles[kind], textOf(mLadder));
