@@ -110,6 +110,8 @@ TEST(Bitrates, HaveLimits) {
         const Measured good = measured(c.stream, {{c.key, c.passes}, {"target", "20000"}});
         EXPECT_EQ(good.verdict, vxkit::Verdict::Pass) << good.lines;
     }
+    const Measured below = measured(all, {{"max_deviation", "12"}, {"target", "25000"}});
+    expectHas(below.lines, "12.3 % below the target; max_deviation is 12");
     EXPECT_EQ(measured(one, {}).verdict, vxkit::Verdict::Done);
 }
 

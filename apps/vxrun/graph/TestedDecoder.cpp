@@ -27,7 +27,6 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using vexa::VXGraphInfo;
-using vexa::VXNodeDescriptor;
 
 constexpr char kLibav[] = "libavcodec", kLibavType[] = "codec/decoder";
 constexpr char kCommandType[] = "codec/command";
