@@ -49,8 +49,8 @@ Measured measured(const Stream& stream, const NodeDriver::Configs& configs) {
     return result;
 }
 
-// Catches: times in the wrong order, a last frame that does not last, bytes taken for bits, a window
-// that is too short, begins or ends in the wrong place, or is left out.
+// Catches: times in the wrong order, a last frame that does not last, bytes taken for bits, a
+// window that is too short, begins or ends in the wrong place, or is left out.
 TEST(Bitrates, AreThoseOfTheStream) {
     const Stream stream;
     auto times = stream.pts;
@@ -115,8 +115,9 @@ TEST(Bitrates, HaveLimits) {
     EXPECT_EQ(measured(one, {}).verdict, vxkit::Verdict::Done);
 }
 
-// Catches: wrong curves, integrals or bounds, a rate gain with the wrong sign. The numbers are those
-// of an independent calculation with SciPy 1.10: PchipInterpolator.integrate() over the common range.
+// Catches: wrong curves, integrals or bounds, a rate gain with the wrong sign. The numbers are
+// those of an independent calculation with SciPy 1.10: PchipInterpolator.integrate() over the
+// common range.
 TEST(BjontegaardDeltas, AreThoseOfAnotherImplementation) {
     using Points = std::vector<RatePoint>;
     const Points a = {{502.1, 33.21}, {998.7, 36.05}, {2010.4, 38.74}, {3987.6, 41.02}};
@@ -185,8 +186,8 @@ TEST_F(VxrunRd, MeasuresEncodersAtSeveralRates) {
     expectHas(svg, "<polyline");
 }
 
-// Catches: a rung that fails and passes, is not shown, or takes the others with it; a mistake that is
-// found only after the runs have begun; a file that is left behind.
+// Catches: a rung that fails and passes, is not shown, or takes the others with it; a mistake that
+// is found only after the runs have begun.
 TEST_F(VxrunRd, ShowsWhatFails) {
     const Result some = rd({"--encoder", "mpeg2video,gop=5", "--encoder", "libx264,preset=nosuch",
                             "--rates", "100k,200k", "--jobs", "1"});

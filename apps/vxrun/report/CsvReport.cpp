@@ -5,7 +5,7 @@
 namespace vxrun {
 
 std::string csvField(const std::string& name) {
-    // Spreadsheets would run a field that begins like a formula; the quote in front has them show it.
+    // Spreadsheets would run a field that begins like a formula; the quote in front prevents it.
     std::string text = (name.find_first_of("=+-@") == 0 ? "'" : "") + printable(name);
     if (text.find_first_of(",\"") == text.npos) return text;
     return concat(std::quoted(text, '"', '"'));

@@ -20,10 +20,10 @@ struct RatePoint {
 
 constexpr size_t kLeastRatePoints = 4;  // of each curve
 
-// By how many percent the bit rate of `tested` is higher than that of `anchor` at the same PSNR, and
-// by how many dB its PSNR is higher at the same bit rate. The points may be in any order. Throw
-// Failure when a curve has too few points or does not rise, and when the curves have nothing in
-// common.
+// By how many percent the bit rate of `tested` is higher than that of `anchor` at the same PSNR,
+// and by how many dB its PSNR is higher at the same bit rate. The points may be in any order. Both
+// throw Failure when a curve has too few points or does not rise, and when the curves have no range
+// in common.
 double bdRatePercent(const std::vector<RatePoint>& anchor, const std::vector<RatePoint>& tested);
 double bdPsnr(const std::vector<RatePoint>& anchor, const std::vector<RatePoint>& tested);
 

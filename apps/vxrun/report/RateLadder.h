@@ -31,8 +31,8 @@ struct RateLadder {
 // A bit rate as people write it: "500k", "1.5M".
 std::string rateText(double rate);
 
-// A table of the rungs and the Bjontegaard deltas for a terminal; a row per rung; all that is known;
-// the curves as a drawing that needs nothing but itself.
+// A table of the rungs and the Bjontegaard deltas for a terminal; a row per rung; all that is
+// known; the curves as a drawing that needs nothing but itself.
 std::string ladderTable(const RateLadder& ladder);
 std::string ladderCsv(const RateLadder& ladder);
 std::string ladderJson(const RateLadder& ladder);
