@@ -3,6 +3,11 @@
 #include <vxkit/Evidence.h>
 #include <vxkit/Text.h>
 
+#include <algorithm>
+#include <functional>
+#include <random>
+#include <vector>
+
 using namespace vxkit;
 
 namespace {
@@ -21,6 +26,32 @@ TEST(Texts, ArePrintableUtf8) {
         {"\xf5\x80\x80\x80", "\\xf5\\x80\\x80\\x80"},
         {"\xc2", "\\xc2"}};
     for (const auto& [text, shown] : cases) EXPECT_EQ(printable(text), shown);
+}
+
+// Catches: a percentile below the exact one, more than 1/32 above it, or that of other times.
+TEST(Histograms, GivePercentilesWithinTheirError) {
+    std::mt19937_64 random(1);
+    const std::function<double()> distributions[] = {
+        [&] { return std::uniform_real_distribution(0.0, 100.0)(random); },
+        [&] { return std::exponential_distribution(1e-7)(random); },
+        [&] { return std::lognormal_distribution(15.0, 4.0)(random); },
+        [] { return 4e18; },
+    };
+    for (const auto& next : distributions) {
+        Histogram histogram;
+        EXPECT_EQ(histogram.percentile(50).count(), 0);
+        std::vector<int64_t> times(1000);
+        for (int64_t& time : times) histogram.add(Histogram::Time(time = int64_t(next())));
+        std::sort(times.begin(), times.end());
+        for (const size_t percent : {1, 50, 90, 99, 100}) {
+            const int64_t exact = times[percent * 10 - 1];
+            const int64_t found = histogram.percentile(double(percent)).count();
+            EXPECT_GE(found, exact);
+            EXPECT_LE(found - exact, exact / 32);
+        }
+        EXPECT_EQ(histogram.largest().count(), times.back());
+        EXPECT_EQ(histogram.count(), times.size());
+    }
 }
 
 // Catches: a pass of a run in which some sink did not see its last frame, or had nothing to check.

@@ -105,6 +105,25 @@ std::vector<Evidence::Moment> Evidence::nodes() const {
     return moments;
 }
 
+double Evidence::seconds() const {
+    const Clock::duration start = mStart, end = mEnd, zero(0);
+    if (start == zero) return 0;
+    const Clock::duration last = end != zero ? end : Clock::now().time_since_epoch();
+    return std::chrono::duration<double>(last - start).count();
+}
+
+double Evidence::framesPerSecond() const {
+    const double time = seconds();
+    return time > 0 ? static_cast<double>(totals().frames) / time : 0;
+}
+
+std::vector<const NodeRecord*> Evidence::records() const {
+    std::lock_guard<std::mutex> lock(mLock);
+    std::vector<const NodeRecord*> records;
+    for (const NodeRecord& record : mNodes) records.push_back(&record);
+    return records;
+}
+
 std::vector<const PoolRecord*> Evidence::pools() const {
     std::lock_guard<std::mutex> lock(mLock);
     std::vector<const PoolRecord*> pools;

@@ -40,8 +40,13 @@ bool Decoder::feed(const vexa::VXSharedWork& work, uint64_t number) {
     mFrameRate = unit.stream.frameRate;
     mSar = unit.stream.sar;
     if (unit.info.isCorrupt) noteError(concat("access unit ", number, " is damaged"));
+    const auto now = Clock::now();
     decode(unit);
     mIsStarted = true;
+    // Of units that give no picture, some pile up here: the oldest are of no use any more.
+    constexpr size_t kMostTaken = 1024;
+    if (!isPaused() && unit.info.pts != UnitInfo::kNoTime) mTakenAt[unit.info.pts] = now;
+    if (mTakenAt.size() > kMostTaken) mTakenAt.erase(mTakenAt.begin());
     return true;
 }
 
@@ -76,6 +81,7 @@ std::shared_ptr<StreamInfo> Decoder::nextStream(const DecodedPicture& picture) {
 void Decoder::give(const DecodedPicture& picture, std::function<void(const FrameView&)> fill) {
     const auto stream = nextStream(picture);
     givePicture(stream, static_cast<uint64_t>(mTime), std::move(fill));
+    noteTaken(picture);
 }
 
 void Decoder::give(const DecodedPicture& picture, std::shared_ptr<PoolBuffer> buffer) {
@@ -83,6 +89,15 @@ void Decoder::give(const DecodedPicture& picture, std::shared_ptr<PoolBuffer> bu
     frame.mInfos = {nextStream(picture)};
     frame.timestamp = static_cast<uint64_t>(mTime);
     giveFilled(std::move(buffer), std::move(frame));
+    noteTaken(picture);
+}
+
+// Pictures are matched with their units by time, as decoders reorder them and drop some.
+void Decoder::noteTaken(const DecodedPicture& picture) {
+    const auto taken = mTakenAt.find(picture.pts);
+    if (taken == mTakenAt.end()) return;
+    noteSince(taken->second);
+    mTakenAt.erase(taken);
 }
 
 void Decoder::noteError(const std::string& text) {

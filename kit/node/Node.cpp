@@ -15,6 +15,7 @@ Node::Node(NodeArguments arguments)
                                     mType.outputs == 0)),
       mEntries(std::move(arguments.entries)),
       mMistake(std::move(arguments.mistake)) {
+    mRecord.type = mType.name;
     if (mRun.trace != nullptr) mRun.trace->nameRow(mRecord.number, arguments.fullName);
 }
 
@@ -43,8 +44,27 @@ VXError Node::onStart() {
 }
 
 VXError Node::onStop() {
+    mRecord.times.enter(NodeTimes::ENDED);  // its event thread has ended
     if (mBroken) return VX_OK;
     return guarded(NODE_FAIL_STOP, [this] { end(); });
+}
+
+// Flow control asks only when there is room, and again when that may have changed.
+VXError Node::countAvailablePendingInputWorks(unsigned long maxCount, unsigned long* actualCount,
+                                              bool* hasEOS) {
+    const VXError ret = VXNode::countAvailablePendingInputWorks(maxCount, actualCount, hasEOS);
+    const bool isReady = ret == VX_OK && *actualCount > 0;
+    mRecord.times.enter(isReady ? NodeTimes::READY : NodeTimes::WAITS_FOR_INPUT);
+    return ret;
+}
+
+VXError Node::getPendingInputWorks(unsigned long requestedCount, SharedWorks* works) {
+    const VXError ret = VXNode::getPendingInputWorks(requestedCount, works);
+    if (ret != VX_OK) return ret;
+    uint64_t waiting = works->size();
+    for (const auto& port : inputPorts()) waiting += port->queuedWorks();
+    mRecord.times.noteQueue(waiting);
+    return ret;
 }
 
 VXError Node::onProcess(SharedWorks inputs, Works* outputs) {
@@ -55,7 +75,7 @@ VXError Node::onProcess(SharedWorks inputs, Works* outputs) {
         traceQueue();
         start = Trace::Clock::now();
     }
-    const VXError result = guarded(NODE_FAIL_FATAL, [&] {
+    const VXError result = timed(NODE_FAIL_FATAL, [&] {
         // Before the node sees them: a node that throws must have let go of them in the pool's
         // count.
         hold(&inputs);
@@ -70,7 +90,7 @@ VXError Node::onProcess(SharedWorks inputs, Works* outputs) {
 // EVENT_FENCE, which only wakeUp() posts.
 VXError Node::onBufferFilled(int) {
     if (mBroken) return VX_OK;
-    const VXError result = guarded(NODE_FAIL_FATAL, [this] { wake(); });
+    const VXError result = timed(NODE_FAIL_FATAL, [this] { wake(); });
     // Of a failed onProcess() the library informs the graph; of this hook it does not.
     if (mBroken) signalError(result, errorName(NODE_FAIL_FATAL));
     return result;
@@ -155,6 +175,15 @@ void Node::traceQueue() {
     Trace::Counts counts = {{"pending", now.pendingInputs}, {"out", now.outstandingWorks}};
     for (const auto& port : now.inputPorts) counts.push_back({port.name, port.queuedWorks});
     mRun.trace->counter("queue." + mRecord.name, counts);
+}
+
+template <typename Action>
+VXError Node::timed(VexaError error, Action action) {
+    mRecord.times.enter(NodeTimes::BUSY);
+    const VXError result = guarded(error, action);
+    // Unless flow control asks at once, it finds no room.
+    mRecord.times.enter(mRecord.endOfStream ? NodeTimes::ENDED : NodeTimes::WAITS_FOR_ROOM);
+    return result;
 }
 
 // Runs `action` and turns whatever it throws into the run's error. The status that is returned

@@ -19,6 +19,9 @@ VXError Producer::countAvailablePendingInputWorks(unsigned long maxCount,
     const bool wait =
         mNext ? mBuffer == nullptr && mPool->fetch(&mBuffer) == VX_NO_FREE_SLOT : !*mIsDue;
     *actualCount = wait ? 0 : 1;
+    record().times.enter(!wait   ? NodeTimes::READY
+                         : mNext ? NodeTimes::WAITS_FOR_BUFFER
+                                 : NodeTimes::WAITS_FOR_INPUT);
     return VX_OK;
 }
 
@@ -57,6 +60,7 @@ void Producer::write() {
     if (output.fill) output.fill(*mBuffer);
     const auto sent = fenced(std::move(mBuffer), output.frame);
     mWritten = std::make_unique<VXWork>();
+    mWrittenSince = output.since;
     mWritten->frameInfo() = output.frame;
     mWritten->frameInfo().mInfos.push_back(sent);
     attach(mWritten.get(), PoolBuffer::payload(sent));
@@ -98,7 +102,9 @@ void Producer::seekNext() {
 }
 
 void Producer::sendWritten() {
-    if (mWritten != nullptr) sendOutput(std::move(mWritten));
+    if (mWritten == nullptr) return;
+    sendOutput(std::move(mWritten));
+    if (mWrittenSince) evidence().latency().add(Clock::now() - *mWrittenSince);
 }
 
 void Producer::finish(bool nothing) {
@@ -113,12 +119,12 @@ void Producer::finish(bool nothing) {
 void Producer::give(const PictureFormat& format, VXFrameInfo frame, Fill fill) {
     // A pool makes buffers of one format. The one before lives until its last buffer is back.
     if (mPool == nullptr || mPool->format() != format) mPool = newPool(format);
-    mNext = {std::move(frame), std::move(fill)};
+    mNext = {std::move(frame), std::move(fill), {}};
 }
 
 void Producer::giveFilled(std::shared_ptr<PoolBuffer> buffer, VXFrameInfo frame) {
     mBuffer = std::move(buffer);
-    mNext = {std::move(frame), {}};
+    mNext = {std::move(frame), {}, {}};
 }
 
 void Producer::givePicture(std::shared_ptr<StreamInfo> stream, uint64_t timestamp,

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <VXNode.h>
+#include <vxkit/Measures.h>
 #include <vxkit/Trace.h>
 #include <vxkit/Verdict.h>
 
@@ -34,6 +35,7 @@ struct NodeRecord {
     vexa::VXNode* node = nullptr;  // null when it is gone; the evidence's lock guards it
     size_t number = 0;             // from 0, in the order of the description
     std::string name;
+    std::string type;
     std::string allocator;  // the one that it requires, or empty
     bool sink = false;      // it has inputs and no outputs
 
@@ -46,6 +48,7 @@ struct NodeRecord {
     std::atomic<uint64_t> moved{0};         // batches received or sent: a sign of life
     std::atomic<bool> busy{false};          // one of its hooks runs, see AtWork
     std::atomic<bool> endOfStream{false};   // the node has handled the last frame
+    NodeTimes times;
 
     // What the node waits for outside the graph, such as a device; empty for nothing.
     std::string waitsFor() const {
@@ -176,6 +179,16 @@ public:
     // before the run.
     void expectNoCheck() { mChecks = false; }
 
+    // The graph starts; it has ended. The time between the two, or from the first until now.
+    void noteStart() { mStart = Clock::now().time_since_epoch(); }
+    void noteEnd() { mEnd = Clock::now().time_since_epoch(); }
+    double seconds() const;
+    // Of the frames that totals() counts; 0 when there are none.
+    double framesPerSecond() const;
+    // From the moment that a decoder takes an access unit to that when its picture is sent.
+    Histogram& latency() { return mLatency; }
+    const Histogram& latency() const { return mLatency; }
+
     // The MD5 of the whole stream as a sink has computed it, in hexadecimal; empty as long as none
     // has.
     void setStreamMd5(const std::string& md5);
@@ -187,6 +200,8 @@ public:
     uint64_t moved() const { return totals().moved; }
     // The nodes that live, in the order of the description.
     std::vector<Moment> nodes() const;
+    // All nodes, also those that are gone.
+    std::vector<const NodeRecord*> records() const;
     std::vector<const PoolRecord*> pools() const;
     // The figures of all nodes, by names such as "compare.psnr_mean".
     std::map<std::string, double> figures() const;
@@ -207,6 +222,8 @@ public:
     std::string allocators() const;
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     template <typename TextOf>
     std::string textOfNodes(TextOf textOf) const;
 
@@ -216,6 +233,9 @@ private:
     std::optional<Verdict> mFailure;  // guarded by mLock
     std::string mStreamMd5;           // guarded by mLock
     bool mChecks = true;              // as it was set before the run
+    // Since the clock's epoch; 0: not yet.
+    std::atomic<Clock::duration> mStart{Clock::duration(0)}, mEnd{Clock::duration(0)};
+    Histogram mLatency;
 };
 
 // RunContext: what the nodes of one run report to. A plain value, copied into each of them; the

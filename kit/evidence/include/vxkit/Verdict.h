@@ -13,7 +13,7 @@ enum class Verdict {
     Done,  // nothing failed in a run that was not to check anything
     Fail,  // of a suite: some test vector did
     NoEndOfStream,
-    Performance,  // something was slower than it may be
+    Performance,  // slower or larger than it may be
     NothingChecked,
     NotSupported,
     Skipped,  // of a suite: no test vector could run

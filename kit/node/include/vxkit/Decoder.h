@@ -5,6 +5,7 @@
 
 #include <deque>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -61,6 +62,7 @@ private:
     void feedEnd() final { drain(); }
     void finish(bool nothing) final;
     bool obeyCommands(uint64_t number);
+    void noteTaken(const DecodedPicture& picture);
     std::shared_ptr<StreamInfo> nextStream(const DecodedPicture& picture);
 
     // [event thread]
@@ -69,8 +71,9 @@ private:
     Rational mTimeBase = {1, 1};        // of the access units
     Rational mFrameRate = {0, 1};       // of the stream, and its pictures' sample aspect ratio
     Rational mSar = {0, 1};
-    uint64_t mPictures = 0;  // that were given
-    int64_t mTime = -1;      // of the last, in frames
+    uint64_t mPictures = 0;                         // that were given
+    int64_t mTime = -1;                             // of the last, in frames
+    std::map<int64_t, Clock::time_point> mTakenAt;  // when a unit was, by its pts
     uint64_t mErrors = 0;
     std::string mFirstError;
 };

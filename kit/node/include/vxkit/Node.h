@@ -53,6 +53,13 @@ public:
     explicit Node(NodeArguments arguments);
     ~Node() override { mRun.evidence.removeNode(mRecord); }
     std::vector<std::string> getPreferredAllocatorTypes() override;
+    // Both note what the node waits for, and how much for it.
+    vexa::VXError countAvailablePendingInputWorks(unsigned long maxCount,
+                                                  unsigned long* actualCount,
+                                                  bool* hasEOS) override;
+    vexa::VXError getPendingInputWorks(
+        unsigned long requestedCount,
+        std::list<std::shared_ptr<vexa::VXSharedWork>>* works) override;
 
 protected:
     using SharedWorks = std::list<std::shared_ptr<vexa::VXSharedWork>>;
@@ -147,6 +154,9 @@ private:
     void onDrain() final {}
     void onFlush() final {}
 
+    // The same as guarded(), on the event thread.
+    template <typename Action>
+    vexa::VXError timed(vexa::VexaError error, Action action);
     template <typename Action>
     vexa::VXError guarded(vexa::VexaError error, Action action);
     void finishWork(vexa::VXWork& work);

@@ -11,6 +11,7 @@
 #include <vxkit/Node.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -57,6 +58,10 @@ protected:
     // The same for a picture of the stream's format. `timestamp`: in units of its time base.
     void givePicture(std::shared_ptr<StreamInfo> stream, uint64_t timestamp,
                      std::function<void(const FrameView& picture)> fill);
+    using Clock = std::chrono::steady_clock;
+    // The frame that was given last has been under way since `moment`: the run's latency counts it
+    // from there until it is sent.
+    void noteSince(Clock::time_point moment) { mNext->since = moment; }
     // Gives a frame that is in a buffer already.
     void giveFilled(std::shared_ptr<PoolBuffer> buffer, vexa::VXFrameInfo frame);
     // Gives the frame that was given last, and is not yet written, to no one.
@@ -75,6 +80,7 @@ private:
     struct Output {
         vexa::VXFrameInfo frame;
         Fill fill;
+        std::optional<Clock::time_point> since;  // see noteSince()
     };
 
     void process(const SharedWorks& inputs) final;
@@ -87,13 +93,14 @@ private:
     const std::shared_ptr<vexa::VXSharedWork> mStep =
         std::make_shared<vexa::VXSharedWork>(vexa::VXAuxInfo(), vexa::VXFrameInfo());
     // [event thread]
-    SharedWorks mInputs;                      // not fed yet
-    uint64_t mTaken = 0;                      // inputs that were fed
-    std::shared_ptr<Pool> mPool;              // of mNext
-    size_t mBlock = 1 << 16;                  // bytes of its blocks, for access units
-    std::optional<Output> mNext;              // to be written
-    std::shared_ptr<PoolBuffer> mBuffer;      // for it
-    std::unique_ptr<vexa::VXWork> mWritten;   // the one before, to be sent
+    SharedWorks mInputs;                     // not fed yet
+    uint64_t mTaken = 0;                     // inputs that were fed
+    std::shared_ptr<Pool> mPool;             // of mNext
+    size_t mBlock = 1 << 16;                 // bytes of its blocks, for access units
+    std::optional<Output> mNext;             // to be written
+    std::shared_ptr<PoolBuffer> mBuffer;     // for it
+    std::unique_ptr<vexa::VXWork> mWritten;  // the one before, to be sent
+    std::optional<Clock::time_point> mWrittenSince;
     bool mEnding = inputPortInfos().empty();  // all inputs are fed
     bool mEnded = false;                      // no more frames come
     bool mPaused = false;                     // until mIsDue
