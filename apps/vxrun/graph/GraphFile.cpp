@@ -50,12 +50,13 @@ public:
     void read() {
         const JsonValue& root = mDocument.root();
         attempt([&] {
-            mDocument.expectObject(root, {"name", "nodes_from", "nodes", "connections"});
+            mDocument.expectObject(root, {"name", "nodes_from", "limits", "nodes", "connections"});
         });
         attempt([&] { mInfo.name = mDocument.name(root, "name"); });
         forEach(root, "nodes_from", JsonValue::ARRAY, [&](const JsonValue& library) {
             loadNodes(mDocument.expect(library, JsonValue::STRING));
         });
+        forEach(root, "limits", JsonValue::OBJECT, [&](const JsonValue& limit) { read(limit); });
         attempt([&] { readNodes(mDocument.member(root, "nodes", JsonValue::ARRAY)); });
         forEach(root, "connections", JsonValue::OBJECT, [&](const JsonValue& list) {
             const auto output = mOutputs.find(list.key);
@@ -103,6 +104,7 @@ public:
         return std::move(mInfo);
     }
 
+    const Limits& limits() const { return mLimits; }
     const std::vector<Failure>& failures() const { return mFailures; }
 
 private:
@@ -149,6 +151,21 @@ private:
         const JsonValue* const configs = json.find("configs");
         const JsonValue* const config = configs != nullptr ? configs->find(key) : nullptr;
         attempt([&] { mDocument.fail(config != nullptr ? *config : json, text); });
+    }
+
+    void read(const JsonValue& limit) {
+        std::string known;
+        for (const LimitKind& kind : limitKinds()) {
+            known += (known.empty() ? "" : ", ") + kind.name;
+            if (limit.key != kind.name) continue;
+            try {
+                mLimits[kind.name] = parseLimit(kind, mDocument.scalar(limit));
+            } catch (const Failure& failure) {
+                mDocument.fail(limit, failure.what());
+            }
+            return;
+        }
+        mDocument.fail(limit, "unknown key, expected one of " + known);
     }
 
     // ---- Nodes ----
@@ -362,6 +379,7 @@ private:
     const std::filesystem::path mFolder;
     const GraphValues mValues;
     VXGraphInfo mInfo;
+    Limits mLimits;
     std::set<std::string> mNodeNames;
     Ports mInputs;
     Ports mOutputs;
@@ -372,10 +390,11 @@ private:
 
 }  // namespace
 
-VXGraphInfo readGraphFile(const std::string& path, const GraphValues& values) {
+VXGraphInfo readGraphFile(const std::string& path, const GraphValues& values, Limits* limits) {
     GraphReader reader(path, values);
     reader.read();
     if (!reader.failures().empty()) throw Failure(reader.failures().front());
+    if (limits != nullptr) *limits = reader.limits();
     return reader.release();
 }
 

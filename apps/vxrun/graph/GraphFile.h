@@ -1,6 +1,7 @@
 // GraphFile: the description of a graph as a JSON file (docs/graph-file.md).
 #pragma once
 
+#include "Limits.h"
 #include "Vxkit.h"
 
 #include <VXGraph.h>
@@ -19,9 +20,11 @@ namespace vxrun {
 // for an unknown node type, GraphBuildFail for a connection between different formats, else none,
 // which is CorruptDescription to a run. Nothing has been built by then.
 //
-// `values`: of placeholders in the values of configs, such as {input}.
+// `values`: of placeholders in the values of configs, such as {input}. `limits`, unless null,
+// becomes those of the file.
 using GraphValues = std::map<std::string, std::string>;
-vexa::VXGraphInfo readGraphFile(const std::string& path, const GraphValues& values = {});
+vexa::VXGraphInfo readGraphFile(const std::string& path, const GraphValues& values = {},
+                                Limits* limits = nullptr);
 
 // The formats of ports for access units and pictures.
 constexpr char kUnits[] = "video/bitstream", kPictures[] = "video/raw";

@@ -234,12 +234,12 @@ std::string TestedDecoder::refusal(const std::string& codec) const {
     return mName + " does not decode " + codec;
 }
 
-VXGraphInfo TestedDecoder::graphFor(const DecodeOptions& options) const {
+VXGraphInfo TestedDecoder::graphFor(const DecodeOptions& options, Limits* limits) const {
     const bool anyFormat = options.format == "None" || options.format == "Unknown";
     const std::string format = anyFormat ? "" : options.format;
     if (!mGraph.empty()) {
         const std::string input = fs::absolute(options.input);
-        return readGraphFile(mGraph, {{"{input}", input}, {"{format}", format}});
+        return readGraphFile(mGraph, {{"{input}", input}, {"{format}", format}}, limits);
     }
     VXGraphInfo graph;
     graph.name = "decode";

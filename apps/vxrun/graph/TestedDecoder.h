@@ -2,6 +2,7 @@
 // (docs/decoders.md).
 #pragma once
 
+#include "Limits.h"
 #include "Vxkit.h"
 
 #include <VXGraph.h>
@@ -56,7 +57,8 @@ public:
     // source/bitstream -> decoder -> sink/file, sink/checksum or both: the nodes reader, decoder,
     // writer and md5. A decoder that reads files itself has no reader; without libavformat it is a
     // source/ivf.
-    vexa::VXGraphInfo graphFor(const DecodeOptions& options) const;
+    // `limits`, unless null, becomes those of a template.
+    vexa::VXGraphInfo graphFor(const DecodeOptions& options, Limits* limits = nullptr) const;
 
     // Those of the shipped descriptions.
     static std::vector<TestedDecoder> shipped();

@@ -1,6 +1,7 @@
 #include "Runner.h"
 
 #include "Console.h"
+#include "Measured.h"
 #include "Progress.h"
 #include "Snapshot.h"
 #include "Text.h"
@@ -62,10 +63,12 @@ public:
     // [run thread]
     void execute() {
         if (const auto graph = VXGraph::BuildFromGraphInfo(mInfo, weak_from_this())) {
+            mEvidence.noteStart();
             if (graph->runAsync() == vexa::VX_OK) {
                 mSnapshots.draw(age(), "start");
                 while (!mEnding) sem_wait(&mEnd);
             }
+            mEvidence.noteEnd();
             graph->stop();
         } else if (mEvidence.setFailure(Verdict::GraphBuildFail)) {
             // The only failure that the library reports in its log alone.
@@ -241,6 +244,26 @@ struct Current {
     _exit((*sCurrent.conclude)(*sCurrent.evidence));
 }
 
+// Fails a run that got to its end when it does not meet its limits.
+void judgeLimits(const Limits& limits, Evidence* evidence) {
+    const Verdict verdict = evidence->verdict();
+    if (exitCode(verdict) != 0 && verdict != Verdict::NothingChecked) return;
+    for (const LimitCheck& check : checkLimits(limits, *evidence)) {
+        if (check.isMet) continue;
+        const LimitKind& kind = check.kind;
+        if (!check.value) {
+            console::line(concat("vxrun: ", kind.name, " cannot be checked: ", kind.figure));
+            evidence->setFailure(Verdict::NothingChecked);
+            continue;
+        }
+        const int digits = kind.isSize ? 0 : 1;
+        const std::string limit = kind.isSize ? decimal(check.limit, 0) : concat(check.limit);
+        console::line(concat("vxrun: ", decimal(*check.value, digits), kind.unit, ", at ",
+                             kind.isLeast ? "least " : "most ", limit, " asked for"));
+        evidence->setFailure(Verdict::Performance);
+    }
+}
+
 // Fails the run for pools that miss buffers, and prints a line per pool when `stats` is set.
 void closePools(Evidence* evidence, bool stats) {
     for (const PoolRecord* pool : evidence->pools()) {
@@ -301,7 +324,11 @@ void runGraph(VXGraphInfo info, const RunOptions& options, Evidence* evidence,
     }
     std::set_terminate(terminate);
     if (trace != nullptr && !trace->flush()) evidence->setFailure(Verdict::NotWritten);
+    if (options.stats) {
+        for (const std::string& line : statsLines(*evidence)) console::note("vxrun: " + line);
+    }
     closePools(evidence, options.stats);
+    judgeLimits(options.limits, evidence);
 }
 
 int concluded(Evidence* evidence, const Conclude& conclude, const std::function<int()>& action) {

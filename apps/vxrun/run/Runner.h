@@ -1,6 +1,7 @@
 // Runner: builds and runs one graph, and makes sure that the program ends.
 #pragma once
 
+#include "Limits.h"
 #include "Vxkit.h"
 
 #include <VXGraph.h>
@@ -18,7 +19,8 @@ struct RunOptions {
     std::string trace;     // the trace file; empty: none
     std::string dot;       // the folder for pictures of the graph; empty: none
     std::string logMask;   // of the library's log, in hexadecimal; empty: the system's setting
-    bool stats = false;    // print what every buffer pool has done
+    bool stats = false;    // print what was measured
+    Limits limits;         // that a run which gets to its end has to meet
 };
 
 // Reports the verdict of a run where it is expected, and returns the exit code. [any thread]
