@@ -40,7 +40,10 @@ int start(int argc, char** argv) {
 
     console::configure(options.quiet, options.color);
     Evidence evidence;
-    const auto conclude = [&](const Evidence& shown) { return command.conclude(shown); };
+    const RunReport report = newReport(options);
+    const auto conclude = [&](const Evidence&) {
+        return reportAndConclude(command, report, &evidence);
+    };
     return concluded(&evidence, conclude, [&] {
         if (!mistake.empty()) throw Failure("vxrun: " + mistake, Verdict::BadOption);
         if (command.readsGraph() && options.graph.empty()) {

@@ -1,10 +1,12 @@
 #include "Command.h"
 
 #include "BadFrames.h"
+#include "Console.h"
 #include "Crash.h"
 #include "MediaLibraries.h"
 #include "Recording.h"
 #include "Text.h"
+#include "Version.h"
 
 #include <vxkit/NodeLibrary.h>
 #include <vxkit/NodeType.h>
@@ -28,6 +30,21 @@ std::string checkMask(const std::string& mask) {
     const bool hex = !mask.empty() && mask.size() <= 8 &&
                      mask.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
     return hex ? "" : "expected a hexadecimal mask, got " + quote(mask);
+}
+
+std::string mistakeIn(const LimitKind& kind, const std::string& text) {
+    try {
+        parseLimit(kind, text);
+        return "";
+    } catch (const Failure& failure) {
+        return failure.what();
+    }
+}
+
+std::string optionOf(const LimitKind& kind) {
+    std::string option = "--" + kind.name;
+    std::replace(option.begin(), option.end(), '_', '-');
+    return option;
 }
 
 }  // namespace
@@ -58,7 +75,17 @@ void CommonOptions::addTo(CLI::App* app) {
     addOption(app, "--dot DIR", &run.dot, "Draw the graph at the start and with every snapshot");
     addOption(app, "--color WHEN", &color, "Colors: always, never or auto (default)")
         ->check(CLI::IsMember({"always", "never", "auto"}));
-    app->add_flag("--stats", run.stats, "Print what every buffer pool did");
+    app->add_flag("--stats", run.stats, "Print what was measured, and what every buffer pool did");
+    addOption(app, "--json FILE", &reports["json"], "Write a report: json");
+    addOption(app, "--junit FILE", &reports["junit"], "Write a report: junit");
+    for (const LimitKind& kind : limitKinds()) {
+        const auto set = [this, &kind](const std::string& text) {
+            run.limits[kind.name] = parseLimit(kind, text);
+        };
+        app->add_option_function<std::string>(optionOf(kind), set, kind.help)
+            ->type_name(kind.usage)
+            ->check([&kind](const std::string& text) { return mistakeIn(kind, text); });
+    }
     app->add_flag("--quiet", quiet, "Print the verdict only");
 }
 
@@ -156,10 +183,38 @@ static void useProcessors(vexa::VXGraphInfo* graph) {
     decoder->configs.try_emplace("threads", std::to_string(threads));
 }
 
-int runToVerdict(const Command& command, vexa::VXGraphInfo graph, const CommonOptions& options,
+RunReport newReport(const CommonOptions& options) {
+    RunReport report = {options.reports, {}, "", options.graph, options.run.limits};
+    const auto isAsked = [](const auto& file) { return !file.second.empty(); };
+    if (std::none_of(report.files.begin(), report.files.end(), isAsked)) return report;
+    report.facts = environmentFacts();  // which loads libraries
+    report.facts.emplace_back("command_line", options.commandLine);
+    return report;
+}
+
+int reportAndConclude(const Command& command, const RunReport& report, Evidence* evidence) {
+    // A bad option has its line, and it may be this one.
+    const bool isBadOption = evidence->verdict() == Verdict::BadOption;
+    for (const Failure& failure : writeRunReports(report, *evidence, true)) {
+        if (!isBadOption) console::line(failure.what());
+        if (exitCode(evidence->verdict()) == 0) evidence->setFailure(Verdict::NotWritten);
+    }
+    return command.conclude(*evidence);
+}
+
+int runToVerdict(const Command& command, Task task, const CommonOptions& options,
                  Evidence* evidence) {
+    vexa::VXGraphInfo& graph = task.graph;
     options.edits().applyTo(&graph);
     useProcessors(&graph);
+    RunOptions run = options.runOptions();
+    run.limits.insert(task.limits.begin(), task.limits.end());  // those of options win
+    RunReport report = newReport(options);
+    report.graph = graph.name;
+    report.input = task.input;
+    report.limits = run.limits;
+    const auto failures = writeRunReports(report, *evidence, false);
+    if (!failures.empty()) throw Failure(failures.front());
     std::optional<Recording> recording;
     if (!options.record.empty()) {
         recording.emplace(options.record, options.force, &graph);
@@ -174,8 +229,10 @@ int runToVerdict(const Command& command, vexa::VXGraphInfo graph, const CommonOp
             }
         },
         nullptr);
-    const Conclude conclude = [&](const Evidence& shown) { return command.conclude(shown); };
-    runGraph(std::move(graph), options.runOptions(), evidence, conclude);
+    const Conclude conclude = [&](const Evidence&) {
+        return reportAndConclude(command, report, evidence);
+    };
+    runGraph(std::move(graph), run, evidence, conclude);
     if (recording && exitCode(evidence->verdict()) == 0) recording->commit();
     return conclude(*evidence);
 }

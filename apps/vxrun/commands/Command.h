@@ -2,6 +2,7 @@
 #pragma once
 
 #include "GraphFile.h"
+#include "RunReport.h"
 #include "Runner.h"
 #include "TestedDecoder.h"
 
@@ -32,6 +33,7 @@ struct CommonOptions {
     std::string color = "auto";
     bool quiet = false;
     RunOptions run;
+    ReportFiles reports;  // of a run; a suite has its own
 };
 
 // Life     static; registered before main(), its members are the options of the one command line.
@@ -83,8 +85,19 @@ void addDecoderOptions(CLI::App* command, DecoderOptions* options);
 // Adds those options of `app` that apply to `command` to its help.
 void showOptions(const CLI::App& app, const std::vector<std::string>& names, CLI::App* command);
 
-// Runs `graph` with the options, writes the list of --record when all is well, and concludes.
-int runToVerdict(const Command& command, vexa::VXGraphInfo graph, const CommonOptions& options,
+// The report of a run of which no more is known than the options.
+RunReport newReport(const CommonOptions& options);
+// Writes the reports of a run that has ended, and concludes.
+int reportAndConclude(const Command& command, const RunReport& report, Evidence* evidence);
+
+// What is run: a graph with its limits, and the file that it is about.
+struct Task {
+    vexa::VXGraphInfo graph;
+    Limits limits;
+    std::string input;
+};
+// Runs `task` with the options, writes the list of --record when all is well, reports and concludes.
+int runToVerdict(const Command& command, Task task, const CommonOptions& options,
                  Evidence* evidence);
 
 }  // namespace vxrun

@@ -27,7 +27,8 @@ public:
             ->check(CLI::Range(0, 255));
         showOptions(*app,
                     {"--nodes", "--set", "--record", "--force", "--log", "--timeout", "--stall",
-                     "--progress", "--trace", "--dot", "--color", "--stats", "--quiet"},
+                     "--progress", "--trace", "--dot", "--color", "--stats", "--json", "--junit",
+                     "--min-fps", "--max-latency-p99", "--max-rss", "--quiet"},
                     decode);
         return decode;
     }
@@ -41,7 +42,10 @@ public:
             if (!reason.empty()) throw Failure("vxrun: " + reason, Verdict::NotSupported);
         }
         decoder.setEnvironment();
-        return runToVerdict(*this, decoder.graphFor(mDecode), options, evidence);
+        Task task;
+        task.input = mDecode.input;
+        task.graph = decoder.graphFor(mDecode, &task.limits);
+        return runToVerdict(*this, std::move(task), options, evidence);
     }
 
     // On standard error: the MD5 is the last line on standard output.

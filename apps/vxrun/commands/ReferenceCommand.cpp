@@ -18,7 +18,9 @@ public:
             "reference", "Fills in the results that a suite lacks with those of a decoder");
         mSuite.addTo(reference);
         addOption(reference, "-o,--output FILE", &mOutput, "The suite to write, default this one");
-        for (const char* const option : {"--record", "--progress", "--trace", "--dot"}) {
+        for (const char* const option :
+             {"--record", "--progress", "--trace", "--dot", "--json", "--junit", "--min-fps",
+              "--max-latency-p99", "--max-rss"}) {
             reference->excludes(app->get_option(option));
         }
         showOptions(

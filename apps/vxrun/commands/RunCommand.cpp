@@ -48,7 +48,10 @@ public:
     int execute(const CommonOptions& options, Evidence* evidence) override {
         if (mListNodes) return listNodes();
         if (mListDecoders) return listDecoders();
-        return runToVerdict(*this, readGraphFile(options.graph), options, evidence);
+        Task task;
+        task.input = options.graph;
+        task.graph = readGraphFile(options.graph, {}, &task.limits);
+        return runToVerdict(*this, std::move(task), options, evidence);
     }
 
 private:

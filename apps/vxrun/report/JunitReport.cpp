@@ -1,41 +1,10 @@
 // junit: JUnit XML, as CI systems read it.
 #include "Report.h"
 #include "Text.h"
-
-#include <sys/utsname.h>
-
-#include <nlohmann/json.hpp>
-#include <pugixml.hpp>
-
-#include <algorithm>
-#include <ctime>
+#include "Xml.h"
 
 namespace vxrun {
 namespace {
-
-// `text` without what XML 1.0 forbids, which codecs' logs contain: bytes that are not UTF-8,
-// control characters, U+FFFE and U+FFFF.
-std::string xmlText(const std::string& text) {
-    using nlohmann::json;
-    const std::string quoted = json(text).dump(-1, ' ', false, json::error_handler_t::ignore);
-    std::string clean = json::parse(quoted).get<std::string>();
-    const auto forbidden = [](unsigned char c) { return c < ' ' && c != '\t' && c != '\n'; };
-    clean.erase(std::remove_if(clean.begin(), clean.end(), forbidden), clean.end());
-    for (const char* const bytes : {"\xEF\xBF\xBE", "\xEF\xBF\xBF"}) {
-        for (size_t at; (at = clean.find(bytes)) != clean.npos;) clean.erase(at, 3);
-    }
-    return clean;
-}
-
-using Attributes = std::vector<std::pair<const char*, std::string>>;
-
-pugi::xml_node addNode(pugi::xml_node parent, const char* kind, const Attributes& attributes) {
-    pugi::xml_node node = parent.append_child(kind);
-    for (const auto& [name, value] : attributes) {
-        node.append_attribute(name) = xmlText(value).c_str();
-    }
-    return node;
-}
 
 // `name`: of the suite.
 void addCase(pugi::xml_node parent, const std::string& name, const Suite& suite,
@@ -69,17 +38,10 @@ Attributes countsOf(const std::string& name, const Counts& counts) {
 
 void addSuite(pugi::xml_node root, const std::string& name, const Suite& suite,
               const SuiteResults& results) {
-    utsname system{};
-    uname(&system);
-    const time_t time = std::time(nullptr);
-    std::tm now{};
-    gmtime_r(&time, &now);
     const Counts counts = suite.counts();
     Attributes attributes = countsOf(name, counts);
-    attributes.insert(attributes.end(),
-                      {{"skipped", std::to_string(counts.skipped())},
-                       {"timestamp", concat(std::put_time(&now, "%Y-%m-%dT%H:%M:%S"))},
-                       {"hostname", system.nodename}});
+    attributes.emplace_back("skipped", std::to_string(counts.skipped()));
+    for (const auto& attribute : timeAndPlace()) attributes.push_back(attribute);
     pugi::xml_node node = addNode(root, "testsuite", attributes);
     pugi::xml_node properties = node.append_child("properties");
     const auto addProperty = [&](const std::string& property, const std::string& value) {
@@ -101,15 +63,7 @@ std::string junitReport(const SuiteResults& results) {
         const bool isOne = results.columns.size() == 1;
         addSuite(root, suite.name + (isOne ? "" : "." + suite.decoder), suite, results);
     }
-    // Not through a stream: pugixml was built for one standard library, and this may use another.
-    struct Writer final : pugi::xml_writer {
-        void write(const void* data, size_t size) override {
-            text.append(static_cast<const char*>(data), size);
-        }
-        std::string text;
-    } writer;
-    document.save(writer, "  ", pugi::format_indent, pugi::encoding_utf8);
-    return writer.text;
+    return textOf(document);
 }
 
 const bool kRegistered = registerReportKind({"junit", junitReport});
