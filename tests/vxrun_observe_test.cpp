@@ -335,7 +335,7 @@ TEST_F(VxrunObserved, ChecksFindEverything) {
 "connections": { "a.out": ["b.in", "f"], "c.out": ["c.in", "b.in"], "g": [], "d.out": "e.in" } }
 )");
     const char* const mistakes[] = {
-        ":1:24: speed: unknown key, expected one of name, nodes_from, nodes, connections",
+        ":1:24: speed: unknown key, expected one of name, nodes_from, limits, nodes, connections",
         ":1:11: name: expected a name, got ''",
         ":3:59: nodes[0].configs.file: expected a string, a number or a boolean, got an array",
         ":4:60: nodes[0].outputs[1]: missing key 'format'",
@@ -409,6 +409,135 @@ TEST_F(VxrunObserved, ChecksFindEverything) {
         EXPECT_EQ(checked.exit, c.line.empty() ? 0 : 2);
         expectHas(checked.err, c.line);
     }
+}
+
+// Catches: a node's frames, waits or queue that are counted wrongly, or at another node.
+TEST_F(VxrunObserved, MeasuresNodes) {
+    constexpr int kFrames = 20;
+    writeFile(path("clip.y4m"), y4m("W6 H4", 36, kFrames));
+    const std::string slow = replaced(contentOf(unchecked("linear")), "passthrough\"",
+                                      R"(delay", "configs": { "ms": 10 })");
+    writeFile(path("slow.json"), slow);
+    const Result result = vxrun({path("slow.json"), "--json", path("json"), "--stats"});
+    expectHas(result.err, "vxrun: node 'copy': frames=20 busy=");
+    const Json run = Json::parse(contentOf(path("json")))["run"];
+    // The delay's clock alone takes this long; as long as it runs, up to 4 works are out.
+    EXPECT_GE(run["seconds"], 0.2);
+    EXPECT_LE(run["frames_per_second"], 100);
+    const Json &reader = run["nodes"][0], &copy = run["nodes"][1], &check = run["nodes"][2];
+    for (const Json& node : run["nodes"]) {
+        const Json& waits = node["waiting_seconds"];
+        EXPECT_EQ(node["frames"], kFrames);
+        EXPECT_LE(node["busy_seconds"].get<double>() + waits["input"].get<double>() +
+                      waits["room"].get<double>() + waits["buffer"].get<double>(),
+                  run["seconds"].get<double>() + 0.1);
+    }
+    EXPECT_EQ(copy["type"], "transform/delay");
+    EXPECT_GT(reader["waiting_seconds"]["room"], 0.02);
+    EXPECT_EQ(reader["waiting_seconds"]["buffer"], 0);
+    EXPECT_GT(check["waiting_seconds"]["input"], 0.02);
+    EXPECT_EQ(reader["queue_high_water"], 0);
+    EXPECT_GE(copy["queue_high_water"], 1);
+    EXPECT_LE(copy["queue_high_water"], 4);
+    EXPECT_EQ(run["pools"][0]["left_out"], 0);
+    // With a single buffer it is that which the source waits for.
+    vxrun({path("slow.json"), "--json", path("json"), "reader.slots=1"});
+    const Json one = Json::parse(contentOf(path("json")))["run"]["nodes"][0];
+    EXPECT_GT(one["waiting_seconds"]["buffer"], 0.02);
+}
+
+// Catches: a limit that is not applied, hides a wrong picture or passes unmeasured, one of a graph
+// file that is not read or not overruled; pictures that are not matched with their access units.
+TEST_F(VxrunObserved, AppliesLimits) {
+    makeClip();
+    const std::string linear = moved(graph("linear"), "linear.json"), text = contentOf(linear),
+                      limits = R"("limits": { "min_fps": 1e9, "max_rss": "1k" }, "nodes")";
+    writeFile(path("limited.json"), replaced(text, "\"nodes\"", limits));
+    writeFile(path("wrong.json"),
+              replaced(text, "\"nodes\"", R"("limits": { "fps": 1 }, "nodes")"));
+    const Words limited = {path("limited.json")}, met = {"--min-fps", "0.001", "--max-rss", "4G"};
+    writeFile(path("bad"), replaced(contentOf(path("clip.framemd5")), "36, ", "37, "));
+    const std::string slow = " frames/s, at least 1e+09 asked for\n";
+    const struct {
+        Words arguments;
+        int exit;
+        std::string verdict, line;
+    } cases[] = {
+        {Words{linear} + met, 0, "PASS", ""},
+        {limited + met, 0, "PASS", ""},
+        {limited, 1, "PERFORMANCE", slow},
+        {limited, 1, "PERFORMANCE", " bytes of memory, at most 1024 asked for\n"},
+        {limited + Words{"check.expect=" + path("bad")}, 1, "CRC_MISMATCH", ""},
+        {{linear, "--max-latency-p99", "1e9"}, 4, "NOTHING_CHECKED", "max_latency_p99 cannot be"},
+        {{linear, "--min-fps", "0"}, 2, "BAD_OPTION", "--min-fps: expected a number from 0.001"},
+        {{linear, "--max-rss", "1T"}, 2, "BAD_OPTION", "--max-rss: expected a number from 1"},
+        {{path("wrong.json")}, 2, "CORRUPT_DESCR", "limits.fps: unknown key, expected one of min_"},
+    };
+    for (const auto& c : cases) {
+        const Result result = vxrun(c.arguments);
+        EXPECT_EQ(result.exit, c.exit) << result.err;
+        expectHas(result.out, "verdict: " + c.verdict + " ");
+        expectHas(result.err, c.line);
+    }
+    expectHas(vxrun({"check", path("wrong.json")}).err, "limits.fps: unknown key");
+    if (!makeVideo("clip.mkv", "yuv420p", "libx264")) GTEST_SKIP() << "no ffmpeg program";
+    const Words decode = {"decode", path("clip.mkv"), "--json", path("json"), "--max-latency-p99"};
+    const Result late = vxrun(decode + Words{"0.001"});
+    EXPECT_EQ(late.exit, 1);
+    expectHas(late.err, " ms of latency (p99), at most 0.001 asked for\n");
+    EXPECT_EQ(vxrun(decode + Words{"1e9"}).exit, 0);
+    const Json run = Json::parse(contentOf(path("json")))["run"];
+    EXPECT_EQ(run["latency_ms"]["frames"], 30);
+    EXPECT_LE(run["latency_ms"]["p50"], run["latency_ms"]["max"]);
+    EXPECT_EQ(run["limits"][0]["met"], true);
+}
+
+// Catches: a run that ends without its reports, or with invalid ones, however it ends.
+TEST_F(VxrunObserved, WritesReportsOfRuns) {
+    makeClip();
+    const std::string linear = moved(graph("linear"), "linear.json");
+    writeFile(path("bad"), replaced(contentOf(path("clip.framemd5")), "36, ", "37, "));
+    const Words reports = {"--json", path("json"), "--junit", path("junit"), "--log", "8"},
+                pipe = {"reader.file=" + path("pipe")};
+    const struct {
+        Words arguments;
+        std::string verdict;
+        int exit;
+        std::string junit;
+        int signal = 0;
+    } cases[] = {
+        {{}, "PASS", 0, "failures=\"0\" errors=\"0\""},
+        {{"check.expect=" + path("bad")}, "CRC_MISMATCH", 1, "<failure type=\"CRC_MISMATCH\""},
+        {pipe + Words{"--stall", "1"}, "STALL", 124, "<error type=\"STALL\""},
+        {pipe, "SIGINT", 130, "<error type=\"SIGINT\"", SIGINT},
+        {pipe, "DID_NOT_FINISH", -SIGKILL, "<error type=\"DID_NOT_FINISH\"", SIGKILL},
+        {{"reader.speed=1"}, "NODE_FAIL_INIT", 3, "unknown config 'speed'"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.verdict);
+        const int writer = makePipe(contentOf(path("clip.y4m")) + "FRAME\n");
+        Process process(command(Words{linear} + reports + c.arguments));
+        if (c.signal != 0) {
+            EXPECT_TRUE(process.waitFor("Wait for completion"));
+            process.kill(c.signal);
+        }
+        EXPECT_EQ(process.wait(), c.exit);
+        const Json document = Json::parse(contentOf(path("json")));
+        const Json& run = document["run"];
+        EXPECT_EQ(run["verdict"], c.verdict);
+        EXPECT_EQ(run.value("exit_code", c.exit), c.exit);
+        EXPECT_EQ(run["error"] == "", c.exit <= 0);
+        EXPECT_EQ(run["first_bad"].is_null(), c.exit != 1);
+        expectHas(document["system_info"]["command_line"], "--junit");
+        expectHas(contentOf(path("junit")), c.junit);
+        expectHas(contentOf(path("junit")), "classname=\"linear\"");
+        EXPECT_FALSE(std::filesystem::exists(path("json.part")));
+        close(writer);
+        std::filesystem::remove(path("pipe"));
+    }
+    const Result nowhere = vxrun({linear, "--json", path("none/json")});
+    EXPECT_EQ(nowhere.exit, 2);
+    expectHas(nowhere.err, "vxrun: --json: " + path("none/json"));
 }
 
 // Catches: colors in a file, or none where they are asked for.
