@@ -92,7 +92,7 @@ std::vector<std::string> statsLines(const Evidence& evidence) {
                                " room=", secondsText(times.spentIn(NodeTimes::WAITS_FOR_ROOM)),
                                " buffer=", secondsText(times.spentIn(NodeTimes::WAITS_FOR_BUFFER)),
                                " cpu=", secondsText(times.processor()),
-                               " queue_high_water=", times.queueHighWater()));
+                               " queue=", times.queueHighWater()));
     }
     return lines;
 }
