@@ -46,10 +46,10 @@ Histogram::Time Histogram::percentile(double percent) const {
 }
 
 void NodeTimes::enter(Phase phase) {
-    if (mPhase == ENDED) return;
+    if (mPhase == ENDED || mPhase == phase) return;
     const auto now = Clock::now();
     if (mPhase != PHASES) {
-        set(&mSpent[mPhase], mSpent[mPhase] + Time(now - mSince).count());
+        set<int64_t>(&mSpent[mPhase], mSpent[mPhase] + Time(now - mSince).count());
     }
     // The clock of a thread is a system call, so it is not read after each of many short hooks.
     constexpr std::chrono::milliseconds kRead(10);
