@@ -31,6 +31,7 @@ NodeRecord& Evidence::addNode(vexa::VXNode& node, const std::string& name,
     record.name = name;
     record.allocator = allocator;
     record.sink = sink;
+    if (mMeasuresTimes) record.times.start();
     return record;
 }
 

@@ -183,10 +183,14 @@ static void useProcessors(vexa::VXGraphInfo* graph) {
     decoder->configs.try_emplace("threads", std::to_string(threads));
 }
 
+static bool wantsReports(const CommonOptions& options) {
+    return std::any_of(options.reports.begin(), options.reports.end(),
+                       [](const auto& file) { return !file.second.empty(); });
+}
+
 RunReport newReport(const CommonOptions& options) {
     RunReport report = {options.reports, {}, "", options.graph, options.run.limits};
-    const auto isAsked = [](const auto& file) { return !file.second.empty(); };
-    if (std::none_of(report.files.begin(), report.files.end(), isAsked)) return report;
+    if (!wantsReports(options)) return report;
     report.facts = environmentFacts();  // which loads libraries
     report.facts.emplace_back("command_line", options.commandLine);
     return report;
@@ -207,6 +211,7 @@ int runToVerdict(const Command& command, Task task, const CommonOptions& options
     vexa::VXGraphInfo& graph = task.graph;
     options.edits().applyTo(&graph);
     useProcessors(&graph);
+    if (options.run.stats || wantsReports(options)) evidence->measureTimes();
     RunOptions run = options.runOptions();
     run.limits.insert(task.limits.begin(), task.limits.end());  // those of options win
     RunReport report = newReport(options);

@@ -179,6 +179,8 @@ public:
     // before the run.
     void expectNoCheck() { mChecks = false; }
 
+    // The times of nodes are measured, see NodeTimes. Call before the run.
+    void measureTimes() { mMeasuresTimes = true; }
     // The graph starts; it has ended. The time between the two, or from the first until now.
     void noteStart() { mStart = Clock::now().time_since_epoch(); }
     void noteEnd() { mEnd = Clock::now().time_since_epoch(); }
@@ -233,6 +235,7 @@ private:
     std::optional<Verdict> mFailure;  // guarded by mLock
     std::string mStreamMd5;           // guarded by mLock
     bool mChecks = true;              // as it was set before the run
+    bool mMeasuresTimes = false;      // likewise
     // Since the clock's epoch; 0: not yet.
     std::atomic<Clock::duration> mStart{Clock::duration(0)}, mEnd{Clock::duration(0)};
     Histogram mLatency;

@@ -39,7 +39,8 @@ private:
 };
 
 // NodeTimes: how the event thread of a node spends its time. Every moment from the node's first
-// hook on belongs to exactly one phase.
+// hook on belongs to exactly one phase. It costs about 10 looks at the clock per frame, and so
+// nothing is measured without start().
 //
 // Life     that of its node's record.
 // Threads  the event thread, and end() when that has stopped; the operations that are const: any.
@@ -57,6 +58,8 @@ public:
         PHASES
     };
 
+    // Before the first hook.
+    void start() { mPhase = PHASES; }
     // From now on it is in `phase`. There is no way back from ENDED.
     void enter(Phase phase);
     // `works` wait for the node, or are in its hands.
@@ -77,7 +80,7 @@ private:
         to->store(value, std::memory_order_relaxed);
     }
 
-    Phase mPhase = PHASES;  // none yet
+    Phase mPhase = ENDED;  // PHASES: none yet
     Clock::time_point mSince;
     Clock::time_point mProcessorRead;
     std::array<std::atomic<int64_t>, PHASES + 1> mSpent{};  // nanoseconds, also of no phase
