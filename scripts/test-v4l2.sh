@@ -71,14 +71,14 @@ shipped=(mc videodev videobuf2-common videobuf2-v4l2 videobuf2-memops videobuf2-
 build debug vxrun v4l2_fences v4l2_faults
 root=$work/root
 rm -rf $root && mkdir -p $root/{bin,dev,proc,sys,tmp,modules,data}
-cp /bin/busybox build/debug/apps/vxrun/vxrun $root/bin
+cp /bin/busybox build/debug/apps/vxrun/vxrun{,-libav.so} $root/bin
 cp "$modules"/*.ko $root/modules
 cp tests/v4l2/*.{json,sh} build/debug/tests/libv4l2_*.so $root/data
 for clip in clip=640x360 large=1280x720; do
     ffmpeg -v error -f lavfi -i testsrc2=size=${clip#*=}:rate=25:duration=0.64 -pix_fmt yuv420p "$root/data/${clip%=*}.y4m"
 done
 for library in libv4l2_fences libv4l2_faults; do strip "$root/data/$library.so"; done
-ldd build/debug/apps/vxrun/vxrun | grep -o '/[^ ]*' | sort -u | while read -r library; do
+ldd build/debug/apps/vxrun/vxrun{,-libav.so} | grep -o '/[^ ]*' | sort -u | while read -r library; do
     mkdir -p "$root$(dirname "$library")"
     strip -o "$root$library" "$library" 2>/dev/null || cp -L "$library" "$root$library"
 done
