@@ -22,7 +22,15 @@ StreamInfo rawStream(const PictureFormat& picture) {
 void PictureReader::readFrame(const FrameView& picture) {
     const uint64_t offset = mFile.offset();
     size_t actual = 0;
-    picture.forEachRow([&](uint8_t* row, size_t bytes) { actual += mFile.read(row, bytes); });
+    for (int plane = 0; plane < picture.format().pixels.planes; ++plane) {
+        const size_t bytes = picture.format().rowBytes(plane);
+        const int rows = picture.format().rows(plane);
+        // Rows without padding between them are read at once, past the file's buffer.
+        const int step = picture.stride() == bytes ? rows : 1;
+        for (int y = 0; y < rows; y += step) {
+            actual += mFile.read(picture.row(plane, y), bytes * static_cast<size_t>(step));
+        }
+    }
     if (actual != picture.size()) {
         failFrame(offset,
                   concat("truncated: expected ", picture.size(), " bytes, actual ", actual));
