@@ -3,9 +3,9 @@
 #include "RateDistortion.h"
 #include "Report.h"
 #include "Text.h"
+#include "Xml.h"
 
 #include <nlohmann/json.hpp>
-#include <pugixml.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -187,27 +187,23 @@ public:
     }
 
     std::string text() {
-        mSvg = mDocument.append_child("svg");
-        set(mSvg,
+        mSvg = addNode(
+            mDocument, "svg",
             {{"xmlns", "http://www.w3.org/2000/svg"}, {"viewBox", "0 0 720 480"}, {"role", "img"}});
         const std::string title = "Rate-distortion of " + printable(mLadder.source);
         mSvg.append_child("title").text() = title.c_str();
         mSvg.append_child("style").text() = kStyle;
-        set(mSvg.append_child("rect"), {{"class", "paper"}, {"width", "100%"}, {"height", "100%"}});
+        addNode(mSvg, "rect", {{"class", "paper"}, {"width", "100%"}, {"height", "100%"}});
         addText(360, 28, "title", title);
         addText(375, 468, "middle", "bit rate (bit/s, logarithmic)");
-        set(addText(0, 0, "middle", "mean luma PSNR (dB)"),
-            {{"transform", "translate(18 235) rotate(-90)"}});
+        addText(0, 0, "middle", "mean luma PSNR (dB)").append_attribute("transform") =
+            "translate(18 235) rotate(-90)";
         addGrid();
         for (size_t e = 0; e < mCurves.size(); ++e) addCurve(e);
-        std::ostringstream text;
-        mDocument.save(text, " ");
-        return text.str();
+        return textOf(mDocument);
     }
 
 private:
-    using Attributes = std::vector<std::pair<const char*, std::string>>;
-
     static constexpr char kStyle[] =
         "text{font:13px sans-serif;fill:#222}.title{font-size:16px;text-anchor:middle}"
         ".middle{text-anchor:middle}.end{text-anchor:end}.paper{fill:#fff}"
@@ -218,23 +214,19 @@ private:
     static constexpr const char* kColors[] = {"#0072b2", "#d55e00", "#009e73",
                                               "#cc79a7", "#e69f00", "#56b4e9"};
 
-    static void set(pugi::xml_node node, const Attributes& attributes) {
-        for (const auto& [name, value] : attributes) {
-            node.append_attribute(name) = value.c_str();
-        }
-    }
     pugi::xml_node addText(double x, double y, const char* kind, const std::string& text) {
-        pugi::xml_node node = mSvg.append_child("text");
-        set(node, {{"x", decimal(x, 1)}, {"y", decimal(y, 1)}, {"class", kind}});
+        pugi::xml_node node =
+            addNode(mSvg, "text", {{"x", decimal(x, 1)}, {"y", decimal(y, 1)}, {"class", kind}});
         node.text() = text.c_str();
         return node;
     }
     void addLine(double x1, double y1, double x2, double y2) {
-        set(mSvg.append_child("line"), {{"class", "grid"},
-                                        {"x1", decimal(x1, 1)},
-                                        {"y1", decimal(y1, 1)},
-                                        {"x2", decimal(x2, 1)},
-                                        {"y2", decimal(y2, 1)}});
+        addNode(mSvg, "line",
+                {{"class", "grid"},
+                 {"x1", decimal(x1, 1)},
+                 {"y1", decimal(y1, 1)},
+                 {"x2", decimal(x2, 1)},
+                 {"y2", decimal(y2, 1)}});
     }
 
     // Lines at 1, 2 and 5 times the powers of ten, and at the fewest steps of that kind for PSNR.
@@ -265,14 +257,13 @@ private:
             const std::string x = decimal(mX.at(std::log10(point.bitrate)), 1);
             const std::string y = decimal(mY.at(point.psnr), 1);
             path.append(x).append(",").append(y).append(" ");
-            set(mSvg.append_child("circle"), {{"cx", x}, {"cy", y}, {"r", "4"}, {"fill", color}});
+            addNode(mSvg, "circle", {{"cx", x}, {"cy", y}, {"r", "4"}, {"fill", color}});
         }
-        set(mSvg.append_child("polyline"),
-            {{"class", "curve"}, {"stroke", color}, {"points", path}});
+        addNode(mSvg, "polyline", {{"class", "curve"}, {"stroke", color}, {"points", path}});
         // The legend is where no curve that rises comes along: at the lower right.
         const double y = mY.from - 18.0 * static_cast<double>(mCurves.size() - encoder);
-        set(mSvg.append_child("circle"),
-            {{"cx", "690"}, {"cy", decimal(y, 1)}, {"r", "5"}, {"fill", color}});
+        addNode(mSvg, "circle",
+                {{"cx", "690"}, {"cy", decimal(y, 1)}, {"r", "5"}, {"fill", color}});
         addText(678, y + 4, "end", printable(mLadder.encoders[encoder]));
     }
 
