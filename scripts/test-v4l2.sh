@@ -78,7 +78,7 @@ for clip in clip=640x360 large=1280x720; do
     ffmpeg -v error -f lavfi -i testsrc2=size=${clip#*=}:rate=25:duration=0.64 -pix_fmt yuv420p "$root/data/${clip%=*}.y4m"
 done
 for library in libv4l2_fences libv4l2_faults; do strip "$root/data/$library.so"; done
-ldd build/debug/apps/vxrun/vxrun{,-libav.so} | grep -o '/[^ ]*' | sort -u | while read -r library; do
+ldd build/debug/apps/vxrun/vxrun{,-libav.so} | grep -v ':$' | grep -o '/[^ ]*' | sort -u | while read -r library; do
     mkdir -p "$root$(dirname "$library")"
     strip -o "$root$library" "$library" 2>/dev/null || cp -L "$library" "$root$library"
 done

@@ -93,7 +93,8 @@ export LD_PRELOAD=/data/libv4l2_faults.so
 VIDEO_FAULT=busy run decode.json --set reader.file=/tmp/clip.ivf --set writer.file=/tmp/x.yuv
 has '^verdict: NOT_SUPPORTED ' && has '/dev/video1: Device or resource busy'
 report "busy"
-stall=3 VIDEO_FAULT=silent run decode.json --set reader.file=/tmp/clip.ivf --set writer.file=/tmp/x.yuv
+stall=3 VIDEO_FAULT=silent run decode.json --set reader.file=/tmp/clip.ivf --set writer.file=/tmp/x.yuv \
+    --set reader.slots=8 --set decoder.slots=8 # the fault comes before all is in the device
 has '^verdict: STALL' && has 'not finished: reader, decoder (waits for /dev/video1), '
 report "a device that stops answering"
 unset LD_PRELOAD
