@@ -97,10 +97,9 @@ public:
           mHeight(std::min(planes.rows, kWindow)),
           mC1(std::pow(0.01 * peak * count(), 2)),
           mC2(std::pow(0.03 * peak * count(), 2)),
-          mActual(planes.columns),
-          mExpected(planes.columns),
-          mSquares(planes.columns),
-          mProducts(planes.columns) {}
+          mUpper(planes.columns),
+          mLower(planes.columns),
+          mAll(planes.columns) {}
 
     double mean() {
         const size_t right = mPlanes.columns - mWidth, bottom = mPlanes.rows - mHeight;
@@ -121,17 +120,47 @@ private:
     // Holds 8 squares, or 64 of 8-bit samples.
     using Sum = std::conditional_t<sizeof(Sample) == 1, uint32_t, uint64_t>;
 
+    // Of each column, over some rows.
+    struct Sums {
+        explicit Sums(size_t columns)
+            : actual(columns), expected(columns), squares(columns), products(columns) {}
+
+        std::vector<Sum> actual, expected, squares, products;
+        size_t top = SIZE_MAX;  // the first of the rows
+    };
+
     double count() const { return static_cast<double>(mWidth * mHeight); }
 
+    // Sums the columns of the windows from row `top` on. Their upper half is the lower one of those
+    // before, but for the last ones.
     void sumColumns(size_t top) {
-        for (auto* const sums : {&mActual, &mExpected, &mSquares, &mProducts}) {
-            std::fill(sums->begin(), sums->end(), 0);
+        if (mHeight < kWindow) return sumRows(top, mHeight, &mAll);
+        if (mLower.top == top) {
+            std::swap(mUpper, mLower);
+        } else {
+            sumRows(top, kStep, &mUpper);
         }
-        for (size_t y = top; y < top + mHeight; ++y) {
+        sumRows(top + kStep, kStep, &mLower);
+        for (const auto sums : {&Sums::actual, &Sums::expected, &Sums::squares, &Sums::products}) {
+            addUp((mUpper.*sums).data(), (mLower.*sums).data(), (mAll.*sums).data());
+        }
+    }
+
+    void addUp(const Sum* upper, const Sum* lower, Sum* __restrict all) const {
+        for (size_t x = 0; x < mPlanes.columns; ++x) all[x] = upper[x] + lower[x];
+    }
+
+    void sumRows(size_t top, size_t rows, Sums* sums) const {
+        for (auto* const of : {&sums->actual, &sums->expected, &sums->squares, &sums->products}) {
+            std::fill(of->begin(), of->end(), 0);
+        }
+        for (size_t y = top; y < top + rows; ++y) {
             addRow(mPlanes.actual + y * mPlanes.actualStride,
-                   mPlanes.expected + y * mPlanes.expectedStride, mPlanes.columns, mActual.data(),
-                   mExpected.data(), mSquares.data(), mProducts.data());
+                   mPlanes.expected + y * mPlanes.expectedStride, mPlanes.columns,
+                   sums->actual.data(), sums->expected.data(), sums->squares.data(),
+                   sums->products.data());
         }
+        sums->top = top;
     }
 
     static void addRow(const Sample* actual, const Sample* expected, size_t columns,
@@ -156,16 +185,17 @@ private:
             for (size_t x = 0; x < width; ++x) all += first[x];
             return static_cast<int64_t>(all);
         };
-        const int64_t a = sum(mActual), b = sum(mExpected);
+        const int64_t a = sum(mAll.actual), b = sum(mAll.expected);
         const int64_t means = a * a + b * b, samples = static_cast<int64_t>(mWidth * mHeight);
-        return (double(2 * a * b) + mC1) * (double(2 * (samples * sum(mProducts) - a * b)) + mC2) /
-               ((double(means) + mC1) * (double(samples * sum(mSquares) - means) + mC2));
+        return (double(2 * a * b) + mC1) *
+               (double(2 * (samples * sum(mAll.products) - a * b)) + mC2) /
+               ((double(means) + mC1) * (double(samples * sum(mAll.squares) - means) + mC2));
     }
 
     const PlanePair<Sample>& mPlanes;
-    const size_t mWidth, mHeight;                              // of a window
-    const double mC1, mC2;                                     // for sums in place of means
-    std::vector<Sum> mActual, mExpected, mSquares, mProducts;  // of each column
+    const size_t mWidth, mHeight;  // of a window
+    const double mC1, mC2;         // for sums in place of means
+    Sums mUpper, mLower, mAll;     // halves of the windows, and both
 };
 
 }  // namespace
