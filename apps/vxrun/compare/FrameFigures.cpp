@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <type_traits>
 
 // The loops over samples are written so that compilers vectorize them: no branches, whole numbers
@@ -99,18 +100,27 @@ public:
           mC2(std::pow(0.03 * peak * count(), 2)),
           mUpper(planes.columns),
           mLower(planes.columns),
-          mAll(planes.columns) {}
+          mAll(planes.columns),
+          mSteps(planes.columns / kStep) {}
 
     double mean() {
         const size_t right = mPlanes.columns - mWidth, bottom = mPlanes.rows - mHeight;
+        const bool isWhole = mWidth == kWindow && mHeight == kWindow;
         double sum = 0;
         size_t windows = 0;
         for (size_t y = 0; y < bottom + kStep; y += kStep) {
             sumColumns(std::min(y, bottom));
             for (size_t x = 0; x < right + kStep; x += kStep, ++windows) {
                 const size_t left = std::min(x, right);
-                sum += mWidth == kWindow ? ofWindow(left, std::integral_constant<size_t, kWindow>())
-                                         : ofWindow(left, mWidth);
+                const bool isOnSteps = isWhole && left % kStep == 0;
+                sum += isOnSteps ? ofWindow([at = left / kStep](const std::vector<Sum>&,
+                                                                const std::vector<Sum>& steps) {
+                    return steps[at] + steps[at + 1];
+                })
+                                 : ofWindow([&](const std::vector<Sum>& columns, const auto&) {
+                                       return std::accumulate(&columns[left],
+                                                              &columns[left] + mWidth, Sum{0});
+                                   });
             }
         }
         return sum / static_cast<double>(windows);
@@ -143,6 +153,11 @@ private:
         sumRows(top + kStep, kStep, &mLower);
         for (const auto sums : {&Sums::actual, &Sums::expected, &Sums::squares, &Sums::products}) {
             addUp((mUpper.*sums).data(), (mLower.*sums).data(), (mAll.*sums).data());
+            const Sum* column = (mAll.*sums).data();
+            for (Sum& step : mSteps.*sums) {
+                step = column[0] + column[1] + column[2] + column[3];
+                column += kStep;
+            }
         }
     }
 
@@ -175,27 +190,25 @@ private:
         }
     }
 
-    // In whole numbers as far as possible, so that equal windows have exactly 1. `width` is a
-    // number, or a constant: the loop is unrolled.
-    template <typename Width>
-    double ofWindow(size_t left, Width width) const {
-        const auto sum = [&](const std::vector<Sum>& columns) {
-            const Sum* const first = &columns[left];
-            Sum all = 0;
-            for (size_t x = 0; x < width; ++x) all += first[x];
-            return static_cast<int64_t>(all);
+    // In whole numbers as far as possible, so that equal windows have exactly 1. `sumOf` sums what
+    // the window has of columns, or of steps.
+    template <typename SumOf>
+    double ofWindow(SumOf sumOf) const {
+        const auto sum = [&](std::vector<Sum> Sums::*of) {
+            return static_cast<int64_t>(sumOf(mAll.*of, mSteps.*of));
         };
-        const int64_t a = sum(mAll.actual), b = sum(mAll.expected);
+        const int64_t a = sum(&Sums::actual), b = sum(&Sums::expected);
         const int64_t means = a * a + b * b, samples = static_cast<int64_t>(mWidth * mHeight);
         return (double(2 * a * b) + mC1) *
-               (double(2 * (samples * sum(mAll.products) - a * b)) + mC2) /
-               ((double(means) + mC1) * (double(samples * sum(mAll.squares) - means) + mC2));
+               (double(2 * (samples * sum(&Sums::products) - a * b)) + mC2) /
+               ((double(means) + mC1) * (double(samples * sum(&Sums::squares) - means) + mC2));
     }
 
     const PlanePair<Sample>& mPlanes;
     const size_t mWidth, mHeight;  // of a window
     const double mC1, mC2;         // for sums in place of means
     Sums mUpper, mLower, mAll;     // halves of the windows, and both
+    Sums mSteps;                   // the same of kStep columns each
 };
 
 }  // namespace
