@@ -175,7 +175,8 @@ TEST_F(VxrunBench, EndsWithTheFirstFailure) {
     EXPECT_FALSE(std::filesystem::exists(path("b.json.part")));
 }
 
-// Catches: an option that is accepted and ignored, a decoder that is missed in the first round only.
+// Catches: an option that is accepted and ignored, a decoder that is missed in the first round
+// only.
 TEST_F(VxrunBench, RefusesWhatCannotBeMeasured) {
     writeFile(path("gone.json"),
               R"({"name": "gone", "probe": ["nosuch"], "command": ["nosuch", "{input}"]})");

@@ -298,8 +298,9 @@ std::vector<std::vector<double>> numbersOf(std::string text, const std::string& 
 }
 
 // Catches: a window of samples that is lost, counted twice or misplaced at the end of a row or
-// column, or in a plane smaller than a window; sums that overflow in deep samples, samples lost where a vector ends, planes whose
-// strides or columns are mixed up, figures of all planes that are weighted wrongly.
+// column, or in a plane smaller than a window; sums that overflow in deep samples, samples lost
+// where a vector ends, planes whose strides or columns are mixed up, figures of all planes that are
+// weighted wrongly.
 TEST_F(VxrunCompare, FiguresAreThoseOfTheDefinition) {
     const struct {
         const char* fields;

@@ -97,7 +97,7 @@ TEST(Bitrates, HaveLimits) {
         {all, "max_window_deviation", "9.61", "9.59", "from frame 0 at 0.000 s on has 21920"},
         {all, "max_frame_bits", "7200", "7199", "frame 0 at 0.000 s has 7200 bits"},
         {all, "max_key_distance", "10", "9", "no key frame for 10 frames from frame 0"},
-        {all, "key_frames", "", "4", "frame 4 in the order of display is no key frame"},
+        {all, "key_frames", "", "4", "frame 4 in the order of display is not a key frame"},
         {all, "key_frames", "", "10", "frame 10 in the order of display does not exist"},
         {one, "max_deviation", "", "1000", "the bit rate is not known"}};
     for (const auto& c : cases) {

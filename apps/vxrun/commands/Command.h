@@ -96,7 +96,8 @@ struct Task {
     Limits limits;
     std::string input;
 };
-// Runs `task` with the options, writes the list of --record when all is well, reports and concludes.
+// Runs `task` with the options, writes the list of --record when all is well, reports and
+// concludes.
 int runToVerdict(const Command& command, Task task, const CommonOptions& options,
                  Evidence* evidence);
 

@@ -10,8 +10,8 @@
 
 namespace vxrun {
 
-// The name of a figure in reports: "psnr_y" for the kind "psnr" and the plane "Y", "psnr" for that of
-// all planes.
+// The name of a figure in reports: "psnr_y" for the kind "psnr" and the plane "Y", "psnr" for that
+// of all planes.
 std::string figureName(const std::string& kind, const std::string& plane);
 
 // FigureSeries: keeps every figure: 8 bytes for each frame and plane.

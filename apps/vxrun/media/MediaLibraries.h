@@ -51,15 +51,15 @@ public:
 // an unknown one.
 std::unique_ptr<Muxer> newMuxer(const std::string& container);
 
-// The answers of the room libav/, which registers them when it is loaded, as it does its node types.
+// The answers of the room libav/, which registers them, and its node types, when it is loaded.
 struct MediaLibraries {
     decltype(&mediaLibraries) versions;
     decltype(&vxrun::probeVideo) probeVideo;
     decltype(&vxrun::newMuxer) newMuxer;
 };
 bool registerMediaLibraries(const MediaLibraries& libraries);
-// Loads the room, unless it is there already, or this vxrun comes without it. Throws Failure when it
-// cannot be loaded.  [any thread]
+// Loads the room, unless it is there already, or this vxrun comes without it. Throws Failure when
+// it cannot be loaded.  [any thread]
 void loadMediaLibraries();
 
 }  // namespace vxrun

@@ -243,8 +243,9 @@ private:
         for (const uint64_t number : mKeyFrames) {
             if (number < mUnits.size() && mUnits[mOrder[number]].isKey) continue;
             countMismatch(number);
-            fail(kKeyFrames, concat("frame ", number, " in the order of display ",
-                                    number < mUnits.size() ? "is no key frame" : "does not exist"));
+            fail(kKeyFrames,
+                 concat("frame ", number, " in the order of display ",
+                        number < mUnits.size() ? "is not a key frame" : "does not exist"));
         }
         // The end of the stream ends the last distance, too: it is at least that long.
         size_t count = 0, last = 0, longest = 0, longestStart = 0;

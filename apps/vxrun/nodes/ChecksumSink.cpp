@@ -21,7 +21,7 @@ const PathKey kWrite{"write", "the list to write"};
 const TextKey kFormat{"format", "the format of the written list, default framemd5"};
 const FlagKey kPrintMd5{"print_md5", "true: print the MD5 of the whole stream on standard output"};
 
-// Frames are kept until it is worth to hash them, see ChecksumFormat::atOnce.
+// Frames are kept until it pays to hash them, see ChecksumFormat::atOnce.
 class ChecksumSink : public Node {
 public:
     static bool checks(const vexa::VXNodeDescriptor& node) { return kExpect.isGivenIn(node); }

@@ -48,7 +48,8 @@ ProcessUse processUse() {
     getrusage(RUSAGE_SELF, &own);
     getrusage(RUSAGE_CHILDREN, &commands);
     return {secondsOf(own), peakOfProcess(), secondsOf(commands),
-            static_cast<uint64_t>(commands.ru_maxrss) * 1024};
+            static_cast<uint64_t>(commands.ru_maxrss) * 1024,
+            static_cast<uint64_t>(own.ru_nivcsw + commands.ru_nivcsw)};
 }
 
 std::vector<LimitCheck> checkLimits(const Limits& limits, const Evidence& evidence) {

@@ -19,6 +19,7 @@ struct ProcessUse {
     uint64_t peak = 0;   // bytes of memory
     double commandsSeconds = 0;
     uint64_t commandsPeak = 0;  // of the one with the most
+    uint64_t preemptions = 0;   // involuntary switches to other threads, of all these processes
 };
 ProcessUse processUse();
 

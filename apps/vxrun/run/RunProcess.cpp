@@ -2,12 +2,12 @@
 
 #include "Console.h"
 #include "Crash.h"
+#include "Measured.h"
 #include "Text.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,16 +46,10 @@ static RunFigures usage() {
     RunFigures figures;
     figures.seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-    for (const auto who : {RUSAGE_SELF, RUSAGE_CHILDREN}) {
-        rusage used{};
-        getrusage(who, &used);
-        for (const timeval& time : {used.ru_utime, used.ru_stime}) {
-            figures.cpuSeconds +=
-                static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
-        }
-        figures.peakBytes = std::max(figures.peakBytes, static_cast<double>(used.ru_maxrss) * 1024);
-        figures.preemptions += static_cast<double>(used.ru_nivcsw);
-    }
+    const ProcessUse use = processUse();
+    figures.cpuSeconds = use.seconds + use.commandsSeconds;
+    figures.peakBytes = static_cast<double>(std::max(use.peak, use.commandsPeak));
+    figures.preemptions = static_cast<double>(use.preemptions);
     return figures;
 }
 

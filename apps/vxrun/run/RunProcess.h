@@ -57,8 +57,8 @@ public:
     RunProcess(const RunProcess&) = delete;
     RunProcess& operator=(const RunProcess&) = delete;
 
-    // Starts a copy of this process that calls `makeGraph` and runs its graph; to compare is not
-    // expected of it. 0, or an errno number.
+    // Starts a copy of this process that calls `makeGraph` and runs its graph, which need not
+    // compare anything. 0, or an errno number.
     int start(const GraphMaker& makeGraph, const RunOptions& options,
               const ProcessSignals& signals);
     void kill(int signal) const;

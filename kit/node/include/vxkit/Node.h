@@ -53,7 +53,7 @@ public:
     explicit Node(NodeArguments arguments);
     ~Node() override { mRun.evidence.removeNode(mRecord); }
     std::vector<std::string> getPreferredAllocatorTypes() override;
-    // Both note what the node waits for, and how much for it.
+    // Both note, for reports, what the node waits for and how many works wait for it.
     vexa::VXError countAvailablePendingInputWorks(unsigned long maxCount,
                                                   unsigned long* actualCount,
                                                   bool* hasEOS) override;

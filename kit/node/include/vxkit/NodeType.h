@@ -64,7 +64,8 @@ extern const NumberKey kSlots, kFenceMs;
 const std::map<std::string, NodeType>& nodeTypes();
 const NodeType* findNodeType(const std::string& name);
 // From now on findNodeType() calls `load` for a name that is not registered, then looks again: for
-// types that are dear to load. `load` is called often, and does its work once.  [before other threads]
+// types that are costly to load. It may be called often, and does its work once.
+// [before other threads]
 void loadNodeTypesWith(void (*load)());
 // Adds a type. The first of a name stays.
 void registerNodeType(NodeType type);
