@@ -30,6 +30,7 @@ using vexa::VXGraphInfo;
 
 constexpr char kLibav[] = "libavcodec", kLibavType[] = "codec/decoder";
 constexpr char kCommandType[] = "codec/command";
+constexpr char kChecksumType[] = "sink/checksum";
 
 // Where shipped descriptions are: beside the program, or where it is installed.
 std::vector<fs::path> shippedFolders() {
@@ -112,6 +113,47 @@ std::string answerOf(const std::function<std::string()>& ask) {
     if (child < 0 || waitpid(child, &status, 0) < 0)
         throw Failure("a process: " + errnoText(errno));
     return status == 0 ? answer : "the probe: " + endText(status);
+}
+
+vexa::VXNodeDescriptor& checksumSinkOf(const VXGraphInfo& graph) {
+    for (const auto& node : graph.nodes) {
+        if (node->type == kChecksumType) return *node;
+    }
+    throw Failure("the graph " + quote(graph.name) + " has no " + kChecksumType);
+}
+
+// The list of the input ports that the pictures go to which `sink` receives.
+std::vector<std::string>& receiversOf(VXGraphInfo* graph, const vexa::VXNodeDescriptor& sink) {
+    const std::string& input = sink.inputPorts.begin()->name;
+    for (auto& [output, inputs] : graph->connections) {
+        if (std::find(inputs.begin(), inputs.end(), input) != inputs.end()) return inputs;
+    }
+    throw Failure(quote(input) + " is not connected");
+}
+
+// Adds the nodes of `reference`, and one that compares the pictures of both graphs in place of its
+// checksums.
+void addReference(VXGraphInfo* graph, VXGraphInfo reference) {
+    const std::string prefix = "reference_";
+    auto& compare = addNode(graph, "sink/compare", "compare", nullptr, nullptr);
+    compare.inputPorts = {{"compare.actual", kPictures}, {"compare.expected", kPictures}};
+    receiversOf(graph, checksumSinkOf(*graph)).push_back("compare.actual");
+    const vexa::VXNodeDescriptor& unused = checksumSinkOf(reference);
+    const std::string unusedInput = unused.inputPorts.begin()->name;
+    for (auto& node : reference.nodes) {
+        if (node.get() == &unused) continue;
+        node->name = prefix + node->name;
+        for (auto* ports : {&node->inputPorts, &node->outputPorts}) {
+            for (auto& port : *ports) port.name = prefix + port.name;
+        }
+        graph->nodes.push_back(std::move(node));
+    }
+    for (const auto& [output, inputs] : reference.connections) {
+        for (const std::string& input : inputs) {
+            graph->connections[prefix + output].push_back(input == unusedInput ? "compare.expected"
+                                                                               : prefix + input);
+        }
+    }
 }
 
 }  // namespace
@@ -235,6 +277,17 @@ std::string TestedDecoder::refusal(const std::string& codec) const {
 }
 
 VXGraphInfo TestedDecoder::graphFor(const DecodeOptions& options, Limits* limits) const {
+    VXGraphInfo graph = decodingGraph(options, limits);
+    if (!options.list.empty()) checksumSinkOf(graph).configs["expect"] = options.list;
+    if (options.against == nullptr) return graph;
+    DecodeOptions reference;
+    reference.input = options.input;
+    reference.format = options.format;
+    addReference(&graph, options.against->decodingGraph(reference, nullptr));
+    return graph;
+}
+
+VXGraphInfo TestedDecoder::decodingGraph(const DecodeOptions& options, Limits* limits) const {
     const bool anyFormat = options.format == "None" || options.format == "Unknown";
     const std::string format = anyFormat ? "" : options.format;
     if (!mGraph.empty()) {
@@ -265,8 +318,8 @@ VXGraphInfo TestedDecoder::graphFor(const DecodeOptions& options, Limits* limits
         addNode(&graph, "sink/file", "writer", kPictures, nullptr).configs["file"] = options.output;
         sinks.push_back("writer.in");
     }
-    if (options.md5 || options.output.empty()) {
-        addNode(&graph, "sink/checksum", "md5", kPictures, nullptr).configs["print_md5"] = "true";
+    if (options.md5 || !options.list.empty() || options.output.empty()) {
+        addNode(&graph, kChecksumType, "md5", kPictures, nullptr).configs["print_md5"] = "true";
         sinks.push_back("md5.in");
     }
     return graph;

@@ -14,12 +14,16 @@
 
 namespace vxrun {
 
+class TestedDecoder;
+
 struct DecodeOptions {
     std::string input;
     std::string output;  // the raw video to write; empty: none
     bool md5 = false;    // print the MD5 of the raw video; without an output it is printed anyway
     std::string format;  // the pixel format that is required; empty, "None", "Unknown": any
     std::string codec;   // libavcodec's name, or that of one of its decoders; empty: the stream's
+    std::string list = {};  // the checksum list that the pictures must match; empty: none
+    const TestedDecoder* against = nullptr;  // whose pictures they must equal; null: no other's
 };
 
 // Life     made from a description, then probed once.
@@ -57,6 +61,8 @@ public:
     // source/bitstream -> decoder -> sink/file, sink/checksum or both: the nodes reader, decoder,
     // writer and md5. A decoder that reads files itself has no reader; without libavformat it is a
     // source/ivf.
+    // A list is compared by the node md5. The pictures of another decoder are compared by the node
+    // compare; its nodes and ports are those of its own graph with "reference_" before their names.
     // `limits`, unless null, becomes those of a template.
     vexa::VXGraphInfo graphFor(const DecodeOptions& options, Limits* limits = nullptr) const;
 
@@ -65,6 +71,7 @@ public:
 
 private:
     void read(const std::string& path);
+    vexa::VXGraphInfo decodingGraph(const DecodeOptions& options, Limits* limits) const;
 
     std::string mName, mHelp, mVersion;
     std::vector<std::string> mCodecs;                       // empty: any

@@ -103,7 +103,15 @@ std::unique_ptr<Muxer> muxerFor(const std::string& container) {
     return std::make_unique<LibavMuxer>(*format);
 }
 
-const MediaLibraries kLibraries = {versions, probe, muxerFor};
+StreamMap mapOf(const std::string& path) {
+    throw Failure(path + ": not mapped", Verdict::NotSupported);
+}
+
+std::string headerTexts(const std::string& path, const std::vector<size_t>&) {
+    throw Failure(path + ": not mapped", Verdict::NotSupported);
+}
+
+const MediaLibraries kLibraries = {versions, probe, muxerFor, mapOf, headerTexts};
 const bool kRegistered = registerMediaLibraries(kLibraries);
 
 }  // namespace

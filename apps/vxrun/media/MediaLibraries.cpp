@@ -25,6 +25,11 @@ struct NothingKnown final : VideoProbe {
     bool changesSize() override { return false; }
 };
 
+[[noreturn]] void refuseMap() {
+    throw Failure("this vxrun is built without FFmpeg's libraries, which streams are read with",
+                  Verdict::NotSupported);
+}
+
 // Without the room.
 const MediaLibraries kNone = {
     [] { return std::string("none of FFmpeg's"); },
@@ -36,7 +41,9 @@ const MediaLibraries kNone = {
             "config 'container': expected raw or y4m, since this vxrun is built without "
             "libavformat, got " +
             quote(container));
-    }};
+    },
+    [](const std::string&) -> StreamMap { refuseMap(); },
+    [](const std::string&, const std::vector<size_t>&) -> std::string { refuseMap(); }};
 
 const MediaLibraries* sRoom = nullptr;  // set when it is loaded, or linked into this program
 
@@ -79,6 +86,14 @@ std::unique_ptr<VideoProbe> probeVideo(const std::string& path) {
 
 std::unique_ptr<Muxer> newMuxer(const std::string& container) {
     return room().newMuxer(container);
+}
+
+StreamMap mapStream(const std::string& path) {
+    return room().mapStream(path);
+}
+
+std::string headersOf(const std::string& path, const std::vector<size_t>& units) {
+    return room().headersOf(path, units);
 }
 
 }  // namespace vxrun

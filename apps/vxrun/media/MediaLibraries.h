@@ -3,6 +3,7 @@
 // there, nothing is known.
 #pragma once
 
+#include "StreamMap.h"
 #include "Vxkit.h"
 
 #include <vxkit/FrameView.h>
@@ -56,6 +57,8 @@ struct MediaLibraries {
     decltype(&mediaLibraries) versions;
     decltype(&vxrun::probeVideo) probeVideo;
     decltype(&vxrun::newMuxer) newMuxer;
+    decltype(&vxrun::mapStream) mapStream;
+    decltype(&vxrun::headersOf) headersOf;
 };
 bool registerMediaLibraries(const MediaLibraries& libraries);
 // Loads the room, unless it is there already, or this vxrun comes without it. Throws Failure when

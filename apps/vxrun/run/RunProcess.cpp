@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstring>
 #include <iterator>
+#include <limits>
 #include <new>
 
 namespace vxrun {
@@ -24,8 +25,9 @@ namespace vxrun {
 struct RunProcess::Shared {
     volatile bool isComplete = false;  // set last
     Verdict verdict = Verdict::UnknownError;
-    char md5[64] = "";        // of all pictures; empty when the stream did not end well
-    char message[2048] = "";  // the first error line, or what is known about a crash
+    char md5[64] = "";                   // of all pictures; empty when the stream did not end well
+    char message[2048] = "";             // the first error line, or what is known about a crash
+    char kind[64] = "", shape[64] = "";  // of the FailureSignature
     RunFigures figures;
     struct NodeFigure {
         char name[64];  // "node.figure"
@@ -37,8 +39,35 @@ struct RunProcess::Shared {
 
 // An empty file in memory; null, with errno set, where no descriptor is left for it.
 static FileHandle memoryFile() {
-    const int file = memfd_create("log", MFD_CLOEXEC);
-    return FileHandle(file < 0 ? nullptr : fdopen(file, "r"));
+    const int file = memfd_create("vxrun", MFD_CLOEXEC);
+    return FileHandle(file < 0 ? nullptr : fdopen(file, "r+"));
+}
+
+// The last bytes of such a file, `most` at most.
+static std::string endOf(const FileHandle& file, off_t most) {
+    const off_t size = lseek(fileno(file.get()), 0, SEEK_END);
+    std::string text(static_cast<size_t>(std::min(size, most)), '\0');
+    const ssize_t count =
+        pread(fileno(file.get()), text.data(), text.size(), std::max<off_t>(size - most, 0));
+    text.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
+    return text;
+}
+
+std::string FailureSignature::text() const {
+    return concat(type, kind.empty() ? "" : ", " + kind, shape.empty() ? "" : " " + shape);
+}
+
+FailureSignature signatureOf(const Evidence& evidence) {
+    FailureSignature signature{verdictName(evidence.verdict()), "", ""};
+    if (!isFailedTest(evidence.verdict())) return signature;
+    for (const NodeRecord* node : evidence.records()) {
+        const auto mismatch = node->mismatch();
+        if (!mismatch) continue;
+        signature.kind = mismatch->kind;
+        signature.shape = mismatch->shape;
+        break;
+    }
+    return signature;
 }
 
 // What this process, and the programs that it ran, have used so far; no frames.
@@ -60,7 +89,7 @@ ProcessSignals::ProcessSignals() {
     pthread_sigmask(SIG_BLOCK, &waited, &before);
 }
 
-RunProcess::RunProcess() : mLog(memoryFile()), mShared(nullptr) {
+RunProcess::RunProcess() : mLog(memoryFile()), mDescription(memoryFile()), mShared(nullptr) {
     void* const memory =
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory != MAP_FAILED) mShared = new (memory) Shared();
@@ -71,9 +100,12 @@ RunProcess::~RunProcess() {
 }
 
 int RunProcess::start(const GraphMaker& makeGraph, const RunOptions& options,
-                      const ProcessSignals& signals) {
+                      const ProcessSignals& signals, const Describe& describe) {
     // A descriptor is left over, for the reports.
-    if (mLog == nullptr || mShared == nullptr || memoryFile() == nullptr) return errno;
+    if (mLog == nullptr || mDescription == nullptr || mShared == nullptr ||
+        memoryFile() == nullptr) {
+        return errno;
+    }
     const pid_t parent = getpid();
     mPid = fork();
     if (mPid < 0) return errno;
@@ -81,14 +113,18 @@ int RunProcess::start(const GraphMaker& makeGraph, const RunOptions& options,
     prctl(PR_SET_PDEATHSIG, SIGKILL);   // however the program ends, this ends with it
     if (getppid() != parent) _exit(1);  // it ended before that
     pthread_sigmask(SIG_SETMASK, &signals.before, nullptr);
-    runChild(makeGraph, options);
+    runChild(makeGraph, options, describe);
 }
 
-void RunProcess::runChild(const GraphMaker& makeGraph, const RunOptions& options) {
+void RunProcess::runChild(const GraphMaker& makeGraph, const RunOptions& options,
+                          const Describe& describe) {
+    constexpr int kDescription = STDERR_FILENO + 1;
     dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);  // the MD5 goes into the result
     dup2(fileno(mLog.get()), STDERR_FILENO);
     console::configure(false, "never");
-    close_range(STDERR_FILENO + 1, ~0u, 0);  // the logs of the other processes, among others
+    dup2(fileno(mDescription.get()), kDescription);
+    fcntl(kDescription, F_SETFD, FD_CLOEXEC);
+    close_range(kDescription + 1, ~0u, 0);  // the logs of the other processes, among others
     Evidence evidence;
     evidence.expectNoCheck();
     reportCrashes(
@@ -112,6 +148,10 @@ void RunProcess::runChild(const GraphMaker& makeGraph, const RunOptions& options
         mShared->verdict = shown.verdict();
         copy(shown.streamMd5(), mShared->md5);
         copy(message, mShared->message);
+        const FailureSignature signature = signatureOf(shown);
+        copy(signature.kind, mShared->kind);
+        copy(signature.shape, mShared->shape);
+        if (describe) dprintf(kDescription, "%s", describe(shown).c_str());
         for (const auto& [name, value] : shown.figures()) {
             if (mShared->nodeFigureCount == std::size(mShared->nodeFigures)) break;
             Shared::NodeFigure& figure = mShared->nodeFigures[mShared->nodeFigureCount++];
@@ -159,24 +199,28 @@ RunResult RunProcess::result() const {
     } else if (!mShared->isComplete) {
         result.message = concat("ended without a verdict, with exit code ", WEXITSTATUS(mStatus));
     } else {
-        result = {mShared->verdict, verdictName(mShared->verdict),
-                  mShared->message, mShared->md5,
-                  mShared->figures, {}};
+        result = {mShared->verdict,
+                  verdictName(mShared->verdict),
+                  mShared->message,
+                  mShared->md5,
+                  mShared->figures,
+                  {},
+                  {"", mShared->kind, mShared->shape}};
         for (size_t i = 0; i < mShared->nodeFigureCount; ++i) {
             result.nodeFigures[mShared->nodeFigures[i].name] = mShared->nodeFigures[i].value;
         }
     }
+    result.signature.type = result.type;
     return result;
 }
 
 std::string RunProcess::log() const {
     constexpr off_t kMost = 16 << 10;
-    const off_t size = lseek(fileno(mLog.get()), 0, SEEK_END);
-    std::string text(static_cast<size_t>(std::min(size, kMost)), '\0');
-    const ssize_t count =
-        pread(fileno(mLog.get()), text.data(), text.size(), std::max<off_t>(size - kMost, 0));
-    text.resize(static_cast<size_t>(std::max<ssize_t>(count, 0)));
-    return text;
+    return endOf(mLog, kMost);
+}
+
+std::string RunProcess::description() const {
+    return endOf(mDescription, std::numeric_limits<off_t>::max());
 }
 
 }  // namespace vxrun

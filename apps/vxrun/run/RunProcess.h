@@ -26,6 +26,21 @@ struct RunFigures {
 // Makes the graph of a run, in the process of the run. Throws Failure.
 using GraphMaker = std::function<vexa::VXGraphInfo()>;
 
+// How a run failed, as far as another run can fail in the same way. A plain value.
+struct FailureSignature {
+    std::string type;   // the verdict's word, or such as SIGNAL_11
+    std::string kind;   // of a wrong frame, see Mismatch; else empty
+    std::string shape;  // likewise
+
+    bool operator==(const FailureSignature& other) const {
+        return type == other.type && kind == other.kind && shape == other.shape;
+    }
+    // Such as "CRC_MISMATCH, samples in one 8x8 block".
+    std::string text() const;
+};
+// That of the run of `evidence`, which has failed or not.
+FailureSignature signatureOf(const Evidence& evidence);
+
 // How a run ended. A plain value.
 struct RunResult {
     Verdict verdict = Verdict::UnknownError;  // also of a process that crashed
@@ -34,7 +49,11 @@ struct RunResult {
     std::string md5;  // of all pictures; empty if the stream did not end well
     RunFigures figures;
     std::map<std::string, double> nodeFigures;  // that nodes have measured: "node.figure"
+    FailureSignature signature;
 };
+
+// Makes a text about a run that has ended, in the process of the run.
+using Describe = std::function<std::string(const Evidence& evidence)>;
 
 // The signals that a program with such processes waits for: SIGCHLD, and SIGINT and SIGTERM, which
 // end it. Made before other threads start; blocks them.
@@ -58,9 +77,9 @@ public:
     RunProcess& operator=(const RunProcess&) = delete;
 
     // Starts a copy of this process that calls `makeGraph` and runs its graph, which need not
-    // compare anything. 0, or an errno number.
-    int start(const GraphMaker& makeGraph, const RunOptions& options,
-              const ProcessSignals& signals);
+    // compare anything. `describe`, unless empty, makes its description(). 0, or an errno number.
+    int start(const GraphMaker& makeGraph, const RunOptions& options, const ProcessSignals& signals,
+              const Describe& describe = {});
     void kill(int signal) const;
     // True when it has ended.
     bool hasEnded();
@@ -72,13 +91,16 @@ public:
     RunResult result() const;
     // The last that it wrote to standard error.
     std::string log() const;
+    // What `describe` has made; empty when the process came to no verdict.
+    std::string description() const;
 
 private:
     struct Shared;
 
-    [[noreturn]] void runChild(const GraphMaker& makeGraph, const RunOptions& options);
+    [[noreturn]] void runChild(const GraphMaker& makeGraph, const RunOptions& options,
+                               const Describe& describe);
 
-    FileHandle mLog;
+    FileHandle mLog, mDescription;
     Shared* mShared;  // null without memory
     pid_t mPid = -1;
     int mStatus = 0;  // of waitpid()

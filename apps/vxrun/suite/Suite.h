@@ -28,6 +28,7 @@ struct TestVector {
     double seconds = 0;
     std::map<std::string, double> figures;  // that nodes have measured: "node.figure"
     std::string actualMd5;  // of the pictures, if the stream ended well; empty: none is known
+    std::string failure;    // a JSON object, see docs/reports.md; empty: none
 };
 
 // How many test vectors there are in each state.

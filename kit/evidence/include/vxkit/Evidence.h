@@ -6,6 +6,7 @@
 
 #include <VXNode.h>
 #include <vxkit/Measures.h>
+#include <vxkit/Mismatch.h>
 #include <vxkit/Trace.h>
 #include <vxkit/Verdict.h>
 
@@ -71,10 +72,34 @@ struct NodeRecord {
         mFigures[figure] = value;
     }
 
+    // How the first wrong frame differs; empty as long as none does. The first one that is set
+    // stays.
+    std::optional<Mismatch> mismatch() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mMismatch;
+    }
+    void setMismatch(const Mismatch& mismatch) {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (!mMismatch) mMismatch = mismatch;
+    }
+
+    // The wrong frames in the order in which they were found; kMostWrong of them.
+    static constexpr size_t kMostWrong = 100000;
+    std::vector<WrongFrame> wrongFrames() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mWrongFrames;
+    }
+    void addWrongFrame(WrongFrame frame) {
+        std::lock_guard<std::mutex> lock(mLock);
+        if (mWrongFrames.size() < kMostWrong) mWrongFrames.push_back(std::move(frame));
+    }
+
 private:
     mutable std::mutex mLock;
-    std::string mWaitsFor;                   // guarded by mLock
-    std::map<std::string, double> mFigures;  // guarded by mLock
+    std::string mWaitsFor;  // guarded by mLock, as the rest is
+    std::map<std::string, double> mFigures;
+    std::optional<Mismatch> mMismatch;
+    std::vector<WrongFrame> mWrongFrames;
 };
 
 // AtWork: this thread runs a hook of a node.
