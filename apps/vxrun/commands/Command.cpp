@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <thread>
 
@@ -76,6 +77,7 @@ void CommonOptions::addTo(CLI::App* app) {
     addOption(app, "--color WHEN", &color, "Colors: always, never or auto (default)")
         ->check(CLI::IsMember({"always", "never", "auto"}));
     app->add_flag("--stats", run.stats, "Print what was measured, and what every buffer pool did");
+    addOption(app, "--html FILE", &reports["html"], "Write a report: html");
     addOption(app, "--json FILE", &reports["json"], "Write a report: json");
     addOption(app, "--junit FILE", &reports["junit"], "Write a report: junit");
     for (const LimitKind& kind : limitKinds()) {
@@ -183,6 +185,25 @@ static void useProcessors(vexa::VXGraphInfo* graph) {
     decoder->configs.try_emplace("threads", std::to_string(threads));
 }
 
+// From node to node, in order.
+static std::vector<std::pair<std::string, std::string>> connectionsOf(
+    const vexa::VXGraphInfo& graph) {
+    std::map<std::string, std::string> owners;  // of ports
+    for (const auto& node : graph.nodes) {
+        for (const auto* const ports : {&node->inputPorts, &node->outputPorts}) {
+            for (const auto& port : *ports) owners[port.name] = node->name;
+        }
+    }
+    std::vector<std::pair<std::string, std::string>> connections;
+    for (const auto& [output, inputs] : graph.connections) {
+        for (const std::string& input : inputs) {
+            connections.emplace_back(owners[output], owners[input]);
+        }
+    }
+    std::sort(connections.begin(), connections.end());
+    return connections;
+}
+
 static bool wantsReports(const CommonOptions& options) {
     return std::any_of(options.reports.begin(), options.reports.end(),
                        [](const auto& file) { return !file.second.empty(); });
@@ -217,6 +238,8 @@ int runToVerdict(const Command& command, Task task, const CommonOptions& options
     RunReport report = newReport(options);
     report.graph = graph.name;
     report.input = task.input;
+    report.connections = connectionsOf(graph);
+    report.trace = run.trace;
     report.limits = run.limits;
     const auto failures = writeRunReports(report, *evidence, false);
     if (!failures.empty()) throw Failure(failures.front());

@@ -27,8 +27,8 @@ public:
             ->check(CLI::Range(0, 255));
         showOptions(*app,
                     {"--nodes", "--set", "--record", "--force", "--log", "--timeout", "--stall",
-                     "--progress", "--trace", "--dot", "--color", "--stats", "--json", "--junit",
-                     "--min-fps", "--max-latency-p99", "--max-rss", "--quiet"},
+                     "--progress", "--trace", "--dot", "--color", "--stats", "--html", "--json",
+                     "--junit", "--min-fps", "--max-latency-p99", "--max-rss", "--quiet"},
                     decode);
         return decode;
     }

@@ -19,8 +19,8 @@ public:
         mSuite.addTo(reference);
         addOption(reference, "-o,--output FILE", &mOutput, "The suite to write, default this one");
         for (const char* const option :
-             {"--record", "--progress", "--trace", "--dot", "--json", "--junit", "--min-fps",
-              "--max-latency-p99", "--max-rss"}) {
+             {"--record", "--progress", "--trace", "--dot", "--html", "--json", "--junit",
+              "--min-fps", "--max-latency-p99", "--max-rss"}) {
             reference->excludes(app->get_option(option));
         }
         showOptions(

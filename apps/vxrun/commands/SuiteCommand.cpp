@@ -26,8 +26,8 @@ public:
         suite->add_flag("--list", mList, "Print the names of the vectors that would run");
         // Of these there is one, not one per vector.
         for (const char* const option :
-             {"--record", "--progress", "--trace", "--dot", "--json", "--junit", "--min-fps",
-              "--max-latency-p99", "--max-rss"}) {
+             {"--record", "--progress", "--trace", "--dot", "--html", "--json", "--junit",
+              "--min-fps", "--max-latency-p99", "--max-rss"}) {
             suite->excludes(app->get_option(option));
         }
         showOptions(*app,

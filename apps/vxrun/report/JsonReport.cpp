@@ -39,6 +39,8 @@ Json resultsOf(const Suite& suite) {
     return run;
 }
 
+}  // namespace
+
 std::string jsonReport(const SuiteResults& results) {
     utsname system{};
     uname(&system);
@@ -55,7 +57,6 @@ std::string jsonReport(const SuiteResults& results) {
     return report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-const bool kRegistered = registerReportKind({"json", jsonReport});
+static const bool kRegistered = registerReportKind({"json", jsonReport});
 
-}  // namespace
 }  // namespace vxrun

@@ -39,6 +39,8 @@ using ReportFiles = std::map<std::string, std::string>;
 // not.
 std::vector<Failure> writeReports(const ReportFiles& files, const SuiteResults& results);
 
+// The report of the kind json, which the one of the kind html shows.
+std::string jsonReport(const SuiteResults& results);
 // What several kinds contain: the counts of each profile, unless no test vector has one; the test
 // vectors whose result is not the same with all decoders that could run them.
 std::map<std::string, Counts> countsByProfile(const Suite& suite);

@@ -2,6 +2,7 @@
 
 #include "Console.h"
 #include "Files.h"
+#include "HtmlReport.h"
 #include "Measured.h"
 #include "Text.h"
 #include "Xml.h"
@@ -79,8 +80,13 @@ Json runJson(const RunReport& report, const Evidence& evidence, bool hasEnded) {
     run["frames_per_second"] = evidence.framesPerSecond();
     if (evidence.latency().count() > 0) run["latency_ms"] = latencyOf(evidence.latency());
     run["process"] = processJson();
-    for (const char* const list : {"nodes", "pools", "limits"}) run[list] = Json::array();
+    if (hasEnded && !report.trace.empty()) run["trace"] = report.trace;
+    for (const char* const list : {"nodes", "connections", "pools", "limits"})
+        run[list] = Json::array();
     for (const NodeRecord* node : evidence.records()) run["nodes"].push_back(nodeJson(*node));
+    for (const auto& [from, to] : report.connections) {
+        run["connections"].push_back({{"from", from}, {"to", to}});
+    }
     for (const PoolRecord* pool : evidence.pools()) run["pools"].push_back(poolJson(*pool));
     for (const LimitCheck& check : checkLimits(report.limits, evidence)) {
         Json limit = {{"name", check.kind.name}, {"limit", check.limit}};
@@ -150,7 +156,9 @@ std::vector<Failure> writeRunReports(const RunReport& report, const Evidence& ev
         if (file.empty()) continue;
         try {
             writeTextFile("--" + kind, file,
-                          kind == "json" ? jsonText(report, run) : junitText(report, run));
+                          kind == "junit"  ? junitText(report, run)
+                          : kind == "json" ? jsonText(report, run)
+                                           : htmlReport({{"", jsonText(report, run)}}));
         } catch (const Failure& failure) {
             failures.push_back(failure);
         }

@@ -10,12 +10,14 @@ namespace vxrun {
 
 // A plain value.
 struct RunReport {
-    ReportFiles files;  // of the kinds "json" and "junit"
+    ReportFiles files;  // of the kinds "html", "json" and "junit"
     // What the result depends on besides the graph, name and value.
     std::vector<std::pair<std::string, std::string>> facts;
     std::string graph;  // its name; empty when it could not be read
     std::string input;  // the graph file, or the video that is decoded
     Limits limits;
+    std::vector<std::pair<std::string, std::string>> connections = {};  // from node to node
+    std::string trace = {};                                             // its file; empty: none
 };
 
 // Writes the reports as writeReports() does. A run that has not ended is reported as one that did

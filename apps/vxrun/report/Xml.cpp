@@ -41,7 +41,7 @@ Attributes timeAndPlace() {
             {"hostname", system.nodename}};
 }
 
-std::string textOf(const pugi::xml_document& document) {
+std::string textOf(const pugi::xml_document& document, unsigned format) {
     // Not through a stream: pugixml was built for one standard library, and this may use another.
     struct Writer final : pugi::xml_writer {
         void write(const void* data, size_t size) override {
@@ -49,7 +49,7 @@ std::string textOf(const pugi::xml_document& document) {
         }
         std::string text;
     } writer;
-    document.save(writer, "  ", pugi::format_indent, pugi::encoding_utf8);
+    document.save(writer, "  ", format, pugi::encoding_utf8);
     return writer.text;
 }
 

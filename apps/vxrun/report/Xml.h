@@ -20,6 +20,6 @@ pugi::xml_node addNode(pugi::xml_node parent, const char* kind, const Attributes
 Attributes timeAndPlace();
 
 // The whole document.
-std::string textOf(const pugi::xml_document& document);
+std::string textOf(const pugi::xml_document& document, unsigned format = pugi::format_indent);
 
 }  // namespace vxrun
