@@ -16,14 +16,14 @@ main{max-width:1240px;margin:0 auto;padding:8px 20px 40px}
 footer{max-width:1240px;margin:0 auto;padding:0 20px 24px}
 h1{font-size:26px;margin:24px 0 12px}h2{font-size:22px;margin:24px 0 12px}h3{font-size:17px;margin:28px 0 8px}
 h4{font-size:15px;margin:20px 0 6px}
-h1,h2,h3,.text,td,summary,dd{overflow-wrap:anywhere}
+h1,h2,h3,.text,td:first-child,summary,dd{overflow-wrap:anywhere}
 a{color:var(--link)}
 :focus-visible{outline:2px solid var(--focus);outline-offset:1px}
 .dim{color:var(--dim)}
 .wide{overflow-x:auto;max-width:100%}
 table{border-collapse:collapse;font-variant-numeric:tabular-nums}
 th,td{text-align:left;padding:4px 16px 4px 0;border-bottom:1px solid var(--line);vertical-align:top}
-td{min-width:44px}
+td{min-width:44px;max-width:480px}td:first-child{min-width:110px}
 th{font-weight:600;color:var(--dim);white-space:nowrap}
 th button{all:unset;cursor:pointer}th button:focus-visible{outline:2px solid var(--focus)}
 th button::after{content:" \2195";opacity:.5}
@@ -60,7 +60,7 @@ code,pre{font:13px/1.5 ui-monospace,monospace}
 pre{background:var(--soft);padding:10px;border-radius:6px;overflow:auto;max-height:360px;margin:4px 0}
 .figures{display:flex;flex-wrap:wrap;gap:8px 28px;margin:12px 0}
 dt{font-size:13px;color:var(--dim)}dd{margin:0;font-size:17px;font-variant-numeric:tabular-nums}
-svg{display:block;height:auto;max-width:100%}
+svg{display:block;height:auto;max-width:100%;margin:6px 0}svg svg{margin:0}
 svg text{font:12px system-ui,sans-serif;fill:var(--ink)}svg .end{text-anchor:end}svg .strong{font-weight:600;font-size:14px}
 svg .grid{stroke:var(--line);fill:none}svg .box{fill:var(--soft);stroke:var(--line)}
 svg .edge{fill:none;stroke:var(--dim);stroke-width:1.5}svg .curve{fill:none;stroke-width:1.5;stroke-linejoin:round}
@@ -75,7 +75,7 @@ figure{margin:0;min-width:0}figcaption{font-size:13px;color:var(--dim)}
 .frame .over{position:absolute;inset:0;clip-path:inset(0 0 0 calc(100% - var(--wipe,50%)))}
 .zoomed img{transform:scale(16)}
 .heat{display:flex;flex-wrap:wrap;gap:16px}.heat figure{flex:1 1 280px}
-.heat canvas{width:100%;height:180px;border:1px solid var(--line);image-rendering:pixelated}
+.heat canvas{width:100%;height:180px;max-height:320px;border:1px solid var(--line);image-rendering:pixelated}
 @media(max-width:600px){main{padding:4px 12px 24px}h1{font-size:22px}.command{flex-direction:column}
 .command code{width:100%;flex:none}th,td{padding-right:10px}td.time{min-width:80px}}
 )css";

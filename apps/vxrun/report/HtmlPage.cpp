@@ -82,10 +82,11 @@ void addPlot(pugi::xml_node parent, const Plot& plot) {
     for (const auto& [y, value] : {std::pair(kTop, toY), std::pair(kBottom, fromY)}) {
         addNode(drawing, "path",
                 {{"class", "grid"}, {"d", concat("M", kLeft, " ", y, "H", kRight)}});
-        if (value == fromY || toY > fromY) write(kLeft - 6, y + 4, concat(value), "end");
+        if (value == fromY || toY > fromY) write(kLeft - 6, y + 4, concat(std::setprecision(4), value), "end");
     }
-    write(kLeft, kHeight - 4, concat(fromX), "");
-    write(kRight, kHeight - 4, concat(toX, " ", plot.unit), "end");
+    const auto digits = std::setprecision(4);
+    write(kLeft, kHeight - 4, concat(digits, fromX), "");
+    write(kRight, kHeight - 4, concat(digits, toX, " ", plot.unit), "end");
     write(kLeft, 14, plot.title, "");
     for (size_t i = 0; i < plot.curves.size(); ++i) {
         const auto& [name, points] = plot.curves[i];
