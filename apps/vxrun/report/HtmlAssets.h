@@ -20,7 +20,7 @@ h1,h2,h3,.text,td:first-child,summary,dd{overflow-wrap:anywhere}
 a{color:var(--link)}
 :focus-visible{outline:2px solid var(--focus);outline-offset:1px}
 .dim{color:var(--dim)}
-.wide{overflow-x:auto;max-width:100%}
+.wide{overflow-x:auto;max-width:100%}.wide+.wide{margin-top:12px}
 table{border-collapse:collapse;font-variant-numeric:tabular-nums}
 th,td{text-align:left;padding:4px 16px 4px 0;border-bottom:1px solid var(--line);vertical-align:top}
 td{min-width:44px;max-width:480px}td:first-child{min-width:110px}
@@ -51,7 +51,7 @@ button:hover{background:var(--soft)}
 input[type=range]{accent-color:var(--c0);vertical-align:middle}
 details{margin:6px 0}
 summary{cursor:pointer;padding:4px 0}
-.failure{border:1px solid var(--line);border-radius:8px;padding:2px 14px;content-visibility:auto;contain-intrinsic-size:auto 44px}
+.failure{border:1px solid var(--line);border-radius:8px;padding:2px 14px}
 .failure[open]{padding-bottom:14px}
 .text{font-family:ui-monospace,monospace;font-size:14px;border-left:3px solid var(--bad);padding:2px 10px;margin:8px 0}
 .command{display:flex;gap:8px;align-items:flex-start;margin:8px 0}
@@ -75,7 +75,7 @@ figure{margin:0;min-width:0}figcaption{font-size:13px;color:var(--dim)}
 .frame .over{position:absolute;inset:0;clip-path:inset(0 0 0 calc(100% - var(--wipe,50%)))}
 .zoomed img{transform:scale(16)}
 .heat{display:flex;flex-wrap:wrap;gap:16px}.heat figure{flex:1 1 280px}
-.heat canvas{width:100%;height:180px;max-height:320px;border:1px solid var(--line);image-rendering:pixelated}
+.heat canvas{display:block;width:100%;height:180px;border:1px solid var(--line);image-rendering:pixelated}
 @media(max-width:600px){main{padding:4px 12px 24px}h1{font-size:22px}.command{flex-direction:column}
 .command code{width:100%;flex:none}th,td{padding-right:10px}td.time{min-width:80px}}
 )css";
@@ -255,6 +255,7 @@ document.addEventListener("DOMContentLoaded", () => {
       paint(grid, columns, rows, (x, y) => isWrong(cells[slider.value], y * columns + x));
       grid.style.height = "auto";
       grid.style.aspectRatio = `${columns} / ${rows}`;
+      grid.style.maxWidth = `${320 * columns / rows}px`;
     };
     const draw = () => {
       if (!heat.closest("details").open) return;

@@ -82,7 +82,8 @@ void addPlot(pugi::xml_node parent, const Plot& plot) {
     for (const auto& [y, value] : {std::pair(kTop, toY), std::pair(kBottom, fromY)}) {
         addNode(drawing, "path",
                 {{"class", "grid"}, {"d", concat("M", kLeft, " ", y, "H", kRight)}});
-        if (value == fromY || toY > fromY) write(kLeft - 6, y + 4, concat(std::setprecision(4), value), "end");
+        if (value == fromY || toY > fromY)
+            write(kLeft - 6, y + 4, concat(std::setprecision(4), value), "end");
     }
     const auto digits = std::setprecision(4);
     write(kLeft, kHeight - 4, concat(digits, fromX), "");
@@ -115,7 +116,7 @@ const Json& memberOf(const Json& object, const char* key) {
 }
 
 std::string plain(const Json& value) {
-    if (value.is_null()) return "";
+    if (value.is_null() || value.is_structured()) return "";
     if (value.is_string()) return value.get<std::string>();
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }

@@ -45,7 +45,7 @@ using Json = nlohmann::ordered_json;
 
 // The member `key`; null when there is none.
 const Json& memberOf(const Json& object, const char* key);
-// A string as it is, other values as JSON spells them; empty for null.
+// A string as it is, a number or a boolean as JSON spells it; empty for the others.
 std::string plain(const Json& value);
 std::string textIn(const Json& object, const char* key);
 std::optional<double> numberIn(const Json& object, const char* key);
