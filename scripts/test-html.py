@@ -104,6 +104,13 @@ def make_reports():
     sh(vxrun, "decode", "clip.264", "--json", "run.json", "--trace", "trace.json", "--html", "run.html")
     sh(vxrun, "report", "run.json", "--html", "again.html")
     check(open("run.html").read() == open("again.html").read(), "vxrun report gives another page than --html")
+    md5 = subprocess.run(["ffmpeg", "-v", "error", "-i", "clip.264", "-f", "md5", "-"], capture_output=True, text=True).stdout
+    vectors = [{"name": name, "source": "", "source_checksum": "", "input_file": "../clip.264", "output_format": "None",
+                "result": result} for name, result in (("good", md5.strip()[4:]), ("bad <b>", "0" * 32))]
+    dump("real.suite", {"name": "real", "codec": "H.264", "description": "", "test_vectors": vectors})
+    for vector in vectors:
+        os.makedirs("real/" + vector["name"])
+    sh(vxrun, "suite", "real.suite", "--resources", ".", "--html", "real.html", expected=1)
     run = json.load(open("run.json"))
     run["run"].update(verdict="CRC_MISMATCH", exit_code=1, failure=failure(EVIL))
     dump("failed.json", json.loads(json.dumps(run).replace('"reader"', json.dumps("reader" + EVIL))))
@@ -236,6 +243,7 @@ def use_run(browser, name):
     origin = "return document.querySelector('img.diff').style.transformOrigin.split(' ').map(parseFloat)"
     x, y = browser.js("document.querySelector('.zoom').click();" + origin)
     check(abs(x - 100 * 80 / 352) < .5 and abs(y - 100 * 8 / 288) < .5, f"zooms to {x}%, {y}%")
+    browser.js("document.querySelector('.zoom').scrollIntoView()")
     browser.shoot(f"{name}-zoomed", whole=False)
     browser.js("document.querySelector('.zoom').click()")
     wrong = """const canvas = document.querySelector('canvas.grid'), seen = new Map();
@@ -264,10 +272,10 @@ try:
     for name, dark, width in (("light", False, 1280), ("dark", True, 1280), ("light-narrow", False, 400)):
         browser = Browser(port, dark, width)
         use_run(browser, name)
-        for page in ("two.html", "run.html"):
+        for page in ("two.html", "run.html", "real.html"):
             browser.open(page)
             check(browser.js("return document.documentElement.scrollWidth <= innerWidth"), f"{page} is wider than {width}")
-            browser.shoot(f"{page[:3]}-{name}")
+            browser.shoot(f"{page[:-5]}-{name}")
             browser.check_quiet(page)
         if name == "light":
             use_suite(browser)

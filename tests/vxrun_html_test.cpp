@@ -79,6 +79,10 @@ TEST_F(Vxrun, ReportRefusesWhatIsNone) {
             EXPECT_FALSE(std::filesystem::exists(path("page.html")));
         }
     }
+    writeFile(path("run.json"), R"({"run":{}})");
+    expectFailure(vxrun({"report", path("good.json"), "--baseline", path("run.json"), "--html",
+                         path("page.html")}),
+                  2, "CORRUPT_DESCR", path("run.json") + ": there is no suite to compare");
     EXPECT_EQ(vxrun({"report", path("good.json"), "--html", path("page.html")}).exit, 0);
     bodyOf(contentOf(path("page.html")));
 }

@@ -40,8 +40,8 @@ td.time{min-width:120px}
 .stack{display:flex;width:180px;height:14px;margin-top:4px;background:var(--soft);border-radius:3px;overflow:hidden}
 .part{display:block;height:100%}.part.ok{background:var(--ok)}.part.bad{background:var(--bad)}
 .part.busy{background:var(--c0)}.part.input{background:var(--line)}.part.room{background:var(--c4)}.part.buffer{background:var(--c3)}
-.legend{display:flex;flex-wrap:wrap;gap:4px 8px;align-items:center;font-size:13px;color:var(--dim)}
-.legend i{display:inline-block;width:14px;height:14px;border-radius:3px}.legend span+span{margin-right:12px}
+.legend{display:flex;flex-wrap:wrap;gap:4px 16px;font-size:13px;color:var(--dim)}.legend>span{display:flex;gap:6px;align-items:center}
+.legend i{width:14px;height:14px;border-radius:3px}
 .tools{display:flex;flex-wrap:wrap;gap:8px 14px;align-items:center;margin:8px 0}
 input,select,button{font:inherit;color:inherit}
 input[type=search],select,button{background:var(--paper);border:1px solid var(--line);border-radius:6px;padding:3px 10px}

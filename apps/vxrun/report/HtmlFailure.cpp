@@ -115,11 +115,10 @@ void addPictures(Node parent, const Json& dumps, HtmlFiles* files) {
                     canWipe && kind == std::string("expected") ? "expected, actual" : kind);
         }
     }
-    const auto rest = static_cast<size_t>(dumps.size());
-    if (rest > kMostFrames) {
+    if (dumps.size() > kMostFrames) {
         addText(parent, "p",
-                concat("The pictures of ", rest - kMostFrames,
-                       " more frames: ", textIn(dumps[kMostFrames], "actual"), " ..."),
+                concat("Not shown: the pictures of ", dumps.size() - kMostFrames, " more, from ",
+                       textIn(dumps[kMostFrames], "actual"), " on."),
                 {{"class", "dim"}});
     }
     *files->room -= before - room;

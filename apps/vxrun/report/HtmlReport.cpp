@@ -315,6 +315,9 @@ std::string htmlReport(const std::vector<JsonReport>& reports, const JsonReport*
     size_t room = size_t{32} << 20, runs = 0;
     for (Document& document : documents) document.files.room = &room;
     const Suites suites = suitesOf(&documents), before = suitesOf(&old);
+    if (baseline != nullptr && (suites.empty() || before.empty())) {
+        throw Failure(baseline->name + ": there is no suite to compare");
+    }
     pugi::xml_document page;
     Node body = addNode(page, "body", {});
     Node main = addNode(body, "main", {});

@@ -100,8 +100,9 @@ void addNodes(Node parent, const Json& nodes) {
     addText(parent, "h3", "Nodes");
     Node legend = addNode(parent, "p", {{"class", "legend"}});
     for (const auto& [key, name] : kTimes) {
-        addText(addNode(legend, "span", {}), "i", "", {{"class", concat("part ", key)}});
-        addText(legend, "span", name);
+        Node entry = addNode(legend, "span", {});
+        addNode(entry, "i", {{"class", concat("part ", key)}});
+        addText(entry, "span", name);
     }
     Node table = addTable(parent, {"node", "type", "frames", "time", "busy s", "processor s",
                                    "longest queue", "figures"});
@@ -152,7 +153,10 @@ public:
 
     std::vector<std::pair<double, double>> points() const {
         std::vector<std::pair<double, double>> points;
-        for (const Span& span : mSpans) {
+        std::vector<Span> spans = mSpans;  // several threads report the counts of a pool
+        std::stable_sort(spans.begin(), spans.end(),
+                         [](const Span& a, const Span& b) { return a.time < b.time; });
+        for (const Span& span : spans) {
             points.emplace_back(span.time, span.low);
             if (span.high > span.low) points.emplace_back(span.time, span.high);
         }
@@ -198,7 +202,7 @@ void addQueues(Node parent, const Json& run, const HtmlFiles& files) {
     }
     try {
         for (const auto& [name, curves] : countersOf(path)) {
-            Plot plot = {name, "s", {}};
+            Plot plot = {curves.size() == 1 ? name + ": " + curves.begin()->first : name, "s", {}};
             for (const auto& [key, curve] : curves) plot.curves.push_back({key, curve.points()});
             addPlot(parent, plot);
         }
