@@ -105,11 +105,12 @@ def make_reports():
     sh(vxrun, "report", "run.json", "--html", "again.html")
     check(open("run.html").read() == open("again.html").read(), "vxrun report gives another page than --html")
     md5 = subprocess.run(["ffmpeg", "-v", "error", "-i", "clip.264", "-f", "md5", "-"], capture_output=True, text=True).stdout
-    vectors = [{"name": name, "source": "", "source_checksum": "", "input_file": "../clip.264", "output_format": "None",
+    vectors = [{"name": name, "source": "", "source_checksum": "", "input_file": "clip.264", "output_format": "None",
                 "result": result} for name, result in (("good", md5.strip()[4:]), ("bad <b>", "0" * 32))]
     dump("real.suite", {"name": "real", "codec": "H.264", "description": "", "test_vectors": vectors})
     for vector in vectors:
         os.makedirs("real/" + vector["name"])
+        os.link("clip.264", f"real/{vector['name']}/clip.264")
     sh(vxrun, "suite", "real.suite", "--resources", ".", "--html", "real.html", expected=1)
     run = json.load(open("run.json"))
     run["run"].update(verdict="CRC_MISMATCH", exit_code=1, failure=failure(EVIL))

@@ -14,7 +14,7 @@ using vxrun::htmlReport;
 // The body of a page, which has to be well-formed.
 std::string bodyOf(const std::string& page) {
     const size_t start = page.find("<body>");
-    const std::string body = page.substr(start, page.rfind("</html>") - start);
+    std::string body = page.substr(start, page.rfind("</html>") - start);
     pugi::xml_document document;
     EXPECT_TRUE(document.load_string(body.c_str())) << body;
     return body;

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <numeric>
 
 namespace vxrun {
 namespace {
@@ -137,10 +136,12 @@ Ranges wrongFrames(const Json& failure) {
 // The same frames as numbers of their pictures in decoding order.
 Ranges inDecodingOrder(const Ranges& wrong, const Json& pictures) {
     std::vector<double> numbers;
+    const auto known = static_cast<double>(pictures.size());
     for (const auto& [first, last] : wrong) {
-        const double end = std::min(last + 1, static_cast<double>(pictures.size()));
-        for (double frame = std::max(first, 0.0); frame < end; ++frame) {
-            const Json& picture = pictures[static_cast<size_t>(frame)];
+        const auto end = static_cast<size_t>(std::clamp(last + 1, 0.0, known));
+        for (auto frame = static_cast<size_t>(std::clamp(first, 0.0, known)); frame < end;
+             ++frame) {
+            const Json& picture = pictures[frame];
             if (picture.is_number()) numbers.push_back(picture.get<double>());
         }
     }
