@@ -91,7 +91,26 @@ CodecLog::~CodecLog() {
     if (tListener == this) tListener = nullptr;
 }
 
+static thread_local std::function<void(const std::string&)> tTrace;
+
+void CodecLog::traceHere(std::function<void(const std::string& line)> take) {
+    tTrace = std::move(take);
+}
+
+static std::string lineOf(const char* format, va_list arguments) {
+    char text[256];
+    std::vsnprintf(text, sizeof text, format, arguments);
+    std::string line = text;
+    line.erase(line.find_last_not_of(" \n") + 1);
+    return line;
+}
+
 void CodecLog::write(void* object, int level, const char* format, va_list arguments) {
+    if (tTrace && object != nullptr && level <= AV_LOG_INFO &&
+        *static_cast<const AVClass**>(object) == av_bsf_get_class()) {
+        tTrace(lineOf(format, arguments));
+        return;
+    }
     if (level > AV_LOG_ERROR) return;
     // What logs is an object that begins with a pointer to its class.
     const bool isCodec =
@@ -99,10 +118,7 @@ void CodecLog::write(void* object, int level, const char* format, va_list argume
     auto* const log =
         isCodec ? static_cast<CodecLog*>(static_cast<AVCodecContext*>(object)->opaque) : tListener;
     if (log == nullptr) return;  // a codec of the demuxer's, or what no one listens to
-    char text[256];
-    std::vsnprintf(text, sizeof text, format, arguments);
-    std::string line = text;
-    line.erase(line.find_last_not_of(" \n") + 1);
+    const std::string line = lineOf(format, arguments);
     std::lock_guard<std::mutex> lock(log->mLock);
     if (log->mFirst.empty()) log->mFirst = line;
 }

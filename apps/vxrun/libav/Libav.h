@@ -5,11 +5,13 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
 #include <libswscale/swscale.h>
 }
 
 #include <cstdarg>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -18,6 +20,7 @@ extern "C" {
 namespace vxrun {
 
 struct LibavDeleter {
+    void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
     void operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
     void operator()(AVCodecParameters* parameters) const { avcodec_parameters_free(&parameters); }
     void operator()(AVFormatContext* context) const { avformat_close_input(&context); }
@@ -93,6 +96,10 @@ public:
 
     // Listens to everything else that the calling thread logs, until it ends.
     void listenHere();
+
+    // From now on `take` is given every line that a bitstream filter logs on the calling thread,
+    // informative ones, too; empty: none.
+    static void traceHere(std::function<void(const std::string& line)> take);
 
     // Replaces the libraries' own log.
     static void takeOver();

@@ -1,6 +1,7 @@
 // What the other rooms ask of FFmpeg's libraries.
 #include "MediaLibraries.h"
 
+#include "StreamMapper.h"
 #include "Text.h"
 #include "VideoFile.h"
 
@@ -103,15 +104,7 @@ std::unique_ptr<Muxer> muxerFor(const std::string& container) {
     return std::make_unique<LibavMuxer>(*format);
 }
 
-StreamMap mapOf(const std::string& path) {
-    throw Failure(path + ": not mapped", Verdict::NotSupported);
-}
-
-std::string headerTexts(const std::string& path, const std::vector<size_t>&) {
-    throw Failure(path + ": not mapped", Verdict::NotSupported);
-}
-
-const MediaLibraries kLibraries = {versions, probe, muxerFor, mapOf, headerTexts};
+const MediaLibraries kLibraries = {versions, probe, muxerFor, libavMapStream, libavHeadersOf};
 const bool kRegistered = registerMediaLibraries(kLibraries);
 
 }  // namespace
