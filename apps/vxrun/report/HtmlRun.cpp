@@ -140,7 +140,7 @@ public:
         Span& span = mSpans.back();
         span.low = std::min(span.low, value);
         span.high = std::max(span.high, value);
-        constexpr size_t kMost = 1000;
+        constexpr size_t kMost = 500;  // of up to two points each
         if (mSpans.size() < kMost) return;
         for (size_t i = 0; i < mSpans.size() / 2; ++i) {
             const Span &first = mSpans[2 * i], &second = mSpans[2 * i + 1];
