@@ -5,6 +5,8 @@
 
 #include <unistd.h>
 
+#include <filesystem>
+
 namespace vxrun {
 namespace {
 
@@ -27,7 +29,7 @@ public:
             ->check(CLI::Range(0, 255));
         showOptions(*app,
                     {"--nodes", "--set", "--record", "--force", "--log", "--timeout", "--stall",
-                     "--progress", "--trace", "--dot", "--color", "--stats", "--json", "--junit",
+                     "--progress", "--trace", "--dot", "--color", "--stats", "--json", "--junit", "--bundle", "--bundle-refs",
                      "--min-fps", "--max-latency-p99", "--max-rss", "--quiet"},
                     decode);
         return decode;
@@ -44,6 +46,12 @@ public:
         decoder.setEnvironment();
         Task task;
         task.input = mDecode.input;
+        task.environment = decoder.environment();
+        for (const std::string& name : mDecoders.names) {
+            if (std::filesystem::path(name).extension() == ".json") {
+                task.descriptions.push_back(name);
+            }
+        }
         task.graph = decoder.graphFor(mDecode, &task.limits);
         return runToVerdict(*this, std::move(task), options, evidence);
     }
