@@ -111,7 +111,8 @@ Json jsonOf(const FailedRun& run) {
             {"stall", run.options.stall},
             {"limits", run.options.limits},
             {"environment", run.environment},
-            {"md5", run.md5}};
+            {"md5", run.md5},
+            {"negative", run.isNegative}};
 }
 
 Json jsonOf(const BundledFile& file) {
@@ -219,7 +220,8 @@ Bundle readManifest(const std::string& path) {
                          text(item, "message"),
                          {},
                          document.strings(document.member(item, "environment", JsonValue::ARRAY)),
-                         text(item, "md5")};
+                         text(item, "md5"),
+                         document.member(item, "negative", JsonValue::BOOLEAN).text == "true"};
         if (!staysInside(run.folder)) document.fail(item, "bad folder " + quote(run.folder));
         run.options.timeout = real(document.member(item, "timeout", JsonValue::NUMBER));
         run.options.stall = real(document.member(item, "stall", JsonValue::NUMBER));

@@ -38,6 +38,7 @@ struct FailedRun {
     RunOptions options;                    // its times and limits
     std::vector<std::string> environment;  // of its decoder, NAME=VALUE
     std::string md5;                       // that its pictures should have; empty: none is known
+    bool isNegative = false;               // it failed because it did not fail
 };
 
 // A plain value.
@@ -64,7 +65,7 @@ public:
     // they stay there until write(). `more`: further files, of which each is there under its name.
     void add(FailedRun run, vexa::VXGraphInfo graph, const std::string& files,
              const std::vector<std::string>& more);
-    bool isEmpty() const { return mBundle.runs.empty(); }
+    size_t size() const { return mBundle.runs.size(); }  // runs
     // Throws Failure.
     void write(const std::string& path);
 

@@ -53,7 +53,7 @@ void checkBundleFile(const BundleOptions& options) {
 }
 
 void writeBundle(const BundleOptions& options, BundleMaker* bundle) {
-    if (bundle->isEmpty()) {
+    if (bundle->size() == 0) {
         console::note("vxrun: nothing has failed that a bundle would help with: none is written");
         return;
     }

@@ -16,6 +16,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <optional>
 #include <thread>
 
@@ -143,6 +145,13 @@ CLI::Validator realFrom(double least) {
                 }
             },
             ""};
+}
+
+std::vector<std::string> descriptionsOf(const std::vector<std::string>& names) {
+    std::vector<std::string> files;
+    std::copy_if(names.begin(), names.end(), std::back_inserter(files),
+                 [](const std::filesystem::path& name) { return name.extension() == ".json"; });
+    return files;
 }
 
 void addDecoderOptions(CLI::App* command, DecoderOptions* options) {

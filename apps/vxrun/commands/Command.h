@@ -86,6 +86,8 @@ struct DecoderOptions {
     std::vector<std::string> names;
     std::vector<std::string> graphs;  // files, see TestedDecoder::ofGraph()
 };
+// Those of `names` that are files.
+std::vector<std::string> descriptionsOf(const std::vector<std::string>& names);
 void addDecoderOptions(CLI::App* command, DecoderOptions* options);
 
 // Adds those options of `app` that apply to `command` to its help.

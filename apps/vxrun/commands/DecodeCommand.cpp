@@ -5,8 +5,6 @@
 
 #include <unistd.h>
 
-#include <filesystem>
-
 namespace vxrun {
 namespace {
 
@@ -47,11 +45,7 @@ public:
         Task task;
         task.input = mDecode.input;
         task.environment = decoder.environment();
-        for (const std::string& name : mDecoders.names) {
-            if (std::filesystem::path(name).extension() == ".json") {
-                task.descriptions.push_back(name);
-            }
-        }
+        task.descriptions = descriptionsOf(mDecoders.names);
         task.graph = decoder.graphFor(mDecode, &task.limits);
         return runToVerdict(*this, std::move(task), options, evidence);
     }

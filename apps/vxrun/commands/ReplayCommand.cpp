@@ -137,13 +137,16 @@ private:
     // How the run has failed this time; no type when it has not. As with test vectors the pictures
     // decide, where those that are expected are known.
     static FailureSignature signatureNow(const FailedRun& run, const RunResult& result) {
-        const bool hasEnded = exitCode(result.verdict) == 0 || isFailedTest(result.verdict);
-        if (!hasEnded || (run.md5.empty() && exitCode(result.verdict) != 0)) {
-            return result.signature;
+        const bool isPass = exitCode(result.verdict) == 0;
+        if (!isPass && !isFailedTest(result.verdict)) return result.signature;
+        const bool isRight = run.md5.empty() ? isPass : run.md5 == result.md5;
+        if (isRight == run.isNegative) {
+            if (run.isNegative) return {"UNEXPECTED_PASS", "", ""};
+            if (run.md5.empty() || result.md5.empty()) return result.signature;
+            return {verdictName(Verdict::CrcMismatch), result.signature.kind,
+                    result.signature.shape};
         }
-        if (run.md5.empty() || run.md5 == result.md5) return {};
-        if (result.md5.empty()) return result.signature;
-        return {verdictName(Verdict::CrcMismatch), result.signature.kind, result.signature.shape};
+        return {};
     }
 
     std::string mFile, mResources, mKeep;
