@@ -153,7 +153,7 @@ std::string readmeOf(const Bundle& bundle, const std::string& name) {
         text += " Node libraries and programs are not in the bundle: they are others' code.";
     }
     if (refers) {
-        text += "\nFOLDER has the files that the runs read, which are not in the bundle:\n\n";
+        text += "\n\nFOLDER has the files that the runs read, which are not in the bundle:\n\n";
         for (const BundledFile& file : bundle.files) {
             if (file.isHere) continue;
             text += concat("- ", file.name, ": ", file.origin, ", ", file.size, " bytes, SHA-256 ",
@@ -161,7 +161,7 @@ std::string readmeOf(const Bundle& bundle, const std::string& name) {
         }
     }
     text +=
-        "\n# What is in it\n\n"
+        "\n\n# What is in it\n\n"
         "| file | content |\n|---|---|\n"
         "| `bundle.json` | the runs, and the size and SHA-256 of every file |\n"
         "| `N/graph.json` | the graph as it ran, with all options |\n"
@@ -401,7 +401,9 @@ void BundleMaker::add(FailedRun run, vexa::VXGraphInfo graph, const std::string&
             }
         }
     }
-    for (const std::string& file : more) addInput(run.folder, file);
+    for (const std::string& file : more) {
+        addFile(concat(run.folder, "/", plainName(fs::path(file).filename())), file).origin = file;
+    }
     writeTextFile("--bundle", fs::path(files) / kGraph, graphText(graph));
     for (const auto& entry : fs::recursive_directory_iterator(files)) {
         if (!entry.is_regular_file() || entry.path().extension() == ".part") continue;

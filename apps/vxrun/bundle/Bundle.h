@@ -62,7 +62,7 @@ public:
     BundleMaker(bool refers, const Facts& facts, Check check);
 
     // Adds a run of `graph` with all files of the folder `files`, to which its graph file is added;
-    // they stay there until write(). `more`: further files, of which each is there under its name.
+    // they stay there until write(). `more`: files that tell about it, which are always packed.
     void add(FailedRun run, vexa::VXGraphInfo graph, const std::string& files,
              const std::vector<std::string>& more);
     size_t size() const { return mBundle.runs.size(); }  // runs

@@ -59,25 +59,34 @@ public:
         }
         run.writeReports = [&] { writeReports(mReports, results); };
         int signal = 0;
-        const ProcessSignals signals;
-        BundleMaker bundle(options.bundle.refers, results.facts, [&] { signals.check(); });
-        const TemporaryFolder left;
         for (size_t i = 0; i < decoders.size() && signal == 0; ++i) {
-            Suite& column = results.columns[i];
-            const bool isOne = decoders.size() == 1;
-            run.label = isOne ? "" : column.decoder + "/";
-            run.output = isOne || mOutput.empty() ? mOutput : mOutput + "/" + column.decoder;
-            signal = decodeVectors(run, decoders[i], &column);
-            if (signal != 0 || options.bundle.file.empty()) continue;
-            for (const TestVector& vector : column.vectors) {
-                addToBundle(run, decoders[i], column, vector, left.path(), &bundle);
-            }
+            setColumn(results, i, &run);
+            signal = decodeVectors(run, decoders[i], &results.columns[i]);
         }
-        if (signal == 0 && !options.bundle.file.empty()) writeBundle(options.bundle, &bundle);
+        if (signal == 0 && !options.bundle.file.empty()) {
+            const ProcessSignals signals;
+            const TemporaryFolder left;
+            BundleMaker bundle(options.bundle.refers, results.facts, [&] { signals.check(); });
+            for (size_t i = 0; i < decoders.size(); ++i) {
+                setColumn(results, i, &run);
+                for (const TestVector& vector : results.columns[i].vectors) {
+                    addToBundle(run, decoders[i], results.columns[i], vector, left.path(), &bundle);
+                }
+            }
+            writeBundle(options.bundle, &bundle);
+        }
         return concludeSuite(results, signal, anySelected);
     }
 
 private:
+    // The options of the column `index` of the results.
+    void setColumn(const SuiteResults& results, size_t index, SuiteRunOptions* run) const {
+        const std::string& decoder = results.columns[index].decoder;
+        const bool isOne = results.columns.size() == 1;
+        run->label = isOne ? "" : decoder + "/";
+        run->output = isOne || mOutput.empty() ? mOutput : mOutput + "/" + decoder;
+    }
+
     // Adds `vector`, which `decoder` has decoded, if it has failed. `left`: the folder for what a
     // failure leaves.
     void addToBundle(const SuiteRunOptions& options, const TestedDecoder& decoder,
