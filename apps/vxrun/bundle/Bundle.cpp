@@ -262,13 +262,12 @@ Bundle readManifest(const std::string& path) {
 // Unpacking: takes the files of a bundle one after another, the manifest first.
 class Unpacking {
 public:
-    Unpacking(const std::string& path, fs::path folder)
-        : mPath(path), mFolder(std::move(folder)) {}
+    Unpacking(const std::string& path, fs::path folder) : mPath(path), mFolder(std::move(folder)) {}
 
     TakeBytes take(const std::string& name, uint64_t size) {
         const bool isFirst = !mBundle.has_value() && !mFile.has_value();
-        if (isFirst != (name == kManifest)) fail(isFirst ? "does not begin with bundle.json"
-                                                         : quote(name) + " is there twice");
+        if (isFirst != (name == kManifest))
+            fail(isFirst ? "does not begin with bundle.json" : quote(name) + " is there twice");
         mCurrent = nullptr;
         if (isFirst && size > kMaxManifest) fail("bundle.json is too large");
         if (!isFirst) {
@@ -351,9 +350,9 @@ BundleMaker::BundleMaker(bool refers, const Facts& facts, Check check)
     mBundle.variables = variables();
     for (const std::string& file : loadedNodeLibraries()) {
         std::error_code none;  // the loader may have found it elsewhere
-        mBundle.libraries.emplace_back(
-            fs::path(file).filename(),
-            fs::is_regular_file(file, none) ? sha256Of(file, mCheck) : "");
+        mBundle.libraries.emplace_back(fs::path(file).filename(), fs::is_regular_file(file, none)
+                                                                      ? sha256Of(file, mCheck)
+                                                                      : "");
     }
 }
 
@@ -441,15 +440,15 @@ void BundleMaker::write(const std::string& path) {
 Bundle openBundle(const std::string& path, const std::string& folder, const Check& check) {
     Unpacking unpacking(path, folder);
     unpack(
-        path,
-        [&](const std::string& name, uint64_t size) { return unpacking.take(name, size); }, check);
+        path, [&](const std::string& name, uint64_t size) { return unpacking.take(name, size); },
+        check);
     Bundle bundle = unpacking.release();
     std::error_code none;
     for (const FailedRun& run : bundle.runs) {
         const fs::path graph = fs::path(folder) / run.folder / kGraph;
         if (!fs::exists(graph, none)) {
-            throw Failure(concat(path, ": not a bundle: the run ", quote(run.name), " has no ",
-                                 kGraph));
+            throw Failure(
+                concat(path, ": not a bundle: the run ", quote(run.name), " has no ", kGraph));
         }
         fs::create_directories(fs::path(folder) / run.folder / "output", none);
     }

@@ -43,9 +43,9 @@ struct FailedRun {
 
 // A plain value.
 struct Bundle {
-    Facts facts;       // the versions of everything
-    Facts variables;   // of the environment
-    Facts libraries;   // node libraries: name and SHA-256, empty where it is not known
+    Facts facts;      // the versions of everything
+    Facts variables;  // of the environment
+    Facts libraries;  // node libraries: name and SHA-256, empty where it is not known
     std::vector<FailedRun> runs;
     std::vector<BundledFile> files;
 };

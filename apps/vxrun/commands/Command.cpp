@@ -89,8 +89,8 @@ void CommonOptions::addTo(CLI::App* app) {
             ->type_name(kind.usage)
             ->check([&kind](const std::string& text) { return mistakeIn(kind, text); });
     }
-    CLI::Option* const bundled = addOption(
-        app, "--bundle FILE.tar.zst", &bundle.file, "Pack all that it takes to repeat a failure");
+    CLI::Option* const bundled = addOption(app, "--bundle FILE.tar.zst", &bundle.file,
+                                           "Pack all that it takes to repeat a failure");
     bundled->excludes("--record");
     app->add_flag("--bundle-refs", bundle.refers,
                   "Have --bundle name the files that the run reads, instead of packing them")

@@ -25,10 +25,13 @@ public:
         addOption(decode, "--unsupported-exit CODE", &mUnsupportedExit,
                   "Exit code for what is not supported, default 69")
             ->check(CLI::Range(0, 255));
-        showOptions(*app,
-                    {"--nodes", "--set", "--record", "--force", "--log", "--timeout", "--stall",
-                     "--progress", "--trace", "--dot", "--color", "--stats", "--json", "--junit", "--bundle", "--bundle-refs",
-                     "--min-fps", "--max-latency-p99", "--max-rss", "--quiet"},
+        showOptions(*app, {"--nodes",       "--set",      "--record",
+                           "--force",       "--log",      "--timeout",
+                           "--stall",       "--progress", "--trace",
+                           "--dot",         "--color",    "--stats",
+                           "--json",        "--junit",    "--bundle",
+                           "--bundle-refs", "--min-fps",  "--max-latency-p99",
+                           "--max-rss",     "--quiet"},
                     decode);
         return decode;
     }

@@ -79,7 +79,8 @@ private:
         }
         for (const auto& [name, sum] : bundle.libraries) {
             for (const std::string& file : loadedNodeLibraries()) {
-                if (fs::path(file).filename() != name || sum.empty() || sha256Of(file, check) == sum) {
+                if (fs::path(file).filename() != name || sum.empty() ||
+                    sha256Of(file, check) == sum) {
                     continue;
                 }
                 console::note("vxrun: another build of the node library " + printable(name));

@@ -33,8 +33,8 @@ public:
             suite->excludes(app->get_option(option));
         }
         showOptions(*app,
-                    {"--nodes", "--set", "--log", "--timeout", "--stall", "--bundle", "--bundle-refs",
-                     "--color", "--quiet"},
+                    {"--nodes", "--set", "--log", "--timeout", "--stall", "--bundle",
+                     "--bundle-refs", "--color", "--quiet"},
                     suite);
         return suite;
     }
@@ -103,8 +103,7 @@ private:
             run.environment = decoder.environment();
             run.md5 = vector.md5;
             run.isNegative = suite.negative;
-            vexa::VXGraphInfo graph =
-                decoder.graphFor(decodeOptionsOf(options, suite, vector));
+            vexa::VXGraphInfo graph = decoder.graphFor(decodeOptionsOf(options, suite, vector));
             options.vectors.edits.applyTo(&graph);
             makeFolder("--bundle", folder);
             writeTextFile("--bundle", folder + "/log.txt", vector.log);

@@ -3,9 +3,9 @@
 #include "Json.h"
 #include "Text.h"
 
-#include <nlohmann/json.hpp>
 #include <vxkit/NodeLibrary.h>
 #include <vxkit/NodeType.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <filesystem>
@@ -403,7 +403,8 @@ std::string graphText(const VXGraphInfo& graph) {
     using Json = nlohmann::ordered_json;
     const auto portsJson = [](const std::vector<VXNodeDescriptor::PortInfo>& ports) {
         Json json = Json::array();
-        for (const auto& port : ports) json.push_back({{"name", port.name}, {"format", port.format}});
+        for (const auto& port : ports)
+            json.push_back({{"name", port.name}, {"format", port.format}});
         return json;
     };
     Json json = {{"name", graph.name}, {"nodes", Json::array()}};
