@@ -22,6 +22,9 @@ namespace vxrun {
 
 namespace fs = std::filesystem;
 
+constexpr char kNothing[] =
+    "vxrun: nothing has failed that a bundle would help with: none is written";
+
 // What the copy hands back. Plain memory: it may end at any moment.
 struct BundledRun::Shared {
     volatile bool isComplete = false;  // set last
@@ -29,7 +32,7 @@ struct BundledRun::Shared {
     char kind[64] = "", shape[64] = "", message[2048] = "";
 };
 
-// Whether there is something to find out about a run that ended so, with this graph.
+// Whether a run that ended so has failed in a way that can be repeated.
 static bool isWorthABundle(Verdict verdict) {
     switch (verdict) {
         case Verdict::NothingChecked:
@@ -54,7 +57,7 @@ void checkBundleFile(const BundleOptions& options) {
 
 void writeBundle(const BundleOptions& options, BundleMaker* bundle) {
     if (bundle->size() == 0) {
-        console::note("vxrun: nothing has failed that a bundle would help with: none is written");
+        console::note(kNothing);
         return;
     }
     try {
@@ -98,14 +101,15 @@ std::optional<int> BundledRun::run() {
     if (auto run = failedRun(end->status)) {
         pack(std::move(*run), end->log);
     } else {
-        console::note("vxrun: nothing has failed that a bundle would help with: none is written");
+        console::note(kNothing);
     }
     if (!WIFSIGNALED(end->status)) return WEXITSTATUS(end->status);
     // As without a bundle, but for a second core file.
     const int number = WTERMSIG(end->status);
     const rlimit none = {0, 0};
     setrlimit(RLIMIT_CORE, &none);
-    fs::remove_all(mFolder.path());
+    std::error_code ignored;
+    fs::remove_all(mFolder.path(), ignored);
     std::signal(number, SIG_DFL);
     raise(number);
     return 128 + number;

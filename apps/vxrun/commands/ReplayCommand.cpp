@@ -29,6 +29,13 @@ public:
         addOption(replay, "--resources DIR", &mResources,
                   "Where the files are that the bundle only names");
         addOption(replay, "--keep DIR", &mKeep, "Unpack into this new folder, and keep it");
+        // A run is repeated as it was.
+        for (const char* const option :
+             {"--set", "--dump-bad", "--record", "--timeout", "--stall", "--progress", "--trace",
+              "--dot", "--json", "--junit", "--min-fps", "--max-latency-p99", "--max-rss",
+              "--bundle"}) {
+            replay->excludes(app->get_option(option));
+        }
         showOptions(*app, {"--nodes", "--log", "--color", "--quiet"}, replay);
         return replay;
     }
