@@ -63,12 +63,13 @@ private:
     // The libraries are here by their names; others may be loaded, too.
     void findLibraries(const Bundle& bundle) const {
         std::vector<std::string> missing;
-        for (const auto& [name, sum] : bundle.libraries) {
+        for (const auto& library : bundle.libraries) {
             const auto& loaded = loadedNodeLibraries();
-            const bool isHere =
-                std::any_of(loaded.begin(), loaded.end(),
-                            [&](const fs::path& file) { return file.filename() == name; });
-            if (!isHere) missing.push_back(name);
+            const auto isIt = [&](const fs::path& file) {
+                return file.filename() == library.first;
+            };
+            if (std::any_of(loaded.begin(), loaded.end(), isIt)) continue;
+            missing.push_back(printable(library.first));
         }
         if (missing.empty()) return;
         throw Failure(concat(mFile, ": needs node libraries that are not in a bundle: ",
