@@ -17,6 +17,15 @@ static std::string loaderError(const std::string& path) {
     return text;
 }
 
+static std::vector<std::string>& loadedFiles() {
+    static std::vector<std::string> files;
+    return files;
+}
+
+const std::vector<std::string>& loadedNodeLibraries() {
+    return loadedFiles();
+}
+
 void loadNodeLibrary(const std::string& file) {
     const auto fail = [&](const std::string& reason) {
         throw Failure(printable(file) + ": " + reason, Verdict::BadOption);
@@ -47,6 +56,7 @@ void loadNodeLibrary(const std::string& file) {
         fail("the node type '" + clashingNodeTypes()[clashes] + "' is registered already");
     }
     if (nodeTypes().size() == types) fail("not a node library: it registers no node type");
+    loadedFiles().push_back(path);
 }
 
 }  // namespace vxkit

@@ -3,6 +3,7 @@
 #include "Text.h"
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
@@ -119,6 +120,19 @@ void OutputFile::commit() {
 
 void OutputFile::fail() {
     throw Failure(mPath + ": " + errnoText(errno));
+}
+
+TemporaryFolder::TemporaryFolder() : mOwner(getpid()) {
+    const std::string base = variable("TMPDIR");
+    mPath = (base.empty() ? "/tmp" : base) + "/vxrun.XXXXXX";
+    if (mkdtemp(mPath.data()) == nullptr) {
+        throw Failure(mPath + ": " + errnoText(errno), Verdict::NotWritten);
+    }
+}
+
+TemporaryFolder::~TemporaryFolder() {
+    std::error_code ignored;
+    if (getpid() == mOwner) std::filesystem::remove_all(mPath, ignored);
 }
 
 void writeTextFile(const std::string& option, const std::string& path, const std::string& text) {

@@ -79,6 +79,25 @@ private:
     FileHandle mFile;
 };
 
+// TemporaryFolder: a new folder, which is removed with all that is in it.
+//
+// Threads  one at a time.
+// Owns     the folder; copies of this process do not.
+class TemporaryFolder {
+public:
+    // Throws Failure, Verdict::NotWritten, where none can be made.
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::string& path() const { return mPath; }
+
+private:
+    std::string mPath;
+    const int mOwner;  // its process
+};
+
 // For files and folders that an option names, and that Failure then names, too: writes a file as a
 // whole; makes a folder where there is none; opens a file that is overwritten, and returns its
 // descriptor.

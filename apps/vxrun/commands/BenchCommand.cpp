@@ -99,7 +99,8 @@ public:
                   "How much slower than the baseline is allowed, default 5")
             ->needs(baseline)
             ->check(realFrom(0));
-        for (const char* const option : {"--record", "--progress", "--trace", "--dot"}) {
+        for (const char* const option :
+             {"--record", "--progress", "--trace", "--dot", "--bundle"}) {
             bench->excludes(app->get_option(option));
         }
         showOptions(*app,

@@ -1,6 +1,7 @@
 #include "Command.h"
 
 #include "BadFrames.h"
+#include "BundledRun.h"
 #include "Console.h"
 #include "Crash.h"
 #include "MediaLibraries.h"
@@ -15,6 +16,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <thread>
@@ -88,6 +91,12 @@ void CommonOptions::addTo(CLI::App* app) {
             ->type_name(kind.usage)
             ->check([&kind](const std::string& text) { return mistakeIn(kind, text); });
     }
+    CLI::Option* const bundled = addOption(app, "--bundle FILE.tar.zst", &bundle.file,
+                                           "Pack all that it takes to repeat a failure");
+    bundled->excludes("--record");
+    app->add_flag("--bundle-refs", bundle.refers,
+                  "Have --bundle name the files that the run reads, instead of packing them")
+        ->needs(bundled);
     app->add_flag("--quiet", quiet, "Print the verdict only");
 }
 
@@ -138,6 +147,13 @@ CLI::Validator realFrom(double least) {
                 }
             },
             ""};
+}
+
+std::vector<std::string> descriptionsOf(const std::vector<std::string>& names) {
+    std::vector<std::string> files;
+    std::copy_if(names.begin(), names.end(), std::back_inserter(files),
+                 [](const std::filesystem::path& name) { return name.extension() == ".json"; });
+    return files;
 }
 
 void addDecoderOptions(CLI::App* command, DecoderOptions* options) {
@@ -232,9 +248,14 @@ int runToVerdict(const Command& command, Task task, const CommonOptions& options
     vexa::VXGraphInfo& graph = task.graph;
     options.edits().applyTo(&graph);
     useProcessors(&graph);
-    if (options.run.stats || wantsReports(options)) evidence->measureTimes();
     RunOptions run = options.runOptions();
     run.limits.insert(task.limits.begin(), task.limits.end());  // those of options win
+    std::optional<BundledRun> bundled;
+    if (!options.bundle.file.empty()) {
+        bundled.emplace(options, &task, &run);
+        if (const auto code = bundled->run()) return *code;
+    }
+    if (options.run.stats || bundled || wantsReports(options)) evidence->measureTimes();
     RunReport report = newReport(options);
     report.graph = graph.name;
     report.input = task.input;
@@ -258,6 +279,7 @@ int runToVerdict(const Command& command, Task task, const CommonOptions& options
         },
         nullptr);
     const Conclude conclude = [&](const Evidence&) {
+        if (bundled) bundled->handBack(report, *evidence);
         return reportAndConclude(command, report, evidence);
     };
     runGraph(std::move(graph), run, evidence, conclude);

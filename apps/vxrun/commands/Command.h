@@ -14,6 +14,11 @@
 
 namespace vxrun {
 
+struct BundleOptions {
+    std::string file;     // empty: none is written
+    bool refers = false;  // names the files that runs read, and does not have them
+};
+
 // The options that several commands share; they may come before or after the command's name.
 struct CommonOptions {
     void addTo(CLI::App* app);
@@ -32,6 +37,7 @@ struct CommonOptions {
     bool force = false;
     std::string color = "auto";
     bool quiet = false;
+    BundleOptions bundle;
     RunOptions run;
     ReportFiles reports;  // of a run; a suite has its own
 };
@@ -80,6 +86,8 @@ struct DecoderOptions {
     std::vector<std::string> names;
     std::vector<std::string> graphs;  // files, see TestedDecoder::ofGraph()
 };
+// Those of `names` that are files.
+std::vector<std::string> descriptionsOf(const std::vector<std::string>& names);
 void addDecoderOptions(CLI::App* command, DecoderOptions* options);
 
 // Adds those options of `app` that apply to `command` to its help.
@@ -95,6 +103,8 @@ struct Task {
     vexa::VXGraphInfo graph;
     Limits limits;
     std::string input;
+    // For a bundle: the variables of the decoder, NAME=VALUE, and the files that describe it.
+    std::vector<std::string> environment = {}, descriptions = {};
 };
 // Runs `task` with the options, writes the list of --record when all is well, reports and
 // concludes.

@@ -25,10 +25,12 @@ public:
         addOption(decode, "--unsupported-exit CODE", &mUnsupportedExit,
                   "Exit code for what is not supported, default 69")
             ->check(CLI::Range(0, 255));
-        showOptions(*app,
-                    {"--nodes", "--set", "--record", "--force", "--log", "--timeout", "--stall",
-                     "--progress", "--trace", "--dot", "--color", "--stats", "--html", "--json",
-                     "--junit", "--min-fps", "--max-latency-p99", "--max-rss", "--quiet"},
+        showOptions(*app, {"--nodes",       "--set",     "--record",          "--force",
+                           "--log",         "--timeout", "--stall",           "--progress",
+                           "--trace",       "--dot",     "--color",           "--stats",
+                           "--html",        "--json",    "--junit",           "--bundle",
+                           "--bundle-refs", "--min-fps", "--max-latency-p99", "--max-rss",
+                           "--quiet"},
                     decode);
         return decode;
     }
@@ -44,6 +46,8 @@ public:
         decoder.setEnvironment();
         Task task;
         task.input = mDecode.input;
+        task.environment = decoder.environment();
+        task.descriptions = descriptionsOf(mDecoders.names);
         task.graph = decoder.graphFor(mDecode, &task.limits);
         return runToVerdict(*this, std::move(task), options, evidence);
     }

@@ -135,7 +135,8 @@ public:
         addOption(rd, "--json FILE", &mFiles["json"], "Write all that was measured");
         addOption(rd, "--svg FILE", &mFiles["svg"], "Draw the rate-distortion curves");
         // Of these there is one, not one per run.
-        for (const char* const option : {"--record", "--progress", "--trace", "--dot"}) {
+        for (const char* const option :
+             {"--record", "--progress", "--trace", "--dot", "--bundle"}) {
             rd->excludes(app->get_option(option));
         }
         showOptions(

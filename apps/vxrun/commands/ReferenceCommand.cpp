@@ -20,7 +20,7 @@ public:
         addOption(reference, "-o,--output FILE", &mOutput, "The suite to write, default this one");
         for (const char* const option :
              {"--record", "--progress", "--trace", "--dot", "--html", "--json", "--junit",
-              "--min-fps", "--max-latency-p99", "--max-rss"}) {
+              "--bundle", "--min-fps", "--max-latency-p99", "--max-rss"}) {
             reference->excludes(app->get_option(option));
         }
         showOptions(

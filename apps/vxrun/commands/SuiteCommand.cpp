@@ -1,5 +1,7 @@
 // vxrun suite FILE: decodes the test vectors of a conformance suite and writes reports.
+#include "BundledRun.h"
 #include "Console.h"
+#include "Json.h"
 #include "Report.h"
 #include "SuiteOptions.h"
 #include "Text.h"
@@ -31,7 +33,8 @@ public:
             suite->excludes(app->get_option(option));
         }
         showOptions(*app,
-                    {"--nodes", "--set", "--log", "--timeout", "--stall", "--color", "--quiet"},
+                    {"--nodes", "--set", "--log", "--timeout", "--stall", "--bundle",
+                     "--bundle-refs", "--color", "--quiet"},
                     suite);
         return suite;
     }
@@ -50,22 +53,81 @@ public:
         results.facts = environmentFacts();
         results.facts.emplace_back("command_line", options.commandLine);
         prepareReports(results);
+        if (!options.bundle.file.empty()) checkBundleFile(options.bundle);
         if (!mOutput.empty()) {
             makeFolder("--output", std::filesystem::path(mOutput) / suite.name);
         }
         run.writeReports = [&] { writeReports(mReports, results); };
         int signal = 0;
         for (size_t i = 0; i < decoders.size() && signal == 0; ++i) {
-            Suite& column = results.columns[i];
-            const bool isOne = decoders.size() == 1;
-            run.label = isOne ? "" : column.decoder + "/";
-            run.output = isOne || mOutput.empty() ? mOutput : mOutput + "/" + column.decoder;
-            signal = decodeVectors(run, decoders[i], &column);
+            setColumn(results, i, &run);
+            signal = decodeVectors(run, decoders[i], &results.columns[i]);
+        }
+        if (signal == 0 && !options.bundle.file.empty()) {
+            const ProcessSignals signals;
+            const TemporaryFolder left;
+            BundleMaker bundle(options.bundle.refers, results.facts, [&] { signals.check(); });
+            for (size_t i = 0; i < decoders.size(); ++i) {
+                setColumn(results, i, &run);
+                for (const TestVector& vector : results.columns[i].vectors) {
+                    addToBundle(run, decoders[i], results.columns[i], vector, left.path(), &bundle);
+                }
+            }
+            writeBundle(options.bundle, &bundle);
         }
         return concludeSuite(results, signal, anySelected);
     }
 
 private:
+    // The options of the column `index` of the results.
+    void setColumn(const SuiteResults& results, size_t index, SuiteRunOptions* run) const {
+        const std::string& decoder = results.columns[index].decoder;
+        const bool isOne = results.columns.size() == 1;
+        run->label = isOne ? "" : decoder + "/";
+        run->output = isOne || mOutput.empty() ? mOutput : mOutput + "/" + decoder;
+    }
+
+    // Adds `vector`, which `decoder` has decoded, if it has failed. `left`: the folder for what a
+    // failure leaves.
+    void addToBundle(const SuiteRunOptions& options, const TestedDecoder& decoder,
+                     const Suite& suite, const TestVector& vector, const std::string& left,
+                     BundleMaker* bundle) const {
+        if (!vector.hasFailed()) return;
+        const std::string folder = concat(left, "/", bundle->size());
+        try {
+            FailedRun run;
+            run.name = options.label + vector.name;
+            run.signature = {vector.type, "", ""};
+            run.message = vector.message;
+            run.options = options.vectors.run;
+            run.environment = decoder.environment();
+            run.md5 = vector.md5;
+            run.isNegative = suite.negative;
+            vexa::VXGraphInfo graph = decoder.graphFor(decodeOptionsOf(options, suite, vector));
+            options.vectors.edits.applyTo(&graph);
+            makeFolder("--bundle", folder);
+            writeTextFile("--bundle", folder + "/log.txt", vector.log);
+            if (!vector.failure.empty()) {
+                writeTextFile("--bundle", folder + "/failure.json", vector.failure);
+                run.signature = signatureIn(folder + "/failure.json");
+            }
+            bundle->add(std::move(run), std::move(graph), folder,
+                        descriptionsOf(mSuite.decoders.names));
+        } catch (const std::exception& exception) {
+            console::line(concat("vxrun: --bundle: ", vector.name, ": ", exception.what()));
+        }
+    }
+
+    static FailureSignature signatureIn(const std::string& file) {
+        constexpr size_t kMost = 64 << 20;
+        const JsonDocument document(file, "failure", kMost);
+        const auto text = [&](const char* key) {
+            const JsonValue* const value = document.root().find(key);
+            return value != nullptr ? value->text : "";
+        };
+        return {text("type"), text("kind"), text("shape")};
+    }
+
     static int list(const Suite& suite) {
         std::string names;
         for (const TestVector& vector : suite.vectors) names += printable(vector.name) + "\n";

@@ -5,6 +5,7 @@
 
 #include <vxkit/NodeLibrary.h>
 #include <vxkit/NodeType.h>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <filesystem>
@@ -396,6 +397,38 @@ VXGraphInfo readGraphFile(const std::string& path, const GraphValues& values, Li
     if (!reader.failures().empty()) throw Failure(reader.failures().front());
     if (limits != nullptr) *limits = reader.limits();
     return reader.release();
+}
+
+std::string graphText(const VXGraphInfo& graph) {
+    using Json = nlohmann::ordered_json;
+    const auto portsJson = [](const std::vector<VXNodeDescriptor::PortInfo>& ports) {
+        Json json = Json::array();
+        for (const auto& port : ports)
+            json.push_back({{"name", port.name}, {"format", port.format}});
+        return json;
+    };
+    Json json = {{"name", graph.name}, {"nodes", Json::array()}};
+    for (const auto& node : graph.nodes) {
+        Json entries = Json::array();
+        for (const auto& entry : node->entries) {
+            const bool isCommand = entry.kind == VXNodeDescriptor::ConfigEntry::COMMAND;
+            entries.push_back({{"frame", entry.frameIndex},
+                               {"kind", isCommand ? "command" : "tuning"},
+                               {"key", entry.key},
+                               {"value", entry.value},
+                               {"alternate", entry.alternate != 0}});
+        }
+        const std::map<std::string, std::string> configs(node->configs.begin(),
+                                                         node->configs.end());
+        json["nodes"].push_back({{"name", node->name},
+                                 {"type", node->type},
+                                 {"configs", configs},
+                                 {"inputs", portsJson(node->inputPorts)},
+                                 {"outputs", portsJson(node->outputPorts)},
+                                 {"entries", entries}});
+    }
+    json["connections"] = std::map(graph.connections.begin(), graph.connections.end());
+    return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 std::vector<Failure> checkGraphFile(const std::string& path,

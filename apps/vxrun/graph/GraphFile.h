@@ -26,6 +26,9 @@ using GraphValues = std::map<std::string, std::string>;
 vexa::VXGraphInfo readGraphFile(const std::string& path, const GraphValues& values = {},
                                 Limits* limits = nullptr);
 
+// The graph file of `graph`: readGraphFile() makes the same of it.
+std::string graphText(const vexa::VXGraphInfo& graph);
+
 // The formats of ports for access units and pictures.
 constexpr char kUnits[] = "video/bitstream", kPictures[] = "video/raw";
 

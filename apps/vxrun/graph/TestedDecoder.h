@@ -48,7 +48,9 @@ public:
     // Finds out whether the decoder can run here, and which version it is. The reason why it
     // cannot; empty when it can.
     std::string probe();
-    // Sets the description's variables in the environment of this process, whose other threads do
+    // The description's variables, NAME=VALUE.
+    const std::vector<std::string>& environment() const { return mEnvironment; }
+    // Sets them in the environment of this process, whose other threads do
     // not run yet.
     void setEnvironment() const;
     // Why it is not made for streams of `codec`; empty when it is.

@@ -43,9 +43,6 @@ const NumberKey kHeight{"height", 1, 65535, 1, "of raw video, default that of th
 class OutputPath {
 public:
     explicit OutputPath(bool isFile) {
-        const std::string base = variable("TMPDIR");
-        mFolder = (base.empty() ? "/tmp" : base) + "/vxrun.XXXXXX";
-        if (mkdtemp(mFolder.data()) == nullptr) throw Failure(mFolder + ": " + errnoText(errno));
         const bool isMade =
             isFile ? close(open(path().c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600)) == 0
                    : mkfifo(path().c_str(), 0600) == 0;
@@ -63,13 +60,11 @@ public:
         for (const int file : {mFile, mWriter, mChanges}) {
             if (file >= 0) close(file);
         }
-        std::error_code ignored;
-        std::filesystem::remove_all(mFolder, ignored);
     }
     OutputPath(const OutputPath&) = delete;
     OutputPath& operator=(const OutputPath&) = delete;
 
-    std::string path() const { return mFolder + "/output.yuv"; }
+    std::string path() const { return mFolder.path() + "/output.yuv"; }
     int file() const { return mFile; }
     // What is ready for reading when there is something new.
     int changes() const { return mChanges >= 0 ? mChanges : mFile; }
@@ -80,7 +75,7 @@ public:
     }
 
 private:
-    std::string mFolder;
+    const TemporaryFolder mFolder;
     int mFile = -1;
     int mWriter = -1;   // of a FIFO
     int mChanges = -1;  // of a file, by inotify

@@ -89,6 +89,16 @@ ProcessSignals::ProcessSignals() {
     pthread_sigmask(SIG_BLOCK, &waited, &before);
 }
 
+void ProcessSignals::check() const {
+    sigset_t ending = waited;
+    sigdelset(&ending, SIGCHLD);
+    const timespec none = {0, 0};
+    const int number = sigtimedwait(&ending, nullptr, &none);
+    if (number < 0) return;
+    const Verdict verdict = number == SIGINT ? Verdict::Interrupted : Verdict::Terminated;
+    throw Failure(concat("ended by ", verdictName(verdict)), verdict);
+}
+
 RunProcess::RunProcess() : mLog(memoryFile()), mDescription(memoryFile()), mShared(nullptr) {
     void* const memory =
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);

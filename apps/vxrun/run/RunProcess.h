@@ -59,6 +59,8 @@ using Describe = std::function<std::string(const Evidence& evidence)>;
 // end it. Made before other threads start; blocks them.
 struct ProcessSignals {
     ProcessSignals();
+    // Throws Failure with the verdict of a signal that ends the program, when one has arrived.
+    void check() const;
 
     sigset_t waited;
     sigset_t before;  // that were blocked before

@@ -14,6 +14,8 @@ namespace vxrun {
 struct TestVector {
     enum State { NOT_RUN, SUCCESS, FAIL, TIMEOUT, ERROR, NOT_SUPPORTED, STATES };
 
+    bool hasFailed() const { return state == FAIL || state == TIMEOUT || state == ERROR; }
+
     // From the suite file.
     std::string name;
     std::string inputFile;

@@ -193,6 +193,16 @@ std::string inputOf(const TestVector& vector, const fs::path& folder) {
 
 }  // namespace
 
+DecodeOptions decodeOptionsOf(const SuiteRunOptions& options, const Suite& suite,
+                              const TestVector& vector) {
+    DecodeOptions decode = {inputOf(vector, fs::path(options.resources) / suite.name), "", true,
+                            vector.format, suite.codec};
+    if (!options.output.empty()) {
+        decode.output = fs::path(options.output) / suite.name / (vector.name + ".out");
+    }
+    return decode;
+}
+
 int runVectors(const SuiteRunOptions& options, const PrepareVector& prepare, Suite* suite) {
     return SuiteRun(options, prepare, suite).run();
 }
@@ -204,10 +214,8 @@ int decodeVectors(const SuiteRunOptions& options, const TestedDecoder& decoder, 
         vector.message = "test method " + suite->testMethod;
     }
     const auto prepare = [&](const TestVector& vector) -> GraphMaker {
-        DecodeOptions decode = {inputOf(vector, fs::path(options.resources) / suite->name), "",
-                                true, vector.format, suite->codec};
-        if (!options.output.empty()) {
-            decode.output = fs::path(options.output) / suite->name / (vector.name + ".out");
+        const DecodeOptions decode = decodeOptionsOf(options, *suite, vector);
+        if (!decode.output.empty()) {
             makeFolder("--output", fs::path(decode.output).parent_path());
         }
         return [&decoder, decode] {

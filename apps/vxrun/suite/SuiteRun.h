@@ -27,6 +27,10 @@ struct SuiteRunOptions {
 // throws Failure.
 using PrepareVector = std::function<GraphMaker(const TestVector& vector)>;
 
+// How `vector` of `suite` is decoded.
+DecodeOptions decodeOptionsOf(const SuiteRunOptions& options, const Suite& suite,
+                              const TestVector& vector);
+
 // Runs the vectors that have no result yet and prints a line for each on standard error. Reports
 // are written soon after a vector starts or ends ("soon" keeps them to a small share of the time).
 // A process that exceeds its time limit is sent SIGTERM, and then SIGKILL. At SIGINT or SIGTERM the

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace vxkit {
 
@@ -13,5 +14,8 @@ namespace vxkit {
 // cannot be loaded, one that is not a node library, one that was built against another major
 // version of vxkit, and one that registers a name that is taken.
 void loadNodeLibrary(const std::string& file);
+
+// The files that it has loaded, in this order: paths, but for those that dlopen(3) has found.
+const std::vector<std::string>& loadedNodeLibraries();
 
 }  // namespace vxkit
