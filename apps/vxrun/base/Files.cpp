@@ -126,7 +126,7 @@ TemporaryFolder::TemporaryFolder() : mOwner(getpid()) {
     const std::string base = variable("TMPDIR");
     mPath = (base.empty() ? "/tmp" : base) + "/vxrun.XXXXXX";
     if (mkdtemp(mPath.data()) == nullptr) {
-        throw Failure(mPath + ": " + errnoText(errno), Verdict::NotWritten);
+        throw Failure(mPath + ": " + errnoText(errno), Verdict::NodeFailInit);
     }
 }
 

@@ -85,7 +85,7 @@ private:
 // Owns     the folder; copies of this process do not.
 class TemporaryFolder {
 public:
-    // Throws Failure, Verdict::NotWritten, where none can be made.
+    // Throws Failure, Verdict::NodeFailInit, where none can be made.
     TemporaryFolder();
     ~TemporaryFolder();
     TemporaryFolder(const TemporaryFolder&) = delete;

@@ -367,13 +367,13 @@ std::string BundleMaker::addInput(const std::string& folder, const std::string& 
     const std::string origin = fs::absolute(path).lexically_normal();
     const std::string plain = plainName(fs::path(path).filename());
     for (int number = 1;; ++number) {
-        const std::string name = concat("input/", number > 1 ? concat(number, "_") : "", plain);
-        const auto found =
-            std::find_if(mBundle.files.begin(), mBundle.files.end(),
-                         [&](const BundledFile& file) { return file.name == folder + "/" + name; });
+        std::string name = concat("input/", number > 1 ? concat(number, "_") : "", plain);
+        const std::string full = concat(folder, "/", name);
+        const auto found = std::find_if(mBundle.files.begin(), mBundle.files.end(),
+                                        [&](const BundledFile& file) { return file.name == full; });
         if (found != mBundle.files.end() && found->origin != origin) continue;
         if (found != mBundle.files.end()) return name;
-        BundledFile& file = addFile(folder + "/" + name, path);
+        BundledFile& file = addFile(full, path);
         file.origin = origin;
         file.isHere = !mRefers;
         return name;
