@@ -313,9 +313,12 @@ private:
         const bool isUnable =
             code == exitCode(Verdict::BadOption) || code == exitCode(Verdict::NotSupported);
         if (!isCrash && isUnable) throw Failure(once.message, once.verdict);
-        constexpr double kTimes = 10, kLeast = 10, kStall = 5;
+        constexpr double kTimes = 10, kLeast = 10, kStall = 3;
         const bool isHang = once.verdict == Verdict::Stall || once.verdict == Verdict::Timeout;
-        if (mStall->count() == 0 && once.verdict == Verdict::Stall) tries->options.stall = kStall;
+        // Many a cut stream makes a decoder hang, and each of these tries takes that long.
+        if (mStall->count() == 0) {
+            tries->options.stall = isHang ? kStall : std::max(kStall, once.figures.seconds);
+        }
         if (tries->options.timeout == 0 && !isHang) {
             tries->options.timeout = std::max(kTimes * once.figures.seconds, kLeast);
         }
