@@ -7,7 +7,7 @@ _vxrun() {
         [[ $'\n'$commands$'\n' == *$'\n'"$words"$'\n'* ]] && command=$words
     done
     case $before in
-        --decoder)
+        --decoder | --against)
             words=$($program --list-decoders | grep -o '^[^ ]*')
             words+=" $($program --list-nodes | grep -o '^codec/[^ ]*')"
             ;;

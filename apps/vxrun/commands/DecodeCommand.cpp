@@ -5,6 +5,8 @@
 
 #include <unistd.h>
 
+#include <optional>
+
 namespace vxrun {
 namespace {
 
@@ -20,6 +22,10 @@ public:
         addOption(decode, "--format FORMAT", &mDecode.format,
                   "The pixel format that the pictures must have; nothing is converted");
         addDecoderOptions(decode, &mDecoders);
+        addOption(decode, "--against NAME|FILE", &mAgainst,
+                  "A trusted decoder, whose pictures those of the other must equal");
+        addOption(decode, "--list FILE", &mDecode.list,
+                  "The checksum list that the pictures must match");
         addOption(decode, "--codec CODEC", &mDecode.codec,
                   "A codec (h264, hevc, av1, ...) or a decoder");
         addOption(decode, "--unsupported-exit CODE", &mUnsupportedExit,
@@ -44,6 +50,14 @@ public:
             if (!reason.empty()) throw Failure("vxrun: " + reason, Verdict::NotSupported);
         }
         decoder.setEnvironment();
+        std::optional<TestedDecoder> trusted;
+        if (!mAgainst.empty()) {
+            trusted = TestedDecoder::find(mAgainst);
+            const std::string reason = trusted->probe();
+            if (!reason.empty()) throw Failure("vxrun: " + reason, Verdict::NotSupported);
+            trusted->setEnvironment();
+            mDecode.against = &*trusted;
+        }
         Task task;
         task.input = mDecode.input;
         task.environment = decoder.environment();
@@ -61,6 +75,7 @@ public:
 private:
     DecodeOptions mDecode;
     DecoderOptions mDecoders;
+    std::string mAgainst;
     int mUnsupportedExit = 69;  // EX_UNAVAILABLE, as runners of conformance suites expect it
 };
 

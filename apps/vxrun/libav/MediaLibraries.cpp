@@ -1,6 +1,7 @@
 // What the other rooms ask of FFmpeg's libraries.
 #include "MediaLibraries.h"
 
+#include "StreamCutter.h"
 #include "StreamMapper.h"
 #include "Text.h"
 #include "VideoFile.h"
@@ -104,7 +105,8 @@ std::unique_ptr<Muxer> muxerFor(const std::string& container) {
     return std::make_unique<LibavMuxer>(*format);
 }
 
-const MediaLibraries kLibraries = {versions, probe, muxerFor, libavMapStream, libavHeadersOf};
+const MediaLibraries kLibraries = {versions,       probe,          muxerFor,
+                                   libavMapStream, libavHeadersOf, libavCutStream};
 const bool kRegistered = registerMediaLibraries(kLibraries);
 
 }  // namespace

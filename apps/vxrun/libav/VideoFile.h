@@ -21,6 +21,8 @@ public:
 
     const std::string& path() const { return mPath; }
     const std::shared_ptr<LibavStreamInfo>& stream() const { return mStream; }
+    const AVFormatContext& file() const { return *mFile; }
+    const AVStream& track() const { return *mVideo; }
     std::string codec() const override { return mStream->codec; }
     PictureFormat picture() const override;
     bool changesSize() override;

@@ -43,7 +43,8 @@ const MediaLibraries kNone = {
             quote(container));
     },
     [](const std::string&) -> StreamMap { refuseMap(); },
-    [](const std::string&, const std::vector<size_t>&) -> std::string { refuseMap(); }};
+    [](const std::string&, const std::vector<size_t>&) -> std::string { refuseMap(); },
+    [](const std::string&) -> std::unique_ptr<StreamCut> { refuseMap(); }};
 
 const MediaLibraries* sRoom = nullptr;  // set when it is loaded, or linked into this program
 
@@ -94,6 +95,10 @@ StreamMap mapStream(const std::string& path) {
 
 std::string headersOf(const std::string& path, const std::vector<size_t>& units) {
     return room().headersOf(path, units);
+}
+
+std::unique_ptr<StreamCut> cutStream(const std::string& path) {
+    return room().cutStream(path);
 }
 
 }  // namespace vxrun

@@ -3,6 +3,7 @@
 // there, nothing is known.
 #pragma once
 
+#include "StreamCut.h"
 #include "StreamMap.h"
 #include "Vxkit.h"
 
@@ -59,6 +60,7 @@ struct MediaLibraries {
     decltype(&vxrun::newMuxer) newMuxer;
     decltype(&vxrun::mapStream) mapStream;
     decltype(&vxrun::headersOf) headersOf;
+    decltype(&vxrun::cutStream) cutStream;
 };
 bool registerMediaLibraries(const MediaLibraries& libraries);
 // Loads the room, unless it is there already, or this vxrun comes without it. Throws Failure when
