@@ -64,4 +64,5 @@ arm64Root() {
 # What vxrun is linked with.
 library_packages=(libcli11-dev nlohmann-json3-dev libpugixml-dev libavformat-dev libavcodec-dev libavutil-dev
     libswscale-dev libssl-dev zlib1g-dev)
-build_packages=(g++ cmake ninja-build pkg-config googletest ffmpeg python3 "${library_packages[@]}")
+build_packages=(g++ cmake ninja-build pkg-config googletest ffmpeg python3 libdav1d-dev
+    "${library_packages[@]}")
