@@ -205,9 +205,10 @@ private:
 
     // Planes as large as those of 4:4:4, whatever the layout, and with room for two bytes a sample.
     static int allocate(Dav1dPicture* picture, void* self) {
-        const auto aligned = [](int size) { return static_cast<size_t>((size + 127) / 128 * 128); };
-        const size_t stride = 2 * aligned(picture->p.w) + DAV1D_PICTURE_ALIGNMENT;
-        const size_t size = stride * aligned(picture->p.h);
+        const auto aligned = [](size_t size) { return (size + 127) / 128 * 128; };
+        const size_t stride =
+            2 * aligned(static_cast<size_t>(picture->p.w)) + DAV1D_PICTURE_ALIGNMENT;
+        const size_t size = stride * aligned(static_cast<size_t>(picture->p.h));
         void* const block = std::aligned_alloc(DAV1D_PICTURE_ALIGNMENT, 3 * size);
         if (block == nullptr) return DAV1D_ERR(ENOMEM);
         for (size_t plane = 0; plane < 3; ++plane) {
@@ -324,11 +325,13 @@ private:
         if (mIsComplete) return;
         mIsComplete = true;
         if (mFault != "block") return;
-        const int bytes = mTarget->format.pixels.bytesPerSample();
-        for (int y = mTarget->format.height / 16 * 8, end = y + 8; y < end; ++y) {
-            uint8_t* const row = mTarget->planes[0] + y * mTarget->strides[0] +
-                                 mTarget->format.width / 16 * 8 * bytes;
-            for (int x = 0; x < 8; ++x) row[x * bytes] ^= 0x40;
+        const ptrdiff_t bytes = mTarget->format.pixels.bytesPerSample();
+        const ptrdiff_t block = 8;
+        const ptrdiff_t left = mTarget->format.width / 16 * block;
+        const ptrdiff_t top = mTarget->format.height / 16 * block;
+        for (ptrdiff_t y = top; y < top + block; ++y) {
+            uint8_t* const row = mTarget->planes[0] + y * mTarget->strides[0];
+            for (ptrdiff_t x = left; x < left + block; ++x) row[x * bytes] ^= 0x40;
         }
     }
 
