@@ -1,0 +1,144 @@
+#!/usr/bin/env bash
+# Holds what vxrun says about failures against the truth. A decoder with planted faults (tests/nodes/faults.cpp)
+# decodes real streams whose pictures are reordered, and states where its fault is.
+#
+#   scripts/test-cause.sh [PRESET]      default debug
+#
+# Of each stream:
+#   block     a block of a picture that others refer to is changed: the first wrong picture in decoding order
+#             that vxrun names is that one, at three places
+#   minimize  the stream that is left of block, crash, hang and a filter or an error is below a tenth of the
+#             access units, or no more than the longest group of pictures
+#   replay    a bundle of each failure fails in the same way in another folder, without the originals
+#   order     a picture that is dropped, and two that are swapped, are called so
+#
+# Ends with "cause: N of M passed" and 0 or 1, or 77 where ../shared/streams is missing.
+source "$(dirname "$0")/lib.sh"
+
+streams=$PWD/../shared/streams
+[ -d "$streams" ] || { echo "cause: SKIPPED, no folder $streams" && exit 77; }
+need "${build_packages[@]}"
+preset=${1:-debug}
+build "$preset" vxrun faults >/dev/null
+vxrun=$PWD/build/$preset/apps/vxrun/vxrun
+nodes=$PWD/build/$preset/tests/nodes/libfaults.so
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+passed=0 total=0
+# check NAME COMMAND...: one of the checks that the closing line counts.
+check() {
+    total=$((total + 1))
+    if "${@:2}"; then
+        passed=$((passed + 1))
+    else
+        echo "FAILED: $1" >&2
+        sed 's/^/    /' "$work/log" | tail -20 >&2
+    fi
+}
+
+# member FILE PATH: a value of a JSON file, such as failure.first.frame; empty when there is none.
+member() {
+    python3 -c 'import functools, json, sys
+print(functools.reduce(lambda value, key: (value or {}).get(key), sys.argv[2].split("."), json.load(open(sys.argv[1]))))' \
+        "$@" 2>/dev/null | sed 's/^None$//'
+}
+
+units() { ffprobe -v quiet -select_streams v:0 -show_entries packet=flags -of csv=p=0 "$1"; }
+
+# faulty COMMAND STREAM FAULT AT OPTION...: runs vxrun's COMMAND with that fault; its output goes to $work/log.
+faulty() {
+    local expected=(--against libavcodec)
+    [[ $3 != crash && $3 != hang && $3 != error ]] || expected=()
+    timeout 300 "$vxrun" "$1" "$2" --nodes "$nodes" --decoder test/faulty --set decoder.fault="$3" \
+        --set decoder.at="$4" --set decoder.of="$2" --stall 2 "${expected[@]}" "${@:5}" >"$work/log" 2>&1
+}
+
+# namesBlock STREAM AT: the first wrong picture is the one that was changed, or for one that is never
+# shown the access unit of that is named.
+namesBlock() {
+    rm -f "$work/run.json"
+    ! faulty decode "$1" block "$2" --json "$work/run.json" || return 1
+    local unit picture shown at=failure.first_in_decoding_order
+    read -r unit picture < <(sed -n 's/^fault: block in unit \([0-9]*\), picture \([0-9]*\)$/\1 \2/p' "$work/log")
+    shown=$(sed -n 's/^fault: shown as frame //p' "$work/log")
+    if [ -z "$shown" ]; then
+        grep -q "unit $unit\b" <(grep -v '^fault' "$work/log") && return
+    fi
+    [ "$(member "$work/run.json" $at.unit) $(member "$work/run.json" $at.picture) $(member "$work/run.json" $at.frame)" = \
+        "$unit $picture $shown" ]
+}
+
+# isCut STREAM FAULT AT: what is left of the stream is short. Its units are in $left.
+isCut() {
+    local small=$work/small.${1##*.} all longest
+    rm -f "$small"
+    left=-
+    faulty minimize "$@" -o "$small" && [ -s "$small" ] || return 1
+    all=$(units "$1" | wc -l)
+    longest=$(units "$1" | awk '/K/ {n = 0} ++n > most {most = n} END {print most}')
+    left=$(units "$small" | wc -l)
+    [ "$left" -gt 0 ] && { [ $((left * 10)) -lt "$all" ] || [ "$left" -le "$longest" ]; }
+}
+
+# isReplayed STREAM FAULT AT: its bundle fails in the same way where nothing but the bundle is.
+isReplayed() {
+    local old=$work/old new=$work/new
+    rm -rf "$old" "$new" && mkdir "$old" "$new"
+    cp "$1" "$old"
+    ! faulty decode "$old/${1##*/}" "${@:2}" --bundle "$new/fail.tar.zst" || return 1
+    rm -r "$old"
+    (cd "$new" && timeout 60 "$vxrun" replay fail.tar.zst --nodes "$nodes") >"$work/log" 2>&1
+}
+
+# isTold STREAM FAULT AT PATTERN: vxrun's own words are such.
+isTold() {
+    ! faulty decode "${@:1:3}" || return 1
+    grep -v '^fault:' "$work/log" | grep -qE "$4"
+}
+
+# made NAME FRAMES OPTION...: encodes a stream.
+made() {
+    ffmpeg -v error -nostdin -f lavfi -i testsrc2=s=176x144:r=25 -frames:v "$2" -pix_fmt yuv420p "${@:3}" -threads 1 "$work/$1"
+}
+made x264.mp4 150 -c:v libx264 -g 30 -bf 3 -b_strategy 0 -x264-params b-pyramid=normal:keyint_min=30
+made x265.mkv 100 -c:v libx265 -x265-params log-level=none:keyint=25:min-keyint=25:bframes=4:b-pyramid=1
+
+table='%-40s %5s %6s %5s %5s %5s %8s %5s\n'
+# shellcheck disable=SC2059
+printf "$table" stream units blocks block crash hang other passed
+while read -r stream other; do
+    case $stream in made/*) path=$work/${stream#made/} ;; *) path=$streams/$stream ;; esac
+    all=$(units "$path" | wc -l)
+    before=$passed
+    for at in $((all / 5)) $((all / 2)) $((all * 3 / 4)); do
+        check "$stream: block at $at is named" namesBlock "$path" $at
+    done
+    row=("$stream" "$all" $((passed - before)))
+    for fault in block crash hang "$other"; do
+        at=$((all / 2))
+        [ "$fault" != nofilter ] || at=0
+        check "$stream: minimize $fault" isCut "$path" "$fault" $at
+        row+=("$left")
+    done
+    for fault in block drop swap crash hang "$other"; do
+        at=$((all / 5))
+        [ "$fault" != nofilter ] || at=0
+        check "$stream: replay $fault" isReplayed "$path" "$fault" $at
+    done
+    check "$stream: drop is told" isTold "$path" drop $((all / 5)) 'shifted by|missing|dropped'
+    check "$stream: swap is told" isTold "$path" swap $((all / 5)) 'swapped|order'
+    # shellcheck disable=SC2059
+    printf "$table" "${row[@]}" $((passed - before))
+done <<'END'
+h264/test-25fps.h264 nofilter
+hevc/bear.h265 nofilter
+vp9/test-25fps.vp9 error
+vp9/vp90-2-10-show-existing-frame2.vp9.ivf error
+av1/av1-176x144-main-basic-10.ivf error
+av1/av1-sizeup-fluster.ivf nofilter
+made/x264.mp4 nofilter
+made/x265.mkv nofilter
+END
+echo "cause: $passed of $total passed"
+[ "$passed" = "$total" ]
