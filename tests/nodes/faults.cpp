@@ -239,6 +239,14 @@ std::string bytesOf(const uint8_t* data, size_t size) {
     return bytes;
 }
 
+// Whether `unit` is the one with those bytes; parameter sets may have come in front of them. A few
+// bytes, which show a picture again, are at the end of others, too.
+bool isUnit(const std::string& unit, const std::string& bytes) {
+    constexpr size_t kFew = 32;
+    return unit == bytes || (bytes.size() > kFew && unit.size() > bytes.size() &&
+                             unit.compare(unit.size() - bytes.size(), bytes.size(), bytes) == 0);
+}
+
 std::string unitOf(const std::string& path, uint64_t number) {
     AVFormatContext* file = nullptr;
     if (avformat_open_input(&file, path.c_str(), nullptr, nullptr) < 0 ||
@@ -278,9 +286,8 @@ private:
                 mCodec = std::make_unique<LibavCodec>(unit.stream, begin);
             }
         }
-        const bool isHere = mBytes.empty()
-                                ? mUnits == config(kAt)
-                                : bytesOf(unit.data, unit.size).find(mBytes) != std::string::npos;
+        const bool isHere =
+            mBytes.empty() ? mUnits == config(kAt) : isUnit(bytesOf(unit.data, unit.size), mBytes);
         if (isHere && mFault != "none") plant();
         mIsHere = isHere;
         run(&unit);
