@@ -6,7 +6,7 @@
 #
 # Of each stream:
 #   block     a block of a picture that others refer to is changed: the first wrong picture in decoding order
-#             that vxrun names is that one, at three places
+#             that vxrun names is that one, at four places
 #   minimize  the stream that is left of block, crash, hang and a filter or an error is below a tenth of the
 #             access units, or no more than the longest group of pictures
 #   replay    a bundle of each failure fails in the same way in another folder, without the originals
@@ -61,6 +61,7 @@ namesBlock() {
     ! faulty decode "$1" block "$2" --json "$work/run.json" || return 1
     local unit picture shown at=failure.first_in_decoding_order
     read -r unit picture < <(sed -n 's/^fault: block in unit \([0-9]*\), picture \([0-9]*\)$/\1 \2/p' "$work/log")
+    [ -n "$unit" ] || return 1
     shown=$(sed -n 's/^fault: shown as frame //p' "$work/log")
     if [ -z "$shown" ]; then
         grep -q "unit $unit\b" <(grep -v '^fault' "$work/log") && return
@@ -107,38 +108,38 @@ made x265.mkv 100 -c:v libx265 -x265-params log-level=none:keyint=25:min-keyint=
 table='%-40s %5s %6s %5s %5s %5s %8s %5s\n'
 # shellcheck disable=SC2059
 printf "$table" stream units blocks block crash hang other passed
-while read -r stream other; do
+while read -r stream other places; do
     case $stream in made/*) path=$work/${stream#made/} ;; *) path=$streams/$stream ;; esac
-    all=$(units "$path" | wc -l)
     before=$passed
-    for at in $((all / 5)) $((all / 2)) $((all * 3 / 4)); do
-        check "$stream: block at $at is named" namesBlock "$path" $at
+    read -ra at <<<"$places"
+    for place in "${at[@]}"; do
+        check "$stream: block at $place is named" namesBlock "$path" "$place"
     done
-    row=("$stream" "$all" $((passed - before)))
+    row=("$stream" "$(units "$path" | wc -l)" $((passed - before)))
     for fault in block crash hang "$other"; do
-        at=$((all / 2))
-        [ "$fault" != nofilter ] || at=0
-        check "$stream: minimize $fault" isCut "$path" "$fault" $at
+        place=${at[2]}
+        [ "$fault" != nofilter ] || place=0
+        check "$stream: minimize $fault" isCut "$path" "$fault" "$place"
         row+=("$left")
     done
     for fault in block drop swap crash hang "$other"; do
-        at=$((all / 5))
-        [ "$fault" != nofilter ] || at=0
-        check "$stream: replay $fault" isReplayed "$path" "$fault" $at
+        place=${at[1]}
+        [ "$fault" != nofilter ] || place=0
+        check "$stream: replay $fault" isReplayed "$path" "$fault" "$place"
     done
-    check "$stream: drop is told" isTold "$path" drop $((all / 5)) 'shifted by|missing|dropped'
-    check "$stream: swap is told" isTold "$path" swap $((all / 5)) 'swapped|order'
+    check "$stream: drop is told" isTold "$path" drop "${at[1]}" 'shifted by|missing|dropped'
+    check "$stream: swap is told" isTold "$path" swap "${at[1]}" 'swapped|order'
     # shellcheck disable=SC2059
     printf "$table" "${row[@]}" $((passed - before))
 done <<'END'
-h264/test-25fps.h264 nofilter
-hevc/bear.h265 nofilter
-vp9/test-25fps.vp9 error
-vp9/vp90-2-10-show-existing-frame2.vp9.ivf error
-av1/av1-176x144-main-basic-10.ivf error
-av1/av1-sizeup-fluster.ivf nofilter
-made/x264.mp4 nofilter
-made/x265.mkv nofilter
+h264/test-25fps.h264 nofilter 1 50 125 187
+hevc/bear.h265 nofilter 1 6 15 22
+vp9/test-25fps.vp9 error 1 50 125 187
+vp9/vp90-2-10-show-existing-frame2.vp9.ivf error 1 3 5 7
+av1/av1-176x144-main-basic-10.ivf error 1 7 14 22
+av1/av1-sizeup-fluster.ivf nofilter 1 5 9 15
+made/x264.mp4 nofilter 1 31 75 112
+made/x265.mkv nofilter 1 31 60 85
 END
 echo "cause: $passed of $total passed"
 [ "$passed" = "$total" ]

@@ -70,7 +70,7 @@ isComplete() {
         *.html) grep -q '</html>' <(tail -c 20 "$1") ;;
         *.tar.zst) tar --zstd -tf "$1" ;;
         *.csv | *.md) [ -s "$1" ] && [ -z "$(tail -c 1 "$1")" ] ;;
-        *.yuv) [ "$(stat -c %s "$1")" = $((320 * 240 * 3 / 2 * 250)) ] ;;
+        *.yuv) [ "$(stat -c %s "$1")" = $((320 * 240 * 250 * 3 / 2)) ] ;;
         *.h264 | *.png) [ -s "$1" ] && ffmpeg -v error -i "$1" -f null - ;;
         *.dot) grep -q '^}' <(tail -n 1 "$1") ;;
         *) false ;;
