@@ -54,6 +54,9 @@ faulty() {
         --set decoder.at="$4" --set decoder.of="$2" --stall 2 "${expected[@]}" "${@:5}" >"$work/log" 2>&1
 }
 
+# isRight STREAM: without a fault the decoder equals libavcodec's.
+isRight() { faulty decode "$1" none 0; }
+
 # namesBlock STREAM AT: the first wrong picture is the one that was changed, or for one that is never
 # shown the access unit of that is named.
 namesBlock() {
@@ -105,32 +108,36 @@ made() {
 made x264.mp4 150 -c:v libx264 -g 30 -bf 3 -b_strategy 0 -x264-params b-pyramid=normal:keyint_min=30
 made x265.mkv 100 -c:v libx265 -x265-params log-level=none:keyint=25:min-keyint=25:bframes=4:b-pyramid=1
 
-table='%-40s %5s %6s %5s %5s %5s %8s %5s\n'
+table='%-42s %5s %6s %5s %5s %5s %5s %6s %5s\n'
 # shellcheck disable=SC2059
-printf "$table" stream units blocks block crash hang other passed
+printf "$table" stream units named block crash hang other replay order
 while read -r stream other places; do
     case $stream in made/*) path=$work/${stream#made/} ;; *) path=$streams/$stream ;; esac
-    before=$passed
     read -ra at <<<"$places"
+    check "$stream: no fault" isRight "$path"
+    before=$passed
     for place in "${at[@]}"; do
         check "$stream: block at $place is named" namesBlock "$path" "$place"
     done
-    row=("$stream" "$(units "$path" | wc -l)" $((passed - before)))
+    row=("$stream" "$(units "$path" | wc -l)" "$((passed - before))/${#at[@]}")
     for fault in block crash hang "$other"; do
         place=${at[2]}
         [ "$fault" != nofilter ] || place=0
         check "$stream: minimize $fault" isCut "$path" "$fault" "$place"
         row+=("$left")
     done
+    before=$passed
     for fault in block drop swap crash hang "$other"; do
         place=${at[1]}
         [ "$fault" != nofilter ] || place=0
         check "$stream: replay $fault" isReplayed "$path" "$fault" "$place"
     done
+    row+=("$((passed - before))/6")
+    before=$passed
     check "$stream: drop is told" isTold "$path" drop "${at[1]}" 'shifted by|missing|dropped'
     check "$stream: swap is told" isTold "$path" swap "${at[1]}" 'swapped|order'
     # shellcheck disable=SC2059
-    printf "$table" "${row[@]}" $((passed - before))
+    printf "$table" "${row[@]}" "$((passed - before))/2"
 done <<'END'
 h264/test-25fps.h264 nofilter 1 50 125 187
 hevc/bear.h265 nofilter 1 6 15 22
