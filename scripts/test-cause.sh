@@ -5,8 +5,8 @@
 #   scripts/test-cause.sh [PRESET]      default debug
 #
 # Of each stream:
-#   block     a block of a picture that others refer to is changed: the first wrong picture in decoding order
-#             that vxrun names is that one, at four places
+#   named     a block of a picture that others refer to is changed, at four places: explain finds that picture,
+#             and it is the first wrong one in decoding order that a run names
 #   minimize  the stream that is left of block, crash, hang and a filter or an error is below a tenth of the
 #             access units, or no more than the longest group of pictures
 #   replay    a bundle of each failure fails in the same way in another folder, without the originals
@@ -57,18 +57,28 @@ faulty() {
 # isRight STREAM: without a fault the decoder equals libavcodec's.
 isRight() { faulty decode "$1" none 0; }
 
-# namesBlock STREAM AT: the first wrong picture is the one that was changed, or for one that is never
-# shown the access unit of that is named.
-namesBlock() {
-    rm -f "$work/run.json"
-    ! faulty decode "$1" block "$2" --json "$work/run.json" || return 1
-    local unit picture shown at=failure.first_in_decoding_order
+# isMapped STREAM AT: explain finds the picture that is decoded at AT where the decoder shows it.
+isMapped() {
+    faulty decode "$1" block "$2" || true
     read -r unit picture < <(sed -n 's/^fault: block in unit \([0-9]*\), picture \([0-9]*\)$/\1 \2/p' "$work/log")
     [ -n "$unit" ] || return 1
     shown=$(sed -n 's/^fault: shown as frame //p' "$work/log")
+    local by=(--frame "$shown") end=", frame $shown"
+    [ -n "$shown" ] || { by=(--unit "$unit") && end=", shown by no frame"; }
+    timeout 60 "$vxrun" explain "$1" "${by[@]}" >"$work/log" 2>&1 || return 1
+    [[ $(head -1 "$work/log") == "picture $picture in decoding order"*"$end" ]] &&
+        [[ $(sed -n 2p "$work/log") == *"in access unit $unit: "* ]]
+}
+
+# namesBlock STREAM AT: the first wrong picture is the one that was changed, or for one that is never
+# shown its access unit is named.
+namesBlock() {
+    rm -f "$work/run.json"
+    ! faulty decode "$1" block "$2" --json "$work/run.json" || return 1
     if [ -z "$shown" ]; then
-        grep -q "unit $unit\b" <(grep -v '^fault' "$work/log") && return
+        grep -v '^fault' "$work/log" | grep -q "unit $unit\b" && return
     fi
+    local at=failure.first_in_decoding_order
     [ "$(member "$work/run.json" $at.unit) $(member "$work/run.json" $at.picture) $(member "$work/run.json" $at.frame)" = \
         "$unit $picture $shown" ]
 }
@@ -117,9 +127,10 @@ while read -r stream other places; do
     check "$stream: no fault" isRight "$path"
     before=$passed
     for place in "${at[@]}"; do
+        check "$stream: the picture at $place is found" isMapped "$path" "$place"
         check "$stream: block at $place is named" namesBlock "$path" "$place"
     done
-    row=("$stream" "$(units "$path" | wc -l)" "$((passed - before))/${#at[@]}")
+    row=("$stream" "$(units "$path" | wc -l)" "$((passed - before))/$((2 * ${#at[@]}))")
     for fault in block crash hang "$other"; do
         place=${at[2]}
         [ "$fault" != nofilter ] || place=0
