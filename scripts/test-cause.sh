@@ -40,7 +40,8 @@ check() {
 # member FILE PATH: a value of a JSON file, such as failure.first.frame; empty when there is none.
 member() {
     python3 -c 'import functools, json, sys
-print(functools.reduce(lambda value, key: (value or {}).get(key), sys.argv[2].split("."), json.load(open(sys.argv[1]))))' \
+report = json.load(open(sys.argv[1]))
+print(functools.reduce(lambda value, key: (value or {}).get(key), sys.argv[2].split("."), report))' \
         "$@" 2>/dev/null | sed 's/^None$//'
 }
 
@@ -79,8 +80,9 @@ namesBlock() {
         grep -v '^fault' "$work/log" | grep -q "unit $unit\b" && return
     fi
     local at=failure.first_in_decoding_order
-    [ "$(member "$work/run.json" $at.unit) $(member "$work/run.json" $at.picture) $(member "$work/run.json" $at.frame)" = \
-        "$unit $picture $shown" ]
+    [ "$(member "$work/run.json" $at.unit)" = "$unit" ] &&
+        [ "$(member "$work/run.json" $at.picture)" = "$picture" ] &&
+        [ "$(member "$work/run.json" $at.frame)" = "$shown" ]
 }
 
 # isCut STREAM FAULT AT: what is left of the stream is short. Its units are in $left.
@@ -113,7 +115,8 @@ isTold() {
 
 # made NAME FRAMES OPTION...: encodes a stream.
 made() {
-    ffmpeg -v error -nostdin -f lavfi -i testsrc2=s=176x144:r=25 -frames:v "$2" -pix_fmt yuv420p "${@:3}" -threads 1 "$work/$1"
+    ffmpeg -v error -nostdin -f lavfi -i testsrc2=s=176x144:r=25 -frames:v "$2" -pix_fmt yuv420p \
+        "${@:3}" -threads 1 "$work/$1"
 }
 made x264.mp4 150 -c:v libx264 -g 30 -bf 3 -b_strategy 0 -x264-params b-pyramid=normal:keyint_min=30
 made x265.mkv 100 -c:v libx265 -x265-params log-level=none:keyint=25:min-keyint=25:bframes=4:b-pyramid=1

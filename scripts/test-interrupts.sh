@@ -34,16 +34,19 @@ for name in names:
     os.link(f"{sys.argv[1]}/clip.h264", f"{sys.argv[1]}/vectors/S/{name}/clip.h264")
 vectors = [{"name": name, "source": "", "source_checksum": "__skip__", "input_file": "clip.h264",
             "output_format": "yuv420p", "result": "0" * 32} for name in names]
-json.dump({"name": "S", "codec": "H.264", "description": "", "test_vectors": vectors}, open(sys.argv[1] + "/S.json", "w"))
+suite = {"name": "S", "codec": "H.264", "description": "", "test_vectors": vectors}
+json.dump(suite, open(sys.argv[1] + "/S.json", "w"))
 END
 "$vxrun" decode "$clip" "${faulty[@]}" --against libavcodec --json "$work/old.json" --bundle "$work/old.tar.zst" \
     >"$work/log" 2>&1 || true
 
 reports=(--json out.json --junit out.xml --html out.html --bundle out.tar.zst --dump-bad bad)
+tables=(--csv out.csv --markdown out.md)
+graph=$PWD/apps/vxrun/graphs/decode.json list=$streams/h264/test-25fps.h264.framemd5
 commands=(
-    "graph|$PWD/apps/vxrun/graphs/decode.json --set reader.file=$clip --set check.expect=$streams/h264/test-25fps.h264.framemd5 --json out.json --trace trace.json"
+    "graph|$graph --set reader.file=$clip --set check.expect=$list --json out.json --trace trace.json"
     "decode|decode $clip ${faulty[*]} --against libavcodec -o out.yuv ${reports[*]}"
-    "suite|suite $work/S.json --resources $work/vectors ${faulty[*]} --against libavcodec --csv out.csv --markdown out.md ${reports[*]}"
+    "suite|suite $work/S.json --resources $work/vectors ${faulty[*]} --against libavcodec ${tables[*]} ${reports[*]}"
     "minimize|minimize $clip ${faulty[*]} --against libavcodec -o small.h264 --json out.json"
     "replay|replay $work/old.tar.zst"
     "report|report $work/old.json --html out.html"
