@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The main job on real input: makes clips with the ffmpeg program and takes its checksum lists as what is
 # expected; runs the shipped graphs on raw and coded clips, transcodes one, runs a suite, then damages
-# clips and shows that vxrun finds where. What it makes is left in build/demo.
+# clips and shows that vxrun finds where; at last from a wrong decoder to a bundle with the shortest
+# stream that shows it. What it makes is left in build/demo; report.html is to be looked at.
 source "$(dirname "$0")/lib.sh"
 
 need "${build_packages[@]}"
@@ -113,3 +114,17 @@ printf '\nOne bit of %s changed.\n' "$work/damaged.264"
 expect 1 $vxrun $graphs/compare.json --set decoder.tolerate_errors=true --dump-bad "$work/bad" \
     --set reader.file="$work/damaged.264" --set reference.file="$work/clip.264"
 ls "$work"/bad/*.png
+
+# ---- From a failure to its cause
+
+# A decoder with a fault: it leaves out the loop filter of H.264.
+cat >"$work/mine.json" <<END
+{"name": "mine", "probe": ["ffmpeg", "-version"],
+ "command": ["ffmpeg", "-v", "error", "-y", "-skip_loop_filter", "all", "-i", "{input}", "-f", "rawvideo", "{output}"]}
+END
+mine=(--decoder "$work/mine.json" --against libavcodec)
+expect 1 $vxrun decode "$work/clip.264" "${mine[@]}" --dump-bad "$work/wrong" --html "$work/report.html"
+expect 0 $vxrun minimize "$work/clip.264" "${mine[@]}" -o "$work/small.264"
+expect 1 $vxrun decode "$work/small.264" "${mine[@]}" --bundle "$work/fail.tar.zst"
+expect 0 $vxrun replay "$work/fail.tar.zst"
+echo "the report: $work/report.html"
