@@ -3,6 +3,7 @@
 #include "BadFrames.h"
 #include "Console.h"
 #include "Crash.h"
+#include "FailureReport.h"
 #include "MediaLibraries.h"
 #include "Recording.h"
 #include "Text.h"
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <thread>
 
@@ -234,7 +236,19 @@ int runToVerdict(const Command& command, Task task, const CommonOptions& options
             }
         },
         nullptr);
+    std::map<std::string, std::string> videos;  // by the name of the node that checks
+    for (const auto& node : graph.nodes) {
+        if (node->outputPorts.empty()) videos[node->name] = videoOf(graph, node->name);
+    }
     const Conclude conclude = [&](const Evidence&) {
+        if (exitCode(evidence->verdict()) == 0) return reportAndConclude(command, report, evidence);
+        const NodeRecord* const failing = failingNode(*evidence);
+        const std::string video = failing != nullptr ? videos[failing->name] : "";
+        const FailureJson failure = failureOf(
+            {signatureOf(*evidence), console::firstError(), "", options.commandLine, video},
+            wrongFramesOf(*evidence, video));
+        for (const std::string& line : linesOf(failure)) console::line("vxrun: " + line);
+        report.failure = failure.dump(-1, ' ', false, FailureJson::error_handler_t::replace);
         return reportAndConclude(command, report, evidence);
     };
     runGraph(std::move(graph), run, evidence, conclude);

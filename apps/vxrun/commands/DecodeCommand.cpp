@@ -22,13 +22,17 @@ public:
         addDecoderOptions(decode, &mDecoders);
         addOption(decode, "--codec CODEC", &mDecode.codec,
                   "A codec (h264, hevc, av1, ...) or a decoder");
+        addOption(decode, "--list FILE", &mDecode.list,
+                  "The checksum list that the pictures must match");
+        addOption(decode, "--against DECODER", &mAgainst,
+                  "A trusted decoder, named as for --decoder, whose pictures they must equal");
         addOption(decode, "--unsupported-exit CODE", &mUnsupportedExit,
                   "Exit code for what is not supported, default 69")
             ->check(CLI::Range(0, 255));
         showOptions(*app,
-                    {"--nodes", "--set", "--record", "--force", "--log", "--timeout", "--stall",
-                     "--progress", "--trace", "--dot", "--color", "--stats", "--json", "--junit",
-                     "--min-fps", "--max-latency-p99", "--max-rss", "--quiet"},
+                    {"--nodes", "--set", "--dump-bad", "--record", "--force", "--log", "--timeout",
+                     "--stall", "--progress", "--trace", "--dot", "--color", "--stats", "--json",
+                     "--junit", "--min-fps", "--max-latency-p99", "--max-rss", "--quiet"},
                     decode);
         return decode;
     }
@@ -42,6 +46,15 @@ public:
             if (!reason.empty()) throw Failure("vxrun: " + reason, Verdict::NotSupported);
         }
         decoder.setEnvironment();
+        TestedDecoder trusted;
+        if (!mAgainst.empty()) {
+            trusted = TestedDecoder::find(mAgainst);
+            for (const std::string& reason : {trusted.probe(), trusted.refusal(mDecode.codec)}) {
+                if (!reason.empty()) throw badOption("--against", reason);
+            }
+            trusted.setEnvironment();
+            mDecode.against = &trusted;
+        }
         Task task;
         task.input = mDecode.input;
         task.graph = decoder.graphFor(mDecode, &task.limits);
@@ -57,6 +70,7 @@ public:
 private:
     DecodeOptions mDecode;
     DecoderOptions mDecoders;
+    std::string mAgainst;
     int mUnsupportedExit = 69;  // EX_UNAVAILABLE, as runners of conformance suites expect it
 };
 
