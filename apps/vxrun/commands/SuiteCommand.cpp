@@ -17,6 +17,10 @@ public:
             app->add_subcommand("suite", "Decodes the test vectors of a conformance suite");
         mSuite.addTo(suite);
         addOption(suite, "--output DIR", &mOutput, "Keep the raw video of every vector here");
+        addOption(suite, "--lists DIR", &mLists,
+                  "Compare with the checksum lists DIR/INPUT_FILE.framemd5 and so on");
+        addOption(suite, "--against DECODER", &mAgainst,
+                  "Compare with a trusted decoder's pictures, too");
         addOption(suite, "--shard i/n", &mSuite.selection.shard,
                   "Run the i-th of n parts, i from 1");
         for (const ReportKind& kind : reportKinds()) {
@@ -31,7 +35,8 @@ public:
             suite->excludes(app->get_option(option));
         }
         showOptions(*app,
-                    {"--nodes", "--set", "--log", "--timeout", "--stall", "--color", "--quiet"},
+                    {"--nodes", "--set", "--dump-bad", "--log", "--timeout", "--stall", "--color",
+                     "--quiet"},
                     suite);
         return suite;
     }
@@ -42,6 +47,16 @@ public:
         if (mList) return list(suite);
         SuiteRunOptions run = mSuite.runOptions(options);
         auto decoders = mSuite.decoders.find();
+        TestedDecoder trusted;
+        if (!mAgainst.empty()) {
+            trusted = TestedDecoder::find(mAgainst);
+            for (const std::string& reason : {trusted.probe(), trusted.refusal(suite.codec)}) {
+                if (!reason.empty()) throw badOption("--against", reason);
+            }
+            run.against = &trusted;
+        }
+        run.lists = mLists;
+        run.vectors.edits.whereKnown.clear();  // a folder for each vector
         SuiteResults results;
         for (TestedDecoder& decoder : decoders) {
             results.columns.push_back(suite);
@@ -60,6 +75,12 @@ public:
             const bool isOne = decoders.size() == 1;
             run.label = isOne ? "" : column.decoder + "/";
             run.output = isOne || mOutput.empty() ? mOutput : mOutput + "/" + column.decoder;
+            run.dumps = isOne || options.dumpFolder.empty()
+                            ? options.dumpFolder
+                            : options.dumpFolder + "/" + column.decoder;
+            run.vectors.commandOf = [&, i](const TestVector& vector) {
+                return commandFor(options, i, vector);
+            };
             signal = decodeVectors(run, decoders[i], &column);
         }
         return concludeSuite(results, signal, anySelected);
@@ -70,6 +91,37 @@ private:
         std::string names;
         for (const TestVector& vector : suite.vectors) names += printable(vector.name) + "\n";
         return console::exitWithResult(names);
+    }
+
+    // The command line that runs `vector` with the decoder `index` alone.
+    std::string commandFor(const CommonOptions& options, size_t index,
+                           const TestVector& vector) const {
+        std::vector<std::string> words = {"vxrun", "suite", mSuite.file, "--resources",
+                                          mSuite.resources};
+        const auto add = [&](const std::string& option, const std::string& value) {
+            if (!value.empty()) words.insert(words.end(), {option, value});
+        };
+        const DecoderOptions& decoders = mSuite.decoders;
+        const size_t names = decoders.names.size();
+        if (index < names) add("--decoder", decoders.names[index]);
+        if (index >= names && index - names < decoders.graphs.size()) {
+            add("--graph", decoders.graphs[index - names]);
+        }
+        for (const std::string& file : options.nodes) add("--nodes", file);
+        for (const std::string& assignment : options.assignments) add("--set", assignment);
+        std::string filter;
+        for (const char c : vector.name) {
+            if (std::string("*?[\\:").find(c) != std::string::npos ||
+                (c == '-' && filter.empty())) {
+                filter += '\\';
+            }
+            filter += c;
+        }
+        add("--filter", filter);
+        add("--lists", mLists);
+        add("--against", mAgainst);
+        if (options.run.timeout > 0) add("--timeout", concat(options.run.timeout));
+        return joinedWords(words);
     }
 
     // The reports replace older ones before anything runs, or can fail to.
@@ -99,7 +151,7 @@ private:
     }
 
     SuiteOptions mSuite;
-    std::string mOutput;
+    std::string mOutput, mLists, mAgainst;
     ReportFiles mReports;
     bool mList = false;
 };

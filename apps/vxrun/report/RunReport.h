@@ -16,7 +16,7 @@ struct RunReport {
     std::string graph;  // its name; empty when it could not be read
     std::string input;  // the graph file, or the video that is decoded
     Limits limits;
-    std::string failure;  // the member "failure", JSON; empty: none
+    std::string failure = {};  // the member "failure", JSON; empty: none
 };
 
 // Writes the reports as writeReports() does. A run that has not ended is reported as one that did
