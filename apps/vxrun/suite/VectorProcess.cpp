@@ -13,7 +13,7 @@ int VectorProcess::start(const GraphMaker& makeGraph, const VectorOptions& optio
         return graph;
     };
     Describe describe;
-    if (options.inputOf) {
+    if (options.commandOf) {
         describe = [&](const Evidence& evidence) {
             return wrongFramesOf(evidence, options.inputOf(mVector)).dump();
         };
@@ -46,7 +46,7 @@ void VectorProcess::judge(bool negative, const VectorOptions& options) {
         judgePictures(result, negative);
     }
     const auto state = mVector.state;
-    if (state != TestVector::SUCCESS && state != TestVector::NOT_SUPPORTED && options.inputOf) {
+    if (state != TestVector::SUCCESS && state != TestVector::NOT_SUPPORTED && options.commandOf) {
         describe(result, options);
     }
 }

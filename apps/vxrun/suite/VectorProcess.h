@@ -11,8 +11,8 @@ namespace vxrun {
 struct VectorOptions {
     RunOptions run;  // its timeout is the limit of each
     GraphEdits edits;
-    // Makes a description of a run, in its process; and what is to be said of it, in this one. Empty:
-    // failures are not described.
+    // The input file of a vector, and the command line that runs it alone. No command: failures
+    // are not described.
     std::function<std::string(const TestVector&)> inputOf = {}, commandOf = {};
 };
 
