@@ -121,7 +121,7 @@ private:
         add("--lists", mLists);
         add("--against", mAgainst);
         if (options.run.timeout > 0) add("--timeout", concat(options.run.timeout));
-        return joinedWords(words);
+        return shellLine(words);
     }
 
     // The reports replace older ones before anything runs, or can fail to.
