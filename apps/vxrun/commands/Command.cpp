@@ -4,6 +4,7 @@
 #include "BundledRun.h"
 #include "Console.h"
 #include "Crash.h"
+#include "FailureReport.h"
 #include "MediaLibraries.h"
 #include "Recording.h"
 #include "Text.h"
@@ -278,7 +279,20 @@ int runToVerdict(const Command& command, Task task, const CommonOptions& options
             }
         },
         nullptr);
+    std::map<std::string, std::string> videos;  // by the name of the node that checks
+    for (const auto& node : graph.nodes) {
+        if (node->outputPorts.empty()) videos[node->name] = videoOf(graph, node->name);
+    }
     const Conclude conclude = [&](const Evidence&) {
+        if (exitCode(evidence->verdict()) != 0) {
+            const NodeRecord* const failing = failingNode(*evidence);
+            const std::string video = failing != nullptr ? videos[failing->name] : "";
+            const FailureJson failure = failureOf(
+                {signatureOf(*evidence), console::firstError(), "", options.commandLine, video},
+                wrongFramesOf(*evidence, video));
+            for (const std::string& line : linesOf(failure)) console::note("  " + line);
+            report.failure = failure.dump(-1, ' ', false, FailureJson::error_handler_t::replace);
+        }
         if (bundled) bundled->handBack(report, *evidence);
         return reportAndConclude(command, report, evidence);
     };

@@ -22,21 +22,21 @@ public:
         addOption(decode, "--format FORMAT", &mDecode.format,
                   "The pixel format that the pictures must have; nothing is converted");
         addDecoderOptions(decode, &mDecoders);
-        addOption(decode, "--against NAME|FILE", &mAgainst,
-                  "A trusted decoder, whose pictures those of the other must equal");
-        addOption(decode, "--list FILE", &mDecode.list,
-                  "The checksum list that the pictures must match");
         addOption(decode, "--codec CODEC", &mDecode.codec,
                   "A codec (h264, hevc, av1, ...) or a decoder");
+        addOption(decode, "--list FILE", &mDecode.list,
+                  "The checksum list that the pictures must match");
+        addOption(decode, "--against DECODER", &mAgainst,
+                  "A trusted decoder, named as for --decoder, whose pictures they must equal");
         addOption(decode, "--unsupported-exit CODE", &mUnsupportedExit,
                   "Exit code for what is not supported, default 69")
             ->check(CLI::Range(0, 255));
-        showOptions(*app, {"--nodes",       "--set",     "--record",          "--force",
-                           "--log",         "--timeout", "--stall",           "--progress",
-                           "--trace",       "--dot",     "--color",           "--stats",
-                           "--html",        "--json",    "--junit",           "--bundle",
-                           "--bundle-refs", "--min-fps", "--max-latency-p99", "--max-rss",
-                           "--quiet"},
+        showOptions(*app,
+                    {"--nodes",   "--set",     "--dump-bad",    "--record",   "--force",
+                     "--log",     "--timeout", "--stall",       "--progress", "--trace",
+                     "--dot",     "--color",   "--stats",       "--html",     "--json",
+                     "--junit",   "--bundle",  "--bundle-refs", "--min-fps",  "--max-latency-p99",
+                     "--max-rss", "--quiet"},
                     decode);
         return decode;
     }
@@ -50,13 +50,14 @@ public:
             if (!reason.empty()) throw Failure("vxrun: " + reason, Verdict::NotSupported);
         }
         decoder.setEnvironment();
-        std::optional<TestedDecoder> trusted;
+        TestedDecoder trusted;
         if (!mAgainst.empty()) {
             trusted = TestedDecoder::find(mAgainst);
-            const std::string reason = trusted->probe();
-            if (!reason.empty()) throw Failure("vxrun: " + reason, Verdict::NotSupported);
-            trusted->setEnvironment();
-            mDecode.against = &*trusted;
+            for (const std::string& reason : {trusted.probe(), trusted.refusal(mDecode.codec)}) {
+                if (!reason.empty()) throw badOption("--against", reason);
+            }
+            trusted.setEnvironment();
+            mDecode.against = &trusted;
         }
         Task task;
         task.input = mDecode.input;

@@ -19,6 +19,10 @@ public:
             app->add_subcommand("suite", "Decodes the test vectors of a conformance suite");
         mSuite.addTo(suite);
         addOption(suite, "--output DIR", &mOutput, "Keep the raw video of every vector here");
+        addOption(suite, "--lists DIR", &mLists,
+                  "Compare with the checksum lists DIR/INPUT_FILE.framemd5 and so on");
+        addOption(suite, "--against DECODER", &mAgainst,
+                  "Compare with a trusted decoder's pictures, too");
         addOption(suite, "--shard i/n", &mSuite.selection.shard,
                   "Run the i-th of n parts, i from 1");
         for (const ReportKind& kind : reportKinds()) {
@@ -33,7 +37,7 @@ public:
             suite->excludes(app->get_option(option));
         }
         showOptions(*app,
-                    {"--nodes", "--set", "--log", "--timeout", "--stall", "--bundle",
+                    {"--nodes", "--set", "--dump-bad", "--log", "--timeout", "--stall", "--bundle",
                      "--bundle-refs", "--color", "--quiet"},
                     suite);
         return suite;
@@ -45,6 +49,16 @@ public:
         if (mList) return list(suite);
         SuiteRunOptions run = mSuite.runOptions(options);
         auto decoders = mSuite.decoders.find();
+        TestedDecoder trusted;
+        if (!mAgainst.empty()) {
+            trusted = TestedDecoder::find(mAgainst);
+            for (const std::string& reason : {trusted.probe(), trusted.refusal(suite.codec)}) {
+                if (!reason.empty()) throw badOption("--against", reason);
+            }
+            run.against = &trusted;
+        }
+        run.lists = mLists;
+        run.vectors.edits.whereKnown.clear();  // a folder for each vector
         SuiteResults results;
         for (TestedDecoder& decoder : decoders) {
             results.columns.push_back(suite);
@@ -60,7 +74,10 @@ public:
         run.writeReports = [&] { writeReports(mReports, results); };
         int signal = 0;
         for (size_t i = 0; i < decoders.size() && signal == 0; ++i) {
-            setColumn(results, i, &run);
+            setColumn(options, results, i, &run);
+            run.vectors.commandOf = [&, i](const TestVector& vector) {
+                return commandFor(options, i, vector);
+            };
             signal = decodeVectors(run, decoders[i], &results.columns[i]);
         }
         if (signal == 0 && !options.bundle.file.empty()) {
@@ -68,7 +85,7 @@ public:
             const TemporaryFolder left;
             BundleMaker bundle(options.bundle.refers, results.facts, [&] { signals.check(); });
             for (size_t i = 0; i < decoders.size(); ++i) {
-                setColumn(results, i, &run);
+                setColumn(options, results, i, &run);
                 for (const TestVector& vector : results.columns[i].vectors) {
                     addToBundle(run, decoders[i], results.columns[i], vector, left.path(), &bundle);
                 }
@@ -80,11 +97,14 @@ public:
 
 private:
     // The options of the column `index` of the results.
-    void setColumn(const SuiteResults& results, size_t index, SuiteRunOptions* run) const {
+    void setColumn(const CommonOptions& options, const SuiteResults& results, size_t index,
+                   SuiteRunOptions* run) const {
         const std::string& decoder = results.columns[index].decoder;
         const bool isOne = results.columns.size() == 1;
         run->label = isOne ? "" : decoder + "/";
         run->output = isOne || mOutput.empty() ? mOutput : mOutput + "/" + decoder;
+        const std::string& dumps = options.dumpFolder;
+        run->dumps = isOne || dumps.empty() ? dumps : dumps + "/" + decoder;
     }
 
     // Adds `vector`, which `decoder` has decoded, if it has failed. `left`: the folder for what a
@@ -134,6 +154,37 @@ private:
         return console::exitWithResult(names);
     }
 
+    // The command line that runs `vector` with the decoder `index` alone.
+    std::string commandFor(const CommonOptions& options, size_t index,
+                           const TestVector& vector) const {
+        std::vector<std::string> words = {"vxrun", "suite", mSuite.file, "--resources",
+                                          mSuite.resources};
+        const auto add = [&](const std::string& option, const std::string& value) {
+            if (!value.empty()) words.insert(words.end(), {option, value});
+        };
+        const DecoderOptions& decoders = mSuite.decoders;
+        const size_t names = decoders.names.size();
+        if (index < names) add("--decoder", decoders.names[index]);
+        if (index >= names && index - names < decoders.graphs.size()) {
+            add("--graph", decoders.graphs[index - names]);
+        }
+        for (const std::string& file : options.nodes) add("--nodes", file);
+        for (const std::string& assignment : options.assignments) add("--set", assignment);
+        std::string filter;
+        for (const char c : vector.name) {
+            if (std::string("*?[\\:").find(c) != std::string::npos ||
+                (c == '-' && filter.empty())) {
+                filter += '\\';
+            }
+            filter += c;
+        }
+        add("--filter", filter);
+        add("--lists", mLists);
+        add("--against", mAgainst);
+        if (options.run.timeout > 0) add("--timeout", concat(options.run.timeout));
+        return shellLine(words);
+    }
+
     // The reports replace older ones before anything runs, or can fail to.
     void prepareReports(const SuiteResults& results) {
         // "xml:FILE" or "xml:FOLDER/"; other kinds are GoogleTest's own.
@@ -161,7 +212,7 @@ private:
     }
 
     SuiteOptions mSuite;
-    std::string mOutput;
+    std::string mOutput, mLists, mAgainst;
     ReportFiles mReports;
     bool mList = false;
 };

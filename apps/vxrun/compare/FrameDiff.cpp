@@ -64,6 +64,46 @@ std::vector<uint16_t> samplesOf(const FrameView& frame, int plane) {
     return samples;
 }
 
+WrongFrame wrongFrame(uint64_t number, const FrameView& actual, const FrameView& expected,
+                      uint32_t tolerance, bool withCells) {
+    constexpr int kCell = 64;
+    const PictureFormat& format = actual.format();
+    WrongFrame wrong;
+    wrong.number = number;
+    if (!haveSamePlanes(format, expected.format())) return wrong;
+    if (actual.size() > 0) {
+        wrong.psnr = psnrOf(errorsOf(actual, expected), format.pixels.depth).back().value;
+    }
+    if (!withCells || !format.isPicture()) return wrong;
+    wrong.cellSize = kCell;
+    wrong.columns = static_cast<uint32_t>((format.width + kCell - 1) / kCell);
+    wrong.rows = static_cast<uint32_t>((format.height + kCell - 1) / kCell);
+    wrong.cells.resize(size_t{wrong.columns} * wrong.rows);
+    const size_t sampleBytes = static_cast<size_t>(format.pixels.bytesPerSample());
+    for (int p = 0; p < format.pixels.planes; ++p) {
+        // Planes of the first one's size have its cells.
+        const int shiftX = format.columns(p) < format.width ? format.pixels.chromaShiftX : 0;
+        const int shiftY = format.rows(p) < format.height ? format.pixels.chromaShiftY : 0;
+        const size_t side = size_t(kCell >> shiftX), bytes = format.rowBytes(p);
+        for (int y = 0; y < format.rows(p); ++y) {
+            const uint8_t* const a = actual.row(p, y);
+            const uint8_t* const b = expected.row(p, y);
+            if (std::memcmp(a, b, bytes) == 0) continue;
+            size_t cell = size_t(y / (kCell >> shiftY)) * wrong.columns;
+            for (size_t x = 0; x < bytes; x += side * sampleBytes, ++cell) {
+                const size_t count = std::min(side, (bytes - x) / sampleBytes);
+                if (wrong.cells.at(cell)) continue;
+                wrong.cells[cell] =
+                    sampleBytes > 1
+                        ? isAnyBeyond(tolerance, reinterpret_cast<const uint16_t*>(a + x),
+                                      reinterpret_cast<const uint16_t*>(b + x), count)
+                        : isAnyBeyond(tolerance, a + x, b + x, count);
+            }
+        }
+    }
+    return wrong;
+}
+
 uint32_t FrameDiff::Plane::difference(size_t at) const {
     return actual.empty() ? 0 : static_cast<uint32_t>(std::abs(actual[at] - expected[at]));
 }
@@ -108,18 +148,37 @@ void FrameDiff::compare(Plane* plane) const {
     }
 }
 
+const FrameDiff::Plane& FrameDiff::firstPlane() const {
+    const auto isWrong = [](const Plane& plane) { return plane.wrong > 0; };
+    const auto found = std::find_if(mPlanes.begin(), mPlanes.end(), isWrong);
+    return found != mPlanes.end() ? *found : mPlanes.front();
+}
+
+Mismatch FrameDiff::mismatch() const {
+    Mismatch mismatch;
+    mismatch.kind = mFormats.empty() ? "samples" : "format";
+    mismatch.text = evidence();
+    if (!mFormats.empty()) return mismatch;
+    const Plane& first = firstPlane();
+    mismatch.shape = shape(first).name;
+    mismatch.plane = first.name;
+    mismatch.x = first.x;
+    mismatch.y = first.y;
+    mismatch.actual = first.actual[first.at(first.x, first.y)];
+    mismatch.expected = first.expected[first.at(first.x, first.y)];
+    return mismatch;
+}
+
 std::string FrameDiff::evidence() const {
     if (!mFormats.empty()) return mFormats;
     std::string counts;
-    const Plane* found = &mPlanes.front();
     uint32_t largest = 0;
     for (const Plane& plane : mPlanes) {
         counts += concat(counts.empty() ? "" : ", ", plane.name, " ", plane.wrong, " of ",
                          plane.columns * plane.rows);
-        if (found->wrong == 0) found = &plane;
         largest = std::max(largest, plane.largest);
     }
-    const Plane& first = *found;
+    const Plane& first = firstPlane();
     const size_t at = first.at(first.x, first.y);
     const std::string values =
         concat(" actual ", first.actual[at], " expected ", first.expected[at]);
@@ -129,11 +188,11 @@ std::string FrameDiff::evidence() const {
                        point(first.x / 8, first.y / 8), ", 64x64 block ",
                        point(first.x / 64, first.y / 64));
     }
-    return concat(place, "; ", shape(first), "; wrong samples: ", counts, "; largest difference ",
-                  largest);
+    return concat(place, "; ", shape(first).text(), "; wrong samples: ", counts,
+                  "; largest difference ", largest);
 }
 
-std::string FrameDiff::shape(const Plane& first) const {
+FrameDiff::Shape FrameDiff::shape(const Plane& first) const {
     uint64_t wrong = 0;
     std::string whole;  // planes that are wrong for the most part
     for (const Plane& plane : mPlanes) {
@@ -141,21 +200,22 @@ std::string FrameDiff::shape(const Plane& first) const {
         if (2 * plane.wrong < plane.columns * plane.rows) continue;
         whole += (whole.empty() ? "" : ", ") + plane.name;
     }
-    if (wrong == 1) return "one sample";
+    if (wrong == 1) return {"one sample", ""};
     if (mPlanes.size() == 3 && !mPlanes[1].actual.empty() &&
         mPlanes[1].actual == mPlanes[2].expected && mPlanes[2].actual == mPlanes[1].expected) {
-        return "planes Cb and Cr swapped";
+        return {"planes Cb and Cr swapped", ""};
     }
-    if (std::string shifted = shift(first); !shifted.empty()) return shifted;
-    if (!whole.empty()) return "whole plane " + whole;
-    if (first.y == first.bottom) return "in one row";
-    if (first.left == first.right) return "in one column";
+    if (std::string shifted = shift(first); !shifted.empty()) return {"shifted", shifted};
+    if (!whole.empty()) return {"whole plane " + whole, ""};
+    if (first.y == first.bottom) return {"in one row", ""};
+    if (first.left == first.right) return {"in one column", ""};
     for (const size_t side : {8, 64}) {
         if (first.left / side == first.right / side && first.y / side == first.bottom / side) {
-            return concat("in one ", side, "x", side, " block");
+            return {concat("in one ", side, "x", side, " block"), ""};
         }
     }
-    return "from " + point(first.left, first.y) + " to " + point(first.right, first.bottom);
+    return {"in a rectangle",
+            "from " + point(first.left, first.y) + " to " + point(first.right, first.bottom)};
 }
 
 // The smallest shift that explains the plane; empty when none does.

@@ -4,6 +4,7 @@
 #include "Vxkit.h"
 
 #include <vxkit/FrameView.h>
+#include <vxkit/Mismatch.h>
 
 #include <string>
 #include <vector>
@@ -20,6 +21,10 @@ bool haveSamePlanes(const PictureFormat& actual, const PictureFormat& expected);
 // Whether any sample differs by more than `tolerance`, or the planes do.
 bool differ(const FrameView& actual, const FrameView& expected, uint32_t tolerance);
 
+// Wrong frame `number`; with the cells of 64x64 samples that are wrong if `withCells`.
+WrongFrame wrongFrame(uint64_t number, const FrameView& actual, const FrameView& expected,
+                      uint32_t tolerance, bool withCells);
+
 // The evidence of that. Compares at construction, and slowly. A block of bytes is one plane of
 // 8-bit samples in one row. Frames of different sizes or formats have no planes here.
 //
@@ -32,6 +37,8 @@ public:
 
     // The evidence in one line; for frames that differ.
     std::string evidence() const;
+    // The same, as a node's record has it, but for the frame.
+    Mismatch mismatch() const;
     // A byte for each sample of the first plane: 0 where all planes are equal, else 64 + 8 times
     // the largest difference there, at most 255. Empty for frames of different formats.
     std::vector<uint8_t> picture() const;
@@ -51,8 +58,17 @@ private:
         size_t left = SIZE_MAX, right = 0, bottom = 0;
     };
 
+    struct Shape {
+        // `places`: what the name leaves out, with coordinates.
+        std::string text() const { return places.empty() ? name : places; }
+
+        std::string name, places;
+    };
+
     void compare(Plane* plane) const;
-    std::string shape(const Plane& first) const;
+    // That with the first wrong sample.
+    const Plane& firstPlane() const;
+    Shape shape(const Plane& first) const;
     static std::string shift(const Plane& plane);
     static bool isShifted(const Plane& plane, int dx, int dy);
 

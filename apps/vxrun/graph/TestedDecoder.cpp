@@ -1,5 +1,6 @@
 #include "TestedDecoder.h"
 
+#include "Answer.h"
 #include "GraphFile.h"
 #include "Json.h"
 #include "Program.h"
@@ -86,33 +87,6 @@ std::string versionIn(const std::string& text) {
         }
     }
     return "";
-}
-
-// What `ask` returns in a process of its own: devices' libraries start threads, or crash.
-std::string answerOf(const std::function<std::string()>& ask) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) throw Failure("a pipe: " + errnoText(errno));
-    const pid_t child = fork();
-    if (child == 0) {
-        dprintf(ends[1], "%s", ask().c_str());
-        _exit(0);
-    }
-    close(ends[1]);
-    const auto deadline = Clock::now() + kProbeLimit;
-    std::string answer;
-    char part[4096];
-    ssize_t size = -1;
-    pollfd end = {ends[0], POLLIN, 0};
-    while (poll(&end, 1, millisecondsUntil(deadline)) == 1 &&
-           (size = read(ends[0], part, sizeof part)) > 0) {
-        answer.append(part, static_cast<size_t>(size));
-    }
-    close(ends[0]);
-    if (child > 0 && size != 0) kill(child, SIGKILL);  // no answer in time
-    int status = 0;
-    if (child < 0 || waitpid(child, &status, 0) < 0)
-        throw Failure("a process: " + errnoText(errno));
-    return status == 0 ? answer : "the probe: " + endText(status);
 }
 
 vexa::VXNodeDescriptor& checksumSinkOf(const VXGraphInfo& graph) {
@@ -248,17 +222,21 @@ std::string TestedDecoder::probe() {
 }
 
 std::string TestedDecoder::probe(const VXGraphInfo& graph) {
-    return answerOf([&]() -> std::string {
-        for (const auto& node : graph.nodes) {
-            const NodeType* const type = findNodeType(node->type);
-            try {
-                if (type != nullptr) type->probe(*node);
-            } catch (const Failure& failure) {
-                return failure.what();
+    int status = 0;
+    const std::string answer = answerOf(
+        [&]() -> std::string {
+            for (const auto& node : graph.nodes) {
+                const NodeType* const type = findNodeType(node->type);
+                try {
+                    if (type != nullptr) type->probe(*node);
+                } catch (const Failure& failure) {
+                    return failure.what();
+                }
             }
-        }
-        return "";
-    });
+            return "";
+        },
+        kProbeLimit, &status);
+    return status == 0 ? answer : "the probe: " + endText(status);
 }
 
 void TestedDecoder::setEnvironment() const {

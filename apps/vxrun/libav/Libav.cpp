@@ -8,6 +8,7 @@ extern "C" {
 }
 
 #include <cstdio>
+#include <set>
 #include <utility>
 
 namespace vxrun {
@@ -87,8 +88,24 @@ void CodecLog::listenHere() {
     tListener = this;
 }
 
+// The logs that live. A codec that a node library opened has an `opaque` of its own, which is none.
+static std::mutex sLogsLock;
+static std::set<const void*> sLogs;  // guarded by sLogsLock
+
+CodecLog::CodecLog() {
+    std::lock_guard<std::mutex> lock(sLogsLock);
+    sLogs.insert(this);
+}
+
 CodecLog::~CodecLog() {
     if (tListener == this) tListener = nullptr;
+    std::lock_guard<std::mutex> lock(sLogsLock);
+    sLogs.erase(this);
+}
+
+static CodecLog* logOf(void* opaque) {
+    std::lock_guard<std::mutex> lock(sLogsLock);
+    return sLogs.count(opaque) > 0 ? static_cast<CodecLog*>(opaque) : nullptr;
 }
 
 static thread_local std::function<void(const std::string&)> tTrace;
@@ -115,8 +132,7 @@ void CodecLog::write(void* object, int level, const char* format, va_list argume
     // What logs is an object that begins with a pointer to its class.
     const bool isCodec =
         object != nullptr && *static_cast<const AVClass**>(object) == avcodec_get_class();
-    auto* const log =
-        isCodec ? static_cast<CodecLog*>(static_cast<AVCodecContext*>(object)->opaque) : tListener;
+    auto* const log = isCodec ? logOf(static_cast<AVCodecContext*>(object)->opaque) : tListener;
     if (log == nullptr) return;  // a codec of the demuxer's, or what no one listens to
     const std::string line = lineOf(format, arguments);
     std::lock_guard<std::mutex> lock(log->mLock);

@@ -84,7 +84,7 @@ private:
 // Threads  any: codecs log on threads of their own.
 class CodecLog {
 public:
-    CodecLog() = default;
+    CodecLog();
     ~CodecLog();
     CodecLog(const CodecLog&) = delete;
     CodecLog& operator=(const CodecLog&) = delete;

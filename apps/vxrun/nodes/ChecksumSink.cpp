@@ -146,9 +146,26 @@ private:
                               describe(actual, sizes);
             failCheck(vexa::CRC_MISMATCH,
                       concat("frame ", mFrames, " (timestamp ", frame.info.timestamp, "): ", text));
+            note(surplus ? "count" : "checksum", text, frame.info.timestamp);
         }
         countMismatch(mFrames);
+        addWrong(mFrames);
         mBadFrames->dump(mFrames, frame, nullptr);
+    }
+
+    // As how the first wrong frame differs, this one if it is.
+    void note(const char* kind, const std::string& text, uint64_t timestamp) {
+        Mismatch mismatch;
+        mismatch.kind = kind;
+        mismatch.text = text;
+        mismatch.frame = mFrames;
+        mismatch.timestamp = timestamp;
+        record().setMismatch(mismatch);
+    }
+    void addWrong(uint64_t number) {
+        WrongFrame wrong;
+        wrong.number = number;
+        record().addWrongFrame(wrong);
     }
 
     static std::string describe(const ChecksumRow& row, bool withSize) {
@@ -176,10 +193,13 @@ private:
                            mExpectPath, " has ", rows);
         }
         if (text.empty()) return;
+        note("count", text, 0);
         for (size_t row = mFrames; row < rows; ++row) {
+            addWrong(row);
             mOffset.addPair("", mExpected->rows[row].hash, true);
         }
         const std::string offset = mOffset.finding();
+        record().setFinding(offset);
         failCheck(vexa::CRC_MISMATCH, text + (offset.empty() ? "" : "; " + offset));
     }
 
@@ -188,9 +208,10 @@ private:
         const ChecksumRow& expected = mExpected->rows.front();
         record().checked = mFrames;
         if (expected.matches({0, md5})) return;
-        failCheck(vexa::CRC_MISMATCH,
-                  concat("the MD5 of all ", mFrames, " frames differs: expected ", expected.hash,
-                         ", actual ", md5));
+        const std::string text = concat("the MD5 of all ", mFrames, " frames differs: expected ",
+                                        expected.hash, ", actual ", md5);
+        failCheck(vexa::CRC_MISMATCH, text);
+        note("checksum", text, 0);
     }
 
     static constexpr unsigned kLook = 20, kPause = 300;  // milliseconds

@@ -18,6 +18,7 @@ namespace {
 
 // A floor below these would pass any picture but an inverted one.
 constexpr double kLeastPsnr = 1, kLeastSsim = 0.01;
+constexpr uint64_t kMostCells = 256;       // frames whose wrong cells are kept
 constexpr double kMostPsnr = 6 * 16 + 12;  // that of equal pictures of 16 bits
 
 const NumberKey kTolerance{
@@ -131,7 +132,26 @@ private:
         mOffset.addFrames(actual, expected, isBad);
         if (!isBad) return;
         countMismatch(frame);
+        if (actual != nullptr && expected != nullptr) {
+            const bool withCells = mWrong++ < kMostCells;
+            record().addWrongFrame(wrongFrame(frame, *actual, *expected, mTolerance, withCells));
+        } else {
+            Mismatch count;
+            count.kind = "count";
+            count.text = actual == nullptr ? "the frame is missing" : "the frame is one too many";
+            note(std::move(count), frame, actual);
+            WrongFrame wrong;
+            wrong.number = frame;
+            record().addWrongFrame(wrong);
+        }
         if (actual != nullptr) mBadFrames->dump(frame, *actual, expected);
+    }
+
+    // As that of the first wrong frame, if it is.
+    void note(Mismatch mismatch, uint64_t frame, const Frame* actual) {
+        mismatch.frame = frame;
+        if (actual != nullptr) mismatch.timestamp = actual->info.timestamp;
+        record().setMismatch(mismatch);
     }
 
     bool differ(uint64_t frame, const Frame& actual, const Frame& expected) {
@@ -144,16 +164,19 @@ private:
         }
         const bool measured = (mHasPsnr || mHasSsim) && actual.size() > 0 &&
                               haveSamePlanes(actual.format(), expected.format());
-        std::string text = measured ? measure(frame, actual, expected) : "";
+        Mismatch mismatch;
+        mismatch.kind = "quality";
+        mismatch.text = measured ? measure(frame, actual, expected) : "";
         if (mComparesSamples || !measured) {
             if (!vxrun::differ(actual, expected, mTolerance)) return false;
-            if (mBad == 0) text = FrameDiff(actual, expected, mTolerance).evidence();
-        } else if (text.empty()) {
+            if (mBad == 0) mismatch = FrameDiff(actual, expected, mTolerance).mismatch();
+        } else if (mismatch.text.empty()) {
             return false;
         }
         if (mBad++ == 0) {  // only the first one is shown
-            failCheck(mError,
-                      concat("frame ", frame, " (timestamp ", actual.info.timestamp, "): ", text));
+            failCheck(mError, concat("frame ", frame, " (timestamp ", actual.info.timestamp,
+                                     "): ", mismatch.text));
+            note(std::move(mismatch), frame, &actual);
         }
         return true;
     }
@@ -209,6 +232,7 @@ private:
         if (mCsv) mCsv->commit();
         if (mBad > 0 || actual != expected) {
             const std::string offset = mOffset.finding();
+            record().setFinding(offset);
             failCheck(mError,
                       concat(mBad, " of ", std::min(actual, expected), " frames are wrong, actual ",
                              actual, ", expected ", expected, offset.empty() ? "" : "; ", offset));
@@ -252,7 +276,8 @@ private:
     Stream mStreams[2];  // by Input
     FrameOffset mOffset;
     uint64_t mBad = 0;
-    int mDepth = 8;  // of the samples that were measured
+    uint64_t mWrong = 0;  // of the frames that both streams have
+    int mDepth = 8;       // of the samples that were measured
     FigureSeries mErrors{"error"}, mPsnr{"psnr"}, mSsim{"ssim"};
     std::optional<OutputFile> mCsv;
 };

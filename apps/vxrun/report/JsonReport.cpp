@@ -34,6 +34,7 @@ Json resultsOf(const Suite& suite) {
     for (const TestVector& vector : suite.vectors) {
         Json entry = {{"result", stateName(vector.state)}, {"time", vector.seconds}};
         if (!vector.profile.empty()) entry["profile"] = vector.profile;
+        if (!vector.failure.empty()) entry["failure"] = Json::parse(vector.failure);
         vectors.push_back({vector.name, std::move(entry)});
     }
     return run;

@@ -94,6 +94,7 @@ Json runJson(const RunReport& report, const Evidence& evidence, bool hasEnded) {
         limit["met"] = check.isMet;
         run["limits"].push_back(limit);
     }
+    if (!report.failure.empty()) run["failure"] = Json::parse(report.failure);
     return run;
 }
 

@@ -18,6 +18,7 @@ struct RunReport {
     Limits limits;
     std::vector<std::pair<std::string, std::string>> connections = {};  // from node to node
     std::string trace = {};                                             // its file; empty: none
+    std::string failure = {};  // the member "failure", JSON; empty: none
 };
 
 // Writes the reports as writeReports() does. A run that has not ended is reported as one that did

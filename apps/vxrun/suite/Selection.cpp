@@ -14,7 +14,11 @@ void filterVectors(Suite* suite, const std::string& filter) {
         const std::string full = suite->name + "." + vector.name;
         bool negative = false, selected = filter.front() == '-';
         std::istringstream globs(filter);
-        for (std::string glob; std::getline(globs, glob, ':');) {
+        for (std::string glob, rest; std::getline(globs, glob, ':');) {
+            // A colon with a backslash before it belongs to the name.
+            while (!glob.empty() && glob.back() == '\\' && std::getline(globs, rest, ':')) {
+                glob += ":" + rest;
+            }
             negative = negative || glob.rfind('-', 0) == 0;
             const char* const pattern = glob.c_str() + (glob.rfind('-', 0) == 0 ? 1 : 0);
             const bool matches = fnmatch(pattern, vector.name.c_str(), 0) == 0 ||

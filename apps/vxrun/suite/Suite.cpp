@@ -41,10 +41,11 @@ std::string fileName(const JsonDocument& document, const JsonValue& object, cons
 void readVector(const JsonDocument& document, const JsonValue& json, const Suite& suite,
                 bool acceptsNone, TestVector* vector) {
     document.expectObject(json, {"name", "source", "source_checksum", "input_file", "output_format",
-                                 "result", "profile", "optional_params"});
+                                 "result", "profile", "optional_params", "frames"});
     vector->inputFile = fileName(document, json, "input_file");
     vector->format = textOf(document, json, "output_format", "None");
     vector->profile = textOf(document, json, "profile");
+    if (json.find("frames") != nullptr) vector->frames = fileName(document, json, "frames");
     vector->md5 = lowerCase(textOf(document, json, "result"));
     const bool mayBeEmpty = suite.negative || acceptsNone;
     if (suite.testMethod != "md5" || (mayBeEmpty && vector->md5.empty())) return;

@@ -22,6 +22,7 @@ struct TestVector {
     std::string format;   // a pixel format; empty, "None" or "Unknown": any
     std::string md5;      // in lower case; empty where none is known: of damaged streams
     std::string profile;  // may be empty
+    std::string frames;   // a checksum list, where the input file is; empty: none
 
     State state = NOT_RUN;
     std::string type;     // of what went wrong, such as CRC_MISMATCH

@@ -1,5 +1,6 @@
 #include "SuiteRun.h"
 
+#include "BadFrames.h"
 #include "Console.h"
 #include "Text.h"
 
@@ -124,7 +125,7 @@ private:
         if (child->process.hasEnded()) {
             TestVector* const vector = &child->process.vector();
             vector->seconds = Seconds(Clock::now() - child->start).count();
-            if (mSignal == 0) child->process.judge(mSuite.negative);
+            if (mSignal == 0) child->process.judge(mSuite.negative, mOptions.vectors);
             if (mSignal == 0 && mIsShort && !child->isAlone && vector->state == TestVector::ERROR) {
                 // There may have been no room for its threads. If fewer run, there is.
                 vector->state = TestVector::NOT_RUN;
@@ -191,6 +192,18 @@ std::string inputOf(const TestVector& vector, const fs::path& folder) {
     return hasFolder && fs::exists(file, ignored) ? file : folder / vector.name / vector.inputFile;
 }
 
+// The checksum list of a vector; empty when there is none.
+std::string listOf(const SuiteRunOptions& options, const TestVector& vector,
+                   const fs::path& input) {
+    if (!vector.frames.empty()) return input.parent_path() / vector.frames;
+    if (options.lists.empty()) return "";
+    for (const char* const kind : {".framemd5", ".framecrc", ".md5", ".json", ".txt"}) {
+        const std::string list = (fs::path(options.lists) / vector.inputFile).native() + kind;
+        if (std::error_code ignored; fs::exists(list, ignored)) return list;
+    }
+    return "";
+}
+
 }  // namespace
 
 DecodeOptions decodeOptionsOf(const SuiteRunOptions& options, const Suite& suite,
@@ -200,6 +213,8 @@ DecodeOptions decodeOptionsOf(const SuiteRunOptions& options, const Suite& suite
     if (!options.output.empty()) {
         decode.output = fs::path(options.output) / suite.name / (vector.name + ".out");
     }
+    decode.list = listOf(options, vector, decode.input);
+    decode.against = options.against;
     return decode;
 }
 
@@ -218,12 +233,28 @@ int decodeVectors(const SuiteRunOptions& options, const TestedDecoder& decoder, 
         if (!decode.output.empty()) {
             makeFolder("--output", fs::path(decode.output).parent_path());
         }
-        return [&decoder, decode] {
+        GraphEdits dumps;
+        if (!options.dumps.empty()) {
+            dumps.whereKnown[kDumpBad.name] = options.dumps + "/" + vector.name;
+        }
+        return [&decoder, decode, dumps] {
             decoder.setEnvironment();
-            return decoder.graphFor(decode);
+            if (decode.against != nullptr) decode.against->setEnvironment();
+            vexa::VXGraphInfo graph = decoder.graphFor(decode);
+            dumps.applyTo(&graph);
+            return graph;
         };
     };
-    return runVectors(options, prepare, suite);
+    SuiteRunOptions run = options;
+    run.vectors.inputOf = [&](const TestVector& vector) {
+        return inputOf(vector, fs::path(options.resources) / suite->name);
+    };
+    const int signal = runVectors(run, prepare, suite);
+    for (const TestVector& vector : suite->vectors) {
+        std::error_code ignored;  // a folder with frames stays
+        if (!options.dumps.empty()) fs::remove(fs::path(options.dumps) / vector.name, ignored);
+    }
+    return signal;
 }
 
 }  // namespace vxrun

@@ -19,7 +19,10 @@ struct SuiteRunOptions {
         output;  // the raw videos are kept as <output>/<suite>/<vector>.out; empty: not at all
     uint32_t jobs = std::max(std::thread::hardware_concurrency(), 1u);  // vectors at once
     VectorOptions vectors;
-    std::string label;                   // before the names of vectors in lines; may be empty
+    std::string lists;  // <lists>/<input file>.<kind> are checksum lists; empty: none
+    const TestedDecoder* against = nullptr;  // whose pictures are expected, too; null: no one's
+    std::string dumps;  // wrong frames are written to <dumps>/<vector>; empty: not at all
+    std::string label;  // before the names of vectors in lines; may be empty
     std::function<void()> writeReports;  // those of the suite as it is now
 };
 

@@ -1,5 +1,6 @@
 #include "VectorProcess.h"
 
+#include "FailureReport.h"
 #include "Text.h"
 
 namespace vxrun {
@@ -11,7 +12,13 @@ int VectorProcess::start(const GraphMaker& makeGraph, const VectorOptions& optio
         options.edits.applyTo(&graph);
         return graph;
     };
-    return mProcess.start(makeEdited, options.run, signals);
+    Describe describe;
+    if (options.commandOf) {
+        describe = [&](const Evidence& evidence) {
+            return wrongFramesOf(evidence, options.inputOf(mVector)).dump();
+        };
+    }
+    return mProcess.start(makeEdited, options.run, signals, describe);
 }
 
 void VectorProcess::kill(int signal) {
@@ -19,7 +26,7 @@ void VectorProcess::kill(int signal) {
     mProcess.kill(signal);
 }
 
-void VectorProcess::judge(bool negative) {
+void VectorProcess::judge(bool negative, const VectorOptions& options) {
     const RunResult result = mProcess.result();
     mVector.log = mProcess.log();
     mVector.state = TestVector::ERROR;
@@ -38,6 +45,21 @@ void VectorProcess::judge(bool negative) {
     } else if (code == 0 || isFailedTest(result.verdict)) {
         judgePictures(result, negative);
     }
+    const auto state = mVector.state;
+    if (state != TestVector::SUCCESS && state != TestVector::NOT_SUPPORTED && options.commandOf) {
+        describe(result, options);
+    }
+}
+
+void VectorProcess::describe(const RunResult& result, const VectorOptions& options) {
+    FailureSignature signature = result.signature;
+    signature.type = mVector.type;
+    const FailureJson wrong = FailureJson::parse(mProcess.description(), nullptr, false);
+    const FailureJson failure = failureOf({signature, mVector.message, mVector.log,
+                                           options.commandOf(mVector), options.inputOf(mVector)},
+                                          wrong);
+    for (const std::string& line : linesOf(failure)) mVector.message += "; " + line;
+    mVector.failure = failure.dump(-1, ' ', false, FailureJson::error_handler_t::replace);
 }
 
 // If the expected pictures are known, they decide: what a decoder reports as an error in an intact
@@ -48,7 +70,10 @@ void VectorProcess::judgePictures(const RunResult& result, bool negative) {
         mVector.md5.empty() ? exitCode(result.verdict) == 0 : result.md5 == mVector.md5;
     if (isRight != negative) {
         mVector.state = TestVector::SUCCESS;
-        mVector.message.clear();
+        // A list may not turn the right MD5 into a failure.
+        mVector.message = !negative && !mVector.md5.empty() && !result.signature.kind.empty()
+                              ? "the MD5 is right, but " + result.message
+                              : "";
         mVector.log = {};  // of no use, and there may be many
         return;
     }

@@ -11,6 +11,9 @@ namespace vxrun {
 struct VectorOptions {
     RunOptions run;  // its timeout is the limit of each
     GraphEdits edits;
+    // The input file of a vector, and the command line that runs it alone. No command: failures
+    // are not described.
+    std::function<std::string(const TestVector&)> inputOf = {}, commandOf = {};
 };
 
 // Life     start(), then hasEnded() until it is true, then judge(). See RunProcess.
@@ -29,9 +32,10 @@ public:
     // True when it has ended.
     bool hasEnded() { return mProcess.hasEnded(); }
     // The result of the test vector after the process has ended. `negative`: see Suite.
-    void judge(bool negative);
+    void judge(bool negative, const VectorOptions& options);
 
 private:
+    void describe(const RunResult& result, const VectorOptions& options);
     void judgePictures(const RunResult& result, bool negative);
 
     TestVector& mVector;

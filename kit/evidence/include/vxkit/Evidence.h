@@ -94,12 +94,23 @@ struct NodeRecord {
         if (mWrongFrames.size() < kMostWrong) mWrongFrames.push_back(std::move(frame));
     }
 
+    // What the wrong frames are, all in all, such as expected ones at other places; empty: not known.
+    std::string finding() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mFinding;
+    }
+    void setFinding(const std::string& finding) {
+        std::lock_guard<std::mutex> lock(mLock);
+        mFinding = finding;
+    }
+
 private:
     mutable std::mutex mLock;
     std::string mWaitsFor;  // guarded by mLock, as the rest is
     std::map<std::string, double> mFigures;
     std::optional<Mismatch> mMismatch;
     std::vector<WrongFrame> mWrongFrames;
+    std::string mFinding;
 };
 
 // AtWork: this thread runs a hook of a node.
