@@ -79,7 +79,7 @@ namesBlock() {
     if [ -z "$shown" ]; then
         grep -v '^fault' "$work/log" | grep -q "unit $unit\b" && return
     fi
-    local at=failure.first_in_decoding_order
+    local at=run.failure.first_in_decoding_order
     [ "$(member "$work/run.json" $at.unit)" = "$unit" ] &&
         [ "$(member "$work/run.json" $at.picture)" = "$picture" ] &&
         [ "$(member "$work/run.json" $at.frame)" = "$shown" ]
