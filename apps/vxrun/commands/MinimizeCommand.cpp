@@ -1,4 +1,5 @@
 // vxrun minimize: the shortest stream that still shows a failure.
+#include "ChecksumFormat.h"
 #include "Command.h"
 #include "Console.h"
 #include "DeltaDebugging.h"
@@ -6,12 +7,11 @@
 #include "Json.h"
 #include "MediaLibraries.h"
 #include "RunProcess.h"
+#include "StreamMap.h"
 #include "Text.h"
 
 #include <vxkit/NodeType.h>
 #include <nlohmann/json.hpp>
-
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -31,23 +31,6 @@ using Json = nlohmann::ordered_json;
 
 // Makes the graph of a run with `stream`, or that of the trusted decoder alone.
 using StreamGraph = std::function<vexa::VXGraphInfo(const std::string& stream, bool trusted)>;
-
-// A folder that is gone, with its files, when this is.
-struct TemporaryFolder {
-    explicit TemporaryFolder(std::string pattern) : path(std::move(pattern)) {
-        if (mkdtemp(path.data()) == nullptr) {
-            throw badOption("--output", path + ": " + errnoText(errno));
-        }
-    }
-    ~TemporaryFolder() {
-        std::error_code ignored;
-        fs::remove_all(path, ignored);
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-    std::string path;
-};
 
 // What a signal has ended.
 struct Ended {
@@ -156,7 +139,8 @@ private:
     void end(Try* one) {
         if (one->hasEnded) return;
         one->process->kill(SIGKILL);
-        while (!one->process->hasEnded()) usleep(1000);
+        const int signal = one->process->wait(mSignals);
+        if (signal != 0) mEnding = signal;
         one->hasEnded = true;
     }
 
@@ -164,9 +148,10 @@ private:
     void wait(const std::vector<Try*>& running) {
         const timespec step = {0, 50'000'000};
         const int number = sigtimedwait(&mSignals.waited, nullptr, &step);
-        if (number == SIGINT || number == SIGTERM) {
+        if (number == SIGINT || number == SIGTERM) mEnding = number;
+        if (mEnding != 0) {
             for (Try* one : running) end(one);
-            throw Ended{number};
+            throw Ended{mEnding};
         }
         for (Try* one : running) {
             if (one->process == nullptr || Clock::now() < one->deadline) continue;
@@ -177,6 +162,7 @@ private:
 
     const StreamGraph mGraph;
     const size_t mJobs;
+    int mEnding = 0;  // the signal that ends the search
     const ProcessSignals mSignals;
 };
 
@@ -214,6 +200,7 @@ public:
 
     int execute(const CommonOptions& options, Evidence* evidence) override {
         evidence->expectNoCheck();
+        mOptions = &options;
         readOptions();
         mCut = cutStream(mStream);
         mTexts = {
@@ -225,9 +212,10 @@ public:
             return graphOf(stream, trusted, options.edits());
         };
         graph(mStream, false);  // whose mistakes are reported here
+        readList();
         Tries tries(graph, options.run, mJobs);
-        const TemporaryFolder folder(fs::absolute(mOutput).string() + ".XXXXXX");
-        mFolder = folder.path;
+        const TemporaryFolder folder;
+        mFolder = folder.path();
         try {
             const int code = establish(&tries);
             return code != 0 ? code : minimize(&tries);
@@ -262,42 +250,75 @@ private:
         if (hasGraph) return;
         mTested = mDecoders.find();
         if (mTested.size() > 1) throw badOption("--decoder", "expected one");
-        if (!mAgainst.empty()) mTrusted.push_back(TestedDecoder::find(mAgainst));
-        for (auto* const decoders : {&mTested, &mTrusted}) {
-            for (TestedDecoder& decoder : *decoders) {
-                const std::string reason = decoder.probe();
-                if (!reason.empty()) throw Failure("vxrun: " + reason, Verdict::NotSupported);
-                decoder.setEnvironment();
-            }
+        if (!mAgainst.empty()) mTrusted = TestedDecoder::find(mAgainst);
+        for (TestedDecoder* const decoder : {&mTested.front(), &mTrusted}) {
+            const std::string reason = decoder->probe();
+            if (!reason.empty()) throw Failure("vxrun: " + reason, Verdict::NotSupported);
+            decoder->setEnvironment();
         }
     }
 
-    vexa::VXGraphInfo graphOf(const std::string& stream, bool trusted, const GraphEdits& edits) {
+    // The graph that decodes `stream`; `isTrusted`: with the trusted decoder alone.
+    vexa::VXGraphInfo graphOf(const std::string& stream, bool isTrusted, const GraphEdits& edits) {
+        DecodeOptions decode;
+        decode.input = stream;
+        decode.list = listFor(stream);
+        if (isTrusted) return mTrusted.graphFor(decode);
         if (mGraph.empty()) {
-            DecodeOptions decode;
-            decode.input = stream;
-            if (trusted) return mTrusted.front().graphFor(decode);
-            decode.list = mList;
-            if (!mTrusted.empty()) decode.against = &mTrusted.front();
+            if (!mAgainst.empty()) decode.against = &mTrusted;
             vexa::VXGraphInfo graph = mTested.front().graphFor(decode);
             edits.applyTo(&graph);
             return graph;
         }
-        constexpr char kNowhere[] = "{input}";
         vexa::VXGraphInfo graph =
-            readGraphFile(mGraph, {{kNowhere, fs::absolute(mStream)}, {"{format}", ""}});
+            readGraphFile(mGraph, {{"{input}", fs::absolute(mStream)}, {"{format}", ""}});
         edits.applyTo(&graph);
         mPlaces.clear();
         for (const auto& node : graph.nodes) {
             for (auto& [key, value] : node->configs) {
                 std::error_code none;
-                if (!fs::equivalent(value, mStream, none)) continue;
-                value = stream;
-                mPlaces.push_back(concat(node->name, ".", key));
+                const bool isList = node->type == "sink/checksum" && key == "expect";
+                if (isList) mList = mList.empty() ? value : mList;
+                if (!isList && !fs::equivalent(value, mStream, none)) continue;
+                value = isList ? listFor(stream) : stream;
+                mPlaces.emplace_back(concat(node->name, ".", key), isList);
             }
         }
-        if (mPlaces.empty()) throw badOption("minimize", "no node of the graph reads " + mStream);
+        const auto isStream = [](const auto& place) { return !place.second; };
+        if (std::none_of(mPlaces.begin(), mPlaces.end(), isStream)) {
+            throw badOption("minimize", "no node of the graph reads " + mStream);
+        }
         return graph;
+    }
+
+    // The checksum list of a stream: the one that was given, or beside the stream that of a try.
+    std::string listFor(const std::string& stream) const {
+        return mList.empty() || stream == mStream ? mList : stream + ".list";
+    }
+
+    // The rows of the list that belong to the frames of the units that `kept` has pieces of.
+    std::string listOf(const Items& kept) const {
+        std::set<size_t> units;
+        for (const size_t piece : kept) units.insert(mCut->pieces()[piece].unit);
+        // A table, or of rows without sizes a list of MD5s.
+        std::string text = mRows.front().size > 0 ? "#tb 0: 1/1\n" : "";
+        for (size_t frame = 0; frame < mRows.size() && frame < mMap.frames.size(); ++frame) {
+            if (units.count(mMap.pictures[mMap.frames[frame]].unit) == 0) continue;
+            const ChecksumRow& row = mRows[frame];
+            text += row.size > 0 ? concat("0, ", frame, ", ", frame, ", 1, ", row.size, ", ") : "";
+            text += row.hash + "\n";
+        }
+        return text;
+    }
+
+    void readList() {
+        if (mList.empty()) return;
+        const ChecksumList list = readChecksumList(mList);
+        if (list.format->isOfWholeStream()) {
+            throw Failure(mList + ": has no row for each frame, which a shorter stream needs");
+        }
+        mRows = list.rows;
+        mMap = mapStream(mStream);
     }
 
     // Runs the whole stream twice. 0 when it fails, and both times in the same way.
@@ -328,11 +349,16 @@ private:
                                  mSignature.text(), "; ", again.signature.text()));
             return kNoFailure;
         }
-        // Concealment of what is missing must not count as the failure.
-        tries->hasTrusted = !mTrusted.empty() && !isCrash && !isHang;
-        if (tries->hasTrusted && exitCode(tries->result(mStream, true).verdict) != 0) {
-            console::line("vxrun: " + mAgainst + ": does not decode " + mStream +
-                          " without an error");
+        // What is wrong because references are missing must not count as the failure. For want of
+        // another decoder libavcodec is the trusted one, if it decodes the stream.
+        const bool isJudged = isFailedTest(once.verdict) && !isCrash;
+        const bool hasTrusted = !mAgainst.empty() || TestedDecoder::hasDefault();
+        tries->hasTrusted =
+            isJudged && hasTrusted && exitCode(tries->result(mStream, true).verdict) == 0;
+        if (isJudged && !tries->hasTrusted && (!mAgainst.empty() || !mList.empty())) {
+            console::line(concat("vxrun: ", mAgainst.empty() ? "libavcodec" : mAgainst,
+                                 ": does not decode ", mStream,
+                                 mList.empty() ? " without an error" : " as the list has it"));
             return kNoFailure;
         }
         console::note("fails: " + mSignature.text());
@@ -343,20 +369,17 @@ private:
         Items kept(mCut->pieces().size());
         for (size_t i = 0; i < kept.size(); ++i) kept[i] = i;
         const size_t units = unitsOf(kept);
-        if (!mList.empty()) {
-            kept = shortestHead(tries, kept);
-        } else {
-            kept = reduced(tries, kept, [&](size_t before, size_t piece) {
-                const auto& pieces = mCut->pieces();
-                return pieces[piece].isKey && pieces[before].unit != pieces[piece].unit;
-            });
-            for (size_t before = kept.size() + 1; before > kept.size();) {
-                before = kept.size();
-                kept = reduced(tries, kept, [&](size_t last, size_t piece) {
-                    return mCut->pieces()[last].unit != mCut->pieces()[piece].unit;
-                });
-                kept = reduced(tries, kept, [](size_t, size_t) { return true; });
-            }
+        const auto& pieces = mCut->pieces();
+        const auto isNewUnit = [&](size_t before, size_t piece) {
+            return pieces[before].unit != pieces[piece].unit;
+        };
+        kept = reduced(tries, kept, [&](size_t before, size_t piece) {
+            return pieces[piece].isKey && isNewUnit(before, piece);
+        });
+        for (size_t before = kept.size() + 1; before > kept.size();) {
+            before = kept.size();
+            kept = reduced(tries, kept, isNewUnit);
+            kept = reduced(tries, kept, [](size_t, size_t) { return true; });
         }
         const std::string small = write(kept, 0);
         if (!isSame(tries->result(small))) {
@@ -364,7 +387,8 @@ private:
             return kNoFailure;
         }
         const auto bytes = fs::file_size(small);
-        fs::rename(small, mOutput);
+        copyTo(mOutput, small);
+        if (!mList.empty()) copyTo(listFor(mOutput), listFor(small));
         std::error_code none;
         fs::remove(statePath(), none);
         const Json report = {
@@ -375,7 +399,7 @@ private:
             {"units", {{"before", units}, {"after", unitsOf(kept)}}},
             {"bytes", {{"before", fs::file_size(mStream)}, {"after", bytes}}},
             {"tries", mAnswers.size()},
-            {"minimal", mAnswers.size() < mMaxTries && mList.empty()},
+            {"minimal", mAnswers.size() < mMaxTries},
             {"command", commandFor(mOutput)}};
         if (!mJson.empty()) writeTextFile("--json", mJson, report.dump(2) + "\n");
         return console::exitWithResult(
@@ -409,22 +433,6 @@ private:
             for (const Items& candidate : candidates) pieces.push_back(piecesOf(candidate));
             return firstShown(tries, pieces);
         }));
-    }
-
-    // The rows of a list belong to the frames from the first on: only the tail can go. Whatever
-    // holds the failure holds it with more behind.
-    Items shortestHead(Tries* tries, const Items& all) {
-        const auto headOf = [&](size_t units) {
-            Items head = all;
-            while (!head.empty() && mCut->pieces()[head.back()].unit >= units) head.pop_back();
-            return head;
-        };
-        size_t fails = unitsOf(all), passes = 0;
-        while (passes + 1 < fails) {
-            const size_t middle = passes + (fails - passes) / 2;
-            (firstShown(tries, {headOf(middle)}) == 0 ? fails : passes) = middle;
-        }
-        return headOf(fails);
     }
 
     // See FirstShown. Each answer is kept: the search asks the same again when it is resumed.
@@ -473,7 +481,18 @@ private:
         const fs::path file =
             fs::path(mFolder) / concat("try", number, fs::path(mStream).extension().string());
         mCut->write(kept, file);
+        if (!mList.empty()) writeTextFile("--list", listFor(file), listOf(kept));
         return file;
+    }
+
+    static void copyTo(const std::string& path, const std::string& from) {
+        InputFile input(from);
+        OutputFile output(path);
+        std::vector<char> part(size_t{1} << 20);
+        while (const size_t size = input.read(part.data(), part.size())) {
+            output.write(part.data(), size);
+        }
+        output.commit();
     }
 
     size_t unitsOf(const Items& pieces) const {
@@ -487,19 +506,25 @@ private:
 
     std::string commandFor(const std::string& stream) const {
         std::vector<std::string> words = {"vxrun"};
+        const auto add = [&](const std::string& option, const std::string& value) {
+            if (!value.empty()) words.insert(words.end(), {option, value});
+        };
         if (!mGraph.empty()) {
             words.push_back(mGraph);
-            for (const std::string& place : mPlaces) {
-                words.insert(words.end(), {"--set", concat(place, "=", stream)});
-            }
-            return joinedWords(words);
+        } else {
+            words.insert(words.end(), {"decode", stream});
+            for (const auto& name : mDecoders.names) add("--decoder", name);
+            for (const auto& file : mDecoders.graphs) add("--graph", file);
+            add("--against", mAgainst);
+            add("--list", listFor(stream));
         }
-        words.insert(words.end(), {"decode", stream});
-        for (const auto& name : mDecoders.names) words.insert(words.end(), {"--decoder", name});
-        for (const auto& file : mDecoders.graphs) words.insert(words.end(), {"--graph", file});
-        if (!mAgainst.empty()) words.insert(words.end(), {"--against", mAgainst});
-        if (!mList.empty()) words.insert(words.end(), {"--list", mList});
-        return joinedWords(words);
+        for (const std::string& file : mOptions->nodes) add("--nodes", file);
+        for (const std::string& assignment : mOptions->assignments) add("--set", assignment);
+        for (const auto& [place, isList] : mPlaces) {
+            add("--set",
+                concat(place, "=", fs::absolute(isList ? listFor(stream) : stream).native()));
+        }
+        return shellLine(words);
     }
 
     std::string statePath() const { return mOutput + ".minimize.json"; }
@@ -533,8 +558,13 @@ private:
     CLI::Option* mStall = nullptr;
 
     std::string mGraph, mStream;  // the graph is empty when a decoder is tested
-    std::vector<TestedDecoder> mTested, mTrusted;
-    std::vector<std::string> mPlaces;  // "node.key" of what names the stream
+    const CommonOptions* mOptions = nullptr;
+    std::vector<TestedDecoder> mTested;
+    TestedDecoder mTrusted;  // libavcodec, if no other is named
+    std::vector<std::pair<std::string, bool>>
+        mPlaces;         // "node.key" of the stream; true: of its list
+    ChecksumRows mRows;  // of the list, if there is one
+    StreamMap mMap;      // likewise
     std::unique_ptr<StreamCut> mCut;
     std::string mFolder;  // of the tries
     FailureSignature mSignature;

@@ -16,8 +16,8 @@ std::string indexed(const std::string& element, size_t index) {
     return concat(element, "[", index, "]");
 }
 
-// VP9 and AV1: 8 slots hold the pictures that others may refer to (AV1 specification 7.20, VP9 bitstream
-// specification 8.10). A picture that is shown later is shown from its slot.
+// VP9 (8.10) and AV1 (7.20): 8 slots hold the pictures that others may refer to. A picture that is
+// shown later is shown from its slot.
 class SlotTracker final : public PictureTracker {
 public:
     void readUnit(size_t, const std::vector<TracedHeader>& headers) override {
@@ -90,6 +90,8 @@ protected:
     // 'I', 'P' or 'B' of a slice.
     virtual char typeOf(const TracedHeader& slice) const = 0;
     virtual void readParameters(const TracedHeader& header) = 0;
+    // What another slice than the first one may refer to.
+    virtual std::vector<size_t> mayReferTo() const { return {}; }
     // Fills in `picture`, of which `slice` is the first one.
     virtual void begin(const TracedHeader& slice, CodedPicture* picture) = 0;
 
@@ -107,8 +109,10 @@ protected:
             }
             const char type = typeOf(header);
             if (hasPicture) {  // one more slice, or the second field
-                char& known = pictures().back().type;
-                if (type == 'B' || (type == 'P' && known == 'I')) known = type;
+                CodedPicture& picture = pictures().back();
+                if (type == 'I' || picture.type == 'B' || type == picture.type) continue;
+                picture.type = type;
+                if (picture.refers.empty()) picture.refers = mayReferTo();
                 continue;
             }
             hasPicture = true;
@@ -136,12 +140,15 @@ class H264Tracker final : public NalTracker {
         for (const auto& [id, most] : mMost) mLargest = std::max(mLargest, most);
     }
 
-    // The sliding window of 8.2.5.3. What marking commands remove from it stays here: the pictures
-    // that it may refer to are among these.
+    std::vector<size_t> mayReferTo() const override { return mBefore; }
+
+    // The sliding window of 8.2.5.3. Marking commands are not followed: they may remove pictures
+    // from it, or keep a long-term one.
     void begin(const TracedHeader& slice, CodedPicture* picture) override {
         constexpr int64_t kIdr = 5;
         if (slice.value("nal_unit_type") == kIdr) mWindow.clear();
-        if (picture->type != 'I') picture->refers.assign(mWindow.begin(), mWindow.end());
+        mBefore.assign(mWindow.begin(), mWindow.end());
+        if (picture->type != 'I') picture->refers = mBefore;
         picture->isReference = slice.value("nal_ref_idc") != 0;
         if (!picture->isReference) return;
         mWindow.push_back(last());
@@ -153,6 +160,7 @@ class H264Tracker final : public NalTracker {
     std::map<int64_t, int64_t> mMost;  // reference frames, of each parameter set
     int64_t mLargest = 1;
     std::deque<size_t> mWindow;
+    std::vector<size_t> mBefore;  // the window of the last picture
 };
 
 // HEVC: the reference picture sets name all pictures that may be referred to, by their order counts (8.3.1

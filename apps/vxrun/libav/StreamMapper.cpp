@@ -84,6 +84,7 @@ public:
         if (unit != nullptr) {
             packet = made(av_packet_clone(unit));
             packet->pos = static_cast<int64_t>(number);  // which its picture carries, too
+            mLast = packet->pos;
         }
         avcodec_send_packet(mContext.get(), packet.get());
         const auto picture = made(av_frame_alloc());
@@ -104,16 +105,27 @@ private:
 
     void note(const AVFrame& picture) {
         const char type = av_get_picture_type_char(picture.pict_type);
-        mFrames.emplace_back(static_cast<size_t>(picture.pkt_pos), type == '?' ? '\0' : type);
+        const int64_t unit = std::clamp<int64_t>(picture.pkt_pos, 0, mLast);
+        mFrames.emplace_back(static_cast<size_t>(unit), type == '?' ? '\0' : type);
     }
 
     CodecLog mLog;
     Libav<AVCodecContext> mContext;  // null: it does not decode
+    int64_t mLast = 0;               // unit that was decoded
     std::vector<std::pair<size_t, char>> mFrames;
 };
 
 int64_t timeOf(int64_t time) {
     return time == AV_NOPTS_VALUE ? UnitInfo::kNoTime : time;
+}
+
+// The last picture of the access units up to `unit`.
+size_t lastPictureUntil(const std::vector<CodedPicture>& pictures, size_t unit) {
+    const auto isBehind = [](size_t number, const CodedPicture& picture) {
+        return number < picture.unit;
+    };
+    const auto behind = std::upper_bound(pictures.begin(), pictures.end(), unit, isBehind);
+    return static_cast<size_t>(behind - pictures.begin()) - 1;
 }
 
 bool isParameterSet(const TracedHeader& header) {
@@ -147,13 +159,18 @@ StreamMap libavMapStream(const std::string& path) {
     }
     order.add(0, nullptr);
     map.pictures = std::move(tracker->pictures());
-    // What an access unit shows comes out in the order in which it is shown.
-    std::vector<size_t> taken(map.units.size());
+    // What an access unit shows comes out in the order in which it is shown. Of layers that are
+    // shown together only the last ones do.
+    std::vector<size_t> count(map.units.size()), taken(map.units.size());
+    for (const auto& frame : order.frames()) ++count[frame.first];
     for (const auto& [number, type] : order.frames()) {
-        const auto& shown =
-            number < taken.size() ? tracker->shown()[number] : std::vector<size_t>();
-        if (shown.empty()) continue;
-        const size_t picture = shown[std::min(taken[number]++, shown.size() - 1)];
+        const auto& shown = tracker->shown()[number];
+        const size_t first = shown.size() - std::min(shown.size(), count[number]);
+        const size_t at = first + taken[number]++;
+        // A decoder that shows more than the headers do conceals something.
+        const size_t picture =
+            at < shown.size() ? shown[at] : lastPictureUntil(map.pictures, number);
+        if (picture >= map.pictures.size()) continue;
         map.frames.push_back(picture);
         if (map.pictures[picture].type == 0) map.pictures[picture].type = type;
     }
