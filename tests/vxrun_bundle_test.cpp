@@ -72,7 +72,7 @@ TEST_F(VxrunBundle, RepeatsAWrongFrameElsewhere) {
         return replay({}, "other");
     };
     const Result other = replayed(R"("type": "CRC_MISMATCH")", R"("new": [1], "type": "STALL")");
-    expectHas(other.out, "fails differently: was STALL, is CRC_MISMATCH");
+    expectHas(other.out, "fails differently: was STALL, checksum, is CRC_MISMATCH, checksum");
     EXPECT_EQ(other.exit, 1);
     const Result refused = replayed(R"("bundle_version": 1)", R"("bundle_version": 2)");
     expectHas(refused.err, "another version of vxrun");

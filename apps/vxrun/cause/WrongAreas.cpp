@@ -75,8 +75,8 @@ std::optional<Hint> hintOf(const WrongAreas& areas) {
     };
     if (frames.size() == 1 && areas.checked > frames.front().number + kEnough) {
         return Hint{"an error in a picture that no other one refers to",
-                    concat("frame ", frames.front().number, " is wrong, the other ",
-                           areas.checked - 1, " are right")};
+                    concat("of ", areas.checked, " frames only frame ", frames.front().number,
+                           " is wrong")};
     }
     if (!std::all_of(frames.begin(), frames.end(), hasCells)) return {};
     return hintOfCells(frames, areas.isDecodingOrder);
