@@ -52,7 +52,7 @@ faulty() {
     local expected=(--against libavcodec)
     [[ $3 != crash && $3 != hang && $3 != error ]] || expected=()
     timeout 300 "$vxrun" "$1" "$2" --nodes "$nodes" --decoder test/faulty --set decoder.fault="$3" \
-        --set decoder.at="$4" --set decoder.of="$2" --stall 2 "${expected[@]}" "${@:5}" >"$work/log" 2>&1
+        --set decoder.at="$4" --set decoder.of="$2" --stall 1 "${expected[@]}" "${@:5}" >"$work/log" 2>&1
 }
 
 # isRight STREAM: without a fault the decoder equals libavcodec's.

@@ -235,12 +235,19 @@ void Node::countFrame(const VXFrameInfo& frame) {
 }
 
 // Every mismatch is counted here, those that are not printed as well.
-void Node::countMismatch(uint64_t number) {
+void Node::countMismatch(WrongFrame frame) {
     ++mRecord.mismatches;
-    if (mRecord.firstBad == NodeRecord::kNone) mRecord.firstBad = number;
+    if (mRecord.firstBad == NodeRecord::kNone) mRecord.firstBad = frame.number;
     if (mRun.trace != nullptr) {
-        mRun.trace->instant(mRecord.number, "mismatch", "frame " + std::to_string(number));
+        mRun.trace->instant(mRecord.number, "mismatch", "frame " + std::to_string(frame.number));
     }
+    mRecord.addWrongFrame(std::move(frame));
+}
+
+void Node::countMismatch(uint64_t number) {
+    WrongFrame frame;
+    frame.number = number;
+    countMismatch(std::move(frame));
 }
 
 // Works are released before their buffers are, so the release of a work does not mean a free

@@ -6,6 +6,7 @@
 #include "WrongAreas.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <map>
 #include <set>
 
@@ -27,6 +28,17 @@ std::string hexOf(const std::vector<bool>& cells) {
         text += "0123456789abcdef"[digit];
     }
     return text;
+}
+
+// The files with the pictures of a wrong frame, see BadFrames.
+Json dumpOf(const WrongFrame& frame) {
+    Json json = {{"frame", frame.number}};
+    for (const char* const kind : {"actual", "expected", "diff"}) {
+        const std::string file = concat(frame.dump, ".", kind, ".png");
+        std::error_code none;
+        if (std::filesystem::exists(file, none)) json[kind] = file;
+    }
+    return json;
 }
 
 Json rangesOf(const std::vector<WrongFrame>& wrong) {
@@ -229,6 +241,7 @@ FailureJson wrongFramesOf(const Evidence& evidence, const std::string& input) {
             detail["cells"] = hexOf(frame.cells);
         }
         json["frames"].push_back(detail);
+        if (!frame.dump.empty()) json["dumps"].push_back(dumpOf(frame));
     }
     Json traced = Json::object();
     if (!input.empty()) traced = tracedIn(input, wrong, *node);

@@ -337,6 +337,8 @@ private:
         constexpr double kTimes = 10, kLeast = 10, kStall = 3;
         const bool isHang = once.verdict == Verdict::Stall || once.verdict == Verdict::Timeout;
         // Many a cut stream makes a decoder hang, and each of these tries takes that long.
+        constexpr double kStop = 0.3;  // seconds: what is abandoned is a process that ends
+        tries->options.stop = kStop;
         if (mStall->count() == 0) {
             tries->options.stall = isHang ? kStall : std::max(kStall, once.figures.seconds);
         }

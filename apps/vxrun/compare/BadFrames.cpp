@@ -56,28 +56,30 @@ BadFrames::BadFrames(const std::string& folder, uint64_t limit, const std::strin
     }
 }
 
-void BadFrames::dump(uint64_t frame, const FrameView& actual, const FrameView* expected) {
-    if (mLeft == 0) return;
+std::string BadFrames::dump(uint64_t frame, const FrameView& actual, const FrameView* expected) {
+    if (mLeft == 0) return "";
     --mLeft;
+    char number[32];
+    std::snprintf(number, sizeof number, ".frame%06llu", static_cast<unsigned long long>(frame));
     try {
-        write(frame, actual, expected);
+        write(mStem + number, actual, expected);
     } catch (const Failure& failure) {
         mPrint(std::string("no more frames are dumped: ") + failure.what());
         mLeft = 0;
+        return "";
     }
+    return mStem + number;
 }
 
-void BadFrames::write(uint64_t frame, const FrameView& actual, const FrameView* expected) const {
-    char number[32];
-    std::snprintf(number, sizeof number, ".frame%06llu.", static_cast<unsigned long long>(frame));
-    writeFrame(mStem + number + "actual", actual);
+void BadFrames::write(const std::string& stem, const FrameView& actual, const FrameView* expected) {
+    writeFrame(stem + ".actual", actual);
     if (expected == nullptr) return;
-    writeFrame(mStem + number + "expected", *expected);
+    writeFrame(stem + ".expected", *expected);
     const std::vector<uint8_t> difference = FrameDiff(actual, *expected, 0).picture();
     if (difference.empty() || !actual.isPicture()) return;
-    writeFile(mStem + number + "diff.raw", difference);
+    writeFile(stem + ".diff.raw", difference);
     const PictureFormat& format = actual.format();
-    writeFile(mStem + number + "diff.png", pngOf(difference, format.width, format.height));
+    writeFile(stem + ".diff.png", pngOf(difference, format.width, format.height));
 }
 
 }  // namespace vxrun

@@ -33,11 +33,11 @@ public:
 
     // Writes one frame, unless `limit` frames have been written. `expected` may be null. A file
     // that cannot be written is an error line and ends the dumps; the verdict is still the
-    // comparison's.
-    void dump(uint64_t frame, const FrameView& actual, const FrameView* expected);
+    // comparison's. What the names of its files begin with; empty when none is written.
+    std::string dump(uint64_t frame, const FrameView& actual, const FrameView* expected);
 
 private:
-    void write(uint64_t frame, const FrameView& actual, const FrameView* expected) const;
+    static void write(const std::string& stem, const FrameView& actual, const FrameView* expected);
 
     const std::function<void(const std::string&)> mPrint;
     const std::string mStem;  // of all files

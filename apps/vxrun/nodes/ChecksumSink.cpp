@@ -148,9 +148,10 @@ private:
                       concat("frame ", mFrames, " (timestamp ", frame.info.timestamp, "): ", text));
             note(surplus ? "count" : "checksum", text, frame.info.timestamp);
         }
-        countMismatch(mFrames);
-        addWrong(mFrames);
-        mBadFrames->dump(mFrames, frame, nullptr);
+        WrongFrame wrong;
+        wrong.number = mFrames;
+        wrong.dump = mBadFrames->dump(mFrames, frame, nullptr);
+        countMismatch(std::move(wrong));
     }
 
     // As how the first wrong frame differs, this one if it is.
@@ -161,11 +162,6 @@ private:
         mismatch.frame = mFrames;
         mismatch.timestamp = timestamp;
         record().setMismatch(mismatch);
-    }
-    void addWrong(uint64_t number) {
-        WrongFrame wrong;
-        wrong.number = number;
-        record().addWrongFrame(wrong);
     }
 
     static std::string describe(const ChecksumRow& row, bool withSize) {
@@ -188,14 +184,13 @@ private:
                           mFirstBad);
         }
         if (mFrames != rows) {
-            if (mFrames < rows) countMismatch(mFrames);  // the surplus ones are counted
             text += concat(text.empty() ? "" : "; ", "the stream has ", mFrames, " frames, ",
                            mExpectPath, " has ", rows);
         }
         if (text.empty()) return;
         note("count", text, 0);
         for (size_t row = mFrames; row < rows; ++row) {
-            addWrong(row);
+            countMismatch(row);
             mOffset.addPair("", mExpected->rows[row].hash, true);
         }
         const std::string offset = mOffset.finding();

@@ -131,20 +131,19 @@ private:
         if (actual != nullptr) ++record().frames;
         mOffset.addFrames(actual, expected, isBad);
         if (!isBad) return;
-        countMismatch(frame);
+        WrongFrame wrong;
         if (actual != nullptr && expected != nullptr) {
             const bool withCells = mWrong++ < kMostCells;
-            record().addWrongFrame(wrongFrame(frame, *actual, *expected, mTolerance, withCells));
+            wrong = wrongFrame(frame, *actual, *expected, mTolerance, withCells);
         } else {
             Mismatch count;
             count.kind = "count";
             count.text = actual == nullptr ? "the frame is missing" : "the frame is one too many";
             note(std::move(count), frame, actual);
-            WrongFrame wrong;
             wrong.number = frame;
-            record().addWrongFrame(wrong);
         }
-        if (actual != nullptr) mBadFrames->dump(frame, *actual, expected);
+        if (actual != nullptr) wrong.dump = mBadFrames->dump(frame, *actual, expected);
+        countMismatch(std::move(wrong));
     }
 
     // As that of the first wrong frame, if it is.

@@ -30,7 +30,6 @@ using vexa::VXGraph;
 using vexa::VXGraphInfo;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kStopLimit(3);    // for the next node of a graph to stop
 constexpr std::chrono::milliseconds kStep(500);  // of the watchdog
 constexpr int kWake = SIGUSR2;                   // wakes the watchdog
 
@@ -85,7 +84,7 @@ public:
             if (mEnding && !mStopping) {
                 startStopping();
             } else if (mStopping) {
-                if (still >= kStopLimit) leave();
+                if (still >= asTime(mOptions.stop)) leave();
             } else if (Clock::now() >= mDeadline) {
                 stop(Verdict::Timeout, "out of time after " + inSeconds(mOptions.timeout) +
                                            "; not finished: " + mEvidence.unfinished());

@@ -15,6 +15,7 @@ namespace vxrun {
 struct RunOptions {
     double timeout = 0;    // seconds until the run is stopped; 0: none
     double stall = 30;     // seconds without any work moving until it is; 0: none
+    double stop = 3;       // seconds for the next node to stop, before the graph is abandoned
     std::string progress;  // the target of progress, see Progress; empty: none
     std::string trace;     // the trace file; empty: none
     std::string dot;       // the folder for pictures of the graph; empty: none

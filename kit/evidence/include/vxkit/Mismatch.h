@@ -32,6 +32,7 @@ struct WrongFrame {
     uint32_t cellSize = 0;           // in samples of the first plane; 0: no cells are known
     uint32_t columns = 0, rows = 0;  // of cells
     std::vector<bool> cells;         // row by row: those with a wrong sample in any plane
+    std::string dump;                // the files with its pictures begin so; empty: there are none
 };
 
 }  // namespace vxkit

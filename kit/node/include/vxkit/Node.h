@@ -126,7 +126,9 @@ protected:
 
     // Counts a frame; the last one, too, as the end of the stream.
     void countFrame(const vexa::VXFrameInfo& frame);
-    // Counts frame `number` as one that differs, is missing or is extra.
+    // Counts a frame as one that differs, is missing or is extra.
+    void countMismatch(WrongFrame frame);
+    // The same of frame `number`, of which no more is known.
     void countMismatch(uint64_t number);
     // Reports a failed check. The run goes on, so that the other sinks finish.
     void failCheck(vexa::VexaError error, const std::string& text);
