@@ -67,7 +67,8 @@ isMapped() {
     local by=(--frame "$shown") end=", frame $shown"
     [ -n "$shown" ] || { by=(--unit "$unit") && end=", shown by no frame"; }
     timeout 60 "$vxrun" explain "$1" "${by[@]}" >"$work/log" 2>&1 || return 1
-    [[ $(head -1 "$work/log") == "picture $picture in decoding order"*"$end" ]] &&
+    # More frames may show it again.
+    [[ "$(head -1 "$work/log")," == "picture $picture in decoding order"*"$end,"* ]] &&
         [[ $(sed -n 2p "$work/log") == *"in access unit $unit: "* ]]
 }
 
@@ -155,7 +156,7 @@ while read -r stream other places; do
 done <<'END'
 h264/test-25fps.h264 nofilter 1 50 125 187
 hevc/bear.h265 nofilter 1 6 15 22
-vp9/test-25fps.vp9 error 1 50 125 187
+vp9/test-25fps.vp9 error 1 51 125 187
 vp9/vp90-2-10-show-existing-frame2.vp9.ivf error 1 3 5 7
 av1/av1-176x144-main-basic-10.ivf error 1 7 14 22
 av1/av1-sizeup-fluster.ivf nofilter 1 5 9 15

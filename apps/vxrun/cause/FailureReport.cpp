@@ -127,18 +127,6 @@ Json tracedIn(const std::string& input, const std::vector<WrongFrame>& wrong,
 
 }  // namespace
 
-const NodeRecord* failingNode(const Evidence& evidence) {
-    // One that knows samples knows more.
-    const NodeRecord* found = nullptr;
-    for (const NodeRecord* node : evidence.records()) {
-        const auto mismatch = node->mismatch();
-        if (!mismatch) continue;
-        if (found == nullptr || mismatch->kind == "samples") found = node;
-        if (mismatch->kind == "samples") break;
-    }
-    return found;
-}
-
 std::string videoOf(const vexa::VXGraphInfo& graph, const std::string& node) {
     std::map<std::string, const vexa::VXNodeDescriptor*> senders;  // by input port
     for (const auto& [output, inputs] : graph.connections) {
@@ -279,7 +267,8 @@ FailureJson failureOf(const FailureFacts& facts, const FailureJson& wrongFrames)
                                                            {"text", facts.text},
                                                            {"log", facts.log},
                                                            {"command", facts.command},
-                                                           {"input", facts.input}};
+                                                           {"input", facts.input},
+                                                           {"bundle", facts.bundle}};
     for (const auto& [name, value] : members) {
         if (!value.empty()) json[name] = value;
     }

@@ -19,10 +19,8 @@ struct FailureFacts {
     FailureSignature signature;
     std::string text;  // the first error line
     std::string log, command, input;
+    std::string bundle;  // the file that is written for it; empty: none
 };
-
-// The node that has found the first wrong frame; null when none has.
-const NodeRecord* failingNode(const Evidence& evidence);
 
 // The file that the pictures come from which `node` tests, or the graph's sources if it is empty;
 // empty when there is none, or a raw video, which has no access units.

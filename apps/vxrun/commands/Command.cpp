@@ -287,9 +287,10 @@ int runToVerdict(const Command& command, Task task, const CommonOptions& options
         if (exitCode(evidence->verdict()) != 0) {
             const NodeRecord* const failing = failingNode(*evidence);
             const std::string video = failing != nullptr ? videos[failing->name] : "";
-            const FailureJson failure = failureOf(
-                {signatureOf(*evidence), console::firstError(), "", options.commandLine, video},
-                wrongFramesOf(*evidence, video));
+            const FailureJson failure =
+                failureOf({signatureOf(*evidence), console::firstError(), "", options.commandLine,
+                           video, options.bundle.file},
+                          wrongFramesOf(*evidence, video));
             for (const std::string& line : linesOf(failure)) console::note("  " + line);
             report.failure = failure.dump(-1, ' ', false, FailureJson::error_handler_t::replace);
         }

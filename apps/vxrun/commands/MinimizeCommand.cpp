@@ -78,9 +78,14 @@ public:
             }
             if (running.size() < mJobs && started < count) {
                 Try& next = tries[started];
-                next.stream = write(started);
-                start(&next);
                 ++started;
+                try {
+                    next.stream = write(started - 1);
+                } catch (const Failure&) {  // a container may not have it so, for its times
+                    next.hasEnded = true;
+                    continue;
+                }
+                start(&next);
                 continue;
             }
             wait(running);
@@ -203,10 +208,10 @@ public:
         mOptions = &options;
         readOptions();
         mCut = cutStream(mStream);
-        mTexts = {
-            {"command", options.commandLine},
-            {"bytes", std::to_string(fs::file_size(mStream))},
-            {"written", std::to_string(fs::last_write_time(mStream).time_since_epoch().count())}};
+        mTexts = {{"command", options.commandLine},
+                  {"bytes", std::to_string(fs::file_size(mStream))},
+                  {"written", concat(static_cast<int64_t>(
+                                  fs::last_write_time(mStream).time_since_epoch().count()))}};
         if (!options.force) readState();
         const auto graph = [&](const std::string& stream, bool trusted) {
             return graphOf(stream, trusted, options.edits());

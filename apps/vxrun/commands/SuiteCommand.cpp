@@ -8,6 +8,7 @@
 #include "Version.h"
 
 #include <filesystem>
+#include <optional>
 
 namespace vxrun {
 namespace {
@@ -72,9 +73,14 @@ public:
             makeFolder("--output", std::filesystem::path(mOutput) / suite.name);
         }
         run.writeReports = [&] { writeReports(mReports, results); };
+        // A bundle has wrong frames, too.
+        std::optional<TemporaryFolder> dumps;
+        if (!options.bundle.file.empty() && options.dumpFolder.empty()) dumps.emplace();
+        run.vectors.bundle = options.bundle.file;
+        mDumps = dumps ? dumps->path() : options.dumpFolder;
         int signal = 0;
         for (size_t i = 0; i < decoders.size() && signal == 0; ++i) {
-            setColumn(options, results, i, &run);
+            setColumn(results, i, &run);
             run.vectors.commandOf = [&, i](const TestVector& vector) {
                 return commandFor(options, i, vector);
             };
@@ -85,8 +91,9 @@ public:
             const TemporaryFolder left;
             BundleMaker bundle(options.bundle.refers, results.facts, [&] { signals.check(); });
             for (size_t i = 0; i < decoders.size(); ++i) {
-                setColumn(options, results, i, &run);
+                setColumn(results, i, &run);
                 for (const TestVector& vector : results.columns[i].vectors) {
+                    if (!vector.hasFailed()) continue;
                     addToBundle(run, decoders[i], results.columns[i], vector, left.path(), &bundle);
                 }
             }
@@ -97,22 +104,19 @@ public:
 
 private:
     // The options of the column `index` of the results.
-    void setColumn(const CommonOptions& options, const SuiteResults& results, size_t index,
-                   SuiteRunOptions* run) const {
+    void setColumn(const SuiteResults& results, size_t index, SuiteRunOptions* run) const {
         const std::string& decoder = results.columns[index].decoder;
         const bool isOne = results.columns.size() == 1;
         run->label = isOne ? "" : decoder + "/";
         run->output = isOne || mOutput.empty() ? mOutput : mOutput + "/" + decoder;
-        const std::string& dumps = options.dumpFolder;
-        run->dumps = isOne || dumps.empty() ? dumps : dumps + "/" + decoder;
+        run->dumps = isOne || mDumps.empty() ? mDumps : mDumps + "/" + decoder;
     }
 
-    // Adds `vector`, which `decoder` has decoded, if it has failed. `left`: the folder for what a
+    // Adds `vector`, which has failed with `decoder`. `left`: the folder for what a
     // failure leaves.
     void addToBundle(const SuiteRunOptions& options, const TestedDecoder& decoder,
                      const Suite& suite, const TestVector& vector, const std::string& left,
                      BundleMaker* bundle) const {
-        if (!vector.hasFailed()) return;
         const std::string folder = concat(left, "/", bundle->size());
         try {
             FailedRun run;
@@ -130,6 +134,10 @@ private:
             if (!vector.failure.empty()) {
                 writeTextFile("--bundle", folder + "/failure.json", vector.failure);
                 run.signature = signatureIn(folder + "/failure.json");
+            }
+            const std::filesystem::path frames = options.dumps + "/" + vector.name;
+            if (std::filesystem::exists(frames)) {
+                std::filesystem::copy(frames, folder + "/frames");
             }
             bundle->add(std::move(run), std::move(graph), folder,
                         descriptionsOf(mSuite.decoders.names));
@@ -213,6 +221,7 @@ private:
 
     SuiteOptions mSuite;
     std::string mOutput, mLists, mAgainst;
+    std::string mDumps;  // the folder for wrong frames; empty: none
     ReportFiles mReports;
     bool mList = false;
 };

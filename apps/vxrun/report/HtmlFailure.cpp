@@ -200,10 +200,11 @@ void addUnits(Node parent, const Json& failure) {
     }
 }
 
-void addCells(Node parent, const Json& failure) {
+void addCells(Node parent, const Json& failure, size_t* room) {
     const double columns = numberIn(failure, "cell_columns").value_or(0);
     const double rows = numberIn(failure, "cell_rows").value_or(0);
     std::vector<std::string> frames, cells;
+    size_t leftOut = 0;  // frames for which the page has no room
     Plot plot = {"PSNR of the wrong frames (dB)", "frame", {{"psnr", {}}}};
     for (const Json& frame : arrayIn(failure, "frames")) {
         const std::string hex = lowerCase(textIn(frame, "cells"));
@@ -211,8 +212,16 @@ void addCells(Node parent, const Json& failure) {
         if (!number) continue;
         if (psnr) plot.curves[0].points.emplace_back(*number, *psnr);
         if (hex.empty() || hex.find_first_not_of("0123456789abcdef") != hex.npos) continue;
+        if (hex.size() > *room) {
+            ++leftOut;
+            continue;
+        }
+        *room -= hex.size();
         frames.push_back(decimal(*number, 0));
         cells.push_back(hex);
+    }
+    if (leftOut > 0) {
+        addText(parent, "p", concat("Not shown: the wrong cells of ", leftOut, " frames."));
     }
     constexpr double kMost = 1 << 16;  // 256 x 256: of pictures of 16384 x 16384
     if (!cells.empty() && columns >= 1 && rows >= 1 && columns * rows <= kMost) {
@@ -279,6 +288,13 @@ void addFailure(Node parent, const std::string& id, const std::string& name, con
         addText(details, "p",
                 concat("Hint: ", textIn(hint, "text"), reason.empty() ? "" : ": ", reason, "."));
     }
+    const std::string noMap = textIn(failure, "no_map");
+    if (!noMap.empty()) addText(details, "p", concat("No access unit is named: ", noMap));
+    for (const Json& hidden : arrayIn(failure, "hidden_references")) {
+        addText(details, "p",
+                concat("The fault may be in picture ", textIn(hidden, "picture"), ", access unit ",
+                       textIn(hidden, "unit"), ", which no frame shows."));
+    }
     const std::string command = textIn(failure, "command");
     if (!command.empty()) {
         Node line = addNode(details, "div", {{"class", "command"}});
@@ -321,7 +337,7 @@ void addFailure(Node parent, const std::string& id, const std::string& name, con
     if (const Json& dumps = arrayIn(failure, "dumps"); !dumps.empty()) {
         addPictures(details, dumps, files);
     }
-    addCells(details, failure);
+    addCells(details, failure, files->cellRoom);
     const std::string log = textIn(failure, "log");
     if (log.empty()) return;
     addText(details, "h4", "Log");

@@ -9,6 +9,7 @@ namespace vxrun {
 struct HtmlFiles {
     std::string folder;  // of the report
     size_t* room;        // bytes of pictures that the page may still get
+    size_t* cellRoom;    // likewise digits of wrong cells
 };
 // The absolute path of a file that a report names; empty when there is no such file.
 std::string locatedFile(const HtmlFiles& files, const std::string& name);

@@ -312,8 +312,11 @@ void addFacts(Node parent, const Json& info) {
 std::string htmlReport(const std::vector<JsonReport>& reports, const JsonReport* baseline) {
     std::vector<Document> documents(reports.begin(), reports.end()), old;
     if (baseline != nullptr) old.emplace_back(*baseline);
-    size_t room = size_t{32} << 20, runs = 0;
-    for (Document& document : documents) document.files.room = &room;
+    size_t room = size_t{32} << 20, cellRoom = size_t{4} << 20, runs = 0;
+    for (Document& document : documents) {
+        document.files.room = &room;
+        document.files.cellRoom = &cellRoom;
+    }
     const Suites suites = suitesOf(&documents), before = suitesOf(&old);
     if (baseline != nullptr && (suites.empty() || before.empty())) {
         throw Failure(baseline->name + ": there is no suite to compare");

@@ -57,15 +57,24 @@ std::string FailureSignature::text() const {
     return concat(type, kind.empty() ? "" : ", " + kind, shape.empty() ? "" : " " + shape);
 }
 
-FailureSignature signatureOf(const Evidence& evidence) {
-    FailureSignature signature{verdictName(evidence.verdict()), "", ""};
-    if (!isFailedTest(evidence.verdict())) return signature;
+const NodeRecord* failingNode(const Evidence& evidence) {
+    // One that knows samples knows more.
+    const NodeRecord* found = nullptr;
     for (const NodeRecord* node : evidence.records()) {
         const auto mismatch = node->mismatch();
         if (!mismatch) continue;
-        signature.kind = mismatch->kind;
-        signature.shape = mismatch->shape;
-        break;
+        if (found == nullptr || mismatch->kind == "samples") found = node;
+        if (mismatch->kind == "samples") break;
+    }
+    return found;
+}
+
+FailureSignature signatureOf(const Evidence& evidence) {
+    FailureSignature signature{verdictName(evidence.verdict()), "", ""};
+    if (!isFailedTest(evidence.verdict())) return signature;
+    if (const NodeRecord* const node = failingNode(evidence)) {
+        signature.kind = node->mismatch()->kind;
+        signature.shape = node->mismatch()->shape;
     }
     return signature;
 }

@@ -38,6 +38,9 @@ struct FailureSignature {
     // Such as "CRC_MISMATCH, samples in one 8x8 block".
     std::string text() const;
 };
+// The node that has found the first wrong frame, of several one that knows samples; null when none
+// has.
+const NodeRecord* failingNode(const Evidence& evidence);
 // That of the run of `evidence`, which has failed or not.
 FailureSignature signatureOf(const Evidence& evidence);
 

@@ -55,9 +55,10 @@ void VectorProcess::describe(const RunResult& result, const VectorOptions& optio
     FailureSignature signature = result.signature;
     signature.type = mVector.type;
     const FailureJson wrong = FailureJson::parse(mProcess.description(), nullptr, false);
-    const FailureJson failure = failureOf({signature, mVector.message, mVector.log,
-                                           options.commandOf(mVector), options.inputOf(mVector)},
-                                          wrong);
+    const FailureJson failure =
+        failureOf({signature, mVector.message, mVector.log, options.commandOf(mVector),
+                   options.inputOf(mVector), options.bundle},
+                  wrong);
     for (const std::string& line : linesOf(failure)) mVector.message += "; " + line;
     mVector.failure = failure.dump(-1, ' ', false, FailureJson::error_handler_t::replace);
 }

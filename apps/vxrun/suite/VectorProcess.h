@@ -14,6 +14,7 @@ struct VectorOptions {
     // The input file of a vector, and the command line that runs it alone. No command: failures
     // are not described.
     std::function<std::string(const TestVector&)> inputOf = {}, commandOf = {};
+    std::string bundle = {};  // the file that has all failures; empty: none
 };
 
 // Life     start(), then hasEnded() until it is true, then judge(). See RunProcess.
