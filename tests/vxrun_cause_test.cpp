@@ -1,4 +1,5 @@
-// What vxrun says about the cause of a failure: hints, access units, and the member "failure" of reports.
+// What vxrun says about the cause of a failure: hints, access units, and the member "failure" of
+// reports.
 #include "support/Vxrun.h"
 
 #include <FailureReport.h>
@@ -55,8 +56,8 @@ TEST(Hints, FollowFromTheCells) {
     EXPECT_EQ(hintOf({frameOf(29, 0xff)}), "");
 }
 
-// Catches: a picture that is taken for the first one because it is output first, hidden pictures that are
-// kept quiet, and a map of another stream that is believed.
+// Catches: a picture that is taken for the first one because it is output first, hidden pictures
+// that are kept quiet, and a map of another stream that is believed.
 TEST(Traces, NameThePictureThatWasDecodedFirst) {
     StreamMap map;
     map.codec = "vp9";
@@ -137,8 +138,8 @@ TEST_F(Cause, RunsSayWhereAWrongPictureComesFrom) {
     }
 }
 
-// Catches: a vector whose list, trusted decoder or crash is not told, folders that mix vectors, and a
-// command line that does not run the vector again, whatever its name.
+// Catches: a vector whose list, trusted decoder or crash is not told, folders that mix vectors, and
+// a command line that does not run the vector again, whatever its name.
 TEST_F(Cause, SuitesSayItOfEachVector) {
     if (!makeStreams()) GTEST_SKIP() << "no ffmpeg";
     ASSERT_EQ(vxrun({"decode", path("clip.264"), "--record", path("clip.264.framemd5")}).exit, 0);

@@ -16,7 +16,8 @@ namespace {
 
 class Explain : public Vxrun {
 protected:
-    // A clip of `codec`, options of ffmpeg, in the container of `name`; false where it cannot be made.
+    // A clip of `codec`, options of ffmpeg, in the container of `name`; false where it cannot be
+    // made.
     bool makeClip(const std::string& name, const Words& codec) const {
         return ffmpeg(Words{"-f", "lavfi", "-i", "testsrc2=size=128x96:rate=25:duration=3",
                             "-pix_fmt", "yuv420p"} +
@@ -41,8 +42,8 @@ protected:
     }
 };
 
-// What holds for every map: offsets lead to bytes of the file that follow one another, and pictures refer
-// only to pictures that were decoded before them.
+// What holds for every map: offsets lead to bytes of the file that follow one another, and pictures
+// refer only to pictures that were decoded before them.
 void expectSound(const StreamMap& map, const std::string& file) {
     uint64_t end = 0;
     for (const StreamUnit& unit : map.units) {
@@ -58,8 +59,8 @@ void expectSound(const StreamMap& map, const std::string& file) {
     for (const size_t picture : map.frames) EXPECT_LT(picture, map.pictures.size()) << file;
 }
 
-// Catches: units that are numbered, placed or measured wrongly in any container; an output order that
-// is not that of the container's times; a B picture whose references are those of another one.
+// Catches: units that are numbered, placed or measured wrongly in any container; an output order
+// that is not that of the container's times; a B picture whose references are those of another one.
 TEST_F(Explain, FramesComeFromTheUnitsOfTheirTimes) {
     const struct {
         std::string name;
@@ -108,8 +109,8 @@ TEST_F(Explain, FramesComeFromTheUnitsOfTheirTimes) {
     }
 }
 
-// Catches: a picture that is decoded hidden and shown later, and is taken for one of the access unit that
-// shows it.
+// Catches: a picture that is decoded hidden and shown later, and is taken for one of the access
+// unit that shows it.
 TEST_F(Explain, PicturesThatAreShownLaterWereDecodedEarlier) {
     for (const char* name : {"vp9/vp90-2-10-show-existing-frame2.vp9.ivf",
                              "av1/av1-176x144-main-basic-10.ivf", "av1/av1-sizeup-fluster.ivf"}) {
@@ -150,8 +151,8 @@ TEST_F(Explain, DamagedStreamsAreMappedAsFarAsTheyGo) {
     }
 }
 
-// Catches: headers of other units than asked for, parameter sets that are left out, mistakes that are
-// not told.
+// Catches: headers of other units than asked for, parameter sets that are left out, mistakes that
+// are not told.
 TEST_F(Explain, ShowsThePictureAndTheHeadersThatItNeeds) {
     if (!makeClip("clip.264", {"-c:v", "libx264", "-bf", "1", "-g", "10"})) {
         GTEST_SKIP() << "ffmpeg is not installed";

@@ -106,8 +106,8 @@ protected:
     std::string mClip;
 };
 
-// Catches: a cut file that does not decode, or not to the pictures of its units, in any container; a
-// failure that is another one; a command that does not show it.
+// Catches: a cut file that does not decode, or not to the pictures of its units, in any container;
+// a failure that is another one; a command that does not show it.
 TEST_F(Faulty, StreamsAreCutToTheFault) {
     const struct {
         std::string name;
@@ -170,8 +170,8 @@ TEST_F(Faulty, EveryKindOfFailureStays) {
     }
 }
 
-// Catches: another result after an interrupt, a search that begins anew, a state of another command that
-// is taken, files that are left.
+// Catches: another result after an interrupt, a search that begins anew, a state of another command
+// that is taken, files that are left.
 TEST_F(Faulty, GoesOnAfterAnInterrupt) {
     if (!makeClip("clip.264", {"-c:v", "libx264", "-g", "15", "-bf", "2"}))
         GTEST_SKIP() << "no ffmpeg";

@@ -1,5 +1,5 @@
-// vxrun explain STREAM --frame N: which bytes of a stream a picture comes from, what it refers to, and
-// the headers of all that.
+// vxrun explain STREAM --frame N: which bytes of a stream a picture comes from, what it refers to,
+// and the headers of all that.
 #include "Command.h"
 #include "Console.h"
 #include "StreamMap.h"

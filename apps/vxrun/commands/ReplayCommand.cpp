@@ -1,4 +1,5 @@
-// vxrun replay FILE: runs again what failed in a bundle, and tells whether it fails in the same way.
+// vxrun replay FILE: runs again what failed in a bundle, and tells whether it fails in the same
+// way.
 #include "Bundle.h"
 #include "Command.h"
 #include "Console.h"

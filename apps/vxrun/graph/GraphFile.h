@@ -13,8 +13,8 @@
 
 namespace vxrun {
 
-// Reads and checks the graph file `path`, and loads the node libraries that it names. Relative paths in the configs of known node types are
-// relative to the file's folder.
+// Reads and checks the graph file `path`, and loads the node libraries that it names. Relative
+// paths in the configs of known node types are relative to the file's folder.
 //
 // Throws Failure "file:line:column: place: text" for the first mistake. Its verdict is NodeNotFound
 // for an unknown node type, GraphBuildFail for a connection between different formats, else none,

@@ -83,8 +83,8 @@ private:
     std::set<size_t> mKeys;
 };
 
-// H.264 and HEVC: each access unit codes one picture (of H.264 maybe one field), which shows when its
-// turn in output order comes.
+// H.264 and HEVC: each access unit codes one picture (of H.264 maybe one field), which shows when
+// its turn in output order comes.
 class NalTracker : public PictureTracker {
 protected:
     // 'I', 'P' or 'B' of a slice.
@@ -163,8 +163,8 @@ class H264Tracker final : public NalTracker {
     std::vector<size_t> mBefore;  // the window of the last picture
 };
 
-// HEVC: the reference picture sets name all pictures that may be referred to, by their order counts (8.3.1
-// and 8.3.2).
+// HEVC: the reference picture sets name all pictures that may be referred to, by their order counts
+// (8.3.1 and 8.3.2).
 class HevcTracker final : public NalTracker {
     // Order counts relative to the picture, those before it first.
     struct Set {

@@ -15,8 +15,8 @@
 namespace vxrun {
 namespace {
 
-// Finds access units in the file that they come from: demuxers state where a packet's block begins, or
-// nothing.
+// Finds access units in the file that they come from: demuxers state where a packet's block begins,
+// or nothing.
 class UnitFinder {
 public:
     explicit UnitFinder(const std::string& path) : mFile(std::fopen(path.c_str(), "rb")) {}

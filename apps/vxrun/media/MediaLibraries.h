@@ -14,7 +14,8 @@
 
 namespace vxrun {
 
-// "libavcodec 59.37.100, libavformat ...": those that this program runs with; or "none of FFmpeg's".
+// "libavcodec 59.37.100, libavformat ...": those that this program runs with; or "none of
+// FFmpeg's".
 std::string mediaLibraries();
 
 // VideoProbe: what can be found out about the best video stream of a file.

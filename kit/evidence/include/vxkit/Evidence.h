@@ -94,7 +94,8 @@ struct NodeRecord {
         if (mWrongFrames.size() < kMostWrong) mWrongFrames.push_back(std::move(frame));
     }
 
-    // What the wrong frames are, all in all, such as expected ones at other places; empty: not known.
+    // What the wrong frames are, all in all, such as expected ones at other places; empty: not
+    // known.
     std::string finding() const {
         std::lock_guard<std::mutex> lock(mLock);
         return mFinding;

@@ -85,8 +85,8 @@ protected:
     // Calls wake() once on the event thread, `delay` milliseconds from now, unless the node has
     // stopped by then.  [any thread]
     void wakeUp(unsigned delay);
-    // A function that has the node scheduled once more, as long as it runs. It may outlive the node.
-    // [any thread]
+    // A function that has the node scheduled once more, as long as it runs. It may outlive the
+    // node. [any thread]
     std::function<void()> scheduler();
     // Counts and sends a finished work. It leaves after the events that are waiting now.
     void send(std::unique_ptr<vexa::VXWork> work);
