@@ -74,7 +74,8 @@ isComplete() {
         *.tar.zst) tar --zstd -tf "$1" ;;
         *.csv | *.md) [ -s "$1" ] && [ -z "$(tail -c 1 "$1")" ] ;;
         *.yuv) [ "$(stat -c %s "$1")" = $((320 * 240 * 250 * 3 / 2)) ] ;;
-        *.h264 | *.png) [ -s "$1" ] && ffmpeg -v error -i "$1" -f null - ;;
+        *.h264 | *.png) [ -s "$1" ] && ffmpeg -nostdin -v error -i "$1" -f null - ;;
+        *.raw) [ -s "$1" ] ;;
         *.dot) grep -q '^}' <(tail -n 1 "$1") ;;
         *) false ;;
     esac >/dev/null 2>&1

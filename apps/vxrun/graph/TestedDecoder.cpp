@@ -296,8 +296,10 @@ VXGraphInfo TestedDecoder::decodingGraph(const DecodeOptions& options, Limits* l
         addNode(&graph, "sink/file", "writer", kPictures, nullptr).configs["file"] = options.output;
         sinks.push_back("writer.in");
     }
-    if (options.md5 || !options.list.empty() || options.output.empty()) {
-        addNode(&graph, kChecksumType, "md5", kPictures, nullptr).configs["print_md5"] = "true";
+    const bool printsMd5 = options.md5 || options.output.empty();
+    if (printsMd5 || !options.list.empty() || options.against != nullptr) {
+        auto& md5 = addNode(&graph, kChecksumType, "md5", kPictures, nullptr);
+        if (printsMd5) md5.configs["print_md5"] = "true";
         sinks.push_back("md5.in");
     }
     return graph;
