@@ -198,7 +198,7 @@ std::string listOf(const SuiteRunOptions& options, const TestVector& vector,
     if (!vector.frames.empty()) return input.parent_path() / vector.frames;
     if (options.lists.empty()) return "";
     for (const char* const kind : {".framemd5", ".framecrc", ".md5", ".json", ".txt"}) {
-        const std::string list = (fs::path(options.lists) / vector.inputFile).native() + kind;
+        std::string list = (fs::path(options.lists) / vector.inputFile).native() + kind;
         if (std::error_code ignored; fs::exists(list, ignored)) return list;
     }
     return "";
